@@ -1,0 +1,43 @@
+// Host plug-ins of lumerahost.exe: objects other plug-ins reach by name through the
+// component manager. Each lives in host/plugins/<name>.cpp and registers itself with
+// LUMERA_HOST_PLUGIN; it is created on the first GetPlugin of its name and destroyed when
+// the host shuts down, after every module object is gone.
+#pragma once
+
+#include <windows.h>
+
+#include <memory>
+#include <string>
+
+#include "host_config.h"
+#include "lumera/ky_base.h"
+
+namespace host {
+
+// What a host plug-in may use of the host.
+struct HostContext {
+  const HostConfig& config;
+  IServMain* servMain;
+};
+
+class HostPlugin {
+ public:
+  virtual ~HostPlugin() = default;
+  // The interface for `iid`, or null when this plug-in does not answer it.
+  virtual void* GetInterface(const GUID& iid) = 0;
+  // Called once before destruction, while every other host plug-in still exists; must end
+  // every thread the plug-in started.
+  virtual void Shutdown() {}
+};
+
+using HostPluginMaker = std::unique_ptr<HostPlugin> (*)(HostContext& context);
+
+// Registers a maker under a name compared without regard to case. Returns true.
+bool RegisterHostPlugin(const wchar_t* name, HostPluginMaker maker);
+
+}  // namespace host
+
+#define LUMERA_HOST_PLUGIN_CONCAT2(a, b) a##b
+#define LUMERA_HOST_PLUGIN_CONCAT(a, b) LUMERA_HOST_PLUGIN_CONCAT2(a, b)
+#define LUMERA_HOST_PLUGIN(name, maker) \
+  static const bool LUMERA_HOST_PLUGIN_CONCAT(kRegistered_, __LINE__) = ::host::RegisterHostPlugin(name, maker)

@@ -1,0 +1,54 @@
+// "productinfo": answers folder and item queries from the host configuration; the common
+// data folder defaults to ProgramData\Nexalon\Lumera.
+#include <string>
+
+#include "host_plugin.h"
+#include "lumera/interface_ids.h"
+#include "lumera/productinfo.h"
+
+namespace host {
+namespace {
+
+class ProductInfoPlugin final : public HostPlugin, public IProductInfo {
+ public:
+  explicit ProductInfoPlugin(const HostConfig& config) : config_(config) {
+    folders_ = config_.folders;
+    const std::wstring common = Key(lumera::kFolderKindCommon, L"common");
+    if (folders_.find(common) == folders_.end()) folders_[common] = DefaultCommonFolder();
+  }
+
+  void* GetInterface(const GUID& iid) override {
+    if (KyIsEqualId(iid, lumera::ids::ProductInfoPlugin) || KyIsEqualId(iid, lumera::ids::IServPlugin) ||
+        KyIsEqualId(iid, lumera::ids::IKyBaseInterface)) {
+      return static_cast<IProductInfo*>(this);
+    }
+    return nullptr;
+  }
+  std::uint32_t Init(IServMain*) override { return 0; }
+  std::uint32_t UnInit() override { return 0; }
+  std::uint32_t Start() override { return 0; }
+  std::uint32_t Stop() override { return 0; }
+
+  const wchar_t* GetItem(std::uint32_t item, const wchar_t* argument) override {
+    auto it = config_.items.find(Key(item, argument));
+    return it == config_.items.end() ? nullptr : it->second.c_str();
+  }
+  const wchar_t* GetFolder(std::uint32_t kind, const wchar_t* name) override {
+    auto it = folders_.find(Key(kind, name));
+    return it == folders_.end() ? nullptr : it->second.c_str();
+  }
+
+ private:
+  static std::wstring Key(std::uint32_t number, const wchar_t* name) {
+    return std::to_wstring(number) + L":" + (name ? name : L"");
+  }
+  const HostConfig& config_;
+  std::map<std::wstring, std::wstring> folders_;
+};
+
+std::unique_ptr<HostPlugin> Make(HostContext& context) { return std::make_unique<ProductInfoPlugin>(context.config); }
+
+}  // namespace
+}  // namespace host
+
+LUMERA_HOST_PLUGIN(L"productinfo", &host::Make);

@@ -1,0 +1,18 @@
+// The product-information object: answered by the host's "productinfo" plug-in and by
+// hostconfig.dll's "productinfo" object alike. Returned strings stay valid, unchanged, for
+// the life of the object.
+#pragma once
+
+#include "lumera/ky_base.h"
+
+struct IProductInfo : IServPlugin {
+  // Slot 5: a product item by number (e.g. 422 with "Desktop": the agent path); null if unknown.
+  virtual const wchar_t* GetItem(std::uint32_t item, const wchar_t* argument) = 0;
+  // Slot 6: a folder by kind; (2, "common") is the product's common data folder. Null if unknown.
+  virtual const wchar_t* GetFolder(std::uint32_t kind, const wchar_t* name) = 0;
+};
+
+namespace lumera {
+inline constexpr std::uint32_t kFolderKindCommon = 2;
+inline constexpr std::uint32_t kItemAgentPath = 422;
+}  // namespace lumera

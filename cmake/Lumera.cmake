@@ -73,3 +73,13 @@ function(lumera_test name)
       ENVIRONMENT "LUMERA_WINE_FLAVOUR=${flavour};LUMERA_WINE_ROOT=${LUMERA_WINE_ROOT}")
   endforeach()
 endfunction()
+
+# Adds every subfolder of the current folder that has a CMakeLists.txt.
+function(lumera_add_subfolders)
+  file(GLOB children LIST_DIRECTORIES true ${CMAKE_CURRENT_SOURCE_DIR}/*)
+  foreach(child ${children})
+    if(IS_DIRECTORY ${child} AND EXISTS ${child}/CMakeLists.txt)
+      add_subdirectory(${child})
+    endif()
+  endforeach()
+endfunction()

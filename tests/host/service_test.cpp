@@ -7,29 +7,12 @@
 #include <string>
 
 #include "common/unique_handle.h"
+#include "support/programs.h"
 
 namespace {
 
-std::filesystem::path BinFolder() {
-  wchar_t path[MAX_PATH] = {};
-  ::GetModuleFileNameW(nullptr, path, MAX_PATH);
-  return std::filesystem::path(path).parent_path().parent_path();
-}
-
 DWORD RunHostCommand(const std::wstring& arguments) {
-  std::wstring command = L"\"" + (BinFolder() / L"lumerahost.exe").wstring() + L"\" " + arguments;
-  STARTUPINFOW startup{};
-  startup.cb = sizeof startup;
-  PROCESS_INFORMATION process{};
-  if (!::CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process)) {
-    return ::GetLastError();
-  }
-  ky::unique_handle processHandle(process.hProcess);
-  ky::unique_handle threadHandle(process.hThread);
-  if (::WaitForSingleObject(processHandle.get(), 30000) != WAIT_OBJECT_0) return WAIT_TIMEOUT;
-  DWORD code = 1;
-  ::GetExitCodeProcess(processHandle.get(), &code);
-  return code;
+  return testsupport::RunProgram(testsupport::Quoted(testsupport::BinFolder() / L"lumerahost.exe") + L" " + arguments).exitCode;
 }
 
 DWORD WaitForState(SC_HANDLE service, DWORD wanted) {

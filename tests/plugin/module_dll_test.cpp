@@ -8,16 +8,11 @@
 #include <string>
 
 #include "common/unique_handle.h"
+#include "support/programs.h"
 #include "lumera/boottime.h"
 #include "lumera/interface_ids.h"
 
 namespace {
-
-std::filesystem::path BinFolder() {
-  wchar_t path[MAX_PATH] = {};
-  ::GetModuleFileNameW(nullptr, path, MAX_PATH);
-  return std::filesystem::path(path).parent_path().parent_path();
-}
 
 std::set<std::string> ExportedNames(HMODULE module) {
   auto* base = reinterpret_cast<const BYTE*>(module);
@@ -34,13 +29,13 @@ std::set<std::string> ExportedNames(HMODULE module) {
 }
 
 TEST(ModuleDll, ExportsExactlyTheFactoryPair) {
-  ky::unique_module module(::LoadLibraryW((BinFolder() / L"LumeraPlg.dll").c_str()));
+  ky::unique_module module(::LoadLibraryW((testsupport::BinFolder() / L"LumeraPlg.dll").c_str()));
   ASSERT_TRUE(module) << ::GetLastError();
   EXPECT_EQ(ExportedNames(module.get()), (std::set<std::string>{"KyCreateObject", "KyDestroyObject"}));
 }
 
 TEST(ModuleDll, CreatesAndDestroysEveryObjectThroughItsExports) {
-  ky::unique_module module(::LoadLibraryW((BinFolder() / L"LumeraPlg.dll").c_str()));
+  ky::unique_module module(::LoadLibraryW((testsupport::BinFolder() / L"LumeraPlg.dll").c_str()));
   ASSERT_TRUE(module);
   auto create = reinterpret_cast<KyCreateObjectFn>(reinterpret_cast<void*>(::GetProcAddress(module.get(), "KyCreateObject")));
   auto destroy = reinterpret_cast<KyDestroyObjectFn>(reinterpret_cast<void*>(::GetProcAddress(module.get(), "KyDestroyObject")));

@@ -39,7 +39,7 @@ class BootTimeAnalyser {
   [[nodiscard]] bool LoadLastBootProcessImpactFromDisk(const std::wstring& path);
   // Reads one element of "processes" into the map; false (logged) when keys are missing.
   // Throws std::invalid_argument / std::out_of_range for a number that does not convert.
-  bool ReadProcessImpactFromJsonValue(const picojson::value& value);
+  [[nodiscard]] bool ReadProcessImpactFromJsonValue(const picojson::value& value);
 
   // "process impact", blank line, "pid,name,kernel,user,read,write,other" per impact,
   // "done process impact", blank line.

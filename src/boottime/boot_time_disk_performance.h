@@ -36,7 +36,7 @@ class BootTimeDiskPerformance {
   void MeasureDiskPerformance(HANDLE stopEvent);
 
   // The figures and the status (0 measured, 1 not yet, 2 none), read together.
-  std::uint32_t GetResult(DiskSpeed* speed) const;
+  [[nodiscard]] std::uint32_t GetResult(DiskSpeed* speed) const;
 
   // "min_hddUsage=x max_hddUsage=y average_hddUsage=z "
   std::wstring LogForm() const;

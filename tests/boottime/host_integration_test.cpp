@@ -124,11 +124,47 @@ TEST(HostProcessTracking, ChildProcessesAreFollowedFromStartToEnd) {
 
 class CountingHandler final : public IWMIProcessDPEvents {
  public:
-  void OnProcessStarted(const WMIProcessInfo*) override { ++started; }
+  CountingHandler() : seen(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
+  void OnProcessStarted(const WMIProcessInfo* info) override {
+    ++started;
+    if (info->pid == watched) {
+      name = info->name ? info->name : L"(null)";
+      commandLine = info->commandLine ? info->commandLine : L"(null)";
+      imagePath = info->imagePath ? info->imagePath : L"(null)";
+      ppid = info->ppid;
+      ::SetEvent(seen.get());
+    }
+  }
   void OnProcessEnded(const WMIProcessInfo*) override { ++ended; }
   std::atomic<long> started{0};
   std::atomic<long> ended{0};
+  std::atomic<std::uint32_t> watched{0};
+  ky::unique_handle seen;
+  std::wstring name, commandLine, imagePath;
+  std::uint32_t ppid = 0;
 };
+
+TEST(HostProcessTracking, ANotificationCarriesParentNameCommandLineAndImagePath) {
+  host::HostConfig config;
+  host::ComponentManager host(config);
+  void* object = nullptr;
+  ASSERT_EQ(host.GetPlugin(L"wmiprocessdp", lumera::ids::WmiProcessDPPlugin, &object), 0u);
+  auto* plugin = static_cast<IWMIProcessDP*>(object);
+  CountingHandler handler;
+  ASSERT_EQ(plugin->RegisterEventsHandler(&handler), 0u);
+  {
+    Child child;
+    handler.watched = child.Pid();
+    ASSERT_EQ(::WaitForSingleObject(handler.seen.get(), kDeadlineMs), WAIT_OBJECT_0) << "no start notification";
+    EXPECT_EQ(plugin->UnregisterEventsHandler(&handler), 0u);
+    EXPECT_EQ(handler.ppid, ::GetCurrentProcessId());
+    EXPECT_EQ(handler.name, L"boottime_child.exe");
+    EXPECT_NE(handler.imagePath.find(L"boottime_child.exe"), std::wstring::npos);
+    EXPECT_NE(handler.commandLine.find(L"boottime_child_"), std::wstring::npos) << "the event name argument";
+  }
+  EXPECT_EQ(host.ReleasePlugin(L"wmiprocessdp"), 0u);
+  host.Shutdown();
+}
 
 TEST(HostProcessTracking, HandlersAreRegisteredOnceAndNotCalledAfterUnregistering) {
   host::HostConfig config;

@@ -11,6 +11,7 @@
 #include "boottime/boot_time_data.h"
 #include "boottime/process_utils.h"
 #include "boottime/processes.h"
+#include "common/log.h"
 #include "common/unique_handle.h"
 
 namespace {
@@ -53,6 +54,8 @@ std::vector<std::uint32_t> OpenablePids() {
 
 int main(int argc, char** argv) {
   const int rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : kDefaultRounds;
+  // The module keeps the logging library loaded while it runs; so does the benchmark.
+  logging::LogRef keepLog;
   const std::vector<std::uint32_t> pids = OpenablePids();
   if (pids.empty()) {
     std::printf("no process can be opened\n");

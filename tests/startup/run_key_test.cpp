@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "scratch.h"
+#include "support/captured_log.h"
 #include "startup/run_key_apps.h"
 
 namespace {
@@ -83,7 +84,12 @@ TEST(RunKeyApps, UnknownRootsAndIncompleteItemsFail) {
   ScratchStore store;
   CRunKeyAppsActions actions;
   const std::wstring unknown = L"HKEY_UNKNOWN\\" + key.Subkey();
+  testsupport::CapturedLog log;
+  ASSERT_TRUE(log.available());
+  log.clear();
   EXPECT_EQ(actions.Enable({MakeItem(L"X", unknown, L"x.exe")}, true), 31);
+  EXPECT_TRUE(log.contains(L"RollbackToRegistry FAILED " + unknown));
+  EXPECT_TRUE(log.contains(L"Enable " + unknown + L" X")) << "each item is logged with location, then name";
   EXPECT_EQ(actions.Disable({MakeItem(L"X", unknown, L"x.exe")}, true), 31);
   EXPECT_EQ(actions.Disable({MakeItem(L"X", L"hkey_current_user\\" + key.Subkey(), L"x.exe")}, true), 31)
       << "root names are case-sensitive";

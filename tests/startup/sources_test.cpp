@@ -9,6 +9,7 @@
 #include "startup/startup_folder_apps.h"
 #include "startup/startup_items.h"
 #include "startup/win8_actions.h"
+#include "support/captured_log.h"
 #include "users/ky_users.h"
 
 namespace {
@@ -19,7 +20,10 @@ bool FlavourIsWin10() {
 }
 
 TEST(StartupActionExec, ChoosesTheActionsOfTheRunningWindows) {
+  testsupport::CapturedLog log;
+  log.clear();
   startup::StartupAppsActionExec exec;
+  EXPECT_TRUE(log.contains(FlavourIsWin10() ? L"Windows8OrGreater" : L"bellow Windows8"));
   ASSERT_EQ(exec.IsWindows8OrGreater(), FlavourIsWin10());
   if (FlavourIsWin10()) {
     EXPECT_NE(dynamic_cast<startup::CWin8RunKeyAppsActions*>(exec.Find(startup::kSourceRunKey)), nullptr);

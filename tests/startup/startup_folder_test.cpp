@@ -8,6 +8,7 @@
 #include <algorithm>
 
 #include "scratch.h"
+#include "support/captured_log.h"
 #include "startup/startup_folder_apps.h"
 
 namespace {
@@ -121,7 +122,11 @@ TEST(StartupFolderApps, MissingFilesAndUnwritableStoresLeaveTheFolderAsItWas) {
   CStartupFolderActions actions(startup::kBackupFolderName);
   {
     ScratchStore store;
+    testsupport::CapturedLog log;
+    log.clear();
     EXPECT_EQ(actions.Enable({MakeItem(L"gone.exe", folder.Path(), L"x")}, true), 31);
+    EXPECT_TRUE(log.contains(L"FAILED MoveFile(" + folder.Path() + L"KyBkpFolder\\gone.exe, " + folder.Path() +
+                             L"gone.exe)"));
     EXPECT_EQ(actions.Disable({MakeItem(L"gone.exe", folder.Path(), L"x")}, true), 31);
   }
   const std::wstring original = folder.File(L"keep.exe");

@@ -6,14 +6,13 @@
 #include <cerrno>
 #include <cwchar>
 #include <cwctype>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <limits>
 #include <sstream>
 #include <stdexcept>
 
+#include "common/json_file.h"
 #include "common/log.h"
+#include "common/text_convert.h"
 
 namespace boottime {
 namespace {
@@ -24,22 +23,6 @@ constexpr char kPid[] = "pid";
 constexpr char kName[] = "name";
 constexpr char kCounters[] = "counters";
 constexpr std::size_t kCounterCount = 5;
-
-std::string ToUtf8(const std::wstring& text) {
-  if (text.empty()) return {};
-  const int size = ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
-  std::string out(size > 0 ? size : 0, '\0');
-  if (size > 0) ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), size, nullptr, nullptr);
-  return out;
-}
-
-std::wstring ToWide(const std::string& text) {
-  if (text.empty()) return {};
-  const int size = ::MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
-  std::wstring out(size > 0 ? size : 0, L'\0');
-  if (size > 0) ::MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), size);
-  return out;
-}
 
 // Base-10 conversion with the rules and error texts of the standard stol: leading spaces
 // and a sign allowed, trailing text ignored, nothing numeric is an error.
@@ -73,17 +56,6 @@ std::uint32_t ToCounter(const picojson::value& value) {
   return static_cast<std::uint32_t>(ParseDecimal(value.to_str(), std::numeric_limits<std::int32_t>::min(),
                                                  std::numeric_limits<std::uint32_t>::max(), "invalid stoi argument",
                                                  "stoi argument out of range"));
-}
-
-bool ReadWholeFile(const std::wstring& path, std::string& text) {
-  std::error_code error;
-  const std::filesystem::path file(path);
-  const std::uintmax_t size = std::filesystem::file_size(file, error);
-  if (error || size > BootTimeAnalyser::kMaxFileBytes) return false;
-  std::ifstream in(file, std::ios::binary);
-  if (!in) return false;
-  text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  return !in.bad();
 }
 
 bool SameText(const std::wstring& a, const std::wstring& b) {
@@ -164,7 +136,7 @@ bool BootTimeAnalyser::StoreProcessImpactOnDisk(const std::wstring& path) const 
       picojson::object element;
       element[kPpid] = picojson::value(std::to_string(impact.ppid));
       element[kPid] = picojson::value(std::to_string(impact.pid));
-      element[kName] = picojson::value(ToUtf8(impact.name));
+      element[kName] = picojson::value(ky::WideToUtf8(impact.name));
       picojson::array counters;
       for (std::uint32_t value : {impact.kernel, impact.user, impact.read, impact.write, impact.other}) {
         counters.emplace_back(std::to_string(value));
@@ -176,10 +148,7 @@ bool BootTimeAnalyser::StoreProcessImpactOnDisk(const std::wstring& path) const 
     root[kProcesses] = picojson::value(std::move(processes));
     const std::string text = picojson::value(std::move(root)).serialize();
 
-    std::ofstream out(std::filesystem::path(path), std::ios::binary | std::ios::trunc);
-    out.write(text.data(), static_cast<std::streamsize>(text.size()));
-    out.close();
-    if (!out) {
+    if (!ky::WriteTextFile(path, text)) {
       KY_LOG(logging::kLevelError, L"Failed to save boot impact in JSON");
       return false;
     }
@@ -193,15 +162,15 @@ bool BootTimeAnalyser::StoreProcessImpactOnDisk(const std::wstring& path) const 
 bool BootTimeAnalyser::LoadLastBootProcessImpactFromDisk(const std::wstring& path) {
   KY_TRACE(L"boottime::BootTimeAnalyser::LoadLastBootProcessImpactFromDisk");
   try {
-    std::string text;
-    if (!ReadWholeFile(path, text)) {
+    picojson::value root;
+    std::string error;
+    const ky::JsonReadResult read = ky::ReadJsonFile(path, root, error, kMaxFileBytes);
+    if (read == ky::JsonReadResult::kCannotOpen || read == ky::JsonReadResult::kTooLarge) {
       KY_LOG(logging::kLevelError, L"Can't find last boot process impact data");
       return false;
     }
-    picojson::value root;
-    const std::string error = picojson::parse(root, text);
-    if (!error.empty()) {
-      KY_LOG(logging::kLevelError, L"Invalid json file format : %s", ToWide(error).c_str());
+    if (read == ky::JsonReadResult::kParseError) {
+      KY_LOG(logging::kLevelError, L"Invalid json file format : %s", ky::Utf8ToWide(error).c_str());
       return false;
     }
     if (!root.is<picojson::object>()) {
@@ -241,7 +210,7 @@ bool BootTimeAnalyser::ReadProcessImpactFromJsonValue(const picojson::value& val
   ProcessImpact impact;
   impact.ppid = ToId(value.get(kPpid));
   impact.pid = ToId(value.get(kPid));
-  impact.name = ToWide(value.get(kName).to_str());
+  impact.name = ky::Utf8ToWide(value.get(kName).to_str());
   const picojson::value& counters = value.get(kCounters);
   if (!counters.is<picojson::array>()) {
     KY_LOG(logging::kLevelWarning, L"[JSON] Counters not stored in an array");

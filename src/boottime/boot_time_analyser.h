@@ -21,7 +21,7 @@ inline constexpr wchar_t kProcessImpactFileName[] = L"last_boot_time_process_imp
 class BootTimeAnalyser {
  public:
   // The largest process-impact file that is read.
-  static constexpr std::uintmax_t kMaxFileBytes = 16u * 1024u * 1024u;
+  static constexpr std::size_t kMaxFileBytes = 16u * 1024u * 1024u;
 
   BootTimeAnalyser() = default;
   BootTimeAnalyser(const BootTimeAnalyser&) = delete;

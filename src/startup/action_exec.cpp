@@ -3,26 +3,14 @@
 #include <windows.h>
 
 #include "common/log.h"
+#include "common/windows_version.h"
 #include "startup/run_key_apps.h"
 #include "startup/startup_folder_apps.h"
 #include "startup/win8_actions.h"
 
 namespace startup {
 
-bool StartupAppsActionExec::DetectWindows8OrGreater() {
-  OSVERSIONINFOEXW version{};
-  version.dwOSVersionInfoSize = sizeof(version);
-  version.dwMajorVersion = 6;
-  version.dwMinorVersion = 2;
-  version.wServicePackMajor = 0;
-  ULONGLONG mask = 0;
-  mask = ::VerSetConditionMask(mask, VER_MAJORVERSION, VER_GREATER_EQUAL);
-  mask = ::VerSetConditionMask(mask, VER_MINORVERSION, VER_GREATER_EQUAL);
-  mask = ::VerSetConditionMask(mask, VER_SERVICEPACKMAJOR, VER_GREATER_EQUAL);
-  return ::VerifyVersionInfoW(&version, VER_MAJORVERSION | VER_MINORVERSION | VER_SERVICEPACKMAJOR, mask) != FALSE;
-}
-
-StartupAppsActionExec::StartupAppsActionExec() : windows8OrGreater_(DetectWindows8OrGreater()) { Choose(); }
+StartupAppsActionExec::StartupAppsActionExec() : windows8OrGreater_(ky::IsWindows8OrGreater()) { Choose(); }
 
 StartupAppsActionExec::StartupAppsActionExec(bool windows8OrGreater) : windows8OrGreater_(windows8OrGreater) {
   Choose();

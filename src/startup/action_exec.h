@@ -22,7 +22,6 @@ class StartupAppsActionExec {
   void Set(StartupSourceKind kind, std::unique_ptr<IStartupAppsActions> actions);
   bool IsWindows8OrGreater() const { return windows8OrGreater_; }
 
-  static bool DetectWindows8OrGreater();
 
  private:
   void Choose();

@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include "common/json_file.h"
 #include "common/log.h"
 #include "common/unique_handle.h"
 
@@ -9,7 +10,7 @@ namespace startup::storage {
 namespace {
 
 // A file this large was not written by the store; refusing it bounds the parser's work.
-constexpr DWORD kMaxFileBytes = 16 * 1024 * 1024;
+constexpr std::size_t kMaxFileBytes = 16 * 1024 * 1024;
 constexpr std::int64_t kUnixEpochSeconds = 11644473600LL;
 
 std::int64_t NowUnixSeconds() {
@@ -39,30 +40,15 @@ void CStartupItemsStorage::Init(const std::wstring& path) {
 }
 
 bool CStartupItemsStorage::Load(picojson::value& document) const {
-  ky::unique_file file = OpenForReading(path_);
-  if (!file) return false;
-  LARGE_INTEGER size{};
-  if (!::GetFileSizeEx(file.get(), &size) || size.QuadPart > kMaxFileBytes) return false;
-  std::string text(static_cast<std::size_t>(size.QuadPart), '\0');
-  DWORD read = 0;
-  if (!text.empty() && !::ReadFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &read, nullptr)) {
-    return false;
-  }
-  text.resize(read);
   picojson::value parsed;
-  if (!picojson::parse(parsed, text).empty()) return false;
+  std::string error;
+  if (ky::ReadJsonFile(path_, parsed, error, kMaxFileBytes) != ky::JsonReadResult::kOk) return false;
   document = std::move(parsed);
   return true;
 }
 
 bool CStartupItemsStorage::Save(const picojson::value& document) const {
-  const std::string text = document.serialize();
-  ky::unique_file file(::CreateFileW(path_.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL,
-                                     nullptr));
-  if (!file) return false;
-  DWORD written = 0;
-  return ::WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) &&
-         written == text.size();
+  return ky::WriteTextFile(path_, document.serialize());
 }
 
 std::uint32_t CStartupItemsStorage::SaveStartupItems(const StartupItemList& items, const std::string& section) {

@@ -11,11 +11,13 @@ export LUMERA_WINE_ROOT="$PWD/$root" LUMERA_WINE_FLAVOUR=win10
 
 logs=build/demo-logs
 rm -rf "$logs" && mkdir -p "$logs"
+# Windows sees the Linux file system as drive Z:.
+winpath() { printf 'Z:%s' "$1" | sed 's|/|\\\\|g'; }
 cat > build/bin/lumerahost.json <<JSON
 {
   "objects": ["boottime", "boottimecomm", "boottimecommclient"],
-  "folders": {"2:common": "Z:$(pwd)/build/demo-data"},
-  "log": {"folder": "Z:$(pwd)/$logs", "level": 32, "console": false}
+  "folders": {"2:common": "$(winpath "$PWD/build/demo-data")"},
+  "log": {"folder": "$(winpath "$PWD/$logs")", "level": 32, "console": false}
 }
 JSON
 

@@ -289,10 +289,15 @@ std::uint32_t ConnServer::CreatePipeServer(const wchar_t* name, std::uint32_t, I
     *out = nullptr;
     const std::wstring path = PipePath(name);
     if (path.empty()) return ERROR_INVALID_NAME;
+    std::lock_guard hold(lock_);
+    // The first-instance flag already refuses a name owned elsewhere; this also covers
+    // systems that do not enforce it within one process.
+    for (const auto& existing : pipes_) {
+      if (_wcsicmp(existing->Path().c_str(), path.c_str()) == 0) return ERROR_ACCESS_DENIED;
+    }
     auto pipe = std::make_shared<PipeServer>(path);
     const std::uint32_t result = pipe->Open();
     if (result != 0) return result;
-    std::lock_guard hold(lock_);
     pipes_.push_back(pipe);
     *out = pipe.get();
     return 0;

@@ -71,6 +71,7 @@ class PipeServer final : public IConnPipeServer {
   std::uint32_t RegisterCallback(PipeCallback callback, void* context, std::uint32_t kind) override;
   std::uint32_t UnregisterCallback(std::uint32_t kind) override;
 
+  const std::wstring& Path() const { return path_; }
   HANDLE StopEvent() const { return stop_.get(); }
   CallbackSlot& Callback() { return callback_; }
   void SessionEnded() { ::SetEvent(ended_.get()); }

@@ -185,13 +185,10 @@ std::uint32_t CBootTimeComm::Query(const pipelink::PipeMessage& message, CPayloa
       ky::List<ProcessImpact> impacts;
       code = bootTime_->GetBootImpact(&impacts, &key);
       KY_LOG(logging::kLevelInfo, L"GetBootImpact err=%d", code);
-      if (code != 0 || impacts.Count() == 0) {
-        KY_LOG(logging::kLevelInfo, L"err=0x%x process=[%s]", code, DescribeKey(key).c_str());
-      }
+      // The key's text, with zero counters, names the request in the log.
+      KY_LOG(logging::kLevelInfo, L"err=0x%x process=[%s]", code,
+             DescribeImpact(ProcessImpact{key.ppid, key.pid, key.name}).c_str());
       if (code == 0) {
-        for (const ProcessImpact& impact : impacts.Items()) {
-          KY_LOG(logging::kLevelDebug, L"err=0x%x process=[%s]", code, DescribeImpact(impact).c_str());
-        }
         payload.WriteImpactList(impacts);
       }
       break;

@@ -173,9 +173,9 @@ std::uint32_t CBootTimeCommClient::GetBootImpact(ky::IList<ProcessImpact>* impac
         SendQuery(msg::NpcMsgBootTimeGetBootImpact, kNameImpact, request.Data(), request.Size(), reply, &size);
     if (result != 0) return result;
     CPayloadReader reader(reply.data(), size);
-    ky::List<ProcessImpact> read;
+    std::vector<ProcessImpact> read;
     if (!reader.ReadImpactList(&read)) return ERROR_INVALID_DATA;
-    for (const ProcessImpact& impact : read.Items()) {
+    for (const ProcessImpact& impact : read) {
       KY_LOG(logging::kLevelDebug, L"process=[%s]", DescribeImpact(impact).c_str());
       impacts->Add(impact);
     }

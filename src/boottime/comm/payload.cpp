@@ -2,7 +2,6 @@
 
 #include <cstring>
 #include <cwchar>
-#include <sstream>
 
 namespace boottime {
 namespace {
@@ -172,6 +171,13 @@ bool CPayloadReader::ReadImpact(ProcessImpact* impact) {
 }
 
 bool CPayloadReader::ReadImpactList(ky::IList<ProcessImpact>* impacts) {
+  std::vector<ProcessImpact> read;
+  if (!ReadImpactList(&read)) return false;
+  for (const ProcessImpact& impact : read) impacts->Add(impact);
+  return true;
+}
+
+bool CPayloadReader::ReadImpactList(std::vector<ProcessImpact>* impacts) {
   std::uint32_t count = 0;
   if (!ReadU32(&count)) return false;
   // A count the remaining bytes cannot hold is rejected before anything is allocated.
@@ -183,7 +189,7 @@ bool CPayloadReader::ReadImpactList(ky::IList<ProcessImpact>* impacts) {
   for (ProcessImpact& impact : read) {
     if (!ReadImpact(&impact)) return false;
   }
-  for (const ProcessImpact& impact : read) impacts->Add(impact);
+  impacts->insert(impacts->end(), std::make_move_iterator(read.begin()), std::make_move_iterator(read.end()));
   return true;
 }
 
@@ -194,30 +200,66 @@ bool CPayloadReader::ReadDiskSpeed(DiskSpeed* speed) {
 }
 
 // ---- log text ------------------------------------------------------------------------
+// Built by hand rather than with a formatted print: these run for every entry of a reply.
+
+namespace {
+
+void AppendNumber(std::wstring& out, const wchar_t* label, std::uint64_t value) {
+  out += label;
+  wchar_t digits[24];
+  int n = 0;
+  do {
+    digits[n++] = static_cast<wchar_t>(L'0' + value % 10);
+    value /= 10;
+  } while (value != 0);
+  while (n > 0) out += digits[--n];
+}
+
+void AppendCounters(std::wstring& out, const BootCounters& c) {
+  AppendNumber(out, L"cpuKernelTime=", c.kernel);
+  AppendNumber(out, L" cpuUserTime=", c.user);
+  AppendNumber(out, L" bytesRead=", c.read);
+  AppendNumber(out, L" bytesWritten=", c.write);
+  AppendNumber(out, L" bytesOther=", c.other);
+}
+
+void AppendKey(std::wstring& out, std::uint64_t ppid, std::uint64_t pid, const std::wstring& name) {
+  AppendNumber(out, L"ppid=", ppid);
+  AppendNumber(out, L" pid=", pid);
+  out += L" name=";
+  out += name;
+}
+
+}  // namespace
 
 std::wstring DescribeCounters(const BootCounters& c) {
-  std::wostringstream text;
-  text << L"cpuKernelTime=" << c.kernel << L" cpuUserTime=" << c.user << L" bytesRead=" << c.read
-       << L" bytesWritten=" << c.write << L" bytesOther=" << c.other;
-  return text.str();
+  std::wstring out;
+  out.reserve(128);
+  AppendCounters(out, c);
+  return out;
 }
 
 std::wstring DescribeKey(const ProcessKey& key) {
-  std::wostringstream text;
-  text << L"ppid=" << key.ppid << L" pid=" << key.pid << L" name=" << key.name;
-  return text.str();
+  std::wstring out;
+  out.reserve(64 + key.name.size());
+  AppendKey(out, key.ppid, key.pid, key.name);
+  return out;
 }
 
 std::wstring DescribeImpact(const ProcessImpact& i) {
-  return DescribeKey(ProcessKey{i.ppid, i.pid, i.name}) + L" " +
-         DescribeCounters(BootCounters{i.kernel, i.user, i.read, i.write, i.other});
+  std::wstring out;
+  out.reserve(192 + i.name.size());
+  AppendKey(out, i.ppid, i.pid, i.name);
+  out += L' ';
+  AppendCounters(out, BootCounters{i.kernel, i.user, i.read, i.write, i.other});
+  return out;
 }
 
 std::wstring DescribeDiskSpeed(const DiskSpeed& speed) {
-  std::wostringstream text;
-  text << L"min_hddUsage=" << speed.minimum << L" max_hddUsage=" << speed.maximum << L" average_hddUsage="
-       << speed.average;
-  return text.str();
+  wchar_t buffer[256];
+  const int n = std::swprintf(buffer, sizeof buffer / sizeof buffer[0], L"min_hddUsage=%g max_hddUsage=%g average_hddUsage=%g",
+                              speed.minimum, speed.maximum, speed.average);
+  return n < 0 ? std::wstring() : std::wstring(buffer, static_cast<std::size_t>(n));
 }
 
 }  // namespace boottime

@@ -70,6 +70,7 @@ class CPayloadReader {
   [[nodiscard]] bool ReadProcessKey(ProcessKey* key);
   // Appends the entries to *impacts only when the whole list could be read.
   [[nodiscard]] bool ReadImpactList(ky::IList<ProcessImpact>* impacts);
+  [[nodiscard]] bool ReadImpactList(std::vector<ProcessImpact>* impacts);
   [[nodiscard]] bool ReadDiskSpeed(DiskSpeed* speed);
 
  private:

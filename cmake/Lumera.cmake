@@ -25,7 +25,8 @@ endfunction()
 function(lumera_dll name)
   cmake_parse_arguments(ARG "" "DEF;OUTPUT_NAME" "SOURCES;LIBS" ${ARGN})
   add_library(${name} SHARED ${ARG_SOURCES} ${ARG_DEF})
-  set_target_properties(${name} PROPERTIES PREFIX "")
+  # Import libraries go to a folder per target: a test double may share a real DLL's name.
+  set_target_properties(${name} PROPERTIES PREFIX "" ARCHIVE_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib/${name})
   if(ARG_OUTPUT_NAME)
     set_target_properties(${name} PROPERTIES OUTPUT_NAME ${ARG_OUTPUT_NAME})
   endif()
@@ -70,5 +71,15 @@ function(lumera_test name)
       FIXTURES_REQUIRED wine
       TIMEOUT ${ARG_TIMEOUT}
       ENVIRONMENT "LUMERA_WINE_FLAVOUR=${flavour};LUMERA_WINE_ROOT=${LUMERA_WINE_ROOT}")
+  endforeach()
+endfunction()
+
+# Adds every subfolder of the current folder that has a CMakeLists.txt.
+function(lumera_add_subfolders)
+  file(GLOB children LIST_DIRECTORIES true ${CMAKE_CURRENT_SOURCE_DIR}/*)
+  foreach(child ${children})
+    if(IS_DIRECTORY ${child} AND EXISTS ${child}/CMakeLists.txt)
+      add_subdirectory(${child})
+    endif()
   endforeach()
 endfunction()

@@ -59,6 +59,7 @@ bool ModuleRunner::Start() {
 }
 
 void ModuleRunner::Stop() {
+  if (!module_) return;
   KY_TRACE(L"host::ModuleRunner::Stop");
   for (auto it = objects_.rbegin(); it != objects_.rend(); ++it) {
     if (it->started) it->plugin->Stop();

@@ -13,7 +13,7 @@ class ProductInfoPlugin final : public HostPlugin, public IProductInfo {
  public:
   explicit ProductInfoPlugin(const HostConfig& config) : config_(config) {
     folders_ = config_.folders;
-    const std::wstring common = Key(lumera::kFolderKindCommon, L"common");
+    const std::wstring common = lumera::ProductInfoKey(lumera::kFolderKindCommon, L"common");
     if (folders_.find(common) == folders_.end()) folders_[common] = DefaultCommonFolder();
   }
 
@@ -30,18 +30,15 @@ class ProductInfoPlugin final : public HostPlugin, public IProductInfo {
   std::uint32_t Stop() override { return 0; }
 
   const wchar_t* GetItem(std::uint32_t item, const wchar_t* argument) override {
-    auto it = config_.items.find(Key(item, argument));
+    auto it = config_.items.find(lumera::ProductInfoKey(item, argument));
     return it == config_.items.end() ? nullptr : it->second.c_str();
   }
   const wchar_t* GetFolder(std::uint32_t kind, const wchar_t* name) override {
-    auto it = folders_.find(Key(kind, name));
+    auto it = folders_.find(lumera::ProductInfoKey(kind, name));
     return it == folders_.end() ? nullptr : it->second.c_str();
   }
 
  private:
-  static std::wstring Key(std::uint32_t number, const wchar_t* name) {
-    return std::to_wstring(number) + L":" + (name ? name : L"");
-  }
   const HostConfig& config_;
   std::map<std::wstring, std::wstring> folders_;
 };

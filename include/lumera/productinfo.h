@@ -3,6 +3,8 @@
 // the life of the object.
 #pragma once
 
+#include <string>
+
 #include "lumera/ky_base.h"
 
 struct IProductInfo : IServPlugin {
@@ -15,4 +17,9 @@ struct IProductInfo : IServPlugin {
 namespace lumera {
 inline constexpr std::uint32_t kFolderKindCommon = 2;
 inline constexpr std::uint32_t kItemAgentPath = 422;
+
+// How configuration files name an answer: "<number>:<name>", e.g. "2:common".
+inline std::wstring ProductInfoKey(std::uint32_t number, const wchar_t* name) {
+  return std::to_wstring(number) + L":" + (name ? name : L"");
+}
 }  // namespace lumera

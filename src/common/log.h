@@ -114,18 +114,21 @@ class CLogStream {
   CLogStream(const CLogStream&) = delete;
   CLogStream& operator=(const CLogStream&) = delete;
 
+  // A null string of either width appends "null": a log line must never throw or cut the
+  // rest of the message.
   template <class T>
   CLogStream& operator<<(const T& value) {
-    if constexpr (std::is_same_v<T, std::string> || std::is_convertible_v<T, const char*>) {
+    if constexpr (std::is_convertible_v<const T&, const wchar_t*>) {
+      const wchar_t* text = value;
+      text_ << (text ? text : L"null");
+    } else if constexpr (std::is_convertible_v<const T&, const char*>) {
+      const char* text = value;
+      AppendNarrow(text ? text : "null");
+    } else if constexpr (std::is_same_v<T, std::string>) {
       AppendNarrow(value);
     } else {
       text_ << value;
     }
-    return *this;
-  }
-  // A null wide string appends "null" rather than ending the stream.
-  CLogStream& operator<<(const wchar_t* value) {
-    text_ << (value ? value : L"null");
     return *this;
   }
   void Flush();

@@ -74,8 +74,9 @@ std::uint32_t Load(ProductInfoSlot& slot) {
   std::uint32_t result = slot.create(kObjectName, &lumera::ids::IKyBaseInterface, &object);
   slot.object = static_cast<IKyBaseInterface*>(object);
   if (result != 0 || slot.object == nullptr) {
-    KY_LOG(logging::kLevelWarning, L"KyCreateObject %s failed 0x%x", kObjectName, result);
-    return result != 0 ? result : LastErrorOr632();
+    const std::uint32_t error = LastErrorOr632();
+    KY_LOG(logging::kLevelWarning, L"KyCreateObject %s failed 0x%x (error 0x%x)", kObjectName, result, error);
+    return error;
   }
   slot.info = static_cast<IProductInfo*>(slot.object->GetInterface(lumera::ids::HostConfigProductInfo));
   if (slot.info == nullptr) {

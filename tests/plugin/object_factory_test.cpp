@@ -4,6 +4,7 @@
 #include "lumera/boottime.h"
 #include "lumera/interface_ids.h"
 #include "plugin/object_factory.h"
+#include "support/captured_log.h"
 
 namespace {
 
@@ -50,7 +51,21 @@ TEST(ObjectFactory, RejectsWhatItCannotMake) {
   EXPECT_EQ(object, nullptr);
 }
 
+TEST(ObjectFactory, LogsTheNameOrNullptrOnEveryCall) {
+  testsupport::CapturedLog log;
+  ASSERT_TRUE(log.available());
+  log.clear();
+  void* object = nullptr;
+  KyCreateObject(nullptr, &lumera::ids::IBootTime, &object);
+  KyCreateObject(L"BootTimeComm", &lumera::ids::IBootTimeComm, &object);
+  KyDestroyObject(L"BootTimeComm", object);
+  EXPECT_EQ(log.count(L"obj name = nullptr"), 1u);
+  EXPECT_EQ(log.count(L"obj name = BootTimeComm"), 2u);
+  EXPECT_EQ(log.count(L"null instance"), 0u);
+}
+
 TEST(ObjectFactory, DestroyIgnoresUnknownNamesAndNullObjects) {
+  testsupport::CapturedLog log;
   void* object = nullptr;
   ASSERT_EQ(KyCreateObject(L"boottime", &lumera::ids::IBootTime, &object), 0u);
   KyDestroyObject(L"unknown", object);
@@ -58,7 +73,9 @@ TEST(ObjectFactory, DestroyIgnoresUnknownNamesAndNullObjects) {
   auto* plugin = static_cast<boottime::IBootTime*>(object);
   std::uint32_t ms = 0;
   EXPECT_EQ(plugin->GetBootTime(&ms), boottime::kStatusNotYetKnown);
+  log.clear();
   KyDestroyObject(L"boottime", nullptr);
+  EXPECT_EQ(log.count(L"null instance"), 1u);
   KyDestroyObject(L"boottime", object);
 }
 

@@ -1,0 +1,182 @@
+#include "common/log.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "support/captured_log.h"
+#include "support/scratch_folder.h"
+#include "support/test_thread.h"
+
+namespace {
+
+using testsupport::CapturedLog;
+using testsupport::LogEntry;
+
+constexpr wchar_t kOuter[] = L"logtest::COuter::Run";
+constexpr wchar_t kInner[] = L"logtest::CInner::Step";
+// Set only in the copy of this program that runs without logcore.dll: the file to create
+// once every check there has passed.
+constexpr wchar_t kNoLibraryMarkerVariable[] = L"LUMERA_TEST_NO_LOGCORE_MARKER";
+
+void Inner() {
+  KY_TRACE(kInner);
+  KY_LOG(logging::kLevelInfo, L"inner %d", 7);
+}
+
+void Outer() {
+  KY_TRACE(kOuter);
+  Inner();
+  KY_LOG(logging::kLevelError, L"outer done");
+}
+
+bool IsExitTrace(const LogEntry& entry, const std::wstring& name) {
+  return std::regex_match(entry.text, std::wregex(L"<- " + name + L" \\[\\d+\\]"));
+}
+
+// Entry and exit traces of each thread must pair up like brackets, naming the same function.
+void ExpectProperlyNested(const std::vector<LogEntry>& entries) {
+  std::map<DWORD, std::vector<std::wstring>> open;
+  for (const auto& entry : entries) {
+    auto& stack = open[entry.threadId];
+    if (entry.depthChange == logcore::kDepthEnter) {
+      EXPECT_EQ(entry.text, L"-> " + entry.function);
+      stack.push_back(entry.function);
+    } else if (entry.depthChange == logcore::kDepthLeave) {
+      ASSERT_FALSE(stack.empty()) << "exit without entry";
+      EXPECT_EQ(entry.function, stack.back());
+      EXPECT_TRUE(IsExitTrace(entry, stack.back())) << entry.text;
+      stack.pop_back();
+    } else {
+      EXPECT_EQ(entry.depthChange, 0u);
+    }
+  }
+  for (const auto& [thread, stack] : open) EXPECT_TRUE(stack.empty()) << "thread " << thread;
+}
+
+class Logging : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(log_.available()) << "the capturing logcore.dll must be beside the test program";
+    log_.clear();
+  }
+  CapturedLog log_;
+};
+
+TEST_F(Logging, NestedTracesCarryNameLevelAndDepthChanges) {
+  Outer();
+  const auto entries = log_.entries();
+  ASSERT_EQ(entries.size(), 6u);
+  const std::vector<std::pair<std::wstring, std::uint32_t>> expected = {
+      {kOuter, 32}, {kInner, 32}, {kInner, 16}, {kInner, 32}, {kOuter, 4}, {kOuter, 32}};
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    EXPECT_EQ(entries[i].function, expected[i].first) << i;
+    EXPECT_EQ(entries[i].level, expected[i].second) << i;
+    EXPECT_EQ(entries[i].moduleBase, ::GetModuleHandleW(nullptr)) << i;
+  }
+  EXPECT_EQ(entries[2].text, L"inner 7");
+  EXPECT_EQ(entries[4].text, L"outer done");
+  ExpectProperlyNested(entries);
+  EXPECT_EQ(log_.outstandingInits(), 0) << "the shared logger must be released after the last user";
+}
+
+TEST_F(Logging, FormatsWithMicrosoftSemanticsAndStaysBounded) {
+  KY_TRACE(std::wstring(300, L'n').c_str());
+  const std::wstring huge(10000, L'x');
+  KY_LOG(logging::kLevelDebug, L"%s and %S, %hs|%ls, %d%%, 0x%x", L"wide", "narrow", "h", L"l", 42, 255);
+  KY_LOG(logging::kLevelDebug, L"%s", huge.c_str());
+  const auto entries = log_.entries();
+  ASSERT_EQ(entries.size(), 3u);
+  EXPECT_EQ(entries[0].function, std::wstring(260, L'n'));
+  EXPECT_EQ(entries[1].text, L"wide and narrow, h|l, 42%, 0xff");
+  EXPECT_EQ(entries[2].text, std::wstring(4095, L'x'));
+}
+
+TEST_F(Logging, StreamWritesOneMessageWithoutInterpretingIt) {
+  KY_TRACE(L"logtest::Stream");
+  log_.clear();
+  {
+    logging::CLogStream stream(logging::kLevelInfo, kyTrace_.Name());
+    stream << L"obj name = " << L"boot" << L" count " << 12 << " " << std::string("narrow") << L" 100%s "
+           << static_cast<const wchar_t*>(nullptr) << L" " << static_cast<const char*>(nullptr);
+    stream.Flush();
+  }
+  KY_LOG_STREAM(logging::kLevelError) << L"second";
+  const auto entries = log_.entriesFor(L"logtest::Stream");
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(entries[0].text, L"obj name = boot count 12 narrow 100%s null null");
+  EXPECT_EQ(entries[0].level, logging::kLevelInfo);
+  EXPECT_EQ(entries[0].depthChange, 0u);
+  EXPECT_EQ(entries[1].text, L"second");
+}
+
+TEST_F(Logging, ConcurrentTracesStayNestedPerThread) {
+  constexpr int kThreads = 4;
+  constexpr int kRounds = 100;
+  {
+    std::vector<std::unique_ptr<testsupport::TestThread>> threads;
+    for (int t = 0; t < kThreads; ++t) {
+      threads.push_back(std::make_unique<testsupport::TestThread>([] {
+        for (int i = 0; i < kRounds; ++i) Outer();
+      }));
+    }
+    for (auto& thread : threads) ASSERT_TRUE(thread->join(testsupport::kLongWait));
+  }
+  const auto entries = log_.entries();
+  EXPECT_EQ(entries.size(), static_cast<std::size_t>(kThreads * kRounds * 6));
+  ExpectProperlyNested(entries);
+  EXPECT_EQ(log_.outstandingInits(), 0);
+}
+
+TEST(LoggingWithoutLibrary, ChildBody) {
+  wchar_t marker[MAX_PATH] = {};
+  if (::GetEnvironmentVariableW(kNoLibraryMarkerVariable, marker, MAX_PATH) == 0) {
+    GTEST_SKIP() << "runs only in a copy of this program that has no logcore.dll beside it";
+  }
+  ASSERT_EQ(::GetFileAttributesW((testsupport::ExeFolder() + L"logcore.dll").c_str()), INVALID_FILE_ATTRIBUTES);
+  Outer();
+  {
+    KY_TRACE(L"logtest::Stream");
+    KY_LOG_STREAM(logging::kLevelInfo) << L"streamed " << 1;
+    logging::LogRef log;
+    EXPECT_FALSE(log->Loaded());
+    EXPECT_EQ(log->Write(0, logging::kLevelError, L"logtest", L"%s", L"text"), logging::kNoInterface);
+  }
+  EXPECT_EQ(::GetModuleHandleW(L"logcore.dll"), nullptr);
+  if (!::testing::Test::HasFailure()) {
+    ky::unique_file created(::CreateFileW(marker, GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
+  }
+}
+
+TEST(LoggingWithoutLibrary, EverythingWorksAndNothingIsWritten) {
+  testsupport::ScratchFolder folder;
+  wchar_t self[MAX_PATH] = {};
+  ASSERT_GT(::GetModuleFileNameW(nullptr, self, MAX_PATH), 0u);
+  const std::wstring copy = folder.file(L"nolog_test.exe");
+  const std::wstring marker = folder.file(L"passed");
+  ASSERT_TRUE(::CopyFileW(self, copy.c_str(), TRUE));
+
+  std::wstring commandLine = L"\"" + copy + L"\" --gtest_filter=LoggingWithoutLibrary.ChildBody";
+  STARTUPINFOW startup{};
+  startup.cb = sizeof(startup);
+  PROCESS_INFORMATION info{};
+  ::SetEnvironmentVariableW(kNoLibraryMarkerVariable, marker.c_str());
+  const BOOL started = ::CreateProcessW(copy.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr,
+                                        folder.path().c_str(), &startup, &info);
+  ::SetEnvironmentVariableW(kNoLibraryMarkerVariable, nullptr);
+  ASSERT_TRUE(started) << ::GetLastError();
+  ky::unique_handle process(info.hProcess);
+  ky::unique_handle thread(info.hThread);
+
+  ASSERT_EQ(::WaitForSingleObject(process.get(), testsupport::kLongWait), static_cast<DWORD>(WAIT_OBJECT_0));
+  DWORD exitCode = 1;
+  ASSERT_TRUE(::GetExitCodeProcess(process.get(), &exitCode));
+  EXPECT_EQ(exitCode, 0u);
+  EXPECT_NE(::GetFileAttributesW(marker.c_str()), INVALID_FILE_ATTRIBUTES) << "the checks did not run";
+}
+
+}  // namespace

@@ -1,0 +1,87 @@
+// Loading the "productinfo" object out of hostconfig.dll beside the program, against a
+// stand-in library whose behaviour each test picks.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+
+#include "plugin/sibling_loader.h"
+
+namespace {
+
+std::filesystem::path ProgramFolder() {
+  wchar_t path[MAX_PATH] = {};
+  ::GetModuleFileNameW(nullptr, path, MAX_PATH);
+  return std::filesystem::path(path).parent_path();
+}
+
+class ProductInfoLoader : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    plugin::ReleaseProductInfo();
+    ::SetEnvironmentVariableW(L"LUMERA_FAKE_HOSTCONFIG", nullptr);
+  }
+  static void UseMode(const wchar_t* mode) { ::SetEnvironmentVariableW(L"LUMERA_FAKE_HOSTCONFIG", mode); }
+
+  // The calls the stand-in saw since the last look; empty when it is not loaded.
+  static std::wstring Journal() {
+    HMODULE library = ::GetModuleHandleW(L"hostconfig.dll");
+    if (library == nullptr) return L"";
+    using JournalFn = void(__cdecl*)(wchar_t*, std::uint32_t);
+    auto journal = reinterpret_cast<JournalFn>(reinterpret_cast<void*>(::GetProcAddress(library, "FakeHostConfigJournal")));
+    wchar_t buffer[512] = {};
+    journal(buffer, 512);
+    return buffer;
+  }
+};
+
+TEST_F(ProductInfoLoader, CreatesInitialisesWithoutHostAndStartsTheObjectOnce) {
+  std::uint32_t error = 99;
+  IProductInfo* info = plugin::AcquireProductInfo(&error);
+  ASSERT_NE(info, nullptr);
+  EXPECT_EQ(error, 0u);
+  EXPECT_STREQ(info->GetFolder(2, L"common"), L"C:\\Common");
+  EXPECT_EQ(plugin::AcquireProductInfo(), info) << "kept in module-wide storage while in use";
+  EXPECT_EQ(Journal(), L"create(productinfo);init(null);start;");
+  plugin::ReleaseProductInfo();
+  EXPECT_EQ(::GetModuleHandleW(L"hostconfig.dll"), nullptr) << "the library is freed on release";
+}
+
+TEST_F(ProductInfoLoader, AnObjectWithoutTheProductInterfaceFailsWith632AndIsTakenApart) {
+  UseMode(L"no-interface");
+  HMODULE keep = ::LoadLibraryW((ProgramFolder() / L"hostconfig.dll").c_str());  // to read the journal afterwards
+  std::uint32_t error = 0;
+  EXPECT_EQ(plugin::AcquireProductInfo(&error), nullptr);
+  EXPECT_EQ(error, 632u);
+  EXPECT_EQ(Journal(), L"create(productinfo);stop;uninit;destroy(productinfo);");
+  ::FreeLibrary(keep);
+}
+
+TEST_F(ProductInfoLoader, FailureCodeIsTheLastErrorOr632WhenThereIsNone) {
+  UseMode(L"create-fails");
+  std::uint32_t error = 0;
+  EXPECT_EQ(plugin::AcquireProductInfo(&error), nullptr);
+  EXPECT_EQ(error, static_cast<std::uint32_t>(ERROR_ACCESS_DENIED));
+
+  UseMode(L"create-fails-silently");
+  EXPECT_EQ(plugin::AcquireProductInfo(&error), nullptr);
+  EXPECT_EQ(error, 632u);
+
+  UseMode(L"start-fails");
+  EXPECT_EQ(plugin::AcquireProductInfo(&error), nullptr);
+  EXPECT_EQ(error, static_cast<std::uint32_t>(ERROR_SERVICE_DISABLED));
+}
+
+TEST_F(ProductInfoLoader, WithoutTheLibraryTheLoaderReportsTheLoadErrorAndLaterRecovers) {
+  const auto library = ProgramFolder() / L"hostconfig.dll";
+  const auto parked = ProgramFolder() / L"hostconfig.dll.parked";
+  ASSERT_TRUE(::MoveFileExW(library.c_str(), parked.c_str(), MOVEFILE_REPLACE_EXISTING));
+  std::uint32_t error = 0;
+  IProductInfo* info = plugin::AcquireProductInfo(&error);
+  ASSERT_TRUE(::MoveFileExW(parked.c_str(), library.c_str(), MOVEFILE_REPLACE_EXISTING));
+  EXPECT_EQ(info, nullptr);
+  EXPECT_EQ(error, static_cast<std::uint32_t>(ERROR_MOD_NOT_FOUND));
+  EXPECT_NE(plugin::AcquireProductInfo(&error), nullptr) << "nothing stale is cached after a failure";
+}
+
+}  // namespace

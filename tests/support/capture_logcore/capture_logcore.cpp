@@ -1,0 +1,157 @@
+// logcore.dll for tests: every LogWrite is formatted like the real library's and kept in
+// memory, whatever the level, until a test reads or clears it.
+#include <windows.h>
+
+#include <cstdarg>
+#include <cstdint>
+#include <cwchar>
+#include <mutex>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "common/unique_handle.h"
+#include "lumera/logcore.h"
+#include "message_format.h"
+#include "support/capture_record.h"
+
+namespace {
+
+constexpr std::int32_t kOk = 0;
+constexpr std::int32_t kInvalidData = ERROR_INVALID_DATA;
+constexpr std::int32_t kNotFound = ERROR_NOT_FOUND;
+constexpr std::int32_t kFailure = ERROR_GEN_FAILURE;
+constexpr std::size_t kMaxMessages = 100000;
+constexpr std::uint32_t kReportedLevel = 32;
+
+static_assert(testsupport::kCaptureTextChars == logcore::kMaxTextChars + 1);
+static_assert(testsupport::kCaptureFunctionChars == logcore::kMaxFunctionChars + 1);
+
+struct Message {
+  DWORD threadId;
+  std::uint16_t depthChange;
+  std::uint32_t level;
+  const void* moduleBase;
+  std::wstring function;
+  std::wstring text;
+};
+
+struct Capture {
+  ky::CriticalSection lock;
+  std::vector<Message> messages;
+  std::int32_t outstandingInits = 0;
+};
+
+Capture& State() {
+  static Capture capture;
+  return capture;
+}
+
+template <class Fn>
+std::int32_t Guarded(Fn&& fn) noexcept {
+  try {
+    return fn();
+  } catch (...) {
+    return kFailure;
+  }
+}
+
+}  // namespace
+
+extern "C" {
+
+std::int32_t __cdecl LogInit() {
+  return Guarded([] {
+    std::lock_guard hold(State().lock);
+    ++State().outstandingInits;
+    return kOk;
+  });
+}
+
+std::int32_t __cdecl LogDeinit() {
+  return Guarded([] {
+    std::lock_guard hold(State().lock);
+    --State().outstandingInits;
+    return kOk;
+  });
+}
+
+std::int32_t __cdecl LogWrite(std::uint16_t depthChange, const std::uint32_t* level, const void* moduleBase,
+                              const wchar_t* function, const wchar_t* format, ...) {
+  if (level == nullptr || format == nullptr) return kInvalidData;
+  wchar_t text[logcore::kMaxTextChars + 1];
+  va_list args;
+  va_start(args, format);
+  const std::size_t length = logcore::FormatText(text, logcore::kMaxTextChars + 1, format, args);
+  va_end(args);
+  wchar_t name[logcore::kMaxFunctionChars + 1];
+  const std::size_t nameLength = logcore::CopyBounded(name, logcore::kMaxFunctionChars + 1, function);
+  return Guarded([&] {
+    Message message{::GetCurrentThreadId(), depthChange, *level, moduleBase, std::wstring(name, nameLength),
+                    std::wstring(text, length)};
+    std::lock_guard hold(State().lock);
+    if (State().messages.size() < kMaxMessages) State().messages.push_back(std::move(message));
+    return kOk;
+  });
+}
+
+// Settings have no effect on a capture, which keeps everything.
+std::int32_t __cdecl LogApplySettings() { return kOk; }
+std::int32_t __cdecl LogSetSettingsFile(const wchar_t*) { return kOk; }
+std::int32_t __cdecl LogEnable(std::int32_t) { return kOk; }
+std::int32_t __cdecl LogSetLevel(std::uint32_t) { return kOk; }
+std::int32_t __cdecl LogSetPath(const wchar_t*) { return kOk; }
+std::int32_t __cdecl LogSetType(std::uint32_t) { return kOk; }
+std::int32_t __cdecl LogSetMode(std::uint32_t) { return kOk; }
+std::int32_t __cdecl LogSetMaxSize(std::uint32_t) { return kOk; }
+std::int32_t __cdecl LogSetDepth(std::uint32_t) { return kOk; }
+std::int32_t __cdecl LogIsEnabled() { return 1; }
+std::int32_t __cdecl LogMonitorSettings(std::int32_t) { return kOk; }
+std::int32_t __cdecl LogUninitDeskMetrics() { return kOk; }
+std::int32_t __cdecl LogTrackEvent(const wchar_t*) { return kOk; }
+std::int32_t __cdecl LogTrackEventData(const wchar_t*, const wchar_t*) { return kOk; }
+std::int32_t __cdecl LogRemoveModule(const void*) { return kOk; }
+std::int32_t __cdecl LogGetLevel() { return static_cast<std::int32_t>(kReportedLevel); }
+
+std::int32_t __cdecl CaptureCount() {
+  return Guarded([] {
+    std::lock_guard hold(State().lock);
+    return static_cast<std::int32_t>(State().messages.size());
+  });
+}
+
+std::int32_t __cdecl CaptureGet(std::int32_t index, testsupport::CaptureRecord* out) {
+  if (out == nullptr) return kInvalidData;
+  return Guarded([index, out] {
+    std::lock_guard hold(State().lock);
+    if (index < 0 || static_cast<std::size_t>(index) >= State().messages.size()) return kNotFound;
+    const Message& message = State().messages[static_cast<std::size_t>(index)];
+    out->threadId = message.threadId;
+    out->depthChange = message.depthChange;
+    out->level = message.level;
+    out->moduleBase = message.moduleBase;
+    logcore::CopyBounded(out->function, testsupport::kCaptureFunctionChars, message.function.c_str());
+    logcore::CopyBounded(out->text, testsupport::kCaptureTextChars, message.text.c_str());
+    return kOk;
+  });
+}
+
+std::int32_t __cdecl CaptureClear() {
+  return Guarded([] {
+    std::lock_guard hold(State().lock);
+    State().messages.clear();
+    return kOk;
+  });
+}
+
+std::int32_t __cdecl CaptureOutstandingInits() {
+  return Guarded([] {
+    std::lock_guard hold(State().lock);
+    return State().outstandingInits;
+  });
+}
+
+}  // extern "C"
+
+static_assert(std::is_same_v<decltype(&LogWrite), LogWriteFn>);
+static_assert(std::is_same_v<decltype(&CaptureGet), CaptureGetFn>);

@@ -1,0 +1,32 @@
+#include "support/test_thread.h"
+
+#include <cstdio>
+
+namespace testsupport {
+
+TestThread::TestThread(std::function<void()> body) : body_(std::move(body)) {
+  thread_.reset(::CreateThread(nullptr, 0, &TestThread::Run, this, 0, &id_));
+}
+
+TestThread::~TestThread() {
+  if (!thread_ || join(kLongWait)) return;
+  // Only a failed test leaves a thread blocked this long; ending it lets the run report the
+  // failure instead of hanging until the harness gives up.
+  std::fprintf(stderr, "test thread %lu still blocked after %lu ms; terminating it\n",
+               static_cast<unsigned long>(id_), static_cast<unsigned long>(kLongWait));
+  ::TerminateThread(thread_.get(), 1);
+}
+
+bool TestThread::join(DWORD ms) { return thread_ && ::WaitForSingleObject(thread_.get(), ms) == WAIT_OBJECT_0; }
+
+DWORD WINAPI TestThread::Run(void* self) {
+  auto* thread = static_cast<TestThread*>(self);
+  try {
+    thread->body_();
+  } catch (...) {
+    thread->threw_ = true;
+  }
+  return 0;
+}
+
+}  // namespace testsupport

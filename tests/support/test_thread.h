@@ -1,0 +1,55 @@
+// Threads and events for tests that must wait on other threads with a bound, never sleep.
+#pragma once
+
+#include <windows.h>
+
+#include <atomic>
+#include <functional>
+
+#include "common/unique_handle.h"
+
+namespace testsupport {
+
+// Something that must happen does so well within this; something that must not happen is
+// given this long to show up.
+inline constexpr DWORD kLongWait = 10000;
+inline constexpr DWORD kShortWait = 200;
+
+// A manual-reset event.
+class Event {
+ public:
+  Event() : handle_(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
+  void set() { ::SetEvent(handle_.get()); }
+  // True when the event is set within ms.
+  bool waitFor(DWORD ms) const { return ::WaitForSingleObject(handle_.get(), ms) == WAIT_OBJECT_0; }
+  bool isSet() const { return waitFor(0); }
+  HANDLE get() const { return handle_.get(); }
+
+ private:
+  ky::unique_handle handle_;
+};
+
+// Runs body on a thread of its own. The destructor waits up to kLongWait for it to end.
+class TestThread {
+ public:
+  explicit TestThread(std::function<void()> body);
+  ~TestThread();
+  TestThread(const TestThread&) = delete;
+  TestThread& operator=(const TestThread&) = delete;
+
+  // True when the thread has ended within ms.
+  bool join(DWORD ms);
+  DWORD id() const { return id_; }
+  // Whether body ended with an exception.
+  bool threw() const { return threw_.load(); }
+
+ private:
+  static DWORD WINAPI Run(void* self);
+
+  std::function<void()> body_;
+  std::atomic<bool> threw_{false};
+  DWORD id_ = 0;
+  ky::unique_handle thread_;
+};
+
+}  // namespace testsupport

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <cwchar>
 #include <memory>
 #include <string>
 #include <thread>
@@ -165,6 +166,13 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: bench_pipe.exe [--iterations N] [--clients N] [--queries N]\n");
     return 2;
   }
+  // Measured as deployed: information and above; LUMERA_LOG_LEVEL=32 measures with every trace.
+  wchar_t level[16] = {};
+  if (::GetEnvironmentVariableW(L"LUMERA_LOG_LEVEL", level, 16) == 0) {
+    ::SetEnvironmentVariableW(L"LUMERA_LOG_LEVEL", L"16");
+    std::wcscpy(level, L"16");
+  }
+  std::printf("log level %ls\n", level);
   // The logging adapter drops its binding of logcore.dll whenever no log user is alive and
   // binds it again on the next call; holding one user for the run measures the pipe, not that.
   logging::LogRef keepLogBound;

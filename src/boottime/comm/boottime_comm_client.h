@@ -4,7 +4,8 @@
 // Init loads the connector, Start connects (5000 ms), Stop disconnects, UnInit unloads.
 // Synchronous queries block for at most 5000 ms; answers to asynchronous ones and the
 // server's broadcasts arrive on the connector's thread and go to the observers registered
-// at that moment.
+// at that moment; an observer must not make a synchronous query from inside its call, since
+// the thread that would read the reply is the one running it.
 #pragma once
 
 #include <cstdint>

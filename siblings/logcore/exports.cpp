@@ -174,3 +174,13 @@ static_assert(std::is_same_v<decltype(&LogTrackEvent), LogTrackEventFn>);
 static_assert(std::is_same_v<decltype(&LogTrackEventData), LogTrackEventDataFn>);
 static_assert(std::is_same_v<decltype(&LogRemoveModule), LogRemoveModuleFn>);
 static_assert(std::is_same_v<decltype(&LogGetLevel), LogGetLevelFn>);
+
+// The logger is made and destroyed with the library itself: its users load and free the
+// library once per message, and a function-local static would only be destroyed at process
+// exit, leaking a thread-local slot per load until the process runs out.
+BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID reserved) {
+  if (reason == DLL_PROCESS_ATTACH) return logcore::Logger::Create() ? TRUE : FALSE;
+  // At process exit (reserved non-null) other threads are gone mid-call: leave it to the system.
+  if (reason == DLL_PROCESS_DETACH && reserved == nullptr) logcore::Logger::Destroy();
+  return TRUE;
+}

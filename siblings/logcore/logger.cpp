@@ -1,5 +1,7 @@
 #include "logger.h"
 
+#include <new>
+
 #include <algorithm>
 #include <mutex>
 
@@ -35,10 +37,21 @@ void WriteToConsole(const std::wstring& line, const std::string& utf8) {
 
 }  // namespace
 
-Logger& Logger::Instance() {
-  static Logger instance;
-  return instance;
+namespace {
+Logger* g_instance = nullptr;
+}  // namespace
+
+bool Logger::Create() {
+  g_instance = new (std::nothrow) Logger();
+  return g_instance != nullptr;
 }
+
+void Logger::Destroy() {
+  delete g_instance;
+  g_instance = nullptr;
+}
+
+Logger& Logger::Instance() { return *g_instance; }
 
 Logger::Logger() : depthSlot_(::TlsAlloc()) {}
 

@@ -16,7 +16,11 @@ namespace logcore {
 
 class Logger {
  public:
+  // The one logger of the library, made by Create when the library is loaded and destroyed by
+  // Destroy when it is freed.
   static Logger& Instance();
+  static bool Create();
+  static void Destroy();
 
   Logger(const Logger&) = delete;
   Logger& operator=(const Logger&) = delete;

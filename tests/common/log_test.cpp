@@ -132,6 +132,18 @@ TEST_F(Logging, ConcurrentTracesStayNestedPerThread) {
   EXPECT_EQ(log_.outstandingInits(), 0);
 }
 
+// Each message with no other holder loads and frees the library; thousands of them must not
+// wear out anything process-wide (the library's instance lives and dies with each load).
+TEST(LoggingLibraryLifetime, ThousandsOfUnheldMessagesLoadAndFreeTheLibraryCleanly) {
+  for (int i = 0; i < 3000; ++i) logging::Write(logging::kLevelInfo, L"LoggingLibraryLifetime", L"message %d", i);
+  EXPECT_EQ(::GetModuleHandleW(L"logcore.dll"), nullptr) << "freed again after the last message";
+  CapturedLog log;
+  ASSERT_TRUE(log.available());
+  log.clear();
+  logging::Write(logging::kLevelInfo, L"LoggingLibraryLifetime", L"still logging");
+  EXPECT_EQ(log.count(L"still logging"), 1u);
+}
+
 TEST(LoggingWithoutLibrary, ChildBody) {
   wchar_t marker[MAX_PATH] = {};
   if (::GetEnvironmentVariableW(kNoLibraryMarkerVariable, marker, MAX_PATH) == 0) {

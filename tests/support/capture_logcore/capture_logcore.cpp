@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cwchar>
 #include <mutex>
+#include <new>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -42,10 +43,9 @@ struct Capture {
   std::int32_t outstandingInits = 0;
 };
 
-Capture& State() {
-  static Capture capture;
-  return capture;
-}
+Capture* g_capture = nullptr;
+
+Capture& State() { return *g_capture; }
 
 template <class Fn>
 std::int32_t Guarded(Fn&& fn) noexcept {
@@ -155,3 +155,17 @@ std::int32_t __cdecl CaptureOutstandingInits() {
 
 static_assert(std::is_same_v<decltype(&LogWrite), LogWriteFn>);
 static_assert(std::is_same_v<decltype(&CaptureGet), CaptureGetFn>);
+
+// The captured messages are made and destroyed with the library: a function-local static would
+// only be destroyed at process exit, leaking a thread-local slot per load.
+BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID reserved) {
+  if (reason == DLL_PROCESS_ATTACH) {
+    g_capture = new (std::nothrow) Capture();
+    return g_capture != nullptr ? TRUE : FALSE;
+  }
+  if (reason == DLL_PROCESS_DETACH && reserved == nullptr) {
+    delete g_capture;
+    g_capture = nullptr;
+  }
+  return TRUE;
+}

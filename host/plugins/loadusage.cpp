@@ -1,0 +1,191 @@
+// "LoadUsage": samples the processors' busy share (GetSystemTimes) and the physical disks'
+// busy share (IOCTL_DISK_PERFORMANCE) once a second on its own thread and answers the
+// minimum, maximum and average of the last kWindowSeconds. Where the system keeps no disk
+// counters (Wine among them) disk queries answer the system's error code.
+#include <windows.h>
+#include <winioctl.h>
+
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/log.h"
+#include "common/unique_handle.h"
+#include "host_plugin.h"
+#include "loadusage_window.h"
+#include "lumera/interface_ids.h"
+#include "lumera/loadusage.h"
+
+namespace host {
+namespace {
+
+constexpr DWORD kSampleMs = 1000;
+constexpr std::size_t kWindowSeconds = 60;
+constexpr int kMaxDrives = 16;
+
+std::uint64_t Value(const FILETIME& t) { return (std::uint64_t{t.dwHighDateTime} << 32) | t.dwLowDateTime; }
+
+// Cumulative idle and total time of the processors, or of the disks, in 100-ns units.
+struct Reading {
+  std::uint64_t idle = 0;
+  std::uint64_t total = 0;
+};
+
+class DiskCounters {
+ public:
+  // Opens every physical drive that answers the query; remembers why when none does.
+  DiskCounters() {
+    for (int i = 0; i < kMaxDrives; ++i) {
+      const std::wstring name = L"\\\\.\\PhysicalDrive" + std::to_wstring(i);
+      ky::unique_file drive(::CreateFileW(name.c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr));
+      if (!drive) {
+        if (i == 0) error_ = ::GetLastError();
+        break;
+      }
+      DISK_PERFORMANCE performance{};
+      const std::uint32_t code = Query(drive.get(), performance);
+      if (code != 0) {
+        if (drives_.empty()) error_ = code;
+        continue;
+      }
+      drives_.push_back(std::move(drive));
+    }
+    if (!drives_.empty()) error_ = 0;
+    if (error_ == 0 && drives_.empty()) error_ = ERROR_NOT_SUPPORTED;
+  }
+
+  // 0, or the code for which the system has no disk counters.
+  std::uint32_t Error() const { return error_; }
+
+  // Sums the idle and query times of every drive; false when a drive stopped answering.
+  bool Read(Reading& reading) {
+    reading = Reading{};
+    for (const auto& drive : drives_) {
+      DISK_PERFORMANCE performance{};
+      if (Query(drive.get(), performance) != 0) return false;
+      reading.idle += static_cast<std::uint64_t>(performance.IdleTime.QuadPart);
+      reading.total += static_cast<std::uint64_t>(performance.QueryTime.QuadPart);
+    }
+    return !drives_.empty();
+  }
+
+ private:
+  static std::uint32_t Query(HANDLE drive, DISK_PERFORMANCE& performance) {
+    DWORD bytes = 0;
+    ::SetLastError(0);
+    if (::DeviceIoControl(drive, IOCTL_DISK_PERFORMANCE, nullptr, 0, &performance, sizeof performance, &bytes, nullptr)) {
+      return 0;
+    }
+    const DWORD code = ::GetLastError();
+    return code != 0 ? code : ERROR_NOT_SUPPORTED;
+  }
+
+  std::vector<ky::unique_file> drives_;
+  std::uint32_t error_ = ERROR_NOT_SUPPORTED;
+};
+
+bool ReadProcessors(Reading& reading) {
+  FILETIME idle{}, kernel{}, user{};
+  if (!::GetSystemTimes(&idle, &kernel, &user)) return false;
+  reading.idle = Value(idle);
+  reading.total = Value(kernel) + Value(user);  // kernel time includes idle time
+  return true;
+}
+
+class LoadUsagePlugin final : public HostPlugin, public ILoadUsage {
+ public:
+  LoadUsagePlugin() : stopEvent_(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {
+    if (disks_.Error() != 0) {
+      logging::Write(logging::kLevelWarning, L"host::LoadUsagePlugin::LoadUsagePlugin",
+                     L"disk performance counters unavailable 0x%x", disks_.Error());
+    }
+    if (stopEvent_) sampler_ = std::thread([this] { Sample(); });
+  }
+  ~LoadUsagePlugin() override { Shutdown(); }
+
+  void Shutdown() override {
+    if (stopEvent_) ::SetEvent(stopEvent_.get());
+    if (sampler_.joinable()) sampler_.join();
+  }
+
+  void* GetInterface(const GUID& iid) override {
+    if (KyIsEqualId(iid, lumera::ids::LoadUsagePlugin) || KyIsEqualId(iid, lumera::ids::IServPlugin) ||
+        KyIsEqualId(iid, lumera::ids::IKyBaseInterface)) {
+      return static_cast<ILoadUsage*>(this);
+    }
+    return nullptr;
+  }
+  std::uint32_t Init(IServMain*) override { return 0; }
+  std::uint32_t UnInit() override { return 0; }
+  std::uint32_t Start() override { return 0; }
+  std::uint32_t Stop() override { return 0; }
+
+  std::uint32_t GetCurrentUsage(std::uint32_t kind, double* percent) override {
+    KY_TRACE(L"host::LoadUsagePlugin::GetCurrentUsage");
+    if (percent == nullptr) return ERROR_INVALID_DATA;
+    std::lock_guard hold(lock_);
+    const LoadWindow* window = nullptr;
+    const std::uint32_t code = Window(kind, window);
+    if (code == 0) *percent = window->Latest();
+    return code;
+  }
+
+  std::uint32_t GetUsage(std::uint32_t kind, lumera::LoadUsageFigures* figures) override {
+    KY_TRACE(L"host::LoadUsagePlugin::GetUsage");
+    if (figures == nullptr) return ERROR_INVALID_DATA;
+    std::lock_guard hold(lock_);
+    const LoadWindow* window = nullptr;
+    const std::uint32_t code = Window(kind, window);
+    if (code == 0) *figures = window->Figures();
+    return code;
+  }
+
+ private:
+  // Caller holds lock_.
+  std::uint32_t Window(std::uint32_t kind, const LoadWindow*& window) const {
+    if (kind == lumera::kLoadKindProcessor) {
+      window = &processors_;
+    } else if (kind == lumera::kLoadKindDisk) {
+      if (disks_.Error() != 0) return disks_.Error();
+      window = &disk_;
+    } else {
+      return ERROR_INVALID_PARAMETER;
+    }
+    return window->Empty() ? ERROR_NOT_READY : 0;
+  }
+
+  void Sample() {
+    Reading cpuBefore, diskBefore;
+    bool haveCpu = ReadProcessors(cpuBefore);
+    bool haveDisk = disks_.Error() == 0 && disks_.Read(diskBefore);
+    while (::WaitForSingleObject(stopEvent_.get(), kSampleMs) == WAIT_TIMEOUT) {
+      Reading cpuNow, diskNow;
+      const bool cpu = ReadProcessors(cpuNow);
+      const bool disk = disks_.Error() == 0 && disks_.Read(diskNow);
+      {
+        std::lock_guard hold(lock_);
+        if (cpu && haveCpu) processors_.Add(BusyPercent(cpuBefore.idle, cpuNow.idle, cpuBefore.total, cpuNow.total));
+        if (disk && haveDisk) disk_.Add(BusyPercent(diskBefore.idle, diskNow.idle, diskBefore.total, diskNow.total));
+      }
+      haveCpu = cpu;
+      haveDisk = disk;
+      cpuBefore = cpuNow;
+      diskBefore = diskNow;
+    }
+  }
+
+  DiskCounters disks_;
+  ky::unique_handle stopEvent_;
+  mutable std::mutex lock_;
+  LoadWindow processors_{kWindowSeconds};
+  LoadWindow disk_{kWindowSeconds};
+  std::thread sampler_;
+};
+
+std::unique_ptr<HostPlugin> Make(HostContext&) { return std::make_unique<LoadUsagePlugin>(); }
+
+}  // namespace
+}  // namespace host
+
+LUMERA_HOST_PLUGIN(L"LoadUsage", &host::Make);

@@ -1,0 +1,63 @@
+// Turns the samples taken during boot into each process's boot impact, and keeps the last
+// impacts in "last_boot_time_process_impact.json". The impacts are written only by the
+// processing thread; readers on other threads go through the owner's lock.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <ostream>
+#include <string>
+
+#include <picojson.h>
+
+#include "boottime/boot_time_data.h"
+#include "lumera/boottime.h"
+#include "lumera/ky_list.h"
+
+namespace boottime {
+
+inline constexpr wchar_t kProcessImpactFileName[] = L"last_boot_time_process_impact.json";
+
+class BootTimeAnalyser {
+ public:
+  // The largest process-impact file that is read.
+  static constexpr std::uintmax_t kMaxFileBytes = 16u * 1024u * 1024u;
+
+  BootTimeAnalyser() = default;
+  BootTimeAnalyser(const BootTimeAnalyser&) = delete;
+  BootTimeAnalyser& operator=(const BootTimeAnalyser&) = delete;
+
+  // Binds to the sample store (not owned).
+  void Start(const BootTimeData* data);
+  // The CPU pass, then the I/O pass, each under the store's lock.
+  void AnalyseData();
+
+  // Writes every impact to `path`; false (logged) when the file cannot be written.
+  [[nodiscard]] bool StoreProcessImpactOnDisk(const std::wstring& path) const;
+  // Adds the impacts of the file at `path`; false (logged) when the file is missing or not
+  // a document of impacts. Bad elements are logged and skipped.
+  [[nodiscard]] bool LoadLastBootProcessImpactFromDisk(const std::wstring& path);
+  // Reads one element of "processes" into the map; false (logged) when keys are missing.
+  // Throws std::invalid_argument / std::out_of_range for a number that does not convert.
+  [[nodiscard]] bool ReadProcessImpactFromJsonValue(const picojson::value& value);
+
+  // "process impact", blank line, "pid,name,kernel,user,read,write,other" per impact,
+  // "done process impact", blank line.
+  void WriteListing(std::wostream& out) const;
+
+  // Appends the impacts selected by `key` (see ProcessKey), in ascending pid order.
+  void GetImpacts(const ProcessKey& key, ky::IList<ProcessImpact>& out) const;
+  // The sum of every impact's counters (each saturating at 2^32 - 1).
+  BootCounters GetTotal() const;
+
+  bool Empty() const { return impacts_.empty(); }
+  const std::map<std::uint64_t, ProcessImpact>& Impacts() const { return impacts_; }
+
+ private:
+  ProcessImpact& Entry(const ProcessSamples& process);
+
+  const BootTimeData* data_ = nullptr;
+  std::map<std::uint64_t, ProcessImpact> impacts_;  // keyed by pid only
+};
+
+}  // namespace boottime

@@ -1,0 +1,49 @@
+// Startup entries that are values under a Run key: listing them, and below Windows 8
+// disabling (deleting the value) and enabling (writing it back) with a record in the store.
+#pragma once
+
+#include <windows.h>
+
+#include "startup/startup_item.h"
+
+namespace startup {
+
+class CRunKeyAppsEnumerator final : public IStartupAppsEnumerator {
+ public:
+  CRunKeyAppsEnumerator(HKEY root, std::uint8_t isUser) : root_(root), isUser_(isUser) {}
+  // Empties `items`, then lists every value of root\path; 0, 31 for a null root or empty
+  // path, or the registry error of the open or query. An enumeration error ends the list
+  // quietly with what was read.
+  [[nodiscard]] std::uint32_t GetStartupApps(const std::wstring& path, StartupItemList& items) override;
+  StartupSourceKind GetSourceKind() const override { return kSourceRunKey; }
+  HKEY Root() const { return root_; }
+  std::uint8_t IsUser() const { return isUser_; }
+
+ private:
+  HKEY root_;
+  std::uint8_t isUser_;
+};
+
+class CRunKeyAppsActions final : public IStartupAppsActions {
+ public:
+  [[nodiscard]] std::uint8_t Disable(const StartupItemList& items, bool updateStorage) override;
+  [[nodiscard]] std::uint8_t Enable(const StartupItemList& items, bool updateStorage) override;
+  [[nodiscard]] std::uint8_t Delay(const StartupItemList& items, bool updateStorage) override;
+  // 0 when the command's target file exists.
+  [[nodiscard]] std::uint8_t Check(const StartupItem& item) override;
+
+ private:
+  std::uint8_t Remove(const StartupItemList& items, bool updateStorage, const char* category,
+                      const wchar_t* function, const wchar_t* format);
+};
+
+// Deletes the value `name` from the key named by `location`; 0, 31 for a malformed location
+// or unknown root, else the registry result.
+[[nodiscard]] std::uint32_t DeleteRunValue(const StartupItem& item);
+// Writes `path` back as the value `name`, always as REG_SZ; 0, 31 or the registry result.
+[[nodiscard]] std::uint32_t RollbackToRegistry(const StartupItem& item);
+
+// 0 when the target of `command` exists as a file or folder, 31 otherwise.
+[[nodiscard]] std::uint8_t CheckCommandTarget(const std::wstring& command);
+
+}  // namespace startup

@@ -1,0 +1,126 @@
+#include "startup/startup_storage.h"
+
+#include <windows.h>
+
+#include "common/log.h"
+#include "common/unique_handle.h"
+
+namespace startup::storage {
+namespace {
+
+// A file this large was not written by the store; refusing it bounds the parser's work.
+constexpr DWORD kMaxFileBytes = 16 * 1024 * 1024;
+constexpr std::int64_t kUnixEpochSeconds = 11644473600LL;
+
+std::int64_t NowUnixSeconds() {
+  FILETIME now{};
+  ::GetSystemTimeAsFileTime(&now);
+  const std::int64_t ticks = (static_cast<std::int64_t>(now.dwHighDateTime) << 32) | now.dwLowDateTime;
+  return ticks / 10000000 - kUnixEpochSeconds;
+}
+
+ky::unique_file OpenForReading(const std::wstring& path) {
+  return ky::unique_file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                       OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+}
+
+}  // namespace
+
+CStartupItemsStorage& CStartupItemsStorage::Instance() {
+  static CStartupItemsStorage instance;
+  return instance;
+}
+
+void CStartupItemsStorage::Init(const std::wstring& path) {
+  KY_TRACE(L"CStartupItemsStorage::Init");
+  path_ = path;
+  KY_LOG(logging::kLevelInfo, L"storage=%s", path_.c_str());
+  if (!OpenForReading(path_)) notLoaded_ = 1;
+}
+
+bool CStartupItemsStorage::Load(picojson::value& document) const {
+  ky::unique_file file = OpenForReading(path_);
+  if (!file) return false;
+  LARGE_INTEGER size{};
+  if (!::GetFileSizeEx(file.get(), &size) || size.QuadPart > kMaxFileBytes) return false;
+  std::string text(static_cast<std::size_t>(size.QuadPart), '\0');
+  DWORD read = 0;
+  if (!text.empty() && !::ReadFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &read, nullptr)) {
+    return false;
+  }
+  text.resize(read);
+  picojson::value parsed;
+  if (!picojson::parse(parsed, text).empty()) return false;
+  document = std::move(parsed);
+  return true;
+}
+
+bool CStartupItemsStorage::Save(const picojson::value& document) const {
+  const std::string text = document.serialize();
+  ky::unique_file file(::CreateFileW(path_.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL,
+                                     nullptr));
+  if (!file) return false;
+  DWORD written = 0;
+  return ::WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) &&
+         written == text.size();
+}
+
+std::uint32_t CStartupItemsStorage::SaveStartupItems(const StartupItemList& items, const std::string& section) {
+  KY_TRACE(L"CStartupItemsStorage::SaveStartupItems");
+  picojson::value document;
+  if (!Load(document)) {
+    KY_LOG(logging::kLevelError, L"Failed load file");
+    document = picojson::value(picojson::object());
+  }
+  AppendItems(document, items, section, NowUnixSeconds());
+  if (!Save(document)) {
+    KY_LOG(logging::kLevelError, L"Save failed");
+    return kStorageFailed;
+  }
+  return 0;
+}
+
+std::uint32_t CStartupItemsStorage::SaveStartupItem(const StartupItemPtr& item, const std::string& section) {
+  return SaveStartupItems(StartupItemList{item}, section);
+}
+
+std::uint32_t CStartupItemsStorage::RemoveStartupItems(const StartupItemList& items, const std::string& section) {
+  KY_TRACE(L"CStartupItemsStorage::RemoveStartupItems");
+  if (items.empty()) return 0;
+  picojson::value document;
+  if (!Load(document)) {
+    KY_LOG(logging::kLevelError, L"Failed load file");
+    return 0;
+  }
+  RemoveItems(document, items, section);
+  if (!Save(document)) {
+    KY_LOG(logging::kLevelError, L"Save failed");
+    return kStorageFailed;
+  }
+  return 0;
+}
+
+std::uint32_t CStartupItemsStorage::LoadStartupItems(const std::string& section, StartupItemList& items) {
+  KY_TRACE(L"CStartupItemsStorage::LoadStartupItems");
+  picojson::value document;
+  if (!Load(document)) return kStorageFailed;
+  if (!document.is<picojson::object>()) return 0;
+  KY_LOG(logging::kLevelDebug, L"strSection: %S", section.c_str());
+  ReadSection(document, kUserKey, section, 1, items);
+  KY_LOG(logging::kLevelDebug, L"strSection: %S", section.c_str());
+  ReadSection(document, kSystemKey, section, 0, items);
+  return 0;
+}
+
+std::uint32_t CStartupItemsStorage::LoadBootTime(std::vector<BootTimeRecord>& records) {
+  KY_TRACE(L"CStartupItemsStorage::LoadBootTime");
+  picojson::value document;
+  if (!Load(document)) {
+    KY_LOG(logging::kLevelError, L"Failed load file");
+    return kStorageFailed;
+  }
+  ReadBootTimes(document, records);
+  return 0;
+}
+
+}  // namespace startup::storage

@@ -1,0 +1,51 @@
+// CStartupItemsStorage: the backup record of every entry the startup actions changed, kept
+// in "Storage.json". Every operation reads the whole file anew and writes it whole; nothing
+// is cached, and no lock is taken (callers run one operation at a time).
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "startup/startup_item.h"
+#include "startup/storage_document.h"
+
+namespace startup::storage {
+
+inline constexpr wchar_t kStorageFileName[] = L"Storage.json";
+inline constexpr std::uint32_t kStorageFailed = 31;
+
+class CStartupItemsStorage {
+ public:
+  // The process-wide store, created on first use.
+  static CStartupItemsStorage& Instance();
+
+  CStartupItemsStorage() = default;
+  CStartupItemsStorage(const CStartupItemsStorage&) = delete;
+  CStartupItemsStorage& operator=(const CStartupItemsStorage&) = delete;
+
+  // Sets the file all later operations use, replacing any earlier one.
+  void Init(const std::wstring& path);
+  const std::wstring& Path() const { return path_; }
+
+  // Appends the items under the section; 0, or 31 when the file could not be written. A file
+  // that cannot be read first is replaced by one holding only these items.
+  [[nodiscard]] std::uint32_t SaveStartupItems(const StartupItemList& items, const std::string& section);
+  [[nodiscard]] std::uint32_t SaveStartupItem(const StartupItemPtr& item, const std::string& section);
+  // Removes every element whose location and name match an item; 0 also when the list is
+  // empty or the file cannot be read (then nothing is written), 31 when writing failed.
+  [[nodiscard]] std::uint32_t RemoveStartupItems(const StartupItemList& items, const std::string& section);
+  // Appends the section's items; 0 when the file was read, 31 otherwise.
+  [[nodiscard]] std::uint32_t LoadStartupItems(const std::string& section, StartupItemList& items);
+  // Appends the "boot_time" records; 0 when the file was read, 31 otherwise.
+  [[nodiscard]] std::uint32_t LoadBootTime(std::vector<BootTimeRecord>& records);
+
+ private:
+  bool Load(picojson::value& document) const;
+  bool Save(const picojson::value& document) const;
+
+  std::wstring path_;
+  std::uint8_t notLoaded_ = 1;  // set when the file could not be opened at Init; kept, never read
+};
+
+}  // namespace startup::storage

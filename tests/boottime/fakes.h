@@ -1,0 +1,107 @@
+// Virtual time and scripted process counters for the boot-time measurement tests.
+#pragma once
+
+#include <windows.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+
+#include "boottime/clock.h"
+#include "boottime/process_counters_source.h"
+
+namespace boottime::testing {
+
+// Each wait lets `stepMs` of virtual time pass, unless the scripted wait number is the one
+// at which the stop event is "set".
+class FakeClock final : public IClock {
+ public:
+  std::uint32_t TickCount() override { return tick; }
+  std::uint64_t WallClock() override { return wall + tick; }
+  DWORD WaitForStop(HANDLE, DWORD milliseconds) override {
+    ++waits;
+    if (waits == stopAtWait) return WAIT_OBJECT_0;
+    tick += milliseconds;
+    return WAIT_TIMEOUT;
+  }
+
+  std::uint32_t tick = 0;
+  std::uint64_t wall = 13'000'000'000'000ull;
+  int waits = 0;
+  int stopAtWait = -1;
+};
+
+struct ScriptedCounters {
+  std::uint32_t kernelMs = 0;
+  std::uint32_t userMs = 0;
+  std::uint64_t read = 0;
+  std::uint64_t write = 0;
+  std::uint64_t other = 0;
+};
+
+inline FILETIME ToFileTime(std::uint64_t value) {
+  FILETIME time;
+  time.dwLowDateTime = static_cast<DWORD>(value);
+  time.dwHighDateTime = static_cast<DWORD>(value >> 32);
+  return time;
+}
+
+// Per handle, a function of the read number (0, 1, 2, ...) gives the counters; a handle
+// without a script fails like a closed one. System idle time is a function of the tick.
+class FakeCounters final : public IProcessCountersSource {
+ public:
+  using Script = std::function<ScriptedCounters(int read)>;
+
+  explicit FakeCounters(const FakeClock* clock = nullptr) : clock_(clock) {}
+
+  bool GetProcessTimes(HANDLE process, FILETIME* creation, FILETIME* exit, FILETIME* kernel, FILETIME* user) override {
+    auto it = scripts.find(process);
+    if (it == scripts.end()) {
+      ::SetLastError(ERROR_INVALID_HANDLE);
+      return false;
+    }
+    const ScriptedCounters c = it->second(reads[process]);
+    *creation = ToFileTime(0);
+    *exit = ToFileTime(0);
+    *kernel = ToFileTime(std::uint64_t{c.kernelMs} * 10000);
+    *user = ToFileTime(std::uint64_t{c.userMs} * 10000);
+    return true;
+  }
+  bool GetProcessIoCounters(HANDLE process, IO_COUNTERS* counters) override {
+    auto it = scripts.find(process);
+    if (it == scripts.end() || ioFails) {
+      ::SetLastError(ERROR_INVALID_HANDLE);
+      return false;
+    }
+    const ScriptedCounters c = it->second(reads[process]++);
+    *counters = IO_COUNTERS{};
+    counters->ReadTransferCount = c.read;
+    counters->WriteTransferCount = c.write;
+    counters->OtherTransferCount = c.other;
+    return true;
+  }
+  bool GetSystemTimes(FILETIME* idle, FILETIME* kernel, FILETIME* user) override {
+    if (systemTimesFail) {
+      ::SetLastError(ERROR_ACCESS_DENIED);
+      return false;
+    }
+    const std::uint64_t idle100ns = idleAt ? idleAt(clock_ != nullptr ? clock_->tick : 0) : 0;
+    *idle = ToFileTime(idle100ns);
+    *kernel = ToFileTime(idle100ns);
+    *user = ToFileTime(0);
+    return true;
+  }
+  std::uint32_t NumberOfProcessors() override { return processors; }
+
+  std::map<HANDLE, Script> scripts;
+  std::map<HANDLE, int> reads;
+  bool ioFails = false;
+  bool systemTimesFail = false;
+  std::uint32_t processors = 4;
+  std::function<std::uint64_t(std::uint32_t tick)> idleAt;
+
+ private:
+  const FakeClock* clock_;
+};
+
+}  // namespace boottime::testing

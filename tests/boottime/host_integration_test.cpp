@@ -1,0 +1,240 @@
+// Process tracking fed by the host's real "wmiprocessdp" while real child processes start
+// and end, and the host's "LoadUsage" as the disk measurement meets it.
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include <atomic>
+#include <filesystem>
+#include <string>
+
+#include "boottime/boot_time_disk_performance.h"
+#include "boottime/processes.h"
+#include "boottime/processes_monitor.h"
+#include "common/unique_handle.h"
+#include "component_manager.h"
+#include "fakes.h"
+#include "lumera/interface_ids.h"
+#include "lumera/loadusage.h"
+#include "lumera/wmiprocessdp.h"
+
+namespace boottime {
+namespace {
+
+constexpr DWORD kDeadlineMs = 10000;
+constexpr DWORD kPollMs = 50;
+
+std::filesystem::path ExeFolder() {
+  wchar_t path[MAX_PATH] = {};
+  ::GetModuleFileNameW(nullptr, path, MAX_PATH);
+  return std::filesystem::path(path).parent_path();
+}
+
+class Child {
+ public:
+  Child() {
+    eventName_ = L"boottime_child_" + std::to_wstring(::GetCurrentProcessId()) + L"_" + std::to_wstring(++count_);
+    done_.reset(::CreateEventW(nullptr, TRUE, FALSE, eventName_.c_str()));
+    std::wstring line = L"\"" + (ExeFolder() / L"boottime_child.exe").wstring() + L"\" " + eventName_;
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION info{};
+    if (::CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info)) {
+      process_.reset(info.hProcess);
+      ky::unique_handle thread(info.hThread);
+      pid_ = info.dwProcessId;
+    }
+  }
+  ~Child() { End(); }
+  std::uint32_t Pid() const { return pid_; }
+  // Asks the child to end and waits (bounded) until it has.
+  bool End() {
+    if (!process_) return true;
+    ::SetEvent(done_.get());
+    const bool ended = ::WaitForSingleObject(process_.get(), kDeadlineMs) == WAIT_OBJECT_0;
+    process_.reset();
+    return ended;
+  }
+
+ private:
+  static inline int count_ = 0;
+  std::wstring eventName_;
+  ky::unique_handle done_;
+  ky::unique_handle process_;
+  std::uint32_t pid_ = 0;
+};
+
+const TrackedProcess* Find(const BootTimeMonitor::Processes& processes, std::uint32_t pid) {
+  for (const TrackedProcess& record : processes.List()) {
+    if (record.pid == pid) return &record;
+  }
+  return nullptr;
+}
+
+// Applies queued notifications every kPollMs until `done` holds or the deadline passes.
+template <class Done>
+bool ApplyUntil(BootTimeMonitor::ProcessesMonitor& monitor, BootTimeMonitor::Processes& processes, Done done) {
+  ky::unique_handle never(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  const DWORD start = ::GetTickCount();
+  for (;;) {
+    monitor.ApplyEvents(processes);
+    if (done()) return true;
+    if (::GetTickCount() - start > kDeadlineMs) return false;
+    ::WaitForSingleObject(never.get(), kPollMs);
+  }
+}
+
+TEST(HostProcessTracking, ChildProcessesAreFollowedFromStartToEnd) {
+  host::HostConfig config;
+  host::ComponentManager host(config);
+  BootTimeData data;
+  BootTimeMonitor::Processes processes(&data);
+  {
+    BootTimeMonitor::ProcessesMonitor monitor(&host);
+    ASSERT_TRUE(monitor.Start()) << "the host's wmiprocessdp plug-in was not reached";
+
+    Child first;
+    Child second;
+    ASSERT_NE(first.Pid(), 0u) << "boottime_child.exe did not start";
+    ASSERT_NE(second.Pid(), 0u);
+    ASSERT_TRUE(ApplyUntil(monitor, processes, [&] {
+      return Find(processes, first.Pid()) != nullptr && Find(processes, second.Pid()) != nullptr;
+    })) << "start notifications of both children did not arrive";
+
+    const TrackedProcess* record = Find(processes, first.Pid());
+    EXPECT_EQ(record->ppid, ::GetCurrentProcessId()) << "parent pid of the notification";
+    EXPECT_NE(record->name.find(L"boottime_child.exe"), std::wstring::npos) << "the name is the image path";
+    processes.Update();
+    bool sampled = false;
+    data.ForEachProcess([&](const ProcessSamples& p) { sampled |= p.pid == first.Pid() && p.samples.size() == 1; });
+    EXPECT_TRUE(sampled) << "a followed child is sampled into the store";
+
+    ASSERT_TRUE(first.End());
+    ASSERT_TRUE(ApplyUntil(monitor, processes, [&] { return Find(processes, first.Pid()) == nullptr; }))
+        << "the end notification did not remove the first child";
+    EXPECT_NE(Find(processes, second.Pid()), nullptr) << "only the child that ended leaves";
+    ASSERT_TRUE(second.End());
+    ASSERT_TRUE(ApplyUntil(monitor, processes, [&] { return Find(processes, second.Pid()) == nullptr; }));
+
+    monitor.Stop();
+  }
+  EXPECT_EQ(host.OutstandingCount(L"wmiprocessdp"), 0) << "the plug-in is given back";
+  host.Shutdown();
+}
+
+class CountingHandler final : public IWMIProcessDPEvents {
+ public:
+  CountingHandler() : seen(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
+  void OnProcessStarted(const WMIProcessInfo* info) override {
+    ++started;
+    if (info->pid == watched) {
+      name = info->name ? info->name : L"(null)";
+      commandLine = info->commandLine ? info->commandLine : L"(null)";
+      imagePath = info->imagePath ? info->imagePath : L"(null)";
+      ppid = info->ppid;
+      ::SetEvent(seen.get());
+    }
+  }
+  void OnProcessEnded(const WMIProcessInfo*) override { ++ended; }
+  std::atomic<long> started{0};
+  std::atomic<long> ended{0};
+  std::atomic<std::uint32_t> watched{0};
+  ky::unique_handle seen;
+  std::wstring name, commandLine, imagePath;
+  std::uint32_t ppid = 0;
+};
+
+TEST(HostProcessTracking, ANotificationCarriesParentNameCommandLineAndImagePath) {
+  host::HostConfig config;
+  host::ComponentManager host(config);
+  void* object = nullptr;
+  ASSERT_EQ(host.GetPlugin(L"wmiprocessdp", lumera::ids::WmiProcessDPPlugin, &object), 0u);
+  auto* plugin = static_cast<IWMIProcessDP*>(object);
+  CountingHandler handler;
+  ASSERT_EQ(plugin->RegisterEventsHandler(&handler), 0u);
+  {
+    Child child;
+    handler.watched = child.Pid();
+    ASSERT_EQ(::WaitForSingleObject(handler.seen.get(), kDeadlineMs), WAIT_OBJECT_0) << "no start notification";
+    EXPECT_EQ(plugin->UnregisterEventsHandler(&handler), 0u);
+    EXPECT_EQ(handler.ppid, ::GetCurrentProcessId());
+    EXPECT_EQ(handler.name, L"boottime_child.exe");
+    EXPECT_NE(handler.imagePath.find(L"boottime_child.exe"), std::wstring::npos);
+    EXPECT_NE(handler.commandLine.find(L"boottime_child_"), std::wstring::npos) << "the event name argument";
+  }
+  EXPECT_EQ(host.ReleasePlugin(L"wmiprocessdp"), 0u);
+  host.Shutdown();
+}
+
+TEST(HostProcessTracking, HandlersAreRegisteredOnceAndNotCalledAfterUnregistering) {
+  host::HostConfig config;
+  host::ComponentManager host(config);
+  void* object = nullptr;
+  ASSERT_EQ(host.GetPlugin(L"wmiprocessdp", lumera::ids::WmiProcessDPPlugin, &object), 0u);
+  auto* plugin = static_cast<IWMIProcessDP*>(object);
+  CountingHandler handler;
+  EXPECT_EQ(plugin->RegisterEventsHandler(nullptr), 13u);
+  EXPECT_EQ(plugin->UnregisterEventsHandler(&handler), 1168u);
+  ASSERT_EQ(plugin->RegisterEventsHandler(&handler), 0u);
+  EXPECT_EQ(plugin->RegisterEventsHandler(&handler), 183u);
+  EXPECT_EQ(plugin->UnregisterEventsHandler(&handler), 0u);
+  {
+    Child child;
+    ASSERT_TRUE(child.End());
+  }
+  // Re-registering restarts the poller; then the plug-in goes down with a handler still in.
+  ASSERT_EQ(plugin->RegisterEventsHandler(&handler), 0u);
+  EXPECT_EQ(handler.started, 0) << "called after unregistering";
+  EXPECT_EQ(host.ReleasePlugin(L"wmiprocessdp"), 0u);
+  host.Shutdown();
+}
+
+TEST(HostLoadUsage, DiskFiguresAreRealOrAnErrorAndProcessorFiguresArrive) {
+  host::HostConfig config;
+  host::ComponentManager host(config);
+  void* object = nullptr;
+  ASSERT_EQ(host.GetPlugin(L"LoadUsage", lumera::ids::LoadUsagePlugin, &object), 0u);
+  auto* loadUsage = static_cast<ILoadUsage*>(object);
+
+  EXPECT_EQ(loadUsage->GetUsage(99, nullptr), 13u);
+  lumera::LoadUsageFigures figures;
+  EXPECT_EQ(loadUsage->GetUsage(99, &figures), 87u);
+
+  ky::unique_handle never(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  std::uint32_t code = ERROR_NOT_READY;
+  const DWORD start = ::GetTickCount();
+  while (code == ERROR_NOT_READY && ::GetTickCount() - start < kDeadlineMs) {
+    code = loadUsage->GetUsage(lumera::kLoadKindProcessor, &figures);
+    if (code == ERROR_NOT_READY) ::WaitForSingleObject(never.get(), 100);
+  }
+  ASSERT_EQ(code, 0u) << "no processor figures within the deadline";
+  EXPECT_GE(figures.samples, 1u);
+  EXPECT_LE(figures.minimum, figures.average);
+  EXPECT_LE(figures.average, figures.maximum);
+  EXPECT_LE(figures.maximum, 100.0);
+
+  lumera::LoadUsageFigures disk{-1, -1, -1, 7, 7};
+  code = loadUsage->GetUsage(lumera::kLoadKindDisk, &disk);
+  if (code == 0 || code == ERROR_NOT_READY) {
+    SUCCEED() << "this system keeps disk counters";
+  } else {
+    EXPECT_EQ(disk.minimum, -1) << "figures are left untouched on failure, never invented";
+    EXPECT_EQ(disk.samples, 7u);
+  }
+
+  // The disk measurement meets the answer: without disk counters there is no result.
+  testing::FakeClock clock;
+  testing::FakeCounters idle(&clock);
+  idle.idleAt = [](std::uint32_t tick) { return std::uint64_t{tick} * 10000 * 4; };
+  BootTimeDiskPerformance measurement(clock, idle);
+  measurement.SetLoadUsage(loadUsage);
+  measurement.Start(never.get());
+  const std::uint32_t status = measurement.GetResult(nullptr);
+  EXPECT_EQ(status, code == 0 ? kStatusAvailable : kStatusNoResults) << "LoadUsage answered " << code;
+
+  EXPECT_EQ(host.ReleasePlugin(L"LoadUsage"), 0u);
+  host.Shutdown();
+}
+
+}  // namespace
+}  // namespace boottime

@@ -1,0 +1,122 @@
+// Scratch registry keys, folders and store files for the startup tests, removed afterwards.
+#pragma once
+
+#include <windows.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "common/unique_handle.h"
+#include "startup/startup_storage.h"
+
+namespace testing_startup {
+
+inline std::wstring UniqueSuffix() {
+  static LONG counter = 0;
+  return std::to_wstring(::GetCurrentProcessId()) + L"_" + std::to_wstring(::InterlockedIncrement(&counter));
+}
+
+// HKCU\Software\LumeraTest<n>\...\CurrentVersion\Run, deleted with everything under it.
+class ScratchRunKey {
+ public:
+  explicit ScratchRunKey(const std::wstring& middle = L"") {
+    top_ = L"Software\\LumeraTest" + UniqueSuffix();
+    subkey_ = top_ + middle + L"\\CurrentVersion\\Run";
+    ky::unique_hkey key;
+    ::RegCreateKeyExW(HKEY_CURRENT_USER, subkey_.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, key.put(), nullptr);
+  }
+  ~ScratchRunKey() { ::RegDeleteTreeW(HKEY_CURRENT_USER, top_.c_str()); }
+  ScratchRunKey(const ScratchRunKey&) = delete;
+  ScratchRunKey& operator=(const ScratchRunKey&) = delete;
+
+  const std::wstring& Subkey() const { return subkey_; }
+  const std::wstring& Top() const { return top_; }
+  std::wstring Location() const { return L"HKEY_CURRENT_USER\\" + subkey_; }
+
+  LSTATUS Set(const std::wstring& name, DWORD type, const std::wstring& data) const {
+    return ::RegSetKeyValueW(HKEY_CURRENT_USER, subkey_.c_str(), name.c_str(), type, data.c_str(),
+                             static_cast<DWORD>((data.size() + 1) * sizeof(wchar_t)));
+  }
+  // The value's type and text; type 0 when it is missing.
+  DWORD Get(const std::wstring& name, std::wstring* text = nullptr) const {
+    DWORD type = 0;
+    wchar_t buffer[1024] = {};
+    DWORD bytes = sizeof(buffer) - sizeof(wchar_t);
+    if (::RegGetValueW(HKEY_CURRENT_USER, subkey_.c_str(), name.c_str(), RRF_RT_ANY | RRF_NOEXPAND, &type, buffer,
+                       &bytes) != ERROR_SUCCESS) {
+      return 0;
+    }
+    if (text != nullptr) *text = buffer;
+    return type;
+  }
+
+ private:
+  std::wstring top_;
+  std::wstring subkey_;
+};
+
+// A fresh folder under %TEMP%, removed with its content.
+class ScratchFolder {
+ public:
+  ScratchFolder() {
+    wchar_t temp[MAX_PATH] = {};
+    ::GetTempPathW(MAX_PATH, temp);
+    path_ = std::wstring(temp) + L"lumera_startup_" + UniqueSuffix() + L"\\";
+    ::CreateDirectoryW(path_.c_str(), nullptr);
+  }
+  ~ScratchFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(std::filesystem::path(path_), ignored);
+  }
+  ScratchFolder(const ScratchFolder&) = delete;
+  ScratchFolder& operator=(const ScratchFolder&) = delete;
+
+  const std::wstring& Path() const { return path_; }  // ends in a backslash
+  std::wstring File(const std::wstring& name, const std::string& content = "x") const {
+    std::ofstream(std::filesystem::path(path_ + name), std::ios::binary) << content;
+    return path_ + name;
+  }
+
+ private:
+  std::wstring path_;
+};
+
+// Points the process-wide store at a file in its own scratch folder.
+class ScratchStore {
+ public:
+  ScratchStore() { startup::storage::CStartupItemsStorage::Instance().Init(Path()); }
+  std::wstring Path() const { return folder_.Path() + L"Storage.json"; }
+  bool Exists() const { return ::GetFileAttributesW(Path().c_str()) != INVALID_FILE_ATTRIBUTES; }
+  std::string Text() const {
+    std::ifstream file(std::filesystem::path(Path()), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  }
+  void Write(const std::string& text) const { std::ofstream(std::filesystem::path(Path()), std::ios::binary) << text; }
+  startup::StartupItemList Load(const char* section) const {
+    startup::StartupItemList items;
+    (void)startup::storage::CStartupItemsStorage::Instance().LoadStartupItems(section, items);
+    return items;
+  }
+
+ private:
+  ScratchFolder folder_;
+};
+
+// A store whose file can never be written: its folder does not exist.
+inline void PointStoreAtUnwritablePath() {
+  startup::storage::CStartupItemsStorage::Instance().Init(L"C:\\no-such-folder-lumera\\sub\\Storage.json");
+}
+
+inline startup::StartupItemPtr MakeItem(const std::wstring& name, const std::wstring& location,
+                                        const std::wstring& path, std::int32_t isUser = 1) {
+  auto item = std::make_shared<startup::StartupItem>();
+  item->name = name;
+  item->location = location;
+  item->path = path;
+  item->isUser = isUser;
+  return item;
+}
+
+}  // namespace testing_startup

@@ -1,0 +1,117 @@
+// The backup store against real files: layout of "Storage.json" and its deliberate quirks.
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <regex>
+
+#include "scratch.h"
+#include "startup/startup_storage.h"
+
+namespace {
+
+using startup::storage::CStartupItemsStorage;
+using testing_startup::MakeItem;
+using testing_startup::ScratchStore;
+
+CStartupItemsStorage& Store() { return CStartupItemsStorage::Instance(); }
+
+// "ChangedTime" values replaced by T, so the layout can be compared exactly.
+std::string WithoutTimes(const std::string& text) {
+  return std::regex_replace(text, std::regex("\"ChangedTime\":-?[0-9]+"), "\"ChangedTime\":T");
+}
+
+TEST(StartupStorage, SavingIntoAMissingFileWritesCompactSortedGroupsAndTheSaveTime) {
+  ScratchStore file;
+  auto user = MakeItem(L"App", L"HKEY_CURRENT_USER\\Run", L"c:\\app.exe /x", 1);
+  user->changedTime = 12345;
+  ASSERT_EQ(Store().SaveStartupItem(user, "Disabled"), 0u);
+  EXPECT_EQ(WithoutTimes(file.Text()),
+            R"({"user":{"Disabled":[{"BkpPath":"","ChangedTime":T,"Cmd":"c:\\app.exe \/x","Name":"App",)"
+            R"("Path":"HKEY_CURRENT_USER\\Run"}]}})");
+
+  ASSERT_EQ(Store().SaveStartupItem(MakeItem(L"Sys", L"C:\\Startup\\", L"c:\\s.exe", 0), "StartupDelayed"), 0u);
+  EXPECT_EQ(WithoutTimes(file.Text()),
+            R"({"system":{"StartupDelayed":[{"BkpPath":"","ChangedTime":T,"Cmd":"c:\\s.exe","Name":"Sys",)"
+            R"("Path":"C:\\Startup\\"}]},"user":{"Disabled":[{"BkpPath":"","ChangedTime":T,"Cmd":"c:\\app.exe \/x",)"
+            R"("Name":"App","Path":"HKEY_CURRENT_USER\\Run"}]}})");
+
+  const auto loaded = file.Load("Disabled");
+  ASSERT_EQ(loaded.size(), 1u);
+  const std::int64_t now = static_cast<std::int64_t>(std::time(nullptr));
+  EXPECT_NEAR(static_cast<double>(loaded[0]->changedTime), static_cast<double>(now), 5.0)
+      << "ChangedTime is the save time, not the item's own";
+  EXPECT_EQ(loaded[0]->isUser, 1);
+  EXPECT_EQ(loaded[0]->path, L"c:\\app.exe /x");
+  EXPECT_EQ(file.Load("StartupDelayed").at(0)->isUser, 0) << "items under \"system\" load as the machine's";
+}
+
+TEST(StartupStorage, DuplicateSavesAreKeptAndRemovedTogetherButMalformedElementsStay) {
+  ScratchStore file;
+  auto item = MakeItem(L"App", L"HKEY_CURRENT_USER\\Run", L"app.exe");
+  ASSERT_EQ(Store().SaveStartupItem(item, "Disabled"), 0u);
+  ASSERT_EQ(Store().SaveStartupItem(item, "Disabled"), 0u);
+  ASSERT_EQ(file.Load("Disabled").size(), 2u) << "a second save appends, it does not replace";
+
+  // An element without "Cmd" and one with a numeric "Name" are neither listed nor removed.
+  std::string text = file.Text();
+  text.insert(text.find('[') + 1, R"({"Name":"App","Path":"HKEY_CURRENT_USER\\Run"},{"Cmd":"a","Name":7,"Path":"p"},)");
+  file.Write(text);
+  EXPECT_EQ(file.Load("Disabled").size(), 2u);
+
+  ASSERT_EQ(Store().RemoveStartupItems({item}, "Disabled"), 0u);
+  EXPECT_TRUE(file.Load("Disabled").empty()) << "every matching element goes";
+  EXPECT_NE(file.Text().find(R"({"Name":"App","Path":"HKEY_CURRENT_USER\\Run"})"), std::string::npos);
+  EXPECT_NE(file.Text().find(R"("Name":7)"), std::string::npos);
+}
+
+TEST(StartupStorage, TextIsStoredAsLowBytesSoANameAbove0x7FDoesNotMatchOnRemoval) {
+  ScratchStore file;
+  auto item = MakeItem(L"Caf\u00e9", L"HKEY_CURRENT_USER\\Run", L"cafe.exe");
+  ASSERT_EQ(Store().SaveStartupItem(item, "Delayed"), 0u);
+  const auto loaded = file.Load("Delayed");
+  ASSERT_EQ(loaded.size(), 1u);
+  EXPECT_EQ(loaded[0]->name, std::wstring(L"Caf") + wchar_t(0xFFE9)) << "bytes widen with sign extension";
+  ASSERT_EQ(Store().RemoveStartupItems({item}, "Delayed"), 0u);
+  EXPECT_EQ(file.Load("Delayed").size(), 1u);
+  ASSERT_EQ(Store().RemoveStartupItems(loaded, "Delayed"), 0u);
+  EXPECT_TRUE(file.Load("Delayed").empty()) << "the item as read back does match";
+}
+
+TEST(StartupStorage, UnreadableOrOddFilesLoadNothing) {
+  ScratchStore file;
+  startup::StartupItemList items;
+  EXPECT_EQ(Store().LoadStartupItems("Disabled", items), 31u) << "missing file";
+  EXPECT_EQ(Store().RemoveStartupItems({MakeItem(L"a", L"b", L"c")}, "Disabled"), 0u);
+  EXPECT_FALSE(file.Exists()) << "a removal from a missing file writes nothing";
+
+  file.Write(R"([{"user":{"Disabled":[{"Cmd":"a","Name":"b","Path":"c"}]}}])");
+  EXPECT_EQ(Store().LoadStartupItems("Disabled", items), 0u) << "a top-level array still loads";
+  EXPECT_TRUE(items.empty());
+
+  file.Write("{not json");
+  EXPECT_EQ(Store().LoadStartupItems("Disabled", items), 31u);
+  ASSERT_EQ(Store().SaveStartupItem(MakeItem(L"n", L"l", L"p"), "Disabled"), 0u);
+  EXPECT_EQ(file.Load("Disabled").size(), 1u) << "an unparsable file is replaced by the new items";
+
+  file.Write(std::string(200, '[') + std::string(200, ']'));
+  EXPECT_EQ(Store().LoadStartupItems("Disabled", items), 31u) << "nesting beyond the parser's limit is refused";
+}
+
+TEST(StartupStorage, BootTimesKeepOnlyElementsWithAStringPathAndANumericTime) {
+  ScratchStore file;
+  file.Write(R"({"boot_time":[{"path":"c:\\a.exe","time":1500},{"path":"b","time":"7"},{"time":3},)"
+             R"({"path":"c","time":4294967297.9}]})");
+  std::vector<startup::storage::BootTimeRecord> records;
+  ASSERT_EQ(Store().LoadBootTime(records), 0u);
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[0].path, L"c:\\a.exe");
+  EXPECT_EQ(records[0].time, 1500u);
+  EXPECT_EQ(records[1].time, 1u) << "truncated, then cut to 32 bits";
+}
+
+TEST(StartupStorage, AFileThatCannotBeWrittenFailsTheSave) {
+  testing_startup::PointStoreAtUnwritablePath();
+  EXPECT_EQ(Store().SaveStartupItem(MakeItem(L"a", L"b", L"c"), "Disabled"), 31u);
+}
+
+}  // namespace

@@ -1,0 +1,142 @@
+// startupctl.exe list [--json]
+// startupctl.exe disable|enable|delay NAME [--location TEXT]
+#include <windows.h>
+#include <shellapi.h>
+#include <shlobj.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "common/unique_handle.h"
+#include "picojson.h"
+#include "startup_catalog.h"
+
+namespace {
+
+constexpr int kUsageError = ERROR_INVALID_PARAMETER;
+constexpr wchar_t kStorageFolder[] = L"Nexalon\\Lumera\\";
+
+std::string Utf8(const std::wstring& text) {
+  if (text.empty()) return {};
+  const int n = ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
+  std::string out(static_cast<std::size_t>(n), '\0');
+  ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), n, nullptr, nullptr);
+  return out;
+}
+
+void Print(FILE* stream, const std::wstring& text) {
+  const std::string bytes = Utf8(text + L"\n");
+  std::fwrite(bytes.data(), 1, bytes.size(), stream);
+  std::fflush(stream);
+}
+
+int Usage() {
+  Print(stderr, L"usage: startupctl list [--json]\n"
+                L"       startupctl disable|enable|delay NAME [--location TEXT]");
+  return kUsageError;
+}
+
+// The roaming application-data folder + "Nexalon\\Lumera\\Storage.json", folders created.
+bool StoragePath(std::wstring& path) {
+  std::vector<wchar_t> folder(MAX_PATH + 1, L'\0');
+  if (!::SHGetSpecialFolderPathW(nullptr, folder.data(), CSIDL_APPDATA, TRUE)) return false;
+  std::wstring dir = folder.data();
+  if (dir.empty() || dir.back() != L'\\') dir += L'\\';
+  dir += kStorageFolder;
+  std::error_code error;
+  std::filesystem::create_directories(std::filesystem::path(dir), error);
+  if (error) return false;
+  path = dir + startup::storage::kStorageFileName;
+  return true;
+}
+
+const wchar_t* Scope(const startup::StartupItem& item) { return item.isUser != 0 ? L"user" : L"machine"; }
+
+int List(startupctl::CStartupCatalog& catalog, bool json) {
+  const std::vector<startupctl::Entry> entries = catalog.List();
+  if (json) {
+    picojson::array list;
+    for (const auto& entry : entries) {
+      picojson::object object;
+      object["name"] = picojson::value(Utf8(entry.item->name));
+      object["kind"] = picojson::value(Utf8(startupctl::KindName(entry.kind)));
+      object["location"] = picojson::value(Utf8(entry.item->location));
+      object["command"] = picojson::value(Utf8(entry.item->path));
+      object["scope"] = picojson::value(Utf8(Scope(*entry.item)));
+      object["state"] = picojson::value(Utf8(entry.state));
+      list.push_back(picojson::value(std::move(object)));
+    }
+    const std::string text = picojson::value(std::move(list)).serialize(true) + "\n";
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    std::fflush(stdout);
+    return 0;
+  }
+  for (const auto& entry : entries) {
+    Print(stdout, entry.item->name + L"\t" + startupctl::KindName(entry.kind) + L"\t" + Scope(*entry.item) + L"\t" +
+                      entry.state + L"\t" + entry.item->location + L"\t" + entry.item->path);
+  }
+  return 0;
+}
+
+int Act(startupctl::CStartupCatalog& catalog, const std::wstring& verb, const std::vector<std::wstring>& args) {
+  if (args.size() != 3 && !(args.size() == 5 && args[3] == L"--location")) return Usage();
+  const std::wstring location = args.size() == 5 ? args[4] : std::wstring();
+  const std::vector<startupctl::Entry> found = catalog.Find(args[2], location);
+  if (found.empty()) {
+    Print(stderr, L"no startup entry named " + args[2] + (location.empty() ? L"" : L" at " + location));
+    return ERROR_NOT_FOUND;
+  }
+  if (found.size() > 1) {
+    Print(stderr, L"several startup entries are named " + args[2] + L"; choose one with --location:");
+    for (const auto& entry : found) Print(stderr, L"  " + entry.item->location);
+    return kUsageError;
+  }
+  const startupctl::Entry& entry = found.front();
+  std::wstring message;
+  const std::uint32_t result = catalog.Apply(entry, verb, message);
+  const std::wstring what = entry.item->name + L" (" + startupctl::KindName(entry.kind) + L", " + entry.item->location + L")";
+  if (result != 0) {
+    Print(stderr, verb + L" " + what + L": " + message + L", error " + std::to_wstring(result));
+    return static_cast<int>(result);
+  }
+  Print(stdout, verb + L" " + what + L": " + message);
+  return 0;
+}
+
+int Run(const std::vector<std::wstring>& args) {
+  if (args.size() < 2) return Usage();
+  const std::wstring& command = args[1];
+  const bool list = command == L"list";
+  if (list && !(args.size() == 2 || (args.size() == 3 && args[2] == L"--json"))) return Usage();
+  if (!list && command != L"disable" && command != L"enable" && command != L"delay") return Usage();
+
+  std::wstring storagePath;
+  if (!StoragePath(storagePath)) {
+    Print(stderr, L"cannot create the folder of Storage.json");
+    return ERROR_PATH_NOT_FOUND;
+  }
+  auto& store = startup::storage::CStartupItemsStorage::Instance();
+  store.Init(storagePath);
+  startup::CStartupItems sources;
+  startup::StartupAppsActionExec exec;
+  startupctl::CStartupCatalog catalog(sources, exec, store);
+  return list ? List(catalog, args.size() == 3) : Act(catalog, command, args);
+}
+
+}  // namespace
+
+int main() {
+  try {
+    int count = 0;
+    ky::unique_local argv(reinterpret_cast<HLOCAL>(::CommandLineToArgvW(::GetCommandLineW(), &count)));
+    if (!argv) return ERROR_OUTOFMEMORY;
+    auto* const* list = reinterpret_cast<LPWSTR*>(argv.get());
+    return Run(std::vector<std::wstring>(list, list + count));
+  } catch (...) {
+    std::fputs("startupctl: unexpected failure\n", stderr);
+    return ERROR_GEN_FAILURE;
+  }
+}

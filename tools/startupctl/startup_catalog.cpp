@@ -1,0 +1,120 @@
+#include "startup_catalog.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <cwctype>
+
+#include "startup/win8_startup_item.h"
+
+namespace startupctl {
+namespace {
+
+using startup::StartupItemList;
+using startup::StartupItemPtr;
+
+std::wstring Lower(std::wstring text) {
+  std::transform(text.begin(), text.end(), text.begin(), [](wchar_t c) { return static_cast<wchar_t>(std::towlower(c)); });
+  return text;
+}
+
+// Locations compare without case and without a trailing backslash.
+std::wstring LocationKey(const std::wstring& location) {
+  std::wstring key = Lower(location);
+  while (!key.empty() && key.back() == L'\\') key.pop_back();
+  return key;
+}
+
+bool SameEntry(const Entry& a, startup::StartupSourceKind kind, const startup::StartupItem& item) {
+  return a.kind == kind && Lower(a.item->name) == Lower(item.name) &&
+         LocationKey(a.item->location) == LocationKey(item.location);
+}
+
+}  // namespace
+
+const wchar_t* KindName(startup::StartupSourceKind kind) {
+  switch (kind) {
+    case startup::kSourceRunKey: return L"run";
+    case startup::kSourceStartupFolder: return L"folder";
+    case startup::kSourceStoreApp: return L"store";
+    default: return L"unknown";
+  }
+}
+
+void CStartupCatalog::AddStored(std::vector<Entry>& entries, const char* category, startup::StartupSourceKind kind,
+                                const wchar_t* state) {
+  StartupItemList stored;
+  if (store_.LoadStartupItems(category, stored) != 0) return;
+  for (const StartupItemPtr& item : stored) {
+    auto same = std::find_if(entries.begin(), entries.end(), [&](const Entry& e) { return SameEntry(e, kind, *item); });
+    if (same == entries.end()) {
+      entries.push_back(Entry{item, kind, state, true});
+    } else {
+      same->state = state;
+      same->stored = true;
+    }
+  }
+}
+
+std::vector<Entry> CStartupCatalog::List() {
+  std::vector<Entry> entries;
+  const bool win8 = exec_.IsWindows8OrGreater();
+  for (const auto* sources : {&sources_.RunKeySources(), &sources_.FolderSources()}) {
+    for (const auto& [enumerator, path] : *sources) {
+      StartupItemList items;
+      (void)enumerator->GetStartupApps(path, items);  // a missing key or folder lists nothing
+      const auto kind = enumerator->GetSourceKind();
+      for (const StartupItemPtr& item : items) {
+        const bool enabled = !win8 || startup::Win8StartupItem::IsEnabled(*item, kind);
+        entries.push_back(Entry{item, kind, enabled ? kStateEnabled : kStateDisabled, false});
+      }
+    }
+  }
+  AddStored(entries, startup::kCategoryDisabled, startup::kSourceRunKey, kStateDisabled);
+  AddStored(entries, startup::kCategoryStartupDisabled, startup::kSourceStartupFolder, kStateDisabled);
+  AddStored(entries, startup::kCategoryDelayed, startup::kSourceRunKey, kStateDelayed);
+  AddStored(entries, startup::kCategoryStartupDelayed, startup::kSourceStartupFolder, kStateDelayed);
+  return entries;
+}
+
+std::vector<Entry> CStartupCatalog::Find(const std::wstring& name, const std::wstring& location) {
+  std::vector<Entry> found;
+  for (Entry& entry : List()) {
+    if (Lower(entry.item->name) != Lower(name)) continue;
+    if (!location.empty() && LocationKey(entry.item->location) != LocationKey(location)) continue;
+    found.push_back(std::move(entry));
+  }
+  return found;
+}
+
+std::uint32_t CStartupCatalog::Apply(const Entry& entry, const std::wstring& verb, std::wstring& message) {
+  startup::IStartupAppsActions* actions = exec_.Find(entry.kind);
+  if (actions == nullptr) {
+    message = L"no action for entries of kind " + std::wstring(KindName(entry.kind));
+    return ERROR_NOT_FOUND;
+  }
+  const std::wstring target = verb == L"enable" ? kStateEnabled : verb == L"delay" ? kStateDelayed : kStateDisabled;
+  if (entry.state == target) {
+    message = L"already " + target;
+    return 0;
+  }
+  const StartupItemList items{entry.item};
+  // A stored entry in the other put-aside state is brought back before it is put aside anew.
+  if (target == kStateEnabled || entry.stored) {
+    if (actions->Enable(items, true) != 0) {
+      message = L"enable failed";
+      return startup::kActionFailed;
+    }
+  }
+  std::uint8_t result = 0;
+  if (target == kStateDisabled) result = actions->Disable(items, true);
+  if (target == kStateDelayed) result = actions->Delay(items, true);
+  if (result != 0) {
+    message = verb + L" failed";
+    return result;
+  }
+  message = entry.state + L" -> " + target;
+  return 0;
+}
+
+}  // namespace startupctl

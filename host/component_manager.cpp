@@ -46,6 +46,12 @@ std::uint32_t ComponentManager::GetPlugin(const wchar_t* name, const GUID& iid, 
   try {
     const std::wstring key = Normalise(name);
     std::lock_guard hold(lock_);
+    if (auto found = moduleObjects_.find(key); found != moduleObjects_.end()) {
+      *out = found->second.object->GetInterface(iid);
+      if (*out == nullptr) return ERROR_NOT_FOUND;
+      ++found->second.count;
+      return 0;
+    }
     Slot& slot = slots_[key];
     if (!slot.plugin) {
       auto it = std::find_if(Registry().begin(), Registry().end(), [&](const Registration& r) { return r.name == key; });
@@ -77,6 +83,10 @@ std::uint32_t ComponentManager::ReleasePlugin(const wchar_t* name) {
   KY_TRACE(L"host::ComponentManager::ReleasePlugin");
   if (name == nullptr) return ERROR_INVALID_DATA;
   std::lock_guard hold(lock_);
+  if (auto found = moduleObjects_.find(Normalise(name)); found != moduleObjects_.end() && found->second.count > 0) {
+    --found->second.count;
+    return 0;
+  }
   auto it = slots_.find(Normalise(name));
   if (it == slots_.end() || it->second.count == 0) {
     KY_LOG(logging::kLevelWarning, L"ReleasePlugin %s without a matching GetPlugin", name);
@@ -84,6 +94,20 @@ std::uint32_t ComponentManager::ReleasePlugin(const wchar_t* name) {
   }
   --it->second.count;
   return 0;
+}
+
+void ComponentManager::RegisterModuleObject(const std::wstring& name, IKyBaseInterface* object) {
+  std::lock_guard hold(lock_);
+  moduleObjects_[Normalise(name.c_str())] = ModuleObject{object, 0};
+}
+
+void ComponentManager::UnregisterModuleObject(const std::wstring& name) {
+  KY_TRACE(L"host::ComponentManager::UnregisterModuleObject");
+  std::lock_guard hold(lock_);
+  auto it = moduleObjects_.find(Normalise(name.c_str()));
+  if (it == moduleObjects_.end()) return;
+  if (it->second.count != 0) KY_LOG(logging::kLevelWarning, L"object %s still held %d time(s)", name.c_str(), it->second.count);
+  moduleObjects_.erase(it);
 }
 
 int ComponentManager::OutstandingCount(const std::wstring& name) {

@@ -29,6 +29,11 @@ class ComponentManager final : public IServMain, public IPlgComponentManager {
   std::uint32_t GetPlugin(const wchar_t* name, const GUID& iid, void** out) override;
   std::uint32_t ReleasePlugin(const wchar_t* name) override;
 
+  // Makes an object of the module reachable through GetPlugin under `name` until
+  // UnregisterModuleObject; the object must stay alive that long.
+  void RegisterModuleObject(const std::wstring& name, IKyBaseInterface* object);
+  void UnregisterModuleObject(const std::wstring& name);
+
   // Shuts every host plug-in down and destroys it; logs names whose gets and releases differ.
   void Shutdown();
   int OutstandingCount(const std::wstring& name);
@@ -46,6 +51,11 @@ class ComponentManager final : public IServMain, public IPlgComponentManager {
   // Recursive: a plug-in being made may itself ask for another one.
   std::recursive_mutex lock_;
   std::map<std::wstring, Slot> slots_;
+  struct ModuleObject {
+    IKyBaseInterface* object = nullptr;
+    int count = 0;
+  };
+  std::map<std::wstring, ModuleObject> moduleObjects_;
 };
 
 }  // namespace host

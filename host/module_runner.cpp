@@ -41,6 +41,8 @@ bool ModuleRunner::Start() {
       continue;
     }
     object.plugin = static_cast<IServPlugin*>(out);
+    // Later objects reach earlier ones (e.g. "boottimecomm" gets "boottime") through GetPlugin.
+    manager_.RegisterModuleObject(name, object.plugin);
     const std::uint32_t init = object.plugin->Init(&manager_);
     object.initialised = true;
     if (init != 0) {
@@ -64,6 +66,7 @@ void ModuleRunner::Stop() {
   }
   for (auto it = objects_.rbegin(); it != objects_.rend(); ++it) {
     if (it->initialised) it->plugin->UnInit();
+    manager_.UnregisterModuleObject(it->name);
     destroy_(it->name.c_str(), it->plugin);
     KY_LOG(logging::kLevelInfo, L"%s destroyed", it->name.c_str());
   }

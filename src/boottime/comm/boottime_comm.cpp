@@ -1,12 +1,23 @@
 #include "boottime/comm/boottime_comm.h"
 
+#include "boottime/comm/messages.h"
 #include "common/log.h"
 #include "lumera/interface_ids.h"
 
 namespace boottime {
+namespace {
+
+constexpr std::uint32_t kHostMissing = 0xFFFFFFFF;
+constexpr wchar_t kBootTimePlugin[] = L"boottime";
+constexpr wchar_t kConnServerPlugin[] = L"connserver";
+
+}  // namespace
 
 CBootTimeComm::CBootTimeComm() = default;
-CBootTimeComm::~CBootTimeComm() = default;
+
+CBootTimeComm::~CBootTimeComm() {
+  if (pipe_ != nullptr || listening_) Stop();
+}
 
 void* CBootTimeComm::GetInterface(const GUID& iid) {
   if (KyIsEqualId(iid, lumera::ids::IKyBaseInterface) || KyIsEqualId(iid, lumera::ids::IServPlugin) ||
@@ -16,27 +27,200 @@ void* CBootTimeComm::GetInterface(const GUID& iid) {
   return nullptr;
 }
 
-std::uint32_t CBootTimeComm::Init(IServMain*) {
+std::uint32_t CBootTimeComm::Init(IServMain* host) {
   KY_TRACE(L"boottime::CBootTimeComm::Init");
-  KY_LOG(logging::kLevelError, L"boottimepipe server is not available in this build 0x%x", ERROR_NOT_SUPPORTED);
-  return ERROR_NOT_SUPPORTED;
+  try {
+    if (host == nullptr) {
+      KY_LOG(logging::kLevelError, L"IServMain is null!");
+      return kHostMissing;
+    }
+    componentManager_ = host->GetComponentManager();
+    if (componentManager_ == nullptr) {
+      KY_LOG(logging::kLevelError, L"Component Manager is null!");
+      return kHostMissing;
+    }
+    void* object = nullptr;
+    if (componentManager_->GetPlugin(kBootTimePlugin, lumera::ids::IBootTime, &object) != 0 || object == nullptr) {
+      KY_LOG(logging::kLevelError, L"Error getting plugin: %s", kBootTimePlugin);
+    } else {
+      bootTime_ = static_cast<IBootTime*>(object);
+    }
+    object = nullptr;
+    if (componentManager_->GetPlugin(kConnServerPlugin, lumera::ids::PipeLinkServer, &object) != 0 || object == nullptr) {
+      KY_LOG(logging::kLevelError, L"Error getting connector server.");
+    } else {
+      connServer_ = static_cast<pipelink::IConnServer*>(object);
+    }
+    return 0;
+  } catch (...) {
+    return ERROR_GEN_FAILURE;
+  }
 }
 
 std::uint32_t CBootTimeComm::UnInit() {
   KY_TRACE(L"boottime::CBootTimeComm::UnInit");
+  if (componentManager_ != nullptr) {
+    if (bootTime_ != nullptr) componentManager_->ReleasePlugin(kBootTimePlugin);
+    if (connServer_ != nullptr) componentManager_->ReleasePlugin(kConnServerPlugin);
+  }
+  bootTime_ = nullptr;
+  connServer_ = nullptr;
   return 0;
 }
 
 std::uint32_t CBootTimeComm::Start() {
   KY_TRACE(L"boottime::CBootTimeComm::Start");
-  return ERROR_NOT_SUPPORTED;
+  try {
+    if (connServer_ == nullptr) {
+      KY_LOG(logging::kLevelError, L"Connector server is null.");
+      return ERROR_GEN_FAILURE;
+    }
+    if (pipe_ != nullptr) return 0;
+    std::uint32_t result = connServer_->CreatePipeServer(msg::kPipeName, 0, &pipe_);
+    if (result == 0 && pipe_ == nullptr) result = ERROR_GEN_FAILURE;
+    if (result == 0) {
+      result = pipe_->RegisterCallback(&CBootTimeComm::NpcCallback, this, pipelink::kCallbackMessages);
+      if (result != 0) {
+        connServer_->ReleasePipeServer(pipe_);
+        pipe_ = nullptr;
+      }
+    }
+    if (result != 0) {
+      KY_LOG(logging::kLevelError, L"Could not register comm server: %s", msg::kPipeName);
+      return result;
+    }
+    if (bootTime_ != nullptr) {
+      const std::uint32_t added = bootTime_->AddListener(this);
+      listening_ = added == 0;
+      if (added != 0) KY_LOG(logging::kLevelWarning, L"AddListener failed 0x%x", added);
+    }
+    return 0;
+  } catch (...) {
+    return ERROR_GEN_FAILURE;
+  }
 }
 
 std::uint32_t CBootTimeComm::Stop() {
   KY_TRACE(L"boottime::CBootTimeComm::Stop");
+  try {
+    if (listening_ && bootTime_ != nullptr) bootTime_->RemoveListener(this);
+    listening_ = false;
+    if (pipe_ != nullptr) {
+      pipe_->UnregisterCallback(pipelink::kCallbackMessages);
+      if (connServer_ != nullptr) connServer_->ReleasePipeServer(pipe_);
+      pipe_ = nullptr;
+    }
+    return 0;
+  } catch (...) {
+    return ERROR_GEN_FAILURE;
+  }
+}
+
+void CBootTimeComm::OnDataAnalysed(std::uint32_t status) {
+  KY_TRACE(L"boottime::CBootTimeComm::OnDataAnalysed");
+  try {
+    if (connServer_ == nullptr) return;
+    CPayloadWriter payload;
+    payload.WriteU32(status);
+    const std::uint32_t result = connServer_->Broadcast(msg::NpcMsgBootTimeOnDataAnalysed, payload.Data(), payload.Size(),
+                                                        0, 0, pipelink::kNoTimeout);
+    if (result != 0) KY_LOG(logging::kLevelWarning, L"Broadcast NpcMsgBootTimeOnDataAnalysed failed 0x%x", result);
+  } catch (...) {
+  }
+}
+
+std::uint32_t __cdecl CBootTimeComm::NpcCallback(void* context, const pipelink::PipeMessage* message) {
+  try {
+    if (context == nullptr || message == nullptr) return ERROR_GEN_FAILURE;
+    return static_cast<CBootTimeComm*>(context)->HandleMessage(*message);
+  } catch (...) {
+    return ERROR_GEN_FAILURE;
+  }
+}
+
+std::uint32_t CBootTimeComm::HandleMessage(const pipelink::PipeMessage& message) {
+  KY_TRACE(L"boottime::CBootTimeComm::NpcCallback");
+  switch (message.id) {
+    case msg::NpcMsgBootTimeGetBootTime:
+    case msg::NpcMsgBootTimeGetTotalBootImpact:
+    case msg::NpcMsgBootTimeGetBootImpact:
+    case msg::NpcMsgBootTimeGetDiskSpeed:
+      break;
+    default:
+      // Not a query: a synchronous sender still gets 31 from the connector.
+      return ERROR_GEN_FAILURE;
+  }
+  CPayloadWriter payload;
+  const std::uint32_t code = Query(message, payload);
+  Answer(message, code, payload);
   return 0;
 }
 
-void CBootTimeComm::OnDataAnalysed(std::uint32_t) {}
+std::uint32_t CBootTimeComm::Query(const pipelink::PipeMessage& message, CPayloadWriter& payload) {
+  KY_TRACE(L"boottime::CBootTimeComm::Query");
+  if (bootTime_ == nullptr) return ERROR_GEN_FAILURE;
+  std::uint32_t code = 0;
+  switch (message.id) {
+    case msg::NpcMsgBootTimeGetBootTime: {
+      std::uint32_t milliseconds = 0;
+      code = bootTime_->GetBootTime(&milliseconds);
+      KY_LOG(logging::kLevelInfo, L"GetBootTime err=%d", code);
+      if (code == 0) payload.WriteBootTime(milliseconds);
+      break;
+    }
+    case msg::NpcMsgBootTimeGetTotalBootImpact: {
+      BootCounters total;
+      code = bootTime_->GetTotalBootImpact(&total);
+      KY_LOG(logging::kLevelInfo, L"GetTotalBootImpact err=%d", code);
+      if (code == 0) payload.WriteCounters(total);
+      break;
+    }
+    case msg::NpcMsgBootTimeGetBootImpact: {
+      ProcessKey key;
+      CPayloadReader reader(message.payload, message.size);
+      if (!reader.ReadProcessKey(&key)) {
+        KY_LOG(logging::kLevelError, L"GetBootImpact unreadable process key 0x%x", ERROR_GEN_FAILURE);
+        return ERROR_GEN_FAILURE;
+      }
+      ky::List<ProcessImpact> impacts;
+      code = bootTime_->GetBootImpact(&impacts, &key);
+      KY_LOG(logging::kLevelInfo, L"GetBootImpact err=%d", code);
+      // The key's text, with zero counters, names the request in the log.
+      KY_LOG(logging::kLevelInfo, L"err=0x%x process=[%s]", code,
+             DescribeImpact(ProcessImpact{key.ppid, key.pid, key.name}).c_str());
+      if (code == 0) {
+        payload.WriteImpactList(impacts);
+      }
+      break;
+    }
+    case msg::NpcMsgBootTimeGetDiskSpeed: {
+      DiskSpeed speed;
+      code = bootTime_->GetDiskSpeed(&speed);
+      KY_LOG(logging::kLevelInfo, L"GetDiskSpeed err=%d", code);
+      if (code == 0) payload.WriteDiskSpeed(speed);
+      break;
+    }
+    default:
+      return ERROR_GEN_FAILURE;
+  }
+  return code;
+}
+
+void CBootTimeComm::Answer(const pipelink::PipeMessage& message, std::uint32_t code, const CPayloadWriter& payload) {
+  KY_TRACE(L"boottime::CBootTimeComm::Answer");
+  if (pipe_ == nullptr) return;
+  std::uint32_t result = 0;
+  if (pipelink::ExpectsReply(message)) {
+    result = code == 0 ? pipe_->ReplyData(&message, message.id, payload.Data(), payload.Size())
+                       : pipe_->ReplyError(&message, code);
+  } else if (code == 0) {
+    result = pipe_->Post(message.id, payload.Data(), payload.Size(), message.clientId);
+  } else {
+    CPayloadWriter error;
+    error.WriteErrorCode(code);
+    result = pipe_->Post(msg::ErrorIdOf(message.id), error.Data(), error.Size(), message.clientId);
+  }
+  if (result != 0) KY_LOG(logging::kLevelWarning, L"answer to message %u failed 0x%x", message.id, result);
+}
 
 }  // namespace boottime

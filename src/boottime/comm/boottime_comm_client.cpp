@@ -1,12 +1,31 @@
 #include "boottime/comm/boottime_comm_client.h"
 
+#include <algorithm>
+#include <cstring>
+
+#include "boottime/comm/messages.h"
+#include "boottime/comm/payload.h"
 #include "common/log.h"
 #include "lumera/interface_ids.h"
 
 namespace boottime {
+namespace {
+
+constexpr std::uint32_t kSendFailed = kStatusNoResults;
+constexpr std::size_t kMinReplyBuffer = 1024;
+constexpr wchar_t kNameBootTime[] = L"NpcMsgBootTimeGetBootTime";
+constexpr wchar_t kNameTotal[] = L"NpcMsgBootTimeGetTotalBootImpact";
+constexpr wchar_t kNameImpact[] = L"NpcMsgBootTimeGetBootImpact";
+constexpr wchar_t kNameDisk[] = L"NpcMsgBootTimeGetDiskSpeed";
+
+}  // namespace
 
 CBootTimeCommClient::CBootTimeCommClient() = default;
-CBootTimeCommClient::~CBootTimeCommClient() = default;
+
+CBootTimeCommClient::~CBootTimeCommClient() {
+  Stop();
+  UnInit();
+}
 
 void* CBootTimeCommClient::GetInterface(const GUID& iid) {
   if (KyIsEqualId(iid, lumera::ids::IKyBaseInterface) || KyIsEqualId(iid, lumera::ids::IServPlugin) ||
@@ -19,25 +38,320 @@ void* CBootTimeCommClient::GetInterface(const GUID& iid) {
 
 std::uint32_t CBootTimeCommClient::Init(IServMain*) {
   KY_TRACE(L"boottime::CBootTimeCommClient::Init");
-  KY_LOG(logging::kLevelError, L"boottimepipe client is not available in this build 0x%x", ERROR_NOT_SUPPORTED);
-  return ERROR_NOT_SUPPORTED;
+  try {
+    std::uint32_t result = connector_.Load(CConnectorLibrary::DefaultPath());
+    if (result != 0) {
+      KY_LOG(logging::kLevelError, L"FAILED load pipelink.dll 0x%x", result);
+      return result;
+    }
+    result = connector_.Client()->Init(0);
+    if (result != 0) {
+      KY_LOG(logging::kLevelError, L"FAILED connector init 0x%x", result);
+      connector_.Unload();
+      return result;
+    }
+    result = connector_.Client()->Start();
+    if (result != 0) {
+      KY_LOG(logging::kLevelError, L"FAILED connector start 0x%x", result);
+      connector_.Unload();
+      return result;
+    }
+    return 0;
+  } catch (...) {
+    return ERROR_GEN_FAILURE;
+  }
 }
 
-std::uint32_t CBootTimeCommClient::UnInit() { return 0; }
-std::uint32_t CBootTimeCommClient::Start() { return ERROR_NOT_SUPPORTED; }
-std::uint32_t CBootTimeCommClient::Stop() { return 0; }
-std::uint32_t CBootTimeCommClient::GetBootTime(std::uint32_t*) { return ERROR_NOT_SUPPORTED; }
-std::uint32_t CBootTimeCommClient::GetTotalBootImpact(BootCounters*) { return ERROR_NOT_SUPPORTED; }
-std::uint32_t CBootTimeCommClient::GetBootImpact(ky::IList<ProcessImpact>*, const ProcessKey*) { return ERROR_NOT_SUPPORTED; }
-std::uint32_t CBootTimeCommClient::GetDiskSpeed(DiskSpeed*) { return ERROR_NOT_SUPPORTED; }
-std::uint32_t CBootTimeCommClient::AddListener(IBootTimeEvents*) { return ERROR_NOT_SUPPORTED; }
-std::uint32_t CBootTimeCommClient::RemoveListener(IBootTimeEvents*) { return ERROR_NOT_SUPPORTED; }
-void CBootTimeCommClient::OnDataAnalysed(std::uint32_t) {}
-std::uint32_t CBootTimeCommClient::GetBootTimeAsync() { return ERROR_NOT_SUPPORTED; }
-std::uint32_t CBootTimeCommClient::GetTotalBootImpactAsync() { return ERROR_NOT_SUPPORTED; }
-std::uint32_t CBootTimeCommClient::GetBootImpactAsync(const ProcessKey*) { return ERROR_NOT_SUPPORTED; }
-std::uint32_t CBootTimeCommClient::GetDiskSpeedAsync() { return ERROR_NOT_SUPPORTED; }
-std::uint32_t CBootTimeCommClient::AddResponseObserver(IBootTimeResponse*) { return ERROR_NOT_SUPPORTED; }
-std::uint32_t CBootTimeCommClient::RemoveResponseObserver(IBootTimeResponse*) { return ERROR_NOT_SUPPORTED; }
+std::uint32_t CBootTimeCommClient::UnInit() {
+  KY_TRACE(L"boottime::CBootTimeCommClient::UnInit");
+  if (connector_.Client() != nullptr) connector_.Client()->Stop();
+  connector_.Unload();
+  return 0;
+}
+
+std::uint32_t CBootTimeCommClient::Start() {
+  KY_TRACE(L"boottime::CBootTimeCommClient::Start");
+  try {
+    if (pipe_ != nullptr) return 0;
+    std::uint32_t result = ERROR_NOT_READY;
+    if (connector_.Client() != nullptr) {
+      result = connector_.Client()->Connect(msg::kPipeName, 0, 0, msg::kTimeoutMs, &pipe_);
+      if (result == 0 && pipe_ == nullptr) result = ERROR_GEN_FAILURE;
+    }
+    if (result == 0) {
+      result = pipe_->RegisterCallback(&CBootTimeCommClient::NpcCallback, this, pipelink::kCallbackMessages);
+      if (result != 0) {
+        connector_.Client()->Close(pipe_);
+        pipe_ = nullptr;
+      }
+    }
+    if (result != 0) KY_LOG(logging::kLevelError, L"Coould not connect comm server: %s", msg::kPipeName);
+    return result;
+  } catch (...) {
+    return ERROR_GEN_FAILURE;
+  }
+}
+
+std::uint32_t CBootTimeCommClient::Stop() {
+  KY_TRACE(L"boottime::CBootTimeCommClient::Stop");
+  if (pipe_ != nullptr) {
+    pipe_->UnregisterCallback(pipelink::kCallbackMessages);
+    if (connector_.Client() != nullptr) connector_.Client()->Close(pipe_);
+    pipe_ = nullptr;
+  }
+  return 0;
+}
+
+std::uint32_t CBootTimeCommClient::SendQuery(std::uint32_t id, const wchar_t* name, const void* payload,
+                                             std::uint32_t size, std::vector<std::uint8_t>& reply,
+                                             std::uint32_t* replySize) {
+  KY_TRACE(L"boottime::CBootTimeCommClient::SendQuery");
+  pipelink::PipeMessage* message = nullptr;
+  const std::uint32_t sent =
+      pipe_ == nullptr ? ERROR_PIPE_NOT_CONNECTED : pipe_->Send(id, payload, size, &message, 0, msg::kTimeoutMs);
+  if (sent != 0 || message == nullptr) {
+    KY_LOG(logging::kLevelError, L"sendMessage %s failed 0x%x", name, sent);
+    return kSendFailed;
+  }
+  const std::uint32_t result = message->result;
+  if (result != 0) {
+    KY_LOG(logging::kLevelError, L"sendMessage %s returns 0x%x", name, result);
+    pipe_->FreeReply(message);
+    return result;
+  }
+  reply.assign(std::max<std::size_t>(kMinReplyBuffer, message->size), 0);
+  if (message->size != 0) std::memcpy(reply.data(), message->payload, message->size);
+  *replySize = message->size;
+  pipe_->FreeReply(message);
+  return 0;
+}
+
+std::uint32_t CBootTimeCommClient::GetBootTime(std::uint32_t* milliseconds) {
+  KY_TRACE(L"boottime::CBootTimeCommClient::GetBootTime");
+  try {
+    if (milliseconds == nullptr) return ERROR_INVALID_DATA;
+    std::vector<std::uint8_t> reply;
+    std::uint32_t size = 0;
+    const std::uint32_t result = SendQuery(msg::NpcMsgBootTimeGetBootTime, kNameBootTime, nullptr, 0, reply, &size);
+    if (result != 0) return result;
+    CPayloadReader reader(reply.data(), size);
+    if (!reader.ReadBootTime(milliseconds)) return ERROR_INVALID_DATA;
+    KY_LOG(logging::kLevelInfo, L"time=%d", *milliseconds);
+    return 0;
+  } catch (...) {
+    return ERROR_GEN_FAILURE;
+  }
+}
+
+std::uint32_t CBootTimeCommClient::GetTotalBootImpact(BootCounters* total) {
+  KY_TRACE(L"boottime::CBootTimeCommClient::GetTotalBootImpact");
+  try {
+    if (total == nullptr) return ERROR_INVALID_DATA;
+    std::vector<std::uint8_t> reply;
+    std::uint32_t size = 0;
+    // Sends the boot-time query, not id 2: the operation has always been defined this way.
+    const std::uint32_t result = SendQuery(msg::NpcMsgBootTimeGetBootTime, kNameTotal, nullptr, 0, reply, &size);
+    if (result != 0) return result;
+    CPayloadReader reader(reply.data(), size);
+    (void)reader.ReadCounters(total);
+    KY_LOG(logging::kLevelInfo, L"process=[%s]", DescribeCounters(*total).c_str());
+    return 0;
+  } catch (...) {
+    return ERROR_GEN_FAILURE;
+  }
+}
+
+std::uint32_t CBootTimeCommClient::GetBootImpact(ky::IList<ProcessImpact>* impacts, const ProcessKey* key) {
+  KY_TRACE(L"boottime::CBootTimeCommClient::GetBootImpact");
+  try {
+    if (impacts == nullptr || key == nullptr) return ERROR_INVALID_DATA;
+    CPayloadWriter request;
+    request.WriteProcessKey(*key);
+    std::vector<std::uint8_t> reply;
+    std::uint32_t size = 0;
+    const std::uint32_t result =
+        SendQuery(msg::NpcMsgBootTimeGetBootImpact, kNameImpact, request.Data(), request.Size(), reply, &size);
+    if (result != 0) return result;
+    CPayloadReader reader(reply.data(), size);
+    std::vector<ProcessImpact> read;
+    if (!reader.ReadImpactList(&read)) return ERROR_INVALID_DATA;
+    for (const ProcessImpact& impact : read) {
+      KY_LOG(logging::kLevelDebug, L"process=[%s]", DescribeImpact(impact).c_str());
+      impacts->Add(impact);
+    }
+    return 0;
+  } catch (...) {
+    return ERROR_GEN_FAILURE;
+  }
+}
+
+std::uint32_t CBootTimeCommClient::GetDiskSpeed(DiskSpeed* speed) {
+  KY_TRACE(L"boottime::CBootTimeCommClient::GetDiskSpeed");
+  try {
+    if (speed == nullptr) return ERROR_INVALID_DATA;
+    std::vector<std::uint8_t> reply;
+    std::uint32_t size = 0;
+    const std::uint32_t result = SendQuery(msg::NpcMsgBootTimeGetDiskSpeed, kNameDisk, nullptr, 0, reply, &size);
+    if (result != 0) return result;
+    CPayloadReader reader(reply.data(), size);
+    DiskSpeed read;
+    if (!reader.ReadDiskSpeed(&read)) return ERROR_INVALID_DATA;
+    *speed = read;
+    KY_LOG(logging::kLevelInfo, L"diskSpeed=[%s]", DescribeDiskSpeed(*speed).c_str());
+    return 0;
+  } catch (...) {
+    return ERROR_GEN_FAILURE;
+  }
+}
+
+std::uint32_t CBootTimeCommClient::AddListener(IBootTimeEvents* listener) {
+  KY_TRACE(L"boottime::CBootTimeCommClient::AddListener");
+  if (listener == nullptr) return ERROR_INVALID_DATA;
+  return events_.Register(listener);
+}
+
+std::uint32_t CBootTimeCommClient::RemoveListener(IBootTimeEvents* listener) {
+  KY_TRACE(L"boottime::CBootTimeCommClient::RemoveListener");
+  return events_.Unregister(listener);
+}
+
+void CBootTimeCommClient::OnDataAnalysed(std::uint32_t status) {
+  KY_TRACE(L"boottime::CBootTimeCommClient::OnDataAnalysed");
+  KY_LOG(logging::kLevelInfo, L"OnDataAnalysed error code %d", status);
+  events_.ForEach([status](IBootTimeEvents* listener) { listener->OnDataAnalysed(status); });
+}
+
+std::uint32_t CBootTimeCommClient::PostQuery(std::uint32_t id, const wchar_t* name, const void* payload,
+                                             std::uint32_t size) {
+  KY_TRACE(L"boottime::CBootTimeCommClient::PostQuery");
+  try {
+    const std::uint32_t result = pipe_ == nullptr ? ERROR_PIPE_NOT_CONNECTED : pipe_->Post(id, payload, size, 0);
+    if (result != 0) KY_LOG(logging::kLevelError, L"postMessage %s failed 0x%x", name, result);
+    return result;
+  } catch (...) {
+    return ERROR_GEN_FAILURE;
+  }
+}
+
+std::uint32_t CBootTimeCommClient::GetBootTimeAsync() {
+  return PostQuery(msg::NpcMsgBootTimeGetBootTime, kNameBootTime, nullptr, 0);
+}
+
+std::uint32_t CBootTimeCommClient::GetTotalBootImpactAsync() {
+  return PostQuery(msg::NpcMsgBootTimeGetTotalBootImpact, kNameTotal, nullptr, 0);
+}
+
+std::uint32_t CBootTimeCommClient::GetBootImpactAsync(const ProcessKey* key) {
+  if (key == nullptr) return ERROR_INVALID_DATA;
+  try {
+    CPayloadWriter request;
+    request.WriteProcessKey(*key);
+    return PostQuery(msg::NpcMsgBootTimeGetBootImpact, kNameImpact, request.Data(), request.Size());
+  } catch (...) {
+    return ERROR_GEN_FAILURE;
+  }
+}
+
+std::uint32_t CBootTimeCommClient::GetDiskSpeedAsync() {
+  return PostQuery(msg::NpcMsgBootTimeGetDiskSpeed, kNameDisk, nullptr, 0);
+}
+
+std::uint32_t CBootTimeCommClient::AddResponseObserver(IBootTimeResponse* observer) {
+  if (observer == nullptr) return ERROR_INVALID_DATA;
+  return responses_.Register(observer);
+}
+
+std::uint32_t CBootTimeCommClient::RemoveResponseObserver(IBootTimeResponse* observer) {
+  return responses_.Unregister(observer);
+}
+
+void CBootTimeCommClient::OnGetBootTime(std::uint32_t code, std::uint32_t milliseconds) {
+  KY_TRACE(L"boottime::CBootTimeCommClient::OnGetBootTime");
+  KY_LOG(logging::kLevelInfo, L"err=0x%x time=%d", code, milliseconds);
+  responses_.ForEach([&](IBootTimeResponse* observer) { observer->OnGetBootTime(code, milliseconds); });
+}
+
+void CBootTimeCommClient::OnGetTotalBootImpact(std::uint32_t code, const BootCounters& total) {
+  KY_TRACE(L"boottime::CBootTimeCommClient::OnGetTotalBootImpact");
+  KY_LOG(logging::kLevelInfo, L"err=0x%x process=[%s]", code, DescribeCounters(total).c_str());
+  responses_.ForEach([&](IBootTimeResponse* observer) { observer->OnGetTotalBootImpact(code, total); });
+}
+
+void CBootTimeCommClient::OnGetBootImpact(std::uint32_t code, const ky::IList<ProcessImpact>& impacts) {
+  KY_TRACE(L"boottime::CBootTimeCommClient::OnGetBootImpact");
+  for (const ProcessImpact& impact : ky::ToVector(impacts)) {
+    KY_LOG(logging::kLevelDebug, L"err=0x%x process=[%s]", code, DescribeImpact(impact).c_str());
+  }
+  responses_.ForEach([&](IBootTimeResponse* observer) { observer->OnGetBootImpact(code, impacts); });
+}
+
+void CBootTimeCommClient::OnGetDiskSpeed(std::uint32_t code, const DiskSpeed& speed) {
+  KY_TRACE(L"boottime::CBootTimeCommClient::OnGetDiskSpeed");
+  KY_LOG(logging::kLevelInfo, L"err=0x%x diskSpeed=[%s]", code, DescribeDiskSpeed(speed).c_str());
+  responses_.ForEach([&](IBootTimeResponse* observer) { observer->OnGetDiskSpeed(code, speed); });
+}
+
+std::uint32_t __cdecl CBootTimeCommClient::NpcCallback(void* context, const pipelink::PipeMessage* message) {
+  try {
+    if (context == nullptr || message == nullptr) return ERROR_GEN_FAILURE;
+    return static_cast<CBootTimeCommClient*>(context)->HandleMessage(*message);
+  } catch (...) {
+    return ERROR_GEN_FAILURE;
+  }
+}
+
+std::uint32_t CBootTimeCommClient::HandleMessage(const pipelink::PipeMessage& message) {
+  KY_TRACE(L"boottime::CBootTimeCommClient::NpcCallback");
+  CPayloadReader reader(message.payload, message.size);
+  bool read = false;
+  switch (message.id) {
+    case msg::NpcMsgBootTimeGetBootTime: {
+      std::uint32_t milliseconds = 0;
+      if ((read = reader.ReadBootTime(&milliseconds))) OnGetBootTime(0, milliseconds);
+      break;
+    }
+    case msg::NpcMsgBootTimeGetTotalBootImpact: {
+      BootCounters total;
+      if ((read = reader.ReadCounters(&total))) OnGetTotalBootImpact(0, total);
+      break;
+    }
+    case msg::NpcMsgBootTimeGetBootImpact: {
+      ky::List<ProcessImpact> impacts;
+      if ((read = reader.ReadImpactList(&impacts))) OnGetBootImpact(0, impacts);
+      break;
+    }
+    case msg::NpcMsgBootTimeGetDiskSpeed: {
+      DiskSpeed speed;
+      if ((read = reader.ReadDiskSpeed(&speed))) OnGetDiskSpeed(0, speed);
+      break;
+    }
+    case msg::NpcMsgBootTimeGetBootTimeError:
+    case msg::NpcMsgBootTimeGetTotalBootImpactError:
+    case msg::NpcMsgBootTimeGetBootImpactError:
+    case msg::NpcMsgBootTimeGetDiskSpeedError: {
+      std::uint32_t code = 0;
+      if (!(read = reader.ReadErrorCode(&code))) break;
+      if (message.id == msg::NpcMsgBootTimeGetBootTimeError) OnGetBootTime(code, 0);
+      if (message.id == msg::NpcMsgBootTimeGetTotalBootImpactError) OnGetTotalBootImpact(code, BootCounters{});
+      if (message.id == msg::NpcMsgBootTimeGetBootImpactError) OnGetBootImpact(code, ky::List<ProcessImpact>{});
+      if (message.id == msg::NpcMsgBootTimeGetDiskSpeedError) OnGetDiskSpeed(code, DiskSpeed{});
+      break;
+    }
+    case msg::NpcMsgBootTimeOnDataAnalysed: {
+      std::uint32_t status = 0;
+      if ((read = reader.ReadU32(&status))) OnDataAnalysed(status);
+      break;
+    }
+    default:
+      break;
+  }
+  if (!read) {
+    KY_LOG(logging::kLevelError, L"message %u: ERROR_GEN_FAILURE", message.id);
+    if (pipe_ != nullptr) pipe_->Acknowledge(&message, ERROR_GEN_FAILURE);
+    return ERROR_GEN_FAILURE;
+  }
+  if (pipe_ != nullptr) pipe_->Acknowledge(&message, 0);
+  return 0;
+}
 
 }  // namespace boottime

@@ -1,9 +1,20 @@
-// The "boottimecommclient" object: queries "boottimepipe" for another component.
+// The "boottimecommclient" object: queries "boottimepipe" for another component, through
+// pipelink.dll loaded from this module's folder.
+//
+// Init loads the connector, Start connects (5000 ms), Stop disconnects, UnInit unloads.
+// Synchronous queries block for at most 5000 ms; answers to asynchronous ones and the
+// server's broadcasts arrive on the connector's thread and go to the observers registered
+// at that moment; an observer must not make a synchronous query from inside its call, since
+// the thread that would read the reply is the one running it.
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
+#include "boottime/comm/connector_loader.h"
+#include "common/callback_list.h"
 #include "lumera/boottime.h"
+#include "lumera/pipelink.h"
 
 namespace boottime {
 
@@ -13,7 +24,7 @@ class CBootTimeCommClient : public IBootTimeCommClient,
                             public IBootTimeResponse {
  public:
   CBootTimeCommClient();
-  virtual ~CBootTimeCommClient();
+  virtual ~CBootTimeCommClient();  // Stop and UnInit when the host did not
   CBootTimeCommClient(const CBootTimeCommClient&) = delete;
   CBootTimeCommClient& operator=(const CBootTimeCommClient&) = delete;
 
@@ -23,10 +34,13 @@ class CBootTimeCommClient : public IBootTimeCommClient,
   std::uint32_t Start() override;
   std::uint32_t Stop() override;
 
+  // 0, 2 when the request could not be sent, or the server's code.
   std::uint32_t GetBootTime(std::uint32_t* milliseconds) override;
+  // Sends the boot-time query and reads its reply as counters: only `kernel` is written.
   std::uint32_t GetTotalBootImpact(BootCounters* total) override;
   std::uint32_t GetBootImpact(ky::IList<ProcessImpact>* impacts, const ProcessKey* key) override;
   std::uint32_t GetDiskSpeed(DiskSpeed* speed) override;
+  // Observers of the server's data-analysed broadcast.
   std::uint32_t AddListener(IBootTimeEvents* listener) override;
   std::uint32_t RemoveListener(IBootTimeEvents* listener) override;
   void OnDataAnalysed(std::uint32_t status) override;
@@ -38,10 +52,26 @@ class CBootTimeCommClient : public IBootTimeCommClient,
   std::uint32_t AddResponseObserver(IBootTimeResponse* observer) override;
   std::uint32_t RemoveResponseObserver(IBootTimeResponse* observer) override;
 
-  void OnGetBootTime(std::uint32_t, std::uint32_t) override {}
-  void OnGetTotalBootImpact(std::uint32_t, const BootCounters&) override {}
-  void OnGetBootImpact(std::uint32_t, const ky::IList<ProcessImpact>&) override {}
-  void OnGetDiskSpeed(std::uint32_t, const DiskSpeed&) override {}
+  // Log the answer and pass it to every registered IBootTimeResponse.
+  void OnGetBootTime(std::uint32_t code, std::uint32_t milliseconds) override;
+  void OnGetTotalBootImpact(std::uint32_t code, const BootCounters& total) override;
+  void OnGetBootImpact(std::uint32_t code, const ky::IList<ProcessImpact>& impacts) override;
+  void OnGetDiskSpeed(std::uint32_t code, const DiskSpeed& speed) override;
+
+  // The connector's message callback; `context` is the CBootTimeCommClient.
+  static std::uint32_t __cdecl NpcCallback(void* context, const pipelink::PipeMessage* message);
+
+ private:
+  std::uint32_t HandleMessage(const pipelink::PipeMessage& message);
+  // Sends one query and copies the reply payload; 2 on a failed send, else the reply's result.
+  std::uint32_t SendQuery(std::uint32_t id, const wchar_t* name, const void* payload, std::uint32_t size,
+                          std::vector<std::uint8_t>& reply, std::uint32_t* replySize);
+  std::uint32_t PostQuery(std::uint32_t id, const wchar_t* name, const void* payload, std::uint32_t size);
+
+  CConnectorLibrary connector_;
+  pipelink::IConnPipeClient* pipe_ = nullptr;
+  CallbackList<IBootTimeResponse*> responses_;
+  CallbackList<IBootTimeEvents*> events_;
 };
 
 }  // namespace boottime

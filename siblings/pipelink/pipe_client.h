@@ -1,0 +1,91 @@
+// The "connclient" object and its connections: each connection has one reader thread that
+// matches replies to waiting senders and runs the callback for everything else.
+#pragma once
+
+#include <windows.h>
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "callback_slot.h"
+#include "common/unique_handle.h"
+#include "lumera/pipelink.h"
+#include "pipe_io.h"
+
+namespace pipelink {
+
+class PipeClient final : public IConnPipeClient {
+ public:
+  PipeClient();
+  ~PipeClient();  // Stop()
+  PipeClient(const PipeClient&) = delete;
+  PipeClient& operator=(const PipeClient&) = delete;
+
+  // Opens `path`, waits for the server's welcome and starts the reader; all within `timeoutMs`.
+  [[nodiscard]] std::uint32_t Connect(const std::wstring& path, DWORD timeoutMs);
+
+  std::uint32_t Send(std::uint32_t id, const void* payload, std::uint32_t size, PipeMessage** reply,
+                            std::uint32_t flags, std::uint32_t timeoutMs) override;
+  std::uint32_t Post(std::uint32_t id, const void* payload, std::uint32_t size, std::uint32_t flags) override;
+  void FreeReply(PipeMessage* reply) override;
+  std::uint32_t RegisterCallback(PipeCallback callback, void* context, std::uint32_t kind) override;
+  std::uint32_t UnregisterCallback(std::uint32_t kind) override;
+  std::uint32_t Acknowledge(const PipeMessage* message, std::uint32_t status) override;
+  std::uint32_t ReplyData(const PipeMessage* request, std::uint32_t id, const void* payload, std::uint32_t size) override;
+  std::uint32_t Stop() override;
+  std::uint32_t ClientId() override { return clientId_; }
+
+ private:
+  struct Pending {
+    ky::unique_handle done{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+    PipeMessage* reply = nullptr;
+    std::uint32_t error = 0;
+  };
+
+  void Run();
+  void FailPending(std::uint32_t error);
+  std::uint32_t Write(FrameHeader header, const void* payload, std::uint32_t size);
+  std::uint32_t Reply(const PipeMessage* request, std::uint32_t id, std::uint32_t result, const void* payload,
+                      std::uint32_t size);
+
+  std::unique_ptr<PipeEnd> end_;
+  ky::unique_handle stop_;
+  std::thread reader_;
+  std::uint32_t clientId_ = 0;
+  std::atomic<std::uint32_t> nextSequence_{1};
+  std::atomic<bool> broken_{true};
+  std::mutex pendingLock_;
+  std::map<std::uint32_t, std::shared_ptr<Pending>> pending_;
+  std::atomic<std::uint32_t> runningSequence_{0};
+  std::atomic<bool> replied_{false};
+  CallbackSlot callback_;
+};
+
+class ConnClient final : public IConnClient {
+ public:
+  ConnClient() = default;
+  ~ConnClient();
+  ConnClient(const ConnClient&) = delete;
+  ConnClient& operator=(const ConnClient&) = delete;
+
+  void* GetInterface(const GUID& iid) override;
+  std::uint32_t Init(std::uint32_t flags) override;
+  std::uint32_t Start() override;
+  std::uint32_t Connect(const wchar_t* name, std::uint32_t reserved1, std::uint32_t reserved2, std::uint32_t timeoutMs,
+                        IConnPipeClient** out) override;
+  void Close(IConnPipeClient* connection) override;
+  std::uint32_t Stop() override;
+
+ private:
+  std::mutex lock_;
+  bool initialised_ = false;
+  bool started_ = false;
+  std::vector<std::unique_ptr<PipeClient>> connections_;
+};
+
+}  // namespace pipelink

@@ -1,0 +1,341 @@
+#include "pipe_server.h"
+
+#include <sddl.h>
+
+#include <algorithm>
+#include <cwchar>
+
+#include "lumera/interface_ids.h"
+
+namespace pipelink {
+namespace {
+
+constexpr wchar_t kPipePrefix[] = L"\\\\.\\pipe\\";
+constexpr std::size_t kMaxPipeNameChars = 200;
+constexpr wchar_t kPipeSddl[] = L"D:(A;;GA;;;SY)(A;;GA;;;BA)(A;;GRGW;;;IU)";
+constexpr DWORD kPipeBufferBytes = 64 * 1024;
+constexpr DWORD kRetryCreateMs = 100;
+
+}  // namespace
+
+std::wstring PipePath(const wchar_t* name) {
+  if (name == nullptr) return {};
+  const std::size_t length = ::wcsnlen(name, kMaxPipeNameChars + 1);
+  if (length == 0 || length > kMaxPipeNameChars || std::wcschr(name, L'\\') != nullptr) return {};
+  return std::wstring(kPipePrefix) + name;
+}
+
+// ---- Session -------------------------------------------------------------------------
+
+Session::Session(std::uint32_t id, HANDLE pipe, PipeServer& owner) : id_(id), end_(pipe), owner_(owner) {}
+
+Session::~Session() {
+  if (thread_.joinable()) thread_.join();
+}
+
+bool Session::Start() {
+  if (!end_.Ready()) return false;
+  try {
+    thread_ = std::thread([this] { Run(); });
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+std::uint32_t Session::Send(FrameHeader header, const void* payload, std::uint32_t size, DWORD timeoutMs) {
+  if (done_) return ERROR_PIPE_NOT_CONNECTED;
+  const std::uint32_t result = end_.Write(header, payload, size, owner_.StopEvent(), timeoutMs);
+  if (result != 0 && result != ERROR_INVALID_PARAMETER) Drop();
+  return result;
+}
+
+std::uint32_t Session::Reply(std::uint32_t sequence, std::uint32_t messageId, std::uint32_t result, const void* payload,
+                             std::uint32_t size) {
+  FrameHeader header;
+  header.result = result;
+  header.id = messageId;
+  header.flags = kFlagIsReply;
+  header.sequence = sequence;
+  if (sequence == runningSequence_) replied_ = true;
+  return Send(header, payload, size, kDefaultWriteTimeoutMs);
+}
+
+// Disconnecting fails the session's pending read, which ends its thread.
+void Session::Drop() { ::DisconnectNamedPipe(end_.Handle()); }
+
+void Session::Run() {
+  FrameHeader hello;
+  hello.clientId = id_;
+  hello.id = kIdHello;
+  hello.flags = kFlagControl;
+  if (end_.Write(hello, nullptr, 0, owner_.StopEvent(), kDefaultWriteTimeoutMs) == 0) {
+    std::vector<std::uint8_t> buffer;
+    for (;;) {
+      std::size_t got = 0;
+      if (end_.Read(buffer, &got, owner_.StopEvent(), INFINITE) != 0) break;
+      FrameHeader header;
+      if (ParseFrame(buffer.data(), got, &header) != FrameCheck::kOk) break;
+      // A client speaks only for itself and never sends the connector's control frames.
+      if (header.clientId != id_ || (header.flags & kFlagControl) != 0) break;
+      if ((header.flags & kFlagIsReply) != 0) continue;  // this server never asks its clients
+      PipeMessage message{id_, header.result, header.size, header.id, buffer.data() + kFrameHeaderBytes, header.flags,
+                          header.sequence};
+      runningSequence_ = header.sequence;
+      replied_ = false;
+      const std::uint32_t status = owner_.Callback().Call(message);
+      if (ExpectsReply(message) && !replied_) {
+        if (Reply(header.sequence, header.id, status, nullptr, 0) != 0) break;
+      }
+    }
+  }
+  Drop();
+  done_ = true;
+  owner_.SessionEnded();
+}
+
+// ---- PipeServer ----------------------------------------------------------------------
+
+PipeServer::PipeServer(std::wstring name)
+    : path_(std::move(name)), stop_(::CreateEventW(nullptr, TRUE, FALSE, nullptr)),
+      ended_(::CreateEventW(nullptr, FALSE, FALSE, nullptr)) {}
+
+PipeServer::~PipeServer() { Close(); }
+
+HANDLE PipeServer::CreateInstance(bool first) {
+  SECURITY_ATTRIBUTES attributes{sizeof(SECURITY_ATTRIBUTES), securityDescriptor_.get(), FALSE};
+  DWORD openMode = PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED;
+  if (first) openMode |= FILE_FLAG_FIRST_PIPE_INSTANCE;
+  return ::CreateNamedPipeW(path_.c_str(), openMode,
+                            PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS,
+                            PIPE_UNLIMITED_INSTANCES, kPipeBufferBytes, kPipeBufferBytes, 0, &attributes);
+}
+
+std::uint32_t PipeServer::Open() {
+  if (!stop_ || !ended_) return ::GetLastError();
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(kPipeSddl, SDDL_REVISION_1, &descriptor, nullptr)) {
+    return ::GetLastError();
+  }
+  securityDescriptor_.reset(descriptor);
+  pending_.reset(CreateInstance(true));
+  if (!pending_) return ::GetLastError();
+  try {
+    listener_ = std::thread([this] { Listen(); });
+  } catch (...) {
+    pending_.reset();
+    return ERROR_NOT_ENOUGH_MEMORY;
+  }
+  return 0;
+}
+
+void PipeServer::Close() {
+  if (stop_) ::SetEvent(stop_.get());
+  if (listener_.joinable()) listener_.join();
+  pending_.reset();
+  Reap(true);
+}
+
+void PipeServer::Reap(bool all) {
+  std::vector<std::shared_ptr<Session>> finished;
+  {
+    std::lock_guard hold(sessionsLock_);
+    auto keep = std::stable_partition(sessions_.begin(), sessions_.end(),
+                                      [all](const std::shared_ptr<Session>& s) { return !all && !s->Done(); });
+    finished.assign(std::make_move_iterator(keep), std::make_move_iterator(sessions_.end()));
+    sessions_.erase(keep, sessions_.end());
+  }
+  finished.clear();  // joins their threads outside the lock
+}
+
+void PipeServer::Listen() {
+  ky::unique_handle connectEvent(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  if (!connectEvent) return;
+  while (::WaitForSingleObject(stop_.get(), 0) != WAIT_OBJECT_0) {
+    if (!pending_) {
+      pending_.reset(CreateInstance(false));
+      if (!pending_) {
+        ::WaitForSingleObject(stop_.get(), kRetryCreateMs);
+        continue;
+      }
+    }
+    OVERLAPPED ov{};
+    ov.hEvent = connectEvent.get();
+    bool connected = ::ConnectNamedPipe(pending_.get(), &ov) != FALSE;
+    DWORD error = connected ? 0 : ::GetLastError();
+    if (error == ERROR_PIPE_CONNECTED) connected = true;
+    if (!connected && error == ERROR_IO_PENDING) {
+      HANDLE waits[3] = {connectEvent.get(), stop_.get(), ended_.get()};
+      for (;;) {
+        const DWORD wait = ::WaitForMultipleObjects(3, waits, FALSE, INFINITE);
+        if (wait == WAIT_OBJECT_0 + 2) {
+          Reap(false);
+          continue;
+        }
+        if (wait != WAIT_OBJECT_0) {
+          ::CancelIoEx(pending_.get(), &ov);
+          DWORD ignored = 0;
+          ::GetOverlappedResult(pending_.get(), &ov, &ignored, TRUE);
+          return;
+        }
+        DWORD ignored = 0;
+        connected = ::GetOverlappedResult(pending_.get(), &ov, &ignored, FALSE) != FALSE;
+        break;
+      }
+    }
+    if (!connected) {
+      // The client went away before it was accepted: the instance is reused.
+      ::DisconnectNamedPipe(pending_.get());
+      continue;
+    }
+    std::shared_ptr<Session> session;
+    {
+      std::lock_guard hold(sessionsLock_);
+      const std::uint32_t id = nextClientId_++;
+      if (nextClientId_ == 0) nextClientId_ = 1;
+      session = std::make_shared<Session>(id, pending_.release(), *this);
+      sessions_.push_back(session);
+    }
+    if (!session->Start()) Reap(false);
+  }
+}
+
+std::shared_ptr<Session> PipeServer::Find(std::uint32_t clientId) {
+  std::lock_guard hold(sessionsLock_);
+  for (const auto& session : sessions_) {
+    if (session->Id() == clientId && !session->Done()) return session;
+  }
+  return nullptr;
+}
+
+std::uint32_t PipeServer::Broadcast(std::uint32_t id, const void* payload, std::uint32_t size, DWORD timeoutMs) {
+  std::vector<std::shared_ptr<Session>> targets;
+  {
+    std::lock_guard hold(sessionsLock_);
+    targets = sessions_;
+  }
+  std::uint32_t last = 0;
+  FrameHeader header;
+  header.id = id;
+  for (const auto& session : targets) {
+    if (session->Done()) continue;
+    const std::uint32_t result = session->Send(header, payload, size, timeoutMs);
+    if (result != 0) last = result;
+  }
+  return last;
+}
+
+std::uint32_t PipeServer::Post(std::uint32_t id, const void* payload, std::uint32_t size, std::uint32_t clientId) {
+  try {
+    std::shared_ptr<Session> session = Find(clientId);
+    if (!session) return ERROR_NOT_FOUND;
+    FrameHeader header;
+    header.id = id;
+    return session->Send(header, payload, size, kDefaultWriteTimeoutMs);
+  } catch (...) {
+    return ERROR_GEN_FAILURE;
+  }
+}
+
+std::uint32_t PipeServer::ReplyError(const PipeMessage* request, std::uint32_t code) {
+  try {
+    if (request == nullptr || !ExpectsReply(*request)) return ERROR_INVALID_PARAMETER;
+    std::shared_ptr<Session> session = Find(request->clientId);
+    if (!session) return ERROR_NOT_FOUND;
+    return session->Reply(request->sequence, request->id, code, nullptr, 0);
+  } catch (...) {
+    return ERROR_GEN_FAILURE;
+  }
+}
+
+std::uint32_t PipeServer::ReplyData(const PipeMessage* request, std::uint32_t id, const void* payload, std::uint32_t size) {
+  try {
+    if (request == nullptr || !ExpectsReply(*request)) return ERROR_INVALID_PARAMETER;
+    std::shared_ptr<Session> session = Find(request->clientId);
+    if (!session) return ERROR_NOT_FOUND;
+    return session->Reply(request->sequence, id, 0, payload, size);
+  } catch (...) {
+    return ERROR_GEN_FAILURE;
+  }
+}
+
+std::uint32_t PipeServer::RegisterCallback(PipeCallback callback, void* context, std::uint32_t kind) {
+  return callback_.Register(callback, context, kind);
+}
+
+std::uint32_t PipeServer::UnregisterCallback(std::uint32_t kind) { return callback_.Unregister(kind); }
+
+// ---- ConnServer ----------------------------------------------------------------------
+
+ConnServer::~ConnServer() {
+  std::vector<std::shared_ptr<PipeServer>> pipes;
+  {
+    std::lock_guard hold(lock_);
+    pipes.swap(pipes_);
+  }
+  for (auto& pipe : pipes) pipe->Close();
+}
+
+void* ConnServer::GetInterface(const GUID& iid) {
+  if (KyIsEqualId(iid, lumera::ids::IKyBaseInterface) || KyIsEqualId(iid, lumera::ids::PipeLinkServer)) {
+    return static_cast<IConnServer*>(this);
+  }
+  return nullptr;
+}
+
+std::uint32_t ConnServer::CreatePipeServer(const wchar_t* name, std::uint32_t, IConnPipeServer** out) {
+  try {
+    if (out == nullptr) return ERROR_INVALID_PARAMETER;
+    *out = nullptr;
+    const std::wstring path = PipePath(name);
+    if (path.empty()) return ERROR_INVALID_NAME;
+    std::lock_guard hold(lock_);
+    // The first-instance flag already refuses a name owned elsewhere; this also covers
+    // systems that do not enforce it within one process.
+    for (const auto& existing : pipes_) {
+      if (_wcsicmp(existing->Path().c_str(), path.c_str()) == 0) return ERROR_ACCESS_DENIED;
+    }
+    auto pipe = std::make_shared<PipeServer>(path);
+    const std::uint32_t result = pipe->Open();
+    if (result != 0) return result;
+    pipes_.push_back(pipe);
+    *out = pipe.get();
+    return 0;
+  } catch (...) {
+    return ERROR_GEN_FAILURE;
+  }
+}
+
+void ConnServer::ReleasePipeServer(IConnPipeServer* server) {
+  std::shared_ptr<PipeServer> pipe;
+  {
+    std::lock_guard hold(lock_);
+    auto it = std::find_if(pipes_.begin(), pipes_.end(), [server](const auto& p) { return p.get() == server; });
+    if (it == pipes_.end()) return;
+    pipe = std::move(*it);
+    pipes_.erase(it);
+  }
+  pipe->Close();
+}
+
+std::uint32_t ConnServer::Broadcast(std::uint32_t id, const void* payload, std::uint32_t size, std::uint32_t,
+                                    std::uint32_t, std::uint32_t timeoutMs) {
+  try {
+    if (size > kMaxPayloadBytes || (payload == nullptr && size != 0)) return ERROR_INVALID_PARAMETER;
+    std::vector<std::shared_ptr<PipeServer>> pipes;
+    {
+      std::lock_guard hold(lock_);
+      pipes = pipes_;
+    }
+    std::uint32_t last = 0;
+    for (const auto& pipe : pipes) {
+      const std::uint32_t result = pipe->Broadcast(id, payload, size, timeoutMs == kNoTimeout ? INFINITE : timeoutMs);
+      if (result != 0) last = result;
+    }
+    return last;
+  } catch (...) {
+    return ERROR_GEN_FAILURE;
+  }
+}
+
+}  // namespace pipelink

@@ -1,0 +1,91 @@
+// The flat little-endian encoding of "boottimepipe" payloads: a writer that starts in 1024
+// bytes of inline space, and a bounded reader for untrusted bytes.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "lumera/boottime.h"
+
+namespace boottime {
+
+inline constexpr std::size_t kPayloadInlineBytes = 1024;
+
+class CPayloadWriter {
+ public:
+  CPayloadWriter() = default;
+  CPayloadWriter(const CPayloadWriter&) = delete;
+  CPayloadWriter& operator=(const CPayloadWriter&) = delete;
+
+  const std::uint8_t* Data() const { return heap_.empty() ? inline_.data() : heap_.data(); }
+  std::uint32_t Size() const { return static_cast<std::uint32_t>(size_); }
+  bool OnHeap() const { return !heap_.empty(); }
+
+  void WriteU32(std::uint32_t value);
+  void WriteU64(std::uint64_t value);
+  void WriteF64(double value);
+  // N = code units including the terminating zero, then the text and a zero unit.
+  void WriteString(const std::wstring& text);
+
+  void WriteBootTime(std::uint32_t milliseconds) { WriteU32(milliseconds); }
+  void WriteErrorCode(std::uint32_t code) { WriteU32(code); }
+  void WriteCounters(const BootCounters& counters);
+  void WriteCounters(const ProcessImpact& impact);
+  void WriteProcessKey(std::uint64_t ppid, std::uint64_t pid, const std::wstring& name);
+  void WriteProcessKey(const ProcessKey& key) { WriteProcessKey(key.ppid, key.pid, key.name); }
+  // Entries in the order the list's enumerator gives them.
+  void WriteImpactList(const ky::IList<ProcessImpact>& impacts);
+  void WriteDiskSpeed(const DiskSpeed& speed);
+
+ private:
+  std::uint8_t* Grow(std::size_t bytes);
+
+  std::array<std::uint8_t, kPayloadInlineBytes> inline_{};
+  std::vector<std::uint8_t> heap_;
+  std::size_t size_ = 0;
+};
+
+// Reads elements in order. A read that would pass the end leaves its output unwritten and
+// moves the position one past the end, so every later read fails too.
+class CPayloadReader {
+ public:
+  CPayloadReader(const void* data, std::size_t size);
+
+  bool Ok() const { return pos_ <= size_; }
+  std::size_t Remaining() const { return Ok() ? size_ - pos_ : 0; }
+
+  [[nodiscard]] bool ReadU32(std::uint32_t* value);
+  [[nodiscard]] bool ReadU64(std::uint64_t* value);
+  [[nodiscard]] bool ReadF64(double* value);
+  // Fails (poisoning the reader) unless the text ends with its zero unit.
+  [[nodiscard]] bool ReadString(std::wstring* text);
+
+  [[nodiscard]] bool ReadBootTime(std::uint32_t* milliseconds) { return ReadU32(milliseconds); }
+  [[nodiscard]] bool ReadErrorCode(std::uint32_t* code) { return ReadU32(code); }
+  // Field by field: on a short payload the fields before the end are written, the rest kept.
+  [[nodiscard]] bool ReadCounters(BootCounters* counters);
+  [[nodiscard]] bool ReadProcessKey(ProcessKey* key);
+  // Appends the entries to *impacts only when the whole list could be read.
+  [[nodiscard]] bool ReadImpactList(ky::IList<ProcessImpact>* impacts);
+  [[nodiscard]] bool ReadImpactList(std::vector<ProcessImpact>* impacts);
+  [[nodiscard]] bool ReadDiskSpeed(DiskSpeed* speed);
+
+ private:
+  const std::uint8_t* Take(std::size_t bytes);
+  [[nodiscard]] bool ReadImpact(ProcessImpact* impact);
+
+  const std::uint8_t* data_;
+  std::size_t size_;
+  std::size_t pos_ = 0;
+};
+
+// "ppid=.. pid=.. name=.. cpuKernelTime=.. ..." for log messages.
+std::wstring DescribeImpact(const ProcessImpact& impact);
+std::wstring DescribeCounters(const BootCounters& counters);
+std::wstring DescribeKey(const ProcessKey& key);
+std::wstring DescribeDiskSpeed(const DiskSpeed& speed);
+
+}  // namespace boottime

@@ -1,0 +1,326 @@
+// The "boottimepipe" server and client over a real pipe, with the host's real component
+// manager and connector plug-ins and a fake boot-time plug-in.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <random>
+
+#include "boottime/comm/boottime_comm.h"
+#include "boottime/comm/boottime_comm_client.h"
+#include "boottime/comm/messages.h"
+#include "boottime/comm/payload.h"
+#include "component_manager.h"
+#include "fake_boottime.h"
+#include "pipelink_fixture.h"
+
+namespace {
+
+using boottime::CBootTimeComm;
+using boottime::CBootTimeCommClient;
+using testing_boottime::FakeBootTime;
+constexpr DWORD kWaitMs = 5000;
+
+// Collects asynchronous answers and broadcasts.
+struct Observer : boottime::IBootTimeResponse, boottime::IBootTimeEvents {
+  std::mutex lock;
+  std::uint32_t code = 0xDEAD, time = 0, analysed = 0;
+  boottime::BootCounters total;
+  std::vector<boottime::ProcessImpact> impacts;
+  boottime::DiskSpeed disk;
+  ky::unique_handle answered{::CreateEventW(nullptr, FALSE, FALSE, nullptr)};
+
+  void Done(std::uint32_t c) {
+    code = c;
+    ::SetEvent(answered.get());
+  }
+  bool Wait() { return ::WaitForSingleObject(answered.get(), kWaitMs) == WAIT_OBJECT_0; }
+  void OnGetBootTime(std::uint32_t c, std::uint32_t ms) override {
+    std::lock_guard hold(lock);
+    time = ms;
+    Done(c);
+  }
+  void OnGetTotalBootImpact(std::uint32_t c, const boottime::BootCounters& t) override {
+    std::lock_guard hold(lock);
+    total = t;
+    Done(c);
+  }
+  void OnGetBootImpact(std::uint32_t c, const ky::IList<boottime::ProcessImpact>& list) override {
+    std::lock_guard hold(lock);
+    impacts = ky::ToVector(list);
+    Done(c);
+  }
+  void OnGetDiskSpeed(std::uint32_t c, const boottime::DiskSpeed& d) override {
+    std::lock_guard hold(lock);
+    disk = d;
+    Done(c);
+  }
+  void OnDataAnalysed(std::uint32_t value) override {
+    std::lock_guard hold(lock);
+    analysed = value;
+    ::SetEvent(answered.get());
+  }
+};
+
+class BootTimePipe : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    for (std::uint64_t i = 0; i < 500; ++i) {
+      fake.impacts.push_back({4, 100 + i, L"C:\\Apps\\app" + std::to_wstring(i) + L".exe", 1, 2, 3, 4, static_cast<std::uint32_t>(i)});
+    }
+    manager.RegisterModuleObject(L"boottime", &fake);
+    ASSERT_EQ(server.Init(&manager), 0u);
+    ASSERT_EQ(server.Start(), 0u) << "the pipe server needs the host's connserver and pipelink.dll";
+    EXPECT_EQ(fake.ListenerCount(), 1u) << "the server listens to the plug-in";
+    ASSERT_EQ(client.Init(nullptr), 0u);
+    ASSERT_EQ(client.Start(), 0u);
+    ASSERT_EQ(client.AddResponseObserver(&observer), 0u);
+  }
+  void TearDown() override {
+    client.Stop();
+    client.UnInit();
+    server.Stop();
+    EXPECT_EQ(fake.ListenerCount(), 0u) << "Stop leaves the plug-in's listeners";
+    server.UnInit();
+    EXPECT_EQ(manager.OutstandingCount(L"connserver"), 0) << "UnInit gives connserver back";
+    manager.UnregisterModuleObject(L"boottime");
+    manager.Shutdown();
+  }
+
+  host::HostConfig config;
+  host::ComponentManager manager{config};
+  FakeBootTime fake;
+  CBootTimeComm server;
+  CBootTimeCommClient client;
+  Observer observer;
+};
+
+TEST_F(BootTimePipe, SynchronousQueriesCarryThePluginsAnswers) {
+  std::uint32_t ms = 0;
+  ASSERT_EQ(client.GetBootTime(&ms), 0u);
+  EXPECT_EQ(ms, 31337u);
+
+  ky::List<boottime::ProcessImpact> impacts;
+  const boottime::ProcessKey key{7, 8, L"explorer.exe"};
+  ASSERT_EQ(client.GetBootImpact(&impacts, &key), 0u);
+  ASSERT_EQ(impacts.Count(), 500u);
+  EXPECT_EQ(impacts.Items()[499].name, L"C:\\Apps\\app499.exe");
+  EXPECT_EQ(impacts.Items()[499].other, 499u);
+  EXPECT_EQ(fake.LastKey().pid, 8u);
+  EXPECT_EQ(fake.LastKey().name, L"explorer.exe");
+
+  fake.impacts.clear();
+  ky::List<boottime::ProcessImpact> none;
+  ASSERT_EQ(client.GetBootImpact(&none, &key), 0u);
+  EXPECT_EQ(none.Count(), 0u);
+
+  boottime::DiskSpeed disk;
+  ASSERT_EQ(client.GetDiskSpeed(&disk), 0u);
+  EXPECT_EQ(disk.maximum, 97.25);
+  EXPECT_EQ(disk.average, 42.125);
+}
+
+TEST_F(BootTimePipe, TotalBootImpactAsksForTheBootTimeAndFillsOnlyTheKernelField) {
+  boottime::BootCounters total{9, 9, 9, 9, 9};
+  ASSERT_EQ(client.GetTotalBootImpact(&total), 0u);
+  EXPECT_EQ(total.kernel, 31337u);
+  EXPECT_EQ(total.user, 9u);
+  EXPECT_EQ(total.other, 9u);
+  EXPECT_EQ(fake.totalCalls.load(), 0) << "the request sent is the boot-time query";
+  EXPECT_EQ(fake.bootTimeCalls.load(), 1);
+}
+
+TEST_F(BootTimePipe, SynchronousQueriesReturnThePluginsFailureCode) {
+  fake.bootTimeCode = 1;
+  fake.impactCode = 2;
+  fake.diskCode = 1168;
+  std::uint32_t ms = 77;
+  EXPECT_EQ(client.GetBootTime(&ms), 1u);
+  EXPECT_EQ(ms, 77u);
+  boottime::BootCounters total;
+  EXPECT_EQ(client.GetTotalBootImpact(&total), 1u) << "it fails with the boot-time query's code";
+  ky::List<boottime::ProcessImpact> impacts;
+  boottime::ProcessKey key;
+  EXPECT_EQ(client.GetBootImpact(&impacts, &key), 2u);
+  boottime::DiskSpeed disk;
+  EXPECT_EQ(client.GetDiskSpeed(&disk), 1168u);
+}
+
+TEST_F(BootTimePipe, AsynchronousQueriesAnswerTheObservers) {
+  ASSERT_EQ(client.GetBootTimeAsync(), 0u);
+  ASSERT_TRUE(observer.Wait());
+  EXPECT_EQ(observer.code, 0u);
+  EXPECT_EQ(observer.time, 31337u);
+
+  ASSERT_EQ(client.GetTotalBootImpactAsync(), 0u);
+  ASSERT_TRUE(observer.Wait());
+  EXPECT_EQ(observer.total.other, 50u) << "the asynchronous form does ask for the total";
+
+  const boottime::ProcessKey key{0, 0, L""};
+  ASSERT_EQ(client.GetBootImpactAsync(&key), 0u);
+  ASSERT_TRUE(observer.Wait());
+  EXPECT_EQ(observer.impacts.size(), 500u);
+
+  ASSERT_EQ(client.GetDiskSpeedAsync(), 0u);
+  ASSERT_TRUE(observer.Wait());
+  EXPECT_EQ(observer.disk.minimum, 1.5);
+}
+
+TEST_F(BootTimePipe, FailedPostedQueriesComeBackAsErrorMessagesWithTheCode) {
+  fake.bootTimeCode = 1;
+  fake.totalCode = 2;
+  fake.impactCode = 1;
+  fake.diskCode = 2;
+  // The raw connection shows the wire: the error id and a 4-byte code.
+  testing_pipelink::Library lib;
+  ASSERT_TRUE(lib.Ready());
+  struct Wire {
+    std::uint32_t id = 0, size = 0, code = 0;
+    ky::unique_handle arrived{::CreateEventW(nullptr, FALSE, FALSE, nullptr)};
+    static std::uint32_t __cdecl Callback(void* context, const pipelink::PipeMessage* m) {
+      auto* self = static_cast<Wire*>(context);
+      self->id = m->id;
+      self->size = m->size;
+      if (m->size == 4) std::memcpy(&self->code, m->payload, 4);
+      ::SetEvent(self->arrived.get());
+      return 0;
+    }
+  } wire;
+  pipelink::IConnPipeClient* raw = nullptr;
+  ASSERT_EQ(lib.Client()->Connect(L"boottimepipe", 0, 0, kWaitMs, &raw), 0u);
+  ASSERT_EQ(raw->RegisterCallback(&Wire::Callback, &wire, pipelink::kCallbackMessages), 0u);
+  boottime::CPayloadWriter key;
+  key.WriteProcessKey(boottime::ProcessKey{});
+  const std::uint32_t expectedCode[] = {0, 1, 2, 1, 2};
+  for (std::uint32_t query = 1; query <= 4; ++query) {
+    ASSERT_EQ(raw->Post(query, query == 3 ? key.Data() : nullptr, query == 3 ? key.Size() : 0, 0), 0u);
+    ASSERT_EQ(::WaitForSingleObject(wire.arrived.get(), kWaitMs), WAIT_OBJECT_0) << "query " << query;
+    EXPECT_EQ(wire.id, query + 9) << "query " << query;
+    EXPECT_EQ(wire.size, 4u) << "query " << query;
+    EXPECT_EQ(wire.code, expectedCode[query]) << "query " << query;
+  }
+  lib.Client()->Close(raw);
+
+  // Through the client the code reaches the matching answer operation.
+  ASSERT_EQ(client.GetDiskSpeedAsync(), 0u);
+  ASSERT_TRUE(observer.Wait());
+  EXPECT_EQ(observer.code, 2u);
+  ASSERT_EQ(client.GetBootTimeAsync(), 0u);
+  ASSERT_TRUE(observer.Wait());
+  EXPECT_EQ(observer.code, 1u);
+}
+
+TEST_F(BootTimePipe, UnknownOrUnreadableRequestsAreAnsweredWith31) {
+  testing_pipelink::Library lib;
+  ASSERT_TRUE(lib.Ready());
+  pipelink::IConnPipeClient* raw = nullptr;
+  ASSERT_EQ(lib.Client()->Connect(L"boottimepipe", 0, 0, kWaitMs, &raw), 0u);
+  pipelink::PipeMessage* reply = nullptr;
+  ASSERT_EQ(raw->Send(99, nullptr, 0, &reply, 0, kWaitMs), 0u);
+  EXPECT_EQ(reply->result, 31u) << "unknown id";
+  raw->FreeReply(reply);
+  const std::uint8_t shortKey[] = {1, 2, 3};
+  ASSERT_EQ(raw->Send(boottime::msg::NpcMsgBootTimeGetBootImpact, shortKey, 3, &reply, 0, kWaitMs), 0u);
+  EXPECT_EQ(reply->result, 31u) << "a process key that cannot be read";
+  raw->FreeReply(reply);
+  lib.Client()->Close(raw);
+}
+
+TEST_F(BootTimePipe, DataAnalysedReachesEveryConnectedClient) {
+  std::vector<std::unique_ptr<CBootTimeCommClient>> others;
+  std::vector<std::unique_ptr<Observer>> listeners;
+  for (int i = 0; i < 3; ++i) {
+    others.push_back(std::make_unique<CBootTimeCommClient>());
+    listeners.push_back(std::make_unique<Observer>());
+    ASSERT_EQ(others.back()->Init(nullptr), 0u);
+    ASSERT_EQ(others.back()->Start(), 0u);
+    ASSERT_EQ(others.back()->AddListener(listeners.back().get()), 0u);
+    std::uint32_t ms = 0;
+    ASSERT_EQ(others.back()->GetBootTime(&ms), 0u) << "the server has accepted client " << i;
+  }
+  fake.OnDataAnalysed(2);
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_TRUE(listeners[i]->Wait()) << "client " << i;
+    EXPECT_EQ(listeners[i]->analysed, 2u) << "client " << i;
+  }
+}
+
+TEST_F(BootTimePipe, HostileClientsDisturbNeitherTheServerNorOtherClients) {
+  Observer listener;
+  ASSERT_EQ(client.AddListener(&listener), 0u);
+  std::mt19937 random(99);
+  for (int round = 0; round < 40; ++round) {
+    testing_pipelink::RawPipe raw(L"boottimepipe");
+    ASSERT_TRUE(raw.Open()) << "round " << round;
+    const std::uint32_t id = raw.ReadHello();
+    ASSERT_NE(id, 0u);
+    std::vector<std::uint8_t> payload(random() % 64);
+    for (auto& b : payload) b = static_cast<std::uint8_t>(random());
+    auto frame = testing_pipelink::Frame(id, 1 + random() % 4, random() % 2, round, payload);
+    switch (round % 4) {
+      case 0: frame.resize(random() % frame.size()); break;           // truncated
+      case 1: for (auto& b : frame) b = static_cast<std::uint8_t>(random()); break;  // noise
+      case 2: break;  // well-formed header, random payload: a query with garbage
+      case 3: frame[12] ^= 0x40; break;                                // lying size
+    }
+    if (!frame.empty()) (void)raw.Write(frame);
+    std::uint32_t ms = 0;
+    ASSERT_EQ(client.GetBootTime(&ms), 0u) << "round " << round;
+    EXPECT_EQ(ms, 31337u);
+  }
+  fake.OnDataAnalysed(5);
+  ASSERT_TRUE(listener.Wait());
+  EXPECT_EQ(listener.analysed, 5u);
+  client.RemoveListener(&listener);
+}
+
+// A server on "boottimepipe" that never answers: the client gives up after its 5000 ms.
+TEST(BootTimeClient, ServerThatDoesNotAnswerInTimeFailsTheQueryWith2) {
+  testing_pipelink::Library lib;
+  ASSERT_TRUE(lib.Ready());
+  pipelink::IConnPipeServer* pipe = nullptr;
+  ASSERT_EQ(lib.Server()->CreatePipeServer(L"boottimepipe", 0, &pipe), 0u);
+  ky::unique_handle release(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  auto hang = [](void* context, const pipelink::PipeMessage*) -> std::uint32_t {
+    ::WaitForSingleObject(static_cast<HANDLE>(context), 20000);
+    return 0;
+  };
+  ASSERT_EQ(pipe->RegisterCallback(hang, release.get(), pipelink::kCallbackMessages), 0u);
+  {
+    CBootTimeCommClient client;
+    ASSERT_EQ(client.Init(nullptr), 0u);
+    ASSERT_EQ(client.Start(), 0u);
+    std::uint32_t ms = 0;
+    const ULONGLONG begin = ::GetTickCount64();
+    EXPECT_EQ(client.GetBootTime(&ms), boottime::kStatusNoResults);
+    EXPECT_GE(::GetTickCount64() - begin, 4500u) << "the client waits its full time-out";
+    ::SetEvent(release.get());
+  }
+  lib.Server()->ReleasePipeServer(pipe);
+}
+
+TEST(BootTimeClient, UnknownOrUnreadableMessagesAreAcknowledgedWith31) {
+  CBootTimeCommClient client;
+  Observer observer;
+  ASSERT_EQ(client.AddResponseObserver(&observer), 0u);
+  auto deliver = [&](std::uint32_t id, std::vector<std::uint8_t> payload) {
+    pipelink::PipeMessage m{0, 0, static_cast<std::uint32_t>(payload.size()), id, payload.data(), 0, 1};
+    return CBootTimeCommClient::NpcCallback(&client, &m);
+  };
+  EXPECT_EQ(deliver(55, {}), 31u);
+  EXPECT_EQ(deliver(boottime::msg::NpcMsgBootTimeGetBootTime, {1, 2}), 31u);
+  EXPECT_EQ(deliver(boottime::msg::NpcMsgBootTimeGetBootImpact, {5, 0, 0, 0}), 31u) << "count without entries";
+  EXPECT_EQ(deliver(boottime::msg::NpcMsgBootTimeGetDiskSpeedError, {2, 0, 0, 0}), 0u);
+  EXPECT_EQ(observer.code, 2u);
+  EXPECT_EQ(deliver(boottime::msg::NpcMsgBootTimeGetBootTime, {0x10, 0x27, 0, 0}), 0u);
+  EXPECT_EQ(observer.time, 10000u);
+}
+
+TEST(BootTimeServer, InitWithoutHostFailsAndStartWithoutConnectorFails) {
+  CBootTimeComm server;
+  EXPECT_EQ(server.Init(nullptr), 0xFFFFFFFFu);
+  EXPECT_EQ(server.Start(), 31u);
+}
+
+}  // namespace

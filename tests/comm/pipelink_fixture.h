@@ -1,0 +1,140 @@
+// Test helpers over pipelink.dll beside the test program: the library's objects, a raw pipe
+// client that writes arbitrary bytes, and frame building.
+#pragma once
+
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "common/unique_handle.h"
+#include "lumera/interface_ids.h"
+#include "lumera/pipelink.h"
+
+namespace testing_pipelink {
+
+inline std::wstring ExeFolder() {
+  std::wstring path(32768, L'\0');
+  path.resize(::GetModuleFileNameW(nullptr, path.data(), 32767));
+  return path.substr(0, path.find_last_of(L'\\') + 1);
+}
+
+// A pipe name no other test or process uses.
+inline std::wstring UniqueName(const char* test) {
+  return L"lumera-test-" + std::to_wstring(::GetCurrentProcessId()) + L"-" + std::wstring(test, test + std::strlen(test));
+}
+
+class Library {
+ public:
+  Library() : module_(::LoadLibraryW((ExeFolder() + L"pipelink.dll").c_str())) {
+    if (!module_) return;
+    create_ = reinterpret_cast<KyCreateObjectFn>(reinterpret_cast<void*>(::GetProcAddress(module_.get(), "KyCreateObject")));
+    destroy_ = reinterpret_cast<KyDestroyObjectFn>(reinterpret_cast<void*>(::GetProcAddress(module_.get(), "KyDestroyObject")));
+    void* object = nullptr;
+    if (create_ && create_(L"connserver", &lumera::ids::PipeLinkServer, &object) == 0) server_ = static_cast<pipelink::IConnServer*>(object);
+    object = nullptr;
+    if (create_ && create_(L"connclient", &lumera::ids::PipeLinkClient, &object) == 0) client_ = static_cast<pipelink::IConnClient*>(object);
+    if (client_ && (client_->Init(0) != 0 || client_->Start() != 0)) client_ = nullptr;
+  }
+  ~Library() {
+    if (destroy_ && client_) destroy_(L"connclient", client_);
+    if (destroy_ && server_) destroy_(L"connserver", server_);
+  }
+  Library(const Library&) = delete;
+  Library& operator=(const Library&) = delete;
+
+  bool Ready() const { return server_ != nullptr && client_ != nullptr; }
+  pipelink::IConnServer* Server() const { return server_; }
+  pipelink::IConnClient* Client() const { return client_; }
+
+ private:
+  ky::unique_module module_;
+  KyCreateObjectFn create_ = nullptr;
+  KyDestroyObjectFn destroy_ = nullptr;
+  pipelink::IConnServer* server_ = nullptr;
+  pipelink::IConnClient* client_ = nullptr;
+};
+
+inline void PutU32(std::vector<std::uint8_t>& out, std::uint32_t v) {
+  for (int i = 0; i < 4; ++i) out.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
+}
+
+inline std::vector<std::uint8_t> Frame(std::uint32_t clientId, std::uint32_t id, std::uint32_t flags,
+                                       std::uint32_t sequence, const std::vector<std::uint8_t>& payload,
+                                       std::uint32_t magic = pipelink::kFrameMagic) {
+  std::vector<std::uint8_t> out;
+  for (std::uint32_t v : {magic, clientId, 0u, static_cast<std::uint32_t>(payload.size()), id, flags, sequence, 0u}) PutU32(out, v);
+  out.insert(out.end(), payload.begin(), payload.end());
+  return out;
+}
+
+// A client that speaks the wire format by hand.
+class RawPipe {
+ public:
+  explicit RawPipe(const std::wstring& name) : event_(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {
+    const std::wstring path = L"\\\\.\\pipe\\" + name;
+    // Every instance may be taken for a moment while the server makes the next one.
+    for (int attempt = 0; attempt < 50 && !pipe_; ++attempt) {
+      pipe_.reset(::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                                FILE_FLAG_OVERLAPPED, nullptr));
+      if (!pipe_ && ::GetLastError() != ERROR_PIPE_BUSY) break;
+      if (!pipe_) ::WaitNamedPipeW(path.c_str(), 100);
+    }
+    DWORD mode = PIPE_READMODE_MESSAGE;
+    if (pipe_) ::SetNamedPipeHandleState(pipe_.get(), &mode, nullptr, nullptr);
+  }
+  bool Open() const { return pipe_.valid(); }
+
+  // The client id from the server's welcome frame, 0 when none came within 5 s.
+  std::uint32_t ReadHello() {
+    std::vector<std::uint8_t> frame;
+    if (Read(frame, 5000) != 0 || frame.size() < pipelink::kFrameHeaderBytes) return 0;
+    std::uint32_t id = 0;
+    std::memcpy(&id, frame.data() + 4, 4);
+    return id;
+  }
+
+  DWORD Write(const std::vector<std::uint8_t>& bytes) {
+    OVERLAPPED ov{};
+    ov.hEvent = event_.get();
+    DWORD n = 0;
+    if (!::WriteFile(pipe_.get(), bytes.data(), static_cast<DWORD>(bytes.size()), nullptr, &ov) &&
+        ::GetLastError() != ERROR_IO_PENDING) {
+      return ::GetLastError();
+    }
+    return Finish(ov, 5000, &n);
+  }
+
+  // 0 with a whole message, 258 on time-out, or the pipe's error (109 once the server dropped us).
+  DWORD Read(std::vector<std::uint8_t>& out, DWORD timeoutMs) {
+    out.assign(pipelink::kMaxFrameBytes, 0);
+    OVERLAPPED ov{};
+    ov.hEvent = event_.get();
+    DWORD n = 0;
+    if (!::ReadFile(pipe_.get(), out.data(), static_cast<DWORD>(out.size()), nullptr, &ov) &&
+        ::GetLastError() != ERROR_IO_PENDING) {
+      return ::GetLastError();
+    }
+    const DWORD result = Finish(ov, timeoutMs, &n);
+    out.resize(result == 0 ? n : 0);
+    return result;
+  }
+
+ private:
+  DWORD Finish(OVERLAPPED& ov, DWORD timeoutMs, DWORD* n) {
+    if (::WaitForSingleObject(event_.get(), timeoutMs) != WAIT_OBJECT_0) {
+      ::CancelIoEx(pipe_.get(), &ov);
+      ::GetOverlappedResult(pipe_.get(), &ov, n, TRUE);
+      return WAIT_TIMEOUT;
+    }
+    return ::GetOverlappedResult(pipe_.get(), &ov, n, FALSE) ? 0 : ::GetLastError();
+  }
+
+  ky::unique_file pipe_;
+  ky::unique_handle event_;
+};
+
+}  // namespace testing_pipelink

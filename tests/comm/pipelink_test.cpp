@@ -1,0 +1,220 @@
+// pipelink.dll over real named pipes: replies, posts, broadcasts, time-outs and hostile clients.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "pipelink_fixture.h"
+
+namespace {
+
+using namespace testing_pipelink;
+using pipelink::PipeMessage;
+
+constexpr DWORD kWaitMs = 5000;
+
+// Records arriving messages and answers synchronous ones by id.
+struct Server {
+  static constexpr std::uint32_t kEcho = 1, kFail = 2, kNoReply = 3, kBlock = 4;
+  pipelink::IConnPipeServer* pipe = nullptr;
+  std::atomic<std::uint32_t> lastSender{0};
+  std::atomic<int> received{0};
+  ky::unique_handle release{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+
+  static std::uint32_t __cdecl Callback(void* context, const PipeMessage* m) {
+    auto* self = static_cast<Server*>(context);
+    self->lastSender = m->clientId;
+    ++self->received;
+    switch (m->id) {
+      case kEcho:
+        return self->pipe->ReplyData(m, 100 + m->id, m->payload, m->size);
+      case kFail:
+        return self->pipe->ReplyError(m, 1234);
+      case kBlock:
+        ::WaitForSingleObject(self->release.get(), 10000);
+        return 0;
+      default:
+        return 31;
+    }
+  }
+};
+
+// Records what a client receives.
+struct Inbox {
+  std::atomic<int> count{0};
+  std::atomic<std::uint32_t> lastId{0};
+  ky::unique_handle arrived{::CreateEventW(nullptr, FALSE, FALSE, nullptr)};
+  static std::uint32_t __cdecl Callback(void* context, const PipeMessage* m) {
+    auto* self = static_cast<Inbox*>(context);
+    self->lastId = m->id;
+    ++self->count;
+    ::SetEvent(self->arrived.get());
+    return 0;
+  }
+};
+
+class PipeLink : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(lib.Ready()) << "pipelink.dll must sit beside the test program";
+    name = UniqueName(::testing::UnitTest::GetInstance()->current_test_info()->name());
+    ASSERT_EQ(lib.Server()->CreatePipeServer(name.c_str(), 0, &server.pipe), 0u);
+    ASSERT_EQ(server.pipe->RegisterCallback(&Server::Callback, &server, pipelink::kCallbackMessages), 0u);
+  }
+  void TearDown() override {
+    if (server.pipe) lib.Server()->ReleasePipeServer(server.pipe);
+  }
+  pipelink::IConnPipeClient* Connect() {
+    pipelink::IConnPipeClient* c = nullptr;
+    EXPECT_EQ(lib.Client()->Connect(name.c_str(), 0, 0, kWaitMs, &c), 0u);
+    return c;
+  }
+
+  Library lib;
+  Server server;
+  std::wstring name;
+};
+
+TEST_F(PipeLink, SynchronousSendGetsDataErrorOrTheCallbacksStatusAndCarriesTheSender) {
+  pipelink::IConnPipeClient* c = Connect();
+  ASSERT_NE(c, nullptr);
+  const std::uint8_t data[] = {1, 2, 3};
+  PipeMessage* reply = nullptr;
+  ASSERT_EQ(c->Send(Server::kEcho, data, 3, &reply, 0, kWaitMs), 0u);
+  ASSERT_NE(reply, nullptr);
+  EXPECT_EQ(reply->id, 101u);
+  EXPECT_EQ(reply->result, 0u);
+  ASSERT_EQ(reply->size, 3u);
+  EXPECT_EQ(std::vector<std::uint8_t>(reply->payload, reply->payload + 3), std::vector<std::uint8_t>(data, data + 3));
+  c->FreeReply(reply);
+  EXPECT_EQ(server.lastSender.load(), c->ClientId()) << "the server sees the id it gave this client";
+
+  ASSERT_EQ(c->Send(Server::kFail, nullptr, 0, &reply, 0, kWaitMs), 0u);
+  EXPECT_EQ(reply->result, 1234u) << "an error reply carries the code";
+  c->FreeReply(reply);
+
+  ASSERT_EQ(c->Send(Server::kNoReply, nullptr, 0, &reply, 0, kWaitMs), 0u);
+  EXPECT_EQ(reply->result, 31u) << "a callback that does not reply answers with its status";
+  c->FreeReply(reply);
+  lib.Client()->Close(c);
+}
+
+TEST_F(PipeLink, LargestPayloadRoundTripsAndALargerOneIsRefused) {
+  pipelink::IConnPipeClient* c = Connect();
+  ASSERT_NE(c, nullptr);
+  std::vector<std::uint8_t> big(pipelink::kMaxPayloadBytes);
+  for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<std::uint8_t>(i * 7);
+  PipeMessage* reply = nullptr;
+  ASSERT_EQ(c->Send(Server::kEcho, big.data(), static_cast<std::uint32_t>(big.size()), &reply, 0, kWaitMs), 0u);
+  ASSERT_EQ(reply->size, big.size());
+  EXPECT_EQ(std::memcmp(reply->payload, big.data(), big.size()), 0);
+  c->FreeReply(reply);
+  big.push_back(0);
+  EXPECT_EQ(c->Post(Server::kEcho, big.data(), static_cast<std::uint32_t>(big.size()), 0),
+            static_cast<std::uint32_t>(ERROR_INVALID_PARAMETER));
+  lib.Client()->Close(c);
+}
+
+TEST_F(PipeLink, PostReachesOneClientAndBroadcastReachesEveryClient) {
+  Inbox inboxes[3];
+  pipelink::IConnPipeClient* clients[3] = {};
+  for (int i = 0; i < 3; ++i) {
+    clients[i] = Connect();
+    ASSERT_NE(clients[i], nullptr);
+    ASSERT_EQ(clients[i]->RegisterCallback(&Inbox::Callback, &inboxes[i], pipelink::kCallbackMessages), 0u);
+  }
+  // A post from each client makes sure the server has accepted all three.
+  for (auto* c : clients) ASSERT_EQ(c->Post(77, nullptr, 0, 0), 0u);
+  const std::uint32_t value = 5;
+  ASSERT_EQ(server.pipe->Post(42, &value, 4, clients[1]->ClientId()), 0u);
+  ASSERT_EQ(::WaitForSingleObject(inboxes[1].arrived.get(), kWaitMs), WAIT_OBJECT_0);
+  EXPECT_EQ(inboxes[1].lastId.load(), 42u);
+  EXPECT_EQ(server.pipe->Post(42, &value, 4, 0xABCDEF), static_cast<std::uint32_t>(ERROR_NOT_FOUND));
+
+  ASSERT_EQ(lib.Server()->Broadcast(20, &value, 4, 0, 0, pipelink::kNoTimeout), 0u);
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_EQ(::WaitForSingleObject(inboxes[i].arrived.get(), kWaitMs), WAIT_OBJECT_0) << "client " << i;
+    EXPECT_EQ(inboxes[i].lastId.load(), 20u) << "client " << i;
+  }
+  EXPECT_EQ(inboxes[0].count.load(), 1) << "the post went to client 1 only";
+  for (auto* c : clients) lib.Client()->Close(c);
+}
+
+TEST_F(PipeLink, SendTimesOutWhenTheServerDoesNotAnswerAndTheConnectionStaysUsable) {
+  pipelink::IConnPipeClient* c = Connect();
+  ASSERT_NE(c, nullptr);
+  PipeMessage* reply = nullptr;
+  EXPECT_EQ(c->Send(Server::kBlock, nullptr, 0, &reply, 0, 200), static_cast<std::uint32_t>(WAIT_TIMEOUT));
+  EXPECT_EQ(reply, nullptr);
+  ::SetEvent(server.release.get());
+  ASSERT_EQ(c->Send(Server::kEcho, nullptr, 0, &reply, 0, kWaitMs), 0u) << "the late reply is dropped, not delivered here";
+  EXPECT_EQ(reply->id, 101u);
+  c->FreeReply(reply);
+  lib.Client()->Close(c);
+}
+
+TEST_F(PipeLink, MalformedFramesDropOnlyTheirSender) {
+  pipelink::IConnPipeClient* good = Connect();
+  ASSERT_NE(good, nullptr);
+  std::mt19937 random(1234);
+  auto bytes = [&](std::size_t n) {
+    std::vector<std::uint8_t> out(n);
+    for (auto& b : out) b = static_cast<std::uint8_t>(random());
+    return out;
+  };
+  struct Case {
+    const char* what;
+    std::function<std::vector<std::uint8_t>(std::uint32_t)> frame;
+  } cases[] = {
+      {"shorter than a header", [&](std::uint32_t) { return bytes(31); }},
+      {"random bytes", [&](std::uint32_t) { return bytes(200); }},
+      {"wrong magic", [&](std::uint32_t id) { return Frame(id, 1, 0, 1, {}, 0x12345678); }},
+      {"size larger than sent", [&](std::uint32_t id) { auto f = Frame(id, 1, 0, 1, {1, 2, 3}); f.pop_back(); return f; }},
+      {"size smaller than sent", [&](std::uint32_t id) { auto f = Frame(id, 1, 0, 1, {1, 2, 3}); f.push_back(9); return f; }},
+      {"unknown flag", [&](std::uint32_t id) { return Frame(id, 1, 0x80, 1, {}); }},
+      {"another client's id", [&](std::uint32_t id) { return Frame(id + 1000, 1, 0, 1, {}); }},
+      {"control frame", [&](std::uint32_t id) { return Frame(id, 1, pipelink::kFlagControl, 1, {}); }},
+      {"beyond the largest frame", [&](std::uint32_t id) { return Frame(id, 1, 0, 1, std::vector<std::uint8_t>(pipelink::kMaxFrameBytes)); }},
+  };
+  for (const Case& c : cases) {
+    RawPipe raw(name);
+    ASSERT_TRUE(raw.Open()) << c.what;
+    const std::uint32_t id = raw.ReadHello();
+    ASSERT_NE(id, 0u) << c.what;
+    (void)raw.Write(c.frame(id));
+    std::vector<std::uint8_t> answer;
+    const DWORD read = raw.Read(answer, kWaitMs);
+    EXPECT_TRUE(read == ERROR_BROKEN_PIPE || read == ERROR_PIPE_NOT_CONNECTED) << c.what << ": read gave " << read;
+
+    PipeMessage* reply = nullptr;
+    ASSERT_EQ(good->Send(Server::kEcho, nullptr, 0, &reply, 0, kWaitMs), 0u) << "after " << c.what;
+    good->FreeReply(reply);
+  }
+  lib.Client()->Close(good);
+}
+
+TEST_F(PipeLink, OneNameOneServerAndReleaseDisconnectsClients) {
+  pipelink::IConnPipeServer* second = nullptr;
+  EXPECT_NE(lib.Server()->CreatePipeServer(name.c_str(), 0, &second), 0u);
+  EXPECT_EQ(second, nullptr);
+  EXPECT_EQ(lib.Server()->CreatePipeServer(L"bad\\name", 0, &second), static_cast<std::uint32_t>(ERROR_INVALID_NAME));
+
+  pipelink::IConnPipeClient* c = Connect();
+  ASSERT_NE(c, nullptr);
+  lib.Server()->ReleasePipeServer(server.pipe);
+  server.pipe = nullptr;
+  PipeMessage* reply = nullptr;
+  const std::uint32_t sent = c->Send(Server::kEcho, nullptr, 0, &reply, 0, kWaitMs);
+  EXPECT_NE(sent, 0u) << "a released pipe answers nothing";
+  EXPECT_NE(sent, static_cast<std::uint32_t>(WAIT_TIMEOUT)) << "the client learns at once that the pipe is gone";
+  lib.Client()->Close(c);
+
+  pipelink::IConnPipeClient* none = nullptr;
+  EXPECT_EQ(lib.Client()->Connect(name.c_str(), 0, 0, 100, &none), static_cast<std::uint32_t>(ERROR_FILE_NOT_FOUND));
+  EXPECT_EQ(none, nullptr);
+}
+
+}  // namespace

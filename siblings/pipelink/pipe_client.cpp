@@ -21,6 +21,17 @@ PipeMessage* NewReply(const FrameHeader& header, const std::uint8_t* payload) {
                                  header.sequence};
 }
 
+class SrwHold {
+ public:
+  explicit SrwHold(SRWLOCK& lock) : lock_(lock) { ::AcquireSRWLockExclusive(&lock_); }
+  ~SrwHold() { ::ReleaseSRWLockExclusive(&lock_); }
+  SrwHold(const SrwHold&) = delete;
+  SrwHold& operator=(const SrwHold&) = delete;
+
+ private:
+  SRWLOCK& lock_;
+};
+
 DWORD Remaining(ULONGLONG deadline) {
   const ULONGLONG now = ::GetTickCount64();
   return now >= deadline ? 0 : static_cast<DWORD>(deadline - now);
@@ -78,22 +89,32 @@ std::uint32_t PipeClient::Connect(const std::wstring& path, DWORD timeoutMs) {
 
 void PipeClient::Run() {
   std::vector<std::uint8_t> buffer;
+  std::uint32_t ended = ERROR_BROKEN_PIPE;
   for (;;) {
     std::size_t got = 0;
-    if (end_->Read(buffer, &got, stop_.get(), INFINITE) != 0) break;
+    const std::uint32_t read = end_->Read(buffer, &got, stop_.get(), INFINITE);
+    if (read == ERROR_OPERATION_ABORTED) ended = read;
+    if (read != 0) break;
     FrameHeader header;
     // Only the server writes to this end: anything malformed means the connection is unusable.
     if (ParseFrame(buffer.data(), got, &header) != FrameCheck::kOk || header.clientId != 0) break;
     if ((header.flags & kFlagControl) != 0) continue;
     const std::uint8_t* payload = buffer.data() + kFrameHeaderBytes;
     if ((header.flags & kFlagIsReply) != 0) {
-      std::lock_guard hold(pendingLock_);
-      auto it = pending_.find(header.sequence);
-      if (it == pending_.end()) continue;  // its sender gave up waiting
-      it->second->reply = NewReply(header, payload);
-      it->second->error = it->second->reply != nullptr ? 0 : ERROR_NOT_ENOUGH_MEMORY;
-      ::SetEvent(it->second->done.get());
-      pending_.erase(it);
+      PipeMessage* reply = NewReply(header, payload);
+      {
+        SrwHold hold(pendingLock_);
+        auto it = pending_.find(header.sequence);
+        if (it != pending_.end()) {
+          it->second->reply = reply;
+          it->second->error = reply != nullptr ? 0 : ERROR_NOT_ENOUGH_MEMORY;
+          it->second->done = true;
+          pending_.erase(it);
+          reply = nullptr;
+        }
+      }
+      ::WakeAllConditionVariable(&pendingDone_);
+      FreeReply(reply);  // its sender gave up waiting
       continue;
     }
     PipeMessage message{0, header.result, header.size, header.id, payload, header.flags, header.sequence};
@@ -103,16 +124,19 @@ void PipeClient::Run() {
     if (ExpectsReply(message) && !replied_) (void)Reply(&message, header.id, status, nullptr, 0);
   }
   broken_ = true;
-  FailPending(ERROR_BROKEN_PIPE);
+  FailPending(ended);
 }
 
 void PipeClient::FailPending(std::uint32_t error) {
-  std::lock_guard hold(pendingLock_);
-  for (auto& [sequence, pending] : pending_) {
-    pending->error = error;
-    ::SetEvent(pending->done.get());
+  {
+    SrwHold hold(pendingLock_);
+    for (auto& [sequence, pending] : pending_) {
+      pending->error = error;
+      pending->done = true;
+    }
+    pending_.clear();
   }
-  pending_.clear();
+  ::WakeAllConditionVariable(&pendingDone_);
 }
 
 std::uint32_t PipeClient::Write(FrameHeader header, const void* payload, std::uint32_t size) {
@@ -128,33 +152,40 @@ std::uint32_t PipeClient::Send(std::uint32_t id, const void* payload, std::uint3
     if (reply == nullptr) return ERROR_INVALID_PARAMETER;
     *reply = nullptr;
     if (broken_) return ERROR_PIPE_NOT_CONNECTED;
-    auto pending = std::make_shared<Pending>();
-    if (!pending->done) return ::GetLastError();
+    Pending pending;
     std::uint32_t sequence = nextSequence_++;
     if (sequence == 0) sequence = nextSequence_++;
     {
-      std::lock_guard hold(pendingLock_);
-      pending_[sequence] = pending;
+      SrwHold hold(pendingLock_);
+      pending_[sequence] = &pending;
     }
     FrameHeader header;
     header.id = id;
     header.flags = kFlagReplyExpected;
     header.sequence = sequence;
     std::uint32_t result = Write(header, payload, size);
+    SrwHold hold(pendingLock_);
     if (result == 0) {
-      HANDLE waits[2] = {pending->done.get(), stop_.get()};
-      const DWORD wait = ::WaitForMultipleObjects(2, waits, FALSE, timeoutMs == kNoTimeout ? INFINITE : timeoutMs);
-      result = wait == WAIT_OBJECT_0 ? 0 : wait == WAIT_TIMEOUT ? WAIT_TIMEOUT : ERROR_OPERATION_ABORTED;
+      // Stop ends the reader, which fails every pending request, so this wait needs no stop event.
+      const bool forever = timeoutMs == kNoTimeout;
+      const ULONGLONG deadline = ::GetTickCount64() + timeoutMs;
+      while (!pending.done) {
+        const DWORD left = forever ? INFINITE : Remaining(deadline);
+        if (left == 0) {
+          result = WAIT_TIMEOUT;
+          break;
+        }
+        ::SleepConditionVariableSRW(&pendingDone_, &pendingLock_, left, 0);
+      }
     }
-    std::lock_guard hold(pendingLock_);
     pending_.erase(sequence);
-    // The reply may have landed between the wait's end and taking the lock.
-    if (::WaitForSingleObject(pending->done.get(), 0) == WAIT_OBJECT_0) result = pending->error;
+    // The reply may have landed between the time-out and taking the lock back.
+    if (pending.done) result = pending.error;
     if (result != 0) {
-      FreeReply(pending->reply);
+      FreeReply(pending.reply);
       return result;
     }
-    *reply = pending->reply;
+    *reply = pending.reply;
     return 0;
   } catch (...) {
     return ERROR_GEN_FAILURE;

@@ -41,8 +41,9 @@ class PipeClient final : public IConnPipeClient {
   std::uint32_t ClientId() override { return clientId_; }
 
  private:
+  // Guarded by pendingLock_; a sender waits on pendingDone_ until `done`.
   struct Pending {
-    ky::unique_handle done{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+    bool done = false;
     PipeMessage* reply = nullptr;
     std::uint32_t error = 0;
   };
@@ -59,8 +60,11 @@ class PipeClient final : public IConnPipeClient {
   std::uint32_t clientId_ = 0;
   std::atomic<std::uint32_t> nextSequence_{1};
   std::atomic<bool> broken_{true};
-  std::mutex pendingLock_;
-  std::map<std::uint32_t, std::shared_ptr<Pending>> pending_;
+  // A slim lock and condition variable rather than an event per request: no kernel object
+  // is made or waited on for a reply.
+  SRWLOCK pendingLock_ = SRWLOCK_INIT;
+  CONDITION_VARIABLE pendingDone_ = CONDITION_VARIABLE_INIT;
+  std::map<std::uint32_t, Pending*> pending_;
   std::atomic<std::uint32_t> runningSequence_{0};
   std::atomic<bool> replied_{false};
   CallbackSlot callback_;

@@ -23,6 +23,12 @@ DWORD Finish(HANDLE pipe, OVERLAPPED& ov, HANDLE stop, DWORD timeoutMs, DWORD* b
   return 0;
 }
 
+// An operation that finished when it was started needs no wait on its event.
+DWORD Completed(HANDLE pipe, OVERLAPPED& ov, DWORD* bytes) {
+  if (!::GetOverlappedResult(pipe, &ov, bytes, FALSE)) return ::GetLastError();
+  return 0;
+}
+
 }  // namespace
 
 PipeEnd::PipeEnd(HANDLE pipe)
@@ -40,7 +46,8 @@ std::uint32_t PipeEnd::Read(std::vector<std::uint8_t>& buffer, std::size_t* got,
     const DWORD started = ok ? 0 : ::GetLastError();
     if (!ok && started != ERROR_IO_PENDING && started != ERROR_MORE_DATA) return started;
     DWORD bytes = 0;
-    const DWORD result = Finish(pipe_.get(), ov, stop, timeoutMs, &bytes);
+    const DWORD result = started == ERROR_IO_PENDING ? Finish(pipe_.get(), ov, stop, timeoutMs, &bytes)
+                                                     : Completed(pipe_.get(), ov, &bytes);
     if (result == 0) {
       *got = total + bytes;
       return 0;
@@ -61,7 +68,7 @@ std::uint32_t PipeEnd::Write(const FrameHeader& header, const void* payload, std
   const BOOL ok = ::WriteFile(pipe_.get(), writeBuffer_.data(), static_cast<DWORD>(writeBuffer_.size()), nullptr, &ov);
   if (!ok && ::GetLastError() != ERROR_IO_PENDING) return ::GetLastError();
   DWORD bytes = 0;
-  const DWORD result = Finish(pipe_.get(), ov, stop, timeoutMs, &bytes);
+  const DWORD result = ok ? Completed(pipe_.get(), ov, &bytes) : Finish(pipe_.get(), ov, stop, timeoutMs, &bytes);
   if (result != 0) return result;
   return bytes == writeBuffer_.size() ? 0 : ERROR_WRITE_FAULT;
 }

@@ -95,6 +95,25 @@ TEST(Payload, ManyImpactsMoveTheWriterToTheHeapAndComeBackInOrder) {
   for (std::size_t i = 0; i < 500; ++i) EXPECT_TRUE(Same(back.Items()[i], impacts.Items()[i])) << "entry " << i;
 }
 
+TEST(Payload, VisitedEntriesCarryNothingOfTheOneBeforeAndNoneAreVisitedFromABadList) {
+  ky::List<ProcessImpact> impacts;
+  impacts.Add(Impact(1, L"C:\\a much longer name than the next.exe"));
+  impacts.Add(Impact(2, L"b.exe"));
+  impacts.Add(Impact(3, L""));
+  CPayloadWriter w;
+  w.WriteImpactList(impacts);
+  std::vector<ProcessImpact> seen;
+  CPayloadReader r(w.Data(), w.Size());
+  ASSERT_TRUE(r.ReadImpactList([&](const ProcessImpact& impact) { seen.push_back(impact); }));
+  ASSERT_EQ(seen.size(), 3u);
+  for (std::size_t i = 0; i < 3; ++i) EXPECT_TRUE(Same(seen[i], impacts.Items()[i])) << "entry " << i;
+
+  int visits = 0;
+  CPayloadReader cut(w.Data(), w.Size() - 1);
+  EXPECT_FALSE(cut.ReadImpactList([&](const ProcessImpact&) { ++visits; }));
+  EXPECT_EQ(visits, 0);
+}
+
 TEST(Payload, WriterStaysInlineUpTo1024Bytes) {
   CPayloadWriter w;
   for (int i = 0; i < 256; ++i) w.WriteU32(static_cast<std::uint32_t>(i));

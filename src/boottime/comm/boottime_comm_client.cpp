@@ -173,13 +173,12 @@ std::uint32_t CBootTimeCommClient::GetBootImpact(ky::IList<ProcessImpact>* impac
         SendQuery(msg::NpcMsgBootTimeGetBootImpact, kNameImpact, request.Data(), request.Size(), reply, &size);
     if (result != 0) return result;
     CPayloadReader reader(reply.data(), size);
-    std::vector<ProcessImpact> read;
-    if (!reader.ReadImpactList(&read)) return ERROR_INVALID_DATA;
-    for (const ProcessImpact& impact : read) {
-      KY_LOG(logging::kLevelDebug, L"process=[%s]", DescribeImpact(impact).c_str());
+    const bool read = reader.ReadImpactList([&](const ProcessImpact& impact) {
+      KY_LOG(logging::kLevelDebug, L"process=[" BOOTTIME_IMPACT_FORMAT L"]", impact.ppid, impact.pid,
+             impact.name.c_str(), impact.kernel, impact.user, impact.read, impact.write, impact.other);
       impacts->Add(impact);
-    }
-    return 0;
+    });
+    return read ? 0 : ERROR_INVALID_DATA;
   } catch (...) {
     return ERROR_GEN_FAILURE;
   }
@@ -279,9 +278,13 @@ void CBootTimeCommClient::OnGetTotalBootImpact(std::uint32_t code, const BootCou
 
 void CBootTimeCommClient::OnGetBootImpact(std::uint32_t code, const ky::IList<ProcessImpact>& impacts) {
   KY_TRACE(L"boottime::CBootTimeCommClient::OnGetBootImpact");
-  for (const ProcessImpact& impact : ky::ToVector(impacts)) {
-    KY_LOG(logging::kLevelDebug, L"err=0x%x process=[%s]", code, DescribeImpact(impact).c_str());
+  ky::ConstListEnum<ProcessImpact>* entries = impacts.ConstEnum();
+  const ProcessImpact* impact = nullptr;
+  while (entries->Next(&impact)) {
+    KY_LOG(logging::kLevelDebug, L"err=0x%x process=[" BOOTTIME_IMPACT_FORMAT L"]", code, impact->ppid, impact->pid,
+           impact->name.c_str(), impact->kernel, impact->user, impact->read, impact->write, impact->other);
   }
+  entries->Release();
   responses_.ForEach([&](IBootTimeResponse* observer) { observer->OnGetBootImpact(code, impacts); });
 }
 

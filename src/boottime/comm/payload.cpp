@@ -1,10 +1,13 @@
 #include "boottime/comm/payload.h"
 
+#include <algorithm>
 #include <cstring>
 #include <cwchar>
 
 namespace boottime {
 namespace {
+
+static_assert(sizeof(wchar_t) == 2, "strings are copied as UTF-16 code units");
 
 // ppid, pid, the shortest string (count and its zero unit) and five counters.
 constexpr std::size_t kMinImpactBytes = 8 + 8 + 4 + 2 + 5 * 4;
@@ -25,16 +28,25 @@ T GetLE(const std::uint8_t* at) {
 
 // ---- writer --------------------------------------------------------------------------
 
+// heap_ is used as raw storage: its size is the capacity, size_ the bytes written.
+void CPayloadWriter::Reserve(std::size_t bytes) {
+  if (heap_.empty() && bytes <= inline_.size()) return;
+  if (bytes <= heap_.size()) return;
+  if (heap_.empty()) {
+    std::vector<std::uint8_t> grown(bytes);
+    std::memcpy(grown.data(), inline_.data(), size_);
+    heap_.swap(grown);
+    return;
+  }
+  heap_.resize(bytes);
+}
+
 std::uint8_t* CPayloadWriter::Grow(std::size_t bytes) {
   const std::size_t at = size_;
-  size_ += bytes;
-  if (heap_.empty() && size_ <= inline_.size()) return inline_.data() + at;
-  if (heap_.empty()) {
-    heap_.reserve(size_ * 2);
-    heap_.assign(inline_.begin(), inline_.begin() + at);
-  }
-  heap_.resize(size_);
-  return heap_.data() + at;
+  const std::size_t capacity = heap_.empty() ? inline_.size() : heap_.size();
+  if (at + bytes > capacity) Reserve(std::max(at + bytes, capacity * 2));
+  size_ = at + bytes;
+  return (heap_.empty() ? inline_.data() : heap_.data()) + at;
 }
 
 void CPayloadWriter::WriteU32(std::uint32_t value) { PutLE(Grow(4), value); }
@@ -50,9 +62,8 @@ void CPayloadWriter::WriteString(const std::wstring& text) {
   // Text past an embedded zero would not survive the reader, so it is not sent.
   const std::size_t units = std::wcslen(text.c_str());
   WriteU32(static_cast<std::uint32_t>(units + 1));
-  std::uint8_t* at = Grow((units + 1) * 2);
-  for (std::size_t i = 0; i < units; ++i) PutLE(at + 2 * i, static_cast<std::uint16_t>(text[i]));
-  PutLE(at + 2 * units, static_cast<std::uint16_t>(0));
+  // UTF-16 code units in little-endian order are wchar_t's own layout on Windows.
+  std::memcpy(Grow((units + 1) * 2), text.c_str(), (units + 1) * 2);
 }
 
 void CPayloadWriter::WriteCounters(const BootCounters& c) {
@@ -74,6 +85,12 @@ void CPayloadWriter::WriteProcessKey(std::uint64_t ppid, std::uint64_t pid, cons
 }
 
 void CPayloadWriter::WriteImpactList(const ky::IList<ProcessImpact>& impacts) {
+  std::size_t bytes = 4;
+  ky::ConstListEnum<ProcessImpact>* sizing = impacts.ConstEnum();
+  const ProcessImpact* entry = nullptr;
+  while (sizing->Next(&entry)) bytes += kMinImpactBytes + 2 * std::wcslen(entry->name.c_str());
+  sizing->Release();
+  Reserve(size_ + bytes);
   const std::size_t countAt = size_;
   WriteU32(0);
   std::uint32_t count = 0;
@@ -138,9 +155,9 @@ bool CPayloadReader::ReadString(std::wstring* text) {
     pos_ = size_ + 1;
     return false;
   }
-  std::wstring out(units - 1, L'\0');
-  for (std::uint32_t i = 0; i + 1 < units; ++i) out[i] = static_cast<wchar_t>(GetLE<std::uint16_t>(at + 2 * i));
-  *text = std::move(out);
+  // Assigned in place so that a reused string keeps its storage.
+  text->resize(units - 1);
+  if (units > 1) std::memcpy(text->data(), at, static_cast<std::size_t>(units - 1) * 2);
   return true;
 }
 
@@ -170,27 +187,38 @@ bool CPayloadReader::ReadImpact(ProcessImpact* impact) {
   return true;
 }
 
-bool CPayloadReader::ReadImpactList(ky::IList<ProcessImpact>* impacts) {
-  std::vector<ProcessImpact> read;
-  if (!ReadImpactList(&read)) return false;
-  for (const ProcessImpact& impact : read) impacts->Add(impact);
-  return true;
-}
-
-bool CPayloadReader::ReadImpactList(std::vector<ProcessImpact>* impacts) {
-  std::uint32_t count = 0;
-  if (!ReadU32(&count)) return false;
-  // A count the remaining bytes cannot hold is rejected before anything is allocated.
-  if (count > Remaining() / kMinImpactBytes) {
+bool CPayloadReader::SkipImpact() {
+  std::uint32_t units = 0;
+  if (Take(16) == nullptr || !ReadU32(&units)) return false;
+  const std::uint8_t* at = units == 0 ? nullptr : Take(static_cast<std::size_t>(units) * 2);
+  if (at == nullptr || GetLE<std::uint16_t>(at + 2 * (units - 1)) != 0 || Take(20) == nullptr) {
     pos_ = size_ + 1;
     return false;
   }
-  std::vector<ProcessImpact> read(count);
-  for (ProcessImpact& impact : read) {
-    if (!ReadImpact(&impact)) return false;
-  }
-  impacts->insert(impacts->end(), std::make_move_iterator(read.begin()), std::make_move_iterator(read.end()));
   return true;
+}
+
+bool CPayloadReader::CheckImpactList(std::uint32_t* count) {
+  if (!ReadU32(count)) return false;
+  // A count the remaining bytes cannot hold is rejected before anything is allocated.
+  if (*count > Remaining() / kMinImpactBytes) {
+    pos_ = size_ + 1;
+    return false;
+  }
+  const std::size_t start = pos_;
+  for (std::uint32_t i = 0; i < *count; ++i) {
+    if (!SkipImpact()) return false;
+  }
+  pos_ = start;
+  return true;
+}
+
+bool CPayloadReader::ReadImpactList(ky::IList<ProcessImpact>* impacts) {
+  return ReadImpactList([impacts](const ProcessImpact& impact) { impacts->Add(impact); });
+}
+
+bool CPayloadReader::ReadImpactList(std::vector<ProcessImpact>* impacts) {
+  return ReadImpactList([impacts](const ProcessImpact& impact) { impacts->push_back(impact); });
 }
 
 bool CPayloadReader::ReadDiskSpeed(DiskSpeed* speed) {

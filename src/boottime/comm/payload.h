@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -42,6 +43,7 @@ class CPayloadWriter {
 
  private:
   std::uint8_t* Grow(std::size_t bytes);
+  void Reserve(std::size_t bytes);
 
   std::array<std::uint8_t, kPayloadInlineBytes> inline_{};
   std::vector<std::uint8_t> heap_;
@@ -71,16 +73,43 @@ class CPayloadReader {
   // Appends the entries to *impacts only when the whole list could be read.
   [[nodiscard]] bool ReadImpactList(ky::IList<ProcessImpact>* impacts);
   [[nodiscard]] bool ReadImpactList(std::vector<ProcessImpact>* impacts);
+  // Checks the whole list first, then hands each entry in order to visit(const ProcessImpact&);
+  // nothing is visited when the list is unreadable.
+  template <class Visit>
+    requires std::invocable<Visit&, const ProcessImpact&>
+  [[nodiscard]] bool ReadImpactList(Visit&& visit);
   [[nodiscard]] bool ReadDiskSpeed(DiskSpeed* speed);
 
  private:
   const std::uint8_t* Take(std::size_t bytes);
   [[nodiscard]] bool ReadImpact(ProcessImpact* impact);
+  [[nodiscard]] bool SkipImpact();
+  // Reads the count and checks that every entry is readable; the position is left after the count.
+  [[nodiscard]] bool CheckImpactList(std::uint32_t* count);
 
   const std::uint8_t* data_;
   std::size_t size_;
   std::size_t pos_ = 0;
 };
+
+template <class Visit>
+  requires std::invocable<Visit&, const ProcessImpact&>
+bool CPayloadReader::ReadImpactList(Visit&& visit) {
+  std::uint32_t count = 0;
+  if (!CheckImpactList(&count)) return false;
+  ProcessImpact impact;
+  for (std::uint32_t i = 0; i < count; ++i) {
+    if (!ReadImpact(&impact)) return false;
+    visit(static_cast<const ProcessImpact&>(impact));
+  }
+  return true;
+}
+
+// The text DescribeImpact gives, as one format taking ppid, pid, name and the five counters, so
+// that a log line is only formatted when its level is written.
+#define BOOTTIME_IMPACT_FORMAT                                                                        \
+  L"ppid=%I64u pid=%I64u name=%s cpuKernelTime=%u cpuUserTime=%u bytesRead=%u bytesWritten=%u " \
+  L"bytesOther=%u"
 
 // "ppid=.. pid=.. name=.. cpuKernelTime=.. ..." for log messages.
 std::wstring DescribeImpact(const ProcessImpact& impact);

@@ -2,8 +2,6 @@
 // answers of "LoadUsage".
 #include <gtest/gtest.h>
 
-#include <vector>
-
 #include "boottime/boot_time_disk_performance.h"
 #include "fakes.h"
 
@@ -12,30 +10,7 @@ namespace {
 
 using testing::FakeClock;
 using testing::FakeCounters;
-
-class FakeLoadUsage final : public ILoadUsage {
- public:
-  void* GetInterface(const GUID&) override { return this; }
-  std::uint32_t Init(IServMain*) override { return 0; }
-  std::uint32_t UnInit() override { return 0; }
-  std::uint32_t Start() override { return 0; }
-  std::uint32_t Stop() override { return 0; }
-  std::uint32_t GetCurrentUsage(std::uint32_t, double*) override { return ERROR_NOT_SUPPORTED; }
-  std::uint32_t GetUsage(std::uint32_t kind, lumera::LoadUsageFigures* figures) override {
-    kinds.push_back(kind);
-    askedAtTick.push_back(clock->tick);
-    if (code != 0) return code;
-    const std::size_t i = std::min(answers.size() - 1, kinds.size() - 1);
-    *figures = answers[i];
-    return 0;
-  }
-
-  const FakeClock* clock = nullptr;
-  std::uint32_t code = 0;
-  std::vector<lumera::LoadUsageFigures> answers{{10, 50, 20, 60, 60}, {20, 70, 40, 60, 60}};
-  std::vector<std::uint32_t> kinds;
-  std::vector<std::uint32_t> askedAtTick;
-};
+using testing::FakeLoadUsage;
 
 class DiskPerformanceTest : public ::testing::Test {
  protected:
@@ -59,6 +34,7 @@ class DiskPerformanceTest : public ::testing::Test {
 };
 
 TEST_F(DiskPerformanceTest, IdleAfterTheFirstSecondMeasuresAfterOneWaitAndAveragesTwoAnswers) {
+  EXPECT_EQ(disk.GetResult(nullptr), kStatusNotYetKnown);
   IdlePercent(81);
   disk.Start(stop);
   EXPECT_EQ(clock.waits, 1);
@@ -79,8 +55,7 @@ TEST_F(DiskPerformanceTest, AMachineThatNeverIdlesIsMeasuredOnceTenSecondsHavePa
   EXPECT_EQ(clock.waits, 11) << "checks at 1..11 s; 10 s is not yet more than 10000 ms";
   ASSERT_EQ(loadUsage.askedAtTick.size(), 2u);
   EXPECT_EQ(loadUsage.askedAtTick[0], 50000u + 11000u);
-  DiskSpeed speed;
-  EXPECT_EQ(disk.GetResult(&speed), kStatusAvailable);
+  EXPECT_EQ(disk.GetResult(nullptr), kStatusAvailable);
 }
 
 TEST_F(DiskPerformanceTest, IdlenessIsJudgedPerSecondNotSinceTheStart) {
@@ -93,11 +68,18 @@ TEST_F(DiskPerformanceTest, IdlenessIsJudgedPerSecondNotSinceTheStart) {
   EXPECT_EQ(clock.waits, 6);
 }
 
-TEST_F(DiskPerformanceTest, FailingSystemTimesKeepTheOldValuesUntilTheTimeLimit) {
+TEST_F(DiskPerformanceTest, FailingSystemTimesAreLoggedAndTheMeasurementWaitsOutTheTimeLimit) {
+  testsupport::CapturedLog log;
+  log.clear();
   counters.systemTimesFail = true;
+  loadUsage.answers = {{1.5, 9.25, 4, 60, 60}};
   disk.Start(stop);
-  EXPECT_EQ(clock.waits, 11);
+  EXPECT_EQ(clock.waits, 11) << "the old idle values are kept, so never idle";
   EXPECT_EQ(disk.GetResult(nullptr), kStatusAvailable);
+  const std::wstring measure = L"BootTimeDiskPerformance::MeasureDiskPerformance";
+  EXPECT_TRUE(testing::Logged(log, measure, L"GetSystemTimes failed with error code 5"));
+  EXPECT_TRUE(
+      testing::Logged(log, measure, L"Disk speed determined [min, max, avg]=[1.500000, 9.250000, 4.000000]; status = 0"));
 }
 
 TEST_F(DiskPerformanceTest, AStopRequestDuringAnyWaitGivesStatusTwoWithoutAsking) {
@@ -106,7 +88,6 @@ TEST_F(DiskPerformanceTest, AStopRequestDuringAnyWaitGivesStatusTwoWithoutAsking
     stopClock.stopAtWait = stopAt;
     FakeCounters idle(&stopClock);
     FakeLoadUsage plugin;
-    plugin.clock = &stopClock;
     BootTimeDiskPerformance stopped(stopClock, idle);
     stopped.SetLoadUsage(&plugin);
     stopped.Start(stop);
@@ -116,24 +97,19 @@ TEST_F(DiskPerformanceTest, AStopRequestDuringAnyWaitGivesStatusTwoWithoutAsking
   }
 }
 
-TEST_F(DiskPerformanceTest, WithoutThePlugInOnlyTheStatusIsSet) {
-  disk.SetLoadUsage(nullptr);
-  disk.Start(stop);
-  EXPECT_EQ(clock.waits, 0);
-  EXPECT_EQ(disk.GetResult(nullptr), kStatusNoResults);
-}
-
-TEST_F(DiskPerformanceTest, APlugInThatHasNoDiskFiguresGivesNoResultInsteadOfZeros) {
+TEST_F(DiskPerformanceTest, NoPlugInOrNoDiskFiguresGiveNoResultInsteadOfZeros) {
   IdlePercent(100);
   loadUsage.code = ERROR_NOT_SUPPORTED;
   disk.Start(stop);
   DiskSpeed speed;
   EXPECT_EQ(disk.GetResult(&speed), kStatusNoResults);
   EXPECT_EQ(speed.average, 0);
-}
 
-TEST_F(DiskPerformanceTest, StatusIsNotYetKnownBeforeAnyMeasurement) {
-  EXPECT_EQ(disk.GetResult(nullptr), kStatusNotYetKnown);
+  const int waits = clock.waits;
+  BootTimeDiskPerformance without(clock, counters);
+  without.Start(stop);
+  EXPECT_EQ(clock.waits, waits) << "without the plug-in nothing is waited for";
+  EXPECT_EQ(without.GetResult(nullptr), kStatusNoResults);
 }
 
 }  // namespace

@@ -3,12 +3,16 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <vector>
 
+#include "boottime/boot_time_disk_performance.h"
 #include "boottime/clock.h"
 #include "boottime/process_counters_source.h"
+#include "support/captured_log.h"
 
 namespace boottime::testing {
 
@@ -102,6 +106,37 @@ class FakeCounters final : public IProcessCountersSource {
 
  private:
   const FakeClock* clock_;
+};
+
+// Whether the log has a message under boottime::`function` with exactly `text`.
+inline bool Logged(const testsupport::CapturedLog& log, const std::wstring& function, std::wstring_view text) {
+  const auto entries = log.entriesFor(L"boottime::" + function);
+  return std::any_of(entries.begin(), entries.end(), [&](const testsupport::LogEntry& e) { return e.text == text; });
+}
+
+// A "LoadUsage" plug-in answering `code`, or else the scripted figures in turn (the last one
+// repeats), and noting each question with the tick it came at.
+class FakeLoadUsage final : public ILoadUsage {
+ public:
+  void* GetInterface(const GUID&) override { return this; }
+  std::uint32_t Init(IServMain*) override { return 0; }
+  std::uint32_t UnInit() override { return 0; }
+  std::uint32_t Start() override { return 0; }
+  std::uint32_t Stop() override { return 0; }
+  std::uint32_t GetCurrentUsage(std::uint32_t, double*) override { return ERROR_NOT_SUPPORTED; }
+  std::uint32_t GetUsage(std::uint32_t kind, lumera::LoadUsageFigures* figures) override {
+    kinds.push_back(kind);
+    askedAtTick.push_back(clock != nullptr ? clock->tick : 0);
+    if (code != 0) return code;
+    *figures = answers[std::min(answers.size(), kinds.size()) - 1];
+    return 0;
+  }
+
+  const FakeClock* clock = nullptr;
+  std::uint32_t code = 0;
+  std::vector<lumera::LoadUsageFigures> answers{{10, 50, 20, 60, 60}, {20, 70, 40, 60, 60}};
+  std::vector<std::uint32_t> kinds;
+  std::vector<std::uint32_t> askedAtTick;
 };
 
 }  // namespace boottime::testing

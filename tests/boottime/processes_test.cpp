@@ -1,8 +1,10 @@
 // Following processes: the drop rules, the load arithmetic, and adding and removing records.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <vector>
 
+#include "boottime/process_utils.h"
 #include "boottime/processes.h"
 #include "boottime/processes_monitor.h"
 #include "fakes.h"
@@ -12,175 +14,146 @@ namespace {
 
 using testing::FakeClock;
 using testing::FakeCounters;
+using testing::Logged;
 using testing::ScriptedCounters;
 
 // A pid that no process has: pids are multiples of 4.
 constexpr std::uint32_t kNoSuchPid = 0x7FFFFFF1;
 
+// CPU time growing by `kernelPerRead` (+ `userPerRead`) milliseconds per sample (one a second).
+FakeCounters::Script Growth(std::int64_t kernelPerRead, std::int64_t userPerRead = 0) {
+  return [=](int read) {
+    ScriptedCounters c;
+    c.kernelMs = static_cast<std::uint32_t>(100000 + kernelPerRead * read);
+    c.userMs = static_cast<std::uint32_t>(userPerRead * read);
+    return c;
+  };
+}
+
 class ProcessesTest : public ::testing::Test {
  protected:
-  // Follows this very process under `pid` (so the handle is real) with scripted counters.
-  HANDLE Follow(std::uint64_t pid, FakeCounters::Script script) {
-    ProcessEvent event{7, ::GetCurrentProcessId(), L"C:\\boot\\p" + std::to_wstring(pid) + L".exe"};
-    EXPECT_TRUE(processes.Add(event));
-    TrackedProcess& record = const_cast<TrackedProcess&>(processes.List().back());
-    HANDLE handle = record.handle;
-    counters.scripts[handle] = std::move(script);
-    return handle;
+  // Follows this very process under the name p<n>.exe (so the handle is real) with scripted counters.
+  void Follow(int n, FakeCounters::Script script) {
+    ASSERT_TRUE(processes.Add(ProcessEvent{7, ::GetCurrentProcessId(), L"p" + std::to_wstring(n) + L".exe"}));
+    counters.scripts[processes.List().back().handle] = std::move(script);
   }
-  // One monitor cycle: a second passes, then the sampling pass.
-  void Cycle() {
-    clock.tick += 1000;
-    processes.Update();
+  void Cycles(int n) {
+    for (int i = 0; i < n; ++i) {
+      clock.tick += 1000;
+      processes.Update();
+    }
   }
-  std::size_t SamplesOf(std::uint64_t pid) {
-    std::size_t n = 0;
-    data.ForEachProcess([&](const ProcessSamples& p) {
-      if (p.pid == pid) n = p.samples.size();
-    });
-    return n;
+  std::vector<Sample> Samples() {
+    std::vector<Sample> samples;
+    data.ForEachProcess([&](const ProcessSamples& p) { samples = p.samples; });
+    return samples;
   }
-  // Cycles until the list is empty (at most `limit`); returns the cycle that emptied it.
-  int CyclesUntilEmpty(int limit) {
-    for (int cycle = 1; cycle <= limit; ++cycle) {
-      Cycle();
+  // Cycles until the list is empty (at most 40); returns the cycle that emptied it.
+  int CyclesUntilEmpty() {
+    for (int cycle = 1; cycle <= 40; ++cycle) {
+      Cycles(1);
       if (processes.Count() == 0) return cycle;
     }
     return -1;
   }
 
+  void SetUp() override { log.clear(); }
+
+  testsupport::CapturedLog log;
   FakeClock clock;
   FakeCounters counters{&clock};
   BootTimeData data;
   BootTimeMonitor::Processes processes{&data, clock, counters};
 };
 
-// CPU time growing by `msPerRead` kernel milliseconds per sample (one sample per second).
-FakeCounters::Script KernelGrowth(std::int64_t msPerRead) {
-  return [msPerRead](int read) {
-    ScriptedCounters c;
-    c.kernelMs = static_cast<std::uint32_t>(100000 + msPerRead * read);
-    c.read = 4096u * static_cast<std::uint64_t>(read);
-    return c;
-  };
-}
-
 TEST_F(ProcessesTest, QuietProcessIsDroppedAtItsTwelfthSampleAndAllTwelveAreStored) {
-  Follow(1, KernelGrowth(0));
-  EXPECT_EQ(CyclesUntilEmpty(40), 12);
-  EXPECT_EQ(SamplesOf(::GetCurrentProcessId()), 12u) << "the sample of the dropping pass is stored too";
+  Follow(1, Growth(0));
+  EXPECT_EQ(CyclesUntilEmpty(), 12);
+  EXPECT_EQ(Samples().size(), 12u) << "the sample of the dropping pass is stored too";
 }
 
 TEST_F(ProcessesTest, BusyProcessIsDroppedAtItsThirtyFirstSample) {
-  Follow(1, KernelGrowth(500));  // 50 % of one processor
-  EXPECT_EQ(CyclesUntilEmpty(40), 31);
-  EXPECT_EQ(SamplesOf(::GetCurrentProcessId()), 31u);
+  Follow(1, Growth(500));  // 50 % of one processor
+  EXPECT_EQ(CyclesUntilEmpty(), 31);
+  EXPECT_EQ(Samples().size(), 31u);
 }
 
-TEST_F(ProcessesTest, LoadThresholdIsTwentyPercentSummedOverKernelAndUser) {
-  // 10 % kernel + 10 % user = 20: busy. 19 % kernel alone: quiet.
-  Follow(1, [](int read) {
-    ScriptedCounters c;
-    c.kernelMs = 100u * read;
-    c.userMs = 100u * read;
-    return c;
-  });
-  Follow(2, KernelGrowth(190));
-  for (int cycle = 1; cycle <= 12; ++cycle) Cycle();
-  ASSERT_EQ(processes.Count(), 1u) << "the 19 % process goes at its twelfth sample, the 20 % one stays";
-  EXPECT_EQ(processes.List().front().name, L"C:\\boot\\p1.exe");
-  EXPECT_EQ(CyclesUntilEmpty(40), 19) << "the busy one still leaves at its 31st sample";
-}
-
-TEST_F(ProcessesTest, DeltasThatAreNegativeOrLargerThanTheElapsedTimeCountZero) {
-  Follow(1, KernelGrowth(1001));   // more CPU than wall time: 0, not 100 %
-  Follow(2, KernelGrowth(-500));   // a counter going back: 0, not a huge unsigned load
-  Follow(3, KernelGrowth(1000));   // exactly the elapsed time: 100 %
-  for (int cycle = 1; cycle <= 12; ++cycle) Cycle();
-  ASSERT_EQ(processes.Count(), 1u) << "both bad-delta processes count as quiet and go at their twelfth sample";
-  EXPECT_EQ(processes.List().front().name, L"C:\\boot\\p3.exe");
+TEST_F(ProcessesTest, LoadIsKernelPlusUserAndBadDeltasCountZero) {
+  Follow(1, Growth(100, 100));  // 10 % + 10 % = 20 %: busy
+  Follow(2, Growth(190));       // 19 %: quiet
+  Follow(3, Growth(1001));      // more CPU than wall time: 0, not 100 %
+  Follow(4, Growth(-500));      // a counter going back: 0, not a huge unsigned load
+  Follow(5, Growth(1000));      // exactly the elapsed time: busy
+  Cycles(12);
+  ASSERT_EQ(processes.Count(), 2u);
+  EXPECT_EQ(processes.List().front().name, L"p1.exe");
+  EXPECT_EQ(processes.List().back().name, L"p5.exe");
 }
 
 TEST_F(ProcessesTest, ATickCountThatDoesNotAdvanceIsNoMeasurement) {
-  Follow(1, KernelGrowth(0));
+  Follow(1, Growth(0));
   for (int cycle = 0; cycle < 40; ++cycle) processes.Update();  // no time passes
-  // Never quiet (no measurement), so only the 30-sample rule ends it.
   EXPECT_EQ(processes.Count(), 0u);
-  EXPECT_EQ(SamplesOf(::GetCurrentProcessId()), 31u);
+  EXPECT_EQ(Samples().size(), 31u) << "never quiet, so only the 30-sample rule ends it";
 }
 
-TEST_F(ProcessesTest, AProcessWhoseCountersCannotBeReadIsDroppedWithoutASample) {
-  Follow(1, KernelGrowth(0));
-  counters.ioFails = true;
-  Cycle();
-  EXPECT_EQ(processes.Count(), 0u);
-  EXPECT_EQ(SamplesOf(::GetCurrentProcessId()), 0u);
-}
-
-TEST_F(ProcessesTest, SamplesCarryTheTickAndTheCounters) {
-  Follow(1, [](int) {
-    ScriptedCounters c;
-    c.kernelMs = 1234;
-    c.userMs = 56;
-    c.read = 0x1'0000'0010ull;  // only the low 32 bits are kept
-    c.write = 20;
-    c.other = 30;
-    return c;
-  });
+TEST_F(ProcessesTest, SamplesCarryTheTickAndTheCountersAndUnreadableOnesDropTheProcess) {
+  Follow(1, [](int) { return ScriptedCounters{1234, 56, 0x1'0000'0010ull, 20, 30}; });
   clock.tick = 5000;
   processes.Update();
-  std::vector<Sample> samples;
-  data.ForEachProcess([&](const ProcessSamples& p) { samples = p.samples; });
+  const std::vector<Sample> samples = Samples();
   ASSERT_EQ(samples.size(), 1u);
   EXPECT_EQ(samples[0].time, 5000);
   EXPECT_EQ(samples[0].cpuKernelTime, 1234);
   EXPECT_EQ(samples[0].cpuUserTime, 56);
-  EXPECT_EQ(samples[0].bytesRead, 0x10);
+  EXPECT_EQ(samples[0].bytesRead, 0x10) << "only the low 32 bits are kept";
   EXPECT_EQ(samples[0].bytesWritten, 20);
   EXPECT_EQ(samples[0].bytesOther, 30);
-  EXPECT_EQ(data.GreatestSampleTime(), 5000u);
+
+  counters.ioFails = true;
+  Cycles(1);
+  EXPECT_EQ(processes.Count(), 0u);
+  EXPECT_EQ(Samples().size(), 1u) << "no sample for the failed read";
 }
 
 TEST_F(ProcessesTest, RemFindsTheFirstRecordOfThePidOnly) {
-  Follow(1, KernelGrowth(0));
-  Follow(2, KernelGrowth(0));
-  ProcessEvent unknown{0, kNoSuchPid, L"x"};
-  EXPECT_FALSE(processes.Rem(unknown)) << "a stop for an untracked pid changes nothing";
+  EXPECT_FALSE(processes.Add(ProcessEvent{1, kNoSuchPid, L"gone.exe"})) << "a process that cannot be opened";
+  Follow(1, Growth(0));
+  Follow(2, Growth(0));
+  EXPECT_FALSE(processes.Rem(ProcessEvent{0, kNoSuchPid, L"x"})) << "a stop for an untracked pid changes nothing";
   EXPECT_EQ(processes.Count(), 2u);
 
-  ProcessEvent stop{0, ::GetCurrentProcessId(), L""};
+  const ProcessEvent stop{0, ::GetCurrentProcessId(), L""};
   EXPECT_TRUE(processes.Rem(stop));
   ASSERT_EQ(processes.Count(), 1u) << "a pid listed twice is removed one record at a time";
-  EXPECT_EQ(processes.List().front().name, L"C:\\boot\\p2.exe");
+  EXPECT_EQ(processes.List().front().name, L"p2.exe");
   EXPECT_TRUE(processes.Rem(stop));
   EXPECT_FALSE(processes.Rem(stop));
+  EXPECT_TRUE(Logged(log, L"BootTimeMonitor::Processes::Add", L"Add p1.exe"));
+  EXPECT_TRUE(Logged(log, L"BootTimeMonitor::Processes::Rem", L"REM x"));
 }
 
-TEST_F(ProcessesTest, AddOfAProcessThatCannotBeOpenedAddsNothing) {
-  EXPECT_FALSE(processes.Add(ProcessEvent{1, kNoSuchPid, L"gone.exe"}));
-  EXPECT_EQ(processes.Count(), 0u);
-  EXPECT_TRUE(data.Empty());
-}
-
-TEST(ProcessesAddByPid, ANullHandleIsAddedAndDroppedAtTheNextUpdate) {
+TEST(ProcessesAddByPid, ANullHandleIsAddedAndDroppedAtTheNextUpdateALiveProcessStays) {
+  testsupport::CapturedLog log;
+  log.clear();
   BootTimeData data;
   BootTimeMonitor::Processes processes(&data);  // the real counters: a null handle fails
   EXPECT_TRUE(processes.Add(kNoSuchPid));
   ASSERT_EQ(processes.Count(), 1u);
   EXPECT_EQ(processes.List().front().handle, nullptr);
-  EXPECT_EQ(processes.List().front().ppid, 0u);
   EXPECT_TRUE(processes.List().front().name.empty());
   processes.Update();
   EXPECT_EQ(processes.Count(), 0u);
-}
+  EXPECT_TRUE(Logged(log, L"BootTimeMonitor::Processes::Add", L"ADD "));
+  EXPECT_TRUE(Logged(log, L"utils::GetProcessName", L"QueryFullProcessImageName failed with error code : 6"));
+  EXPECT_TRUE(Logged(log, L"BootTimeMonitor::Processes::GetProcessCounters", L"GetProcessTimes failed 0x6"));
 
-TEST(ProcessesAddByPid, ARunningProcessGetsItsImagePathAsName) {
-  BootTimeData data;
-  BootTimeMonitor::Processes processes(&data);
+  const std::vector<std::uint32_t> pids = utils::GetAllProcessesPids();
+  EXPECT_TRUE(std::is_sorted(pids.begin(), pids.end()));
+  EXPECT_NE(std::find(pids.begin(), pids.end(), ::GetCurrentProcessId()), pids.end());
   EXPECT_TRUE(processes.Add(static_cast<std::uint32_t>(::GetCurrentProcessId())));
   ASSERT_EQ(processes.Count(), 1u);
-  EXPECT_NE(processes.List().front().name.find(L"boottime_test"), std::wstring::npos)
-      << "name was: " << std::string(processes.List().front().name.begin(), processes.List().front().name.end());
+  EXPECT_NE(processes.List().front().name.find(L"boottime_test"), std::wstring::npos) << "the image path is the name";
   processes.Update();
   EXPECT_EQ(processes.Count(), 1u) << "the real counters of a live process can be read";
 }
@@ -201,9 +174,27 @@ TEST(ProcessesMonitorQueues, EventsQueuedOnAnyThreadAreAppliedInOrder) {
   monitor.ApplyEvents(processes);
   ASSERT_EQ(processes.Count(), 1u) << "starts first, then stops: one of the two records of self is left";
   EXPECT_EQ(processes.List().front().name, L"b");
-
   monitor.ApplyEvents(processes);
   EXPECT_EQ(processes.Count(), 1u) << "the queues were taken whole";
+}
+
+TEST(ProcessesMonitorQueues, AHostWithoutTheProcessPlugInLeavesTheMonitorWithoutNotifications) {
+  struct NoPlugins final : IServMain, IPlgComponentManager {
+    const wchar_t* GetHostName() override { return L"test"; }
+    IPlgComponentManager* GetComponentManager() override { return this; }
+    IEventQueue* GetEventQueue() override { return nullptr; }
+    std::uint32_t GetPlugin(const wchar_t*, const GUID&, void** out) override {
+      *out = nullptr;
+      return ERROR_NOT_FOUND;
+    }
+    std::uint32_t ReleasePlugin(const wchar_t*) override { return ERROR_NOT_FOUND; }
+  } host;
+  testsupport::CapturedLog log;
+  log.clear();
+  BootTimeMonitor::ProcessesMonitor monitor(&host);
+  EXPECT_FALSE(monitor.Start());
+  EXPECT_TRUE(Logged(log, L"WmiProcessDP::Init", L"GetPlugin wmiprocessdp failed"));
+  EXPECT_TRUE(Logged(log, L"BootTimeMonitor::ProcessesMonitor::Start", L"IProcessDp Init failed"));
 }
 
 }  // namespace

@@ -1,15 +1,15 @@
-// Scratch registry keys, folders and store files for the startup tests, removed afterwards.
+// Scratch registry keys and store files for the startup tests, removed afterwards.
 #pragma once
 
 #include <windows.h>
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 
 #include "common/unique_handle.h"
 #include "startup/startup_storage.h"
+#include "support/scratch_folder.h"
 
 namespace testing_startup {
 
@@ -57,43 +57,20 @@ class ScratchRunKey {
   std::wstring subkey_;
 };
 
-// A fresh folder under %TEMP%, removed with its content.
-class ScratchFolder {
- public:
-  ScratchFolder() {
-    wchar_t temp[MAX_PATH] = {};
-    ::GetTempPathW(MAX_PATH, temp);
-    path_ = std::wstring(temp) + L"lumera_startup_" + UniqueSuffix() + L"\\";
-    ::CreateDirectoryW(path_.c_str(), nullptr);
-  }
-  ~ScratchFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(std::filesystem::path(path_), ignored);
-  }
-  ScratchFolder(const ScratchFolder&) = delete;
-  ScratchFolder& operator=(const ScratchFolder&) = delete;
-
-  const std::wstring& Path() const { return path_; }  // ends in a backslash
-  std::wstring File(const std::wstring& name, const std::string& content = "x") const {
-    std::ofstream(std::filesystem::path(path_ + name), std::ios::binary) << content;
-    return path_ + name;
-  }
-
- private:
-  std::wstring path_;
-};
+// Writes `content` into the file and returns its path.
+inline std::wstring WriteFile(const std::wstring& path, const std::string& content = "x") {
+  std::ofstream(std::filesystem::path(path), std::ios::binary) << content;
+  return path;
+}
 
 // Points the process-wide store at a file in its own scratch folder.
 class ScratchStore {
  public:
   ScratchStore() { startup::storage::CStartupItemsStorage::Instance().Init(Path()); }
-  std::wstring Path() const { return folder_.Path() + L"Storage.json"; }
+  std::wstring Path() const { return folder_.file(L"Storage.json"); }
   bool Exists() const { return ::GetFileAttributesW(Path().c_str()) != INVALID_FILE_ATTRIBUTES; }
-  std::string Text() const {
-    std::ifstream file(std::filesystem::path(Path()), std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-  }
-  void Write(const std::string& text) const { std::ofstream(std::filesystem::path(Path()), std::ios::binary) << text; }
+  std::string Text() const { return testsupport::ReadFileBytes(Path()); }
+  void Write(const std::string& text) const { WriteFile(Path(), text); }
   startup::StartupItemList Load(const char* section) const {
     startup::StartupItemList items;
     (void)startup::storage::CStartupItemsStorage::Instance().LoadStartupItems(section, items);
@@ -101,7 +78,7 @@ class ScratchStore {
   }
 
  private:
-  ScratchFolder folder_;
+  testsupport::ScratchFolder folder_;
 };
 
 // A store whose file can never be written: its folder does not exist.

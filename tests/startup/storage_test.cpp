@@ -109,9 +109,4 @@ TEST(StartupStorage, BootTimesKeepOnlyElementsWithAStringPathAndANumericTime) {
   EXPECT_EQ(records[1].time, 1u) << "truncated, then cut to 32 bits";
 }
 
-TEST(StartupStorage, AFileThatCannotBeWrittenFailsTheSave) {
-  testing_startup::PointStoreAtUnwritablePath();
-  EXPECT_EQ(Store().SaveStartupItem(MakeItem(L"a", L"b", L"c"), "Disabled"), 31u);
-}
-
 }  // namespace

@@ -2,13 +2,12 @@
 // cases use a scratch "...\CurrentVersion\Run" key, whose StartupApproved key lies beside it.
 #include <gtest/gtest.h>
 
-#include <array>
 #include <vector>
 
 #include "scratch.h"
-#include "support/captured_log.h"
 #include "startup/win8_actions.h"
 #include "startup/win8_startup_item.h"
+#include "support/captured_log.h"
 
 namespace {
 
@@ -125,22 +124,6 @@ TEST(StartupApproved, RunActionsRecordTheChangeAndUndoItWhenTheStoreFails) {
 
   EXPECT_EQ(actions.Check(*MakeItem(L"Gone", key.Location(), L"%windir%\\notepad.exe")), 31)
       << "a Run value that is gone fails the check";
-}
-
-TEST(StartupApproved, FolderActionsWriteTheUsersStartupFolderValue) {
-  ScratchStore store;
-  const std::wstring name = L"lumera-test-" + testing_startup::UniqueSuffix() + L".exe";
-  testing_startup::ScratchFolder folder;
-  auto item = MakeItem(name, folder.Path(), folder.File(name));
-  startup::CWin8StartupFolderActions actions;
-  ASSERT_EQ(actions.Disable({item}, true), 0);
-  EXPECT_EQ(ReadBinary(HKEY_CURRENT_USER, kFolderApprovedKey, name).at(0), 1);
-  EXPECT_TRUE(::GetFileAttributesW(item->path.c_str()) != INVALID_FILE_ATTRIBUTES) << "the file stays in place";
-  EXPECT_EQ(store.Load("StartupDisabled").size(), 1u);
-  ASSERT_EQ(actions.Enable({item}, true), 0);
-  EXPECT_EQ(ReadBinary(HKEY_CURRENT_USER, kFolderApprovedKey, name).at(0), 0);
-  EXPECT_TRUE(store.Load("StartupDisabled").empty());
-  ::RegDeleteKeyValueW(HKEY_CURRENT_USER, kFolderApprovedKey, name.c_str());
 }
 
 }  // namespace

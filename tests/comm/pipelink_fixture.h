@@ -13,14 +13,9 @@
 #include "common/unique_handle.h"
 #include "lumera/interface_ids.h"
 #include "lumera/pipelink.h"
+#include "support/scratch_folder.h"
 
 namespace testing_pipelink {
-
-inline std::wstring ExeFolder() {
-  std::wstring path(32768, L'\0');
-  path.resize(::GetModuleFileNameW(nullptr, path.data(), 32767));
-  return path.substr(0, path.find_last_of(L'\\') + 1);
-}
 
 // A pipe name no other test or process uses.
 inline std::wstring UniqueName(const char* test) {
@@ -29,19 +24,20 @@ inline std::wstring UniqueName(const char* test) {
 
 class Library {
  public:
-  Library() : module_(::LoadLibraryW((ExeFolder() + L"pipelink.dll").c_str())) {
+  Library() : module_(::LoadLibraryW((testsupport::ExeFolder() + L"pipelink.dll").c_str())) {
     if (!module_) return;
     create_ = reinterpret_cast<KyCreateObjectFn>(reinterpret_cast<void*>(::GetProcAddress(module_.get(), "KyCreateObject")));
     destroy_ = reinterpret_cast<KyDestroyObjectFn>(reinterpret_cast<void*>(::GetProcAddress(module_.get(), "KyDestroyObject")));
+    if (!create_ || !destroy_) return;
     void* object = nullptr;
-    if (create_ && create_(L"connserver", &lumera::ids::PipeLinkServer, &object) == 0) server_ = static_cast<pipelink::IConnServer*>(object);
+    if (create_(L"connserver", &lumera::ids::PipeLinkServer, &object) == 0) server_ = static_cast<pipelink::IConnServer*>(object);
     object = nullptr;
-    if (create_ && create_(L"connclient", &lumera::ids::PipeLinkClient, &object) == 0) client_ = static_cast<pipelink::IConnClient*>(object);
+    if (create_(L"connclient", &lumera::ids::PipeLinkClient, &object) == 0) client_ = static_cast<pipelink::IConnClient*>(object);
     if (client_ && (client_->Init(0) != 0 || client_->Start() != 0)) client_ = nullptr;
   }
   ~Library() {
-    if (destroy_ && client_) destroy_(L"connclient", client_);
-    if (destroy_ && server_) destroy_(L"connserver", server_);
+    if (client_) destroy_(L"connclient", client_);
+    if (server_) destroy_(L"connserver", server_);
   }
   Library(const Library&) = delete;
   Library& operator=(const Library&) = delete;

@@ -94,33 +94,25 @@ class RawPipe {
   }
 
   DWORD Write(const std::vector<std::uint8_t>& bytes) {
-    OVERLAPPED ov{};
-    ov.hEvent = event_.get();
     DWORD n = 0;
-    if (!::WriteFile(pipe_.get(), bytes.data(), static_cast<DWORD>(bytes.size()), nullptr, &ov) &&
-        ::GetLastError() != ERROR_IO_PENDING) {
-      return ::GetLastError();
-    }
-    return Finish(ov, 5000, &n);
+    return Io(true, const_cast<std::uint8_t*>(bytes.data()), static_cast<DWORD>(bytes.size()), 5000, &n);
   }
 
   // 0 with a whole message, 258 on time-out, or the pipe's error (109 once the server dropped us).
   DWORD Read(std::vector<std::uint8_t>& out, DWORD timeoutMs) {
     out.assign(pipelink::kMaxFrameBytes, 0);
-    OVERLAPPED ov{};
-    ov.hEvent = event_.get();
     DWORD n = 0;
-    if (!::ReadFile(pipe_.get(), out.data(), static_cast<DWORD>(out.size()), nullptr, &ov) &&
-        ::GetLastError() != ERROR_IO_PENDING) {
-      return ::GetLastError();
-    }
-    const DWORD result = Finish(ov, timeoutMs, &n);
+    const DWORD result = Io(false, out.data(), static_cast<DWORD>(out.size()), timeoutMs, &n);
     out.resize(result == 0 ? n : 0);
     return result;
   }
 
  private:
-  DWORD Finish(OVERLAPPED& ov, DWORD timeoutMs, DWORD* n) {
+  DWORD Io(bool write, std::uint8_t* data, DWORD size, DWORD timeoutMs, DWORD* n) {
+    OVERLAPPED ov{};
+    ov.hEvent = event_.get();
+    const BOOL done = write ? ::WriteFile(pipe_.get(), data, size, nullptr, &ov) : ::ReadFile(pipe_.get(), data, size, nullptr, &ov);
+    if (!done && ::GetLastError() != ERROR_IO_PENDING) return ::GetLastError();
     if (::WaitForSingleObject(event_.get(), timeoutMs) != WAIT_OBJECT_0) {
       ::CancelIoEx(pipe_.get(), &ov);
       ::GetOverlappedResult(pipe_.get(), &ov, n, TRUE);

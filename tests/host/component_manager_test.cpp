@@ -36,15 +36,4 @@ TEST(ComponentManager, HandsOutHostPluginsByNameWithoutRegardToCaseAndCountsThem
   EXPECT_EQ(manager.OutstandingCount(L"productinfo"), 0) << "a refused get is not counted";
 }
 
-TEST(ComponentManager, CommonFolderDefaultsToProgramData) {
-  host::HostConfig config;
-  host::ComponentManager manager(config);
-  void* out = nullptr;
-  ASSERT_EQ(manager.GetPlugin(L"productinfo", lumera::ids::ProductInfoPlugin, &out), 0u);
-  const std::wstring folder = static_cast<IProductInfo*>(out)->GetFolder(2, L"common");
-  EXPECT_NE(folder.find(L"\\Nexalon\\Lumera"), std::wstring::npos) << folder;
-  EXPECT_EQ(static_cast<IProductInfo*>(out)->GetFolder(3, L"common"), nullptr);
-  manager.ReleasePlugin(L"productinfo");
-}
-
 }  // namespace

@@ -23,7 +23,6 @@ constexpr std::int32_t kInvalidData = ERROR_INVALID_DATA;
 constexpr std::int32_t kNotFound = ERROR_NOT_FOUND;
 constexpr std::int32_t kFailure = ERROR_GEN_FAILURE;
 constexpr std::size_t kMaxMessages = 100000;
-constexpr std::uint32_t kReportedLevel = 32;
 
 static_assert(testsupport::kCaptureTextChars == logcore::kMaxTextChars + 1);
 static_assert(testsupport::kCaptureFunctionChars == logcore::kMaxFunctionChars + 1);
@@ -83,23 +82,8 @@ std::int32_t __cdecl LogWrite(std::uint16_t depthChange, const std::uint32_t* le
   });
 }
 
-// Settings have no effect on a capture, which keeps everything.
-std::int32_t __cdecl LogApplySettings() { return kOk; }
-std::int32_t __cdecl LogSetSettingsFile(const wchar_t*) { return kOk; }
-std::int32_t __cdecl LogEnable(std::int32_t) { return kOk; }
-std::int32_t __cdecl LogSetLevel(std::uint32_t) { return kOk; }
-std::int32_t __cdecl LogSetPath(const wchar_t*) { return kOk; }
-std::int32_t __cdecl LogSetType(std::uint32_t) { return kOk; }
-std::int32_t __cdecl LogSetMode(std::uint32_t) { return kOk; }
-std::int32_t __cdecl LogSetMaxSize(std::uint32_t) { return kOk; }
-std::int32_t __cdecl LogSetDepth(std::uint32_t) { return kOk; }
-std::int32_t __cdecl LogIsEnabled() { return 1; }
-std::int32_t __cdecl LogMonitorSettings(std::int32_t) { return kOk; }
-std::int32_t __cdecl LogUninitDeskMetrics() { return kOk; }
-std::int32_t __cdecl LogTrackEvent(const wchar_t*) { return kOk; }
-std::int32_t __cdecl LogTrackEventData(const wchar_t*, const wchar_t*) { return kOk; }
-std::int32_t __cdecl LogRemoveModule(const void*) { return kOk; }
-std::int32_t __cdecl LogGetLevel() { return static_cast<std::int32_t>(kReportedLevel); }
+// The logging adapter resolves the settings functions too but never calls them; a capture
+// keeps everything, so it has none.
 
 std::int32_t __cdecl CaptureCount() { return Locked([] { return static_cast<std::int32_t>(State().messages.size()); }); }
 

@@ -8,8 +8,6 @@
 namespace boottime {
 namespace {
 
-std::vector<std::uint8_t> Bytes(const CPayloadWriter& w) { return {w.Data(), w.Data() + w.Size()}; }
-
 ky::List<ProcessImpact> Impacts(std::uint64_t count) {
   ky::List<ProcessImpact> impacts;
   for (std::uint64_t i = 0; i < count; ++i) {
@@ -42,7 +40,7 @@ TEST(Payload, ElementsAreLittleEndianWithoutPadding) {
                                               1, 0, 0, 0, 0, 0,                     // empty string
                                               0, 0, 0, 0, 0, 0, 0xF0, 0x3F,         // 1.0
                                               0, 0, 0, 0};                          // empty impact list
-  EXPECT_EQ(Bytes(w), expected);
+  EXPECT_EQ(std::vector<std::uint8_t>(w.Data(), w.Data() + w.Size()), expected);
 }
 
 TEST(Payload, EveryElementRoundTrips) {
@@ -77,17 +75,12 @@ TEST(Payload, EveryElementRoundTrips) {
   EXPECT_EQ(f64, -0.125);
   EXPECT_EQ(time, 123456u);
   EXPECT_EQ(code, 31u);
-  EXPECT_EQ(counters.kernel, 1u);
-  EXPECT_EQ(counters.read, 3u);
-  EXPECT_EQ(counters.other, 5u);
-  EXPECT_EQ(key.ppid, 7u);
-  EXPECT_EQ(key.pid, 8u);
-  EXPECT_EQ(key.name, L"C:\\Windows\\\u00e9xplorer.exe");
+  EXPECT_EQ((std::vector<std::uint32_t>{counters.kernel, counters.user, counters.read, counters.write, counters.other}),
+            (std::vector<std::uint32_t>{1, 2, 3, 4, 5}));
+  EXPECT_TRUE(key.ppid == 7 && key.pid == 8 && key.name == L"C:\\Windows\\\u00e9xplorer.exe");
   ExpectSame(noneBack, none);
   ExpectSame(oneBack, one);
-  EXPECT_EQ(disk.minimum, 0.5);
-  EXPECT_EQ(disk.maximum, 99.25);
-  EXPECT_EQ(disk.average, -1e300);
+  EXPECT_EQ((std::vector<double>{disk.minimum, disk.maximum, disk.average}), (std::vector<double>{0.5, 99.25, -1e300}));
   EXPECT_EQ(text, L"x");
   EXPECT_EQ(r.Remaining(), 0u);
   EXPECT_TRUE(r.Ok());

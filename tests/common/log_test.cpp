@@ -35,10 +35,6 @@ void Outer() {
   KY_LOG(logging::kLevelError, L"outer done");
 }
 
-bool IsExitTrace(const LogEntry& entry, const std::wstring& name) {
-  return std::regex_match(entry.text, std::wregex(L"<- " + name + L" \\[\\d+\\]"));
-}
-
 // Entry and exit traces of each thread must pair up like brackets, naming the same function.
 void ExpectProperlyNested(const std::vector<LogEntry>& entries) {
   std::map<DWORD, std::vector<std::wstring>> open;
@@ -50,7 +46,7 @@ void ExpectProperlyNested(const std::vector<LogEntry>& entries) {
     } else if (entry.depthChange == logcore::kDepthLeave) {
       ASSERT_FALSE(stack.empty()) << "exit without entry";
       EXPECT_EQ(entry.function, stack.back());
-      EXPECT_TRUE(IsExitTrace(entry, stack.back())) << entry.text;
+      EXPECT_TRUE(std::regex_match(entry.text, std::wregex(L"<- " + stack.back() + L" \\[\\d+\\]"))) << entry.text;
       stack.pop_back();
     } else {
       EXPECT_EQ(entry.depthChange, 0u);

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <memory>
 #include <mutex>
 #include <random>
 
@@ -14,6 +13,7 @@
 #include "component_manager.h"
 #include "fake_boottime.h"
 #include "pipelink_fixture.h"
+#include "support/captured_log.h"
 
 namespace {
 
@@ -31,36 +31,23 @@ struct Observer : boottime::IBootTimeResponse, boottime::IBootTimeEvents {
   boottime::DiskSpeed disk;
   ky::unique_handle answered{::CreateEventW(nullptr, FALSE, FALSE, nullptr)};
 
-  void Done(std::uint32_t c) {
-    code = c;
+  template <class Fn>
+  void Done(std::uint32_t c, Fn&& keep) {
+    {
+      std::lock_guard hold(lock);
+      code = c;
+      keep();
+    }
     ::SetEvent(answered.get());
   }
   bool Wait() { return ::WaitForSingleObject(answered.get(), kWaitMs) == WAIT_OBJECT_0; }
-  void OnGetBootTime(std::uint32_t c, std::uint32_t ms) override {
-    std::lock_guard hold(lock);
-    time = ms;
-    Done(c);
-  }
-  void OnGetTotalBootImpact(std::uint32_t c, const boottime::BootCounters& t) override {
-    std::lock_guard hold(lock);
-    total = t;
-    Done(c);
-  }
+  void OnGetBootTime(std::uint32_t c, std::uint32_t ms) override { Done(c, [&] { time = ms; }); }
+  void OnGetTotalBootImpact(std::uint32_t c, const boottime::BootCounters& t) override { Done(c, [&] { total = t; }); }
   void OnGetBootImpact(std::uint32_t c, const ky::IList<boottime::ProcessImpact>& list) override {
-    std::lock_guard hold(lock);
-    impacts = ky::ToVector(list);
-    Done(c);
+    Done(c, [&] { impacts = ky::ToVector(list); });
   }
-  void OnGetDiskSpeed(std::uint32_t c, const boottime::DiskSpeed& d) override {
-    std::lock_guard hold(lock);
-    disk = d;
-    Done(c);
-  }
-  void OnDataAnalysed(std::uint32_t value) override {
-    std::lock_guard hold(lock);
-    analysed = value;
-    ::SetEvent(answered.get());
-  }
+  void OnGetDiskSpeed(std::uint32_t c, const boottime::DiskSpeed& d) override { Done(c, [&] { disk = d; }); }
+  void OnDataAnalysed(std::uint32_t value) override { Done(code, [&] { analysed = value; }); }
 };
 
 class BootTimePipe : public ::testing::Test {
@@ -119,16 +106,15 @@ TEST_F(BootTimePipe, SynchronousQueriesCarryThePluginsAnswers) {
   ASSERT_EQ(client.GetDiskSpeed(&disk), 0u);
   EXPECT_EQ(disk.maximum, 97.25);
   EXPECT_EQ(disk.average, 42.125);
-}
 
-TEST_F(BootTimePipe, TotalBootImpactAsksForTheBootTimeAndFillsOnlyTheKernelField) {
+  // The total is asked for with the boot-time query and fills only the kernel field.
   boottime::BootCounters total{9, 9, 9, 9, 9};
   ASSERT_EQ(client.GetTotalBootImpact(&total), 0u);
   EXPECT_EQ(total.kernel, 31337u);
   EXPECT_EQ(total.user, 9u);
   EXPECT_EQ(total.other, 9u);
-  EXPECT_EQ(fake.totalCalls.load(), 0) << "the request sent is the boot-time query";
-  EXPECT_EQ(fake.bootTimeCalls.load(), 1);
+  EXPECT_EQ(fake.totalCalls.load(), 0);
+  EXPECT_EQ(fake.bootTimeCalls.load(), 2);
 }
 
 TEST_F(BootTimePipe, SynchronousQueriesReturnThePluginsFailureCode) {
@@ -167,7 +153,7 @@ TEST_F(BootTimePipe, AsynchronousQueriesAnswerTheObservers) {
   EXPECT_EQ(observer.disk.minimum, 1.5);
 }
 
-TEST_F(BootTimePipe, FailedPostedQueriesComeBackAsErrorMessagesWithTheCode) {
+TEST_F(BootTimePipe, PostedQueriesFailWithErrorMessagesAndUnknownRequestsWith31) {
   fake.bootTimeCode = 1;
   fake.totalCode = 2;
   fake.impactCode = 1;
@@ -200,22 +186,8 @@ TEST_F(BootTimePipe, FailedPostedQueriesComeBackAsErrorMessagesWithTheCode) {
     EXPECT_EQ(wire.size, 4u) << "query " << query;
     EXPECT_EQ(wire.code, expectedCode[query]) << "query " << query;
   }
-  lib.Client()->Close(raw);
 
-  // Through the client the code reaches the matching answer operation.
-  ASSERT_EQ(client.GetDiskSpeedAsync(), 0u);
-  ASSERT_TRUE(observer.Wait());
-  EXPECT_EQ(observer.code, 2u);
-  ASSERT_EQ(client.GetBootTimeAsync(), 0u);
-  ASSERT_TRUE(observer.Wait());
-  EXPECT_EQ(observer.code, 1u);
-}
-
-TEST_F(BootTimePipe, UnknownOrUnreadableRequestsAreAnsweredWith31) {
-  testing_pipelink::Library lib;
-  ASSERT_TRUE(lib.Ready());
-  pipelink::IConnPipeClient* raw = nullptr;
-  ASSERT_EQ(lib.Client()->Connect(L"boottimepipe", 0, 0, kWaitMs, &raw), 0u);
+  // Unknown ids and unreadable requests are answered with 31.
   pipelink::PipeMessage* reply = nullptr;
   ASSERT_EQ(raw->Send(99, nullptr, 0, &reply, 0, kWaitMs), 0u);
   EXPECT_EQ(reply->result, 31u) << "unknown id";
@@ -225,24 +197,27 @@ TEST_F(BootTimePipe, UnknownOrUnreadableRequestsAreAnsweredWith31) {
   EXPECT_EQ(reply->result, 31u) << "a process key that cannot be read";
   raw->FreeReply(reply);
   lib.Client()->Close(raw);
+
+  // Through the client the code reaches the matching answer operation.
+  ASSERT_EQ(client.GetDiskSpeedAsync(), 0u);
+  ASSERT_TRUE(observer.Wait());
+  EXPECT_EQ(observer.code, 2u);
 }
 
 TEST_F(BootTimePipe, DataAnalysedReachesEveryConnectedClient) {
-  std::vector<std::unique_ptr<CBootTimeCommClient>> others;
-  std::vector<std::unique_ptr<Observer>> listeners;
+  Observer listeners[3];
+  CBootTimeCommClient others[3];
   for (int i = 0; i < 3; ++i) {
-    others.push_back(std::make_unique<CBootTimeCommClient>());
-    listeners.push_back(std::make_unique<Observer>());
-    ASSERT_EQ(others.back()->Init(nullptr), 0u);
-    ASSERT_EQ(others.back()->Start(), 0u);
-    ASSERT_EQ(others.back()->AddListener(listeners.back().get()), 0u);
+    ASSERT_EQ(others[i].Init(nullptr), 0u);
+    ASSERT_EQ(others[i].Start(), 0u);
+    ASSERT_EQ(others[i].AddListener(&listeners[i]), 0u);
     std::uint32_t ms = 0;
-    ASSERT_EQ(others.back()->GetBootTime(&ms), 0u) << "the server has accepted client " << i;
+    ASSERT_EQ(others[i].GetBootTime(&ms), 0u) << "the server has accepted client " << i;
   }
   fake.OnDataAnalysed(2);
   for (int i = 0; i < 3; ++i) {
-    ASSERT_TRUE(listeners[i]->Wait()) << "client " << i;
-    EXPECT_EQ(listeners[i]->analysed, 2u) << "client " << i;
+    ASSERT_TRUE(listeners[i].Wait()) << "client " << i;
+    EXPECT_EQ(listeners[i].analysed, 2u) << "client " << i;
   }
 }
 
@@ -317,10 +292,84 @@ TEST(BootTimeClient, UnknownOrUnreadableMessagesAreAcknowledgedWith31) {
   EXPECT_EQ(observer.time, 10000u);
 }
 
-TEST(BootTimeServer, InitWithoutHostFailsAndStartWithoutConnectorFails) {
+// The exact log messages of both sides, read back from the capturing logcore.dll.
+TEST_F(BootTimePipe, QueriesAndAnswersAreLoggedOnBothSides) {
+  testsupport::CapturedLog log;
+  ASSERT_TRUE(log.available()) << "the capturing logcore.dll must sit beside the test program";
+  log.clear();
+  fake.impacts = {{7, 8, L"C:\\a.exe", 1, 2, 3, 4, 5}};
+  std::uint32_t ms = 0;
+  ASSERT_EQ(client.GetBootTime(&ms), 0u);
+  EXPECT_TRUE(log.contains(L"GetBootTime err=0"));
+  EXPECT_TRUE(log.contains(L"time=31337"));
+
+  ky::List<boottime::ProcessImpact> impacts;
+  const boottime::ProcessKey key{7, 8, L"a.exe"};
+  ASSERT_EQ(client.GetBootImpact(&impacts, &key), 0u);
+  EXPECT_TRUE(log.contains(L"GetBootImpact err=0"));
+  EXPECT_TRUE(log.contains(L"err=0x0 process=[ppid=7 pid=8 name=a.exe cpuKernelTime=0"));
+  EXPECT_TRUE(log.contains(
+      L"process=[ppid=7 pid=8 name=C:\\a.exe cpuKernelTime=1 cpuUserTime=2 bytesRead=3 bytesWritten=4 bytesOther=5]"));
+
+  boottime::DiskSpeed disk;
+  ASSERT_EQ(client.GetDiskSpeed(&disk), 0u);
+  EXPECT_TRUE(log.contains(L"diskSpeed=[min_hddUsage=1.5 max_hddUsage=97.25 average_hddUsage=42.125]"));
+  fake.diskCode = 1168;
+  EXPECT_EQ(client.GetDiskSpeed(&disk), 1168u);
+  EXPECT_TRUE(log.contains(L"GetDiskSpeed err=1168"));
+  EXPECT_TRUE(log.contains(L"sendMessage NpcMsgBootTimeGetDiskSpeed returns 0x490"));
+
+  boottime::BootCounters total;
+  ASSERT_EQ(client.GetTotalBootImpact(&total), 0u);
+  EXPECT_TRUE(log.contains(L"process=[cpuKernelTime=31337 cpuUserTime=0"));
+
+  pipelink::PipeMessage unknown{0, 0, 0, 77, nullptr, 0, 1};
+  EXPECT_EQ(CBootTimeCommClient::NpcCallback(&client, &unknown), 31u);
+  EXPECT_TRUE(log.contains(L"ERROR_GEN_FAILURE"));
+}
+
+struct NoManagerHost final : IServMain {
+  const wchar_t* GetHostName() override { return L"test"; }
+  IPlgComponentManager* GetComponentManager() override { return nullptr; }
+  IEventQueue* GetEventQueue() override { return nullptr; }
+};
+
+TEST(BootTimeServer, RefusesAndNamesWhatTheHostDidNotGiveIt) {
+  testsupport::CapturedLog log;
+  ASSERT_TRUE(log.available());
+  log.clear();
   CBootTimeComm server;
   EXPECT_EQ(server.Init(nullptr), 0xFFFFFFFFu);
+  EXPECT_TRUE(log.contains(L"IServMain is null!"));
+  NoManagerHost host;
+  EXPECT_EQ(server.Init(&host), 0xFFFFFFFFu);
+  EXPECT_TRUE(log.contains(L"Component Manager is null!"));
   EXPECT_EQ(server.Start(), 31u);
+  EXPECT_TRUE(log.contains(L"Connector server is null."));
+
+  // A host without "boottime" and with connserver: only the plug-in is missing.
+  host::HostConfig config;
+  host::ComponentManager manager(config);
+  EXPECT_EQ(server.Init(&manager), 0u);
+  EXPECT_TRUE(log.contains(L"Error getting plugin: boottime"));
+  EXPECT_FALSE(log.contains(L"Error getting connector server."));
+  server.UnInit();
+  manager.Shutdown();
+}
+
+TEST(BootTimeClient, WithoutServerLogsTheKeptMisspelling) {
+  testsupport::CapturedLog log;
+  ASSERT_TRUE(log.available());
+  log.clear();
+  CBootTimeCommClient client;
+  ASSERT_EQ(client.Init(nullptr), 0u);
+  EXPECT_EQ(client.Start(), 2u) << "no pipe: the connector's file-not-found";
+  EXPECT_TRUE(log.contains(L"Coould not connect comm server: boottimepipe"));
+  std::uint32_t ms = 0;
+  EXPECT_EQ(client.GetBootTime(&ms), 2u);
+  EXPECT_TRUE(log.contains(L"sendMessage NpcMsgBootTimeGetBootTime failed 0xe9"));
+  EXPECT_EQ(client.GetDiskSpeedAsync(), 233u);
+  EXPECT_TRUE(log.contains(L"postMessage NpcMsgBootTimeGetDiskSpeed failed 0xe9"));
 }
 
 }  // namespace

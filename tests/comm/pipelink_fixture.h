@@ -13,14 +13,9 @@
 #include "common/unique_handle.h"
 #include "lumera/interface_ids.h"
 #include "lumera/pipelink.h"
+#include "support/scratch_folder.h"
 
 namespace testing_pipelink {
-
-inline std::wstring ExeFolder() {
-  std::wstring path(32768, L'\0');
-  path.resize(::GetModuleFileNameW(nullptr, path.data(), 32767));
-  return path.substr(0, path.find_last_of(L'\\') + 1);
-}
 
 // A pipe name no other test or process uses.
 inline std::wstring UniqueName(const char* test) {
@@ -29,19 +24,20 @@ inline std::wstring UniqueName(const char* test) {
 
 class Library {
  public:
-  Library() : module_(::LoadLibraryW((ExeFolder() + L"pipelink.dll").c_str())) {
+  Library() : module_(::LoadLibraryW((testsupport::ExeFolder() + L"pipelink.dll").c_str())) {
     if (!module_) return;
     create_ = reinterpret_cast<KyCreateObjectFn>(reinterpret_cast<void*>(::GetProcAddress(module_.get(), "KyCreateObject")));
     destroy_ = reinterpret_cast<KyDestroyObjectFn>(reinterpret_cast<void*>(::GetProcAddress(module_.get(), "KyDestroyObject")));
+    if (!create_ || !destroy_) return;
     void* object = nullptr;
-    if (create_ && create_(L"connserver", &lumera::ids::PipeLinkServer, &object) == 0) server_ = static_cast<pipelink::IConnServer*>(object);
+    if (create_(L"connserver", &lumera::ids::PipeLinkServer, &object) == 0) server_ = static_cast<pipelink::IConnServer*>(object);
     object = nullptr;
-    if (create_ && create_(L"connclient", &lumera::ids::PipeLinkClient, &object) == 0) client_ = static_cast<pipelink::IConnClient*>(object);
+    if (create_(L"connclient", &lumera::ids::PipeLinkClient, &object) == 0) client_ = static_cast<pipelink::IConnClient*>(object);
     if (client_ && (client_->Init(0) != 0 || client_->Start() != 0)) client_ = nullptr;
   }
   ~Library() {
-    if (destroy_ && client_) destroy_(L"connclient", client_);
-    if (destroy_ && server_) destroy_(L"connserver", server_);
+    if (client_) destroy_(L"connclient", client_);
+    if (server_) destroy_(L"connserver", server_);
   }
   Library(const Library&) = delete;
   Library& operator=(const Library&) = delete;
@@ -98,33 +94,25 @@ class RawPipe {
   }
 
   DWORD Write(const std::vector<std::uint8_t>& bytes) {
-    OVERLAPPED ov{};
-    ov.hEvent = event_.get();
     DWORD n = 0;
-    if (!::WriteFile(pipe_.get(), bytes.data(), static_cast<DWORD>(bytes.size()), nullptr, &ov) &&
-        ::GetLastError() != ERROR_IO_PENDING) {
-      return ::GetLastError();
-    }
-    return Finish(ov, 5000, &n);
+    return Io(true, const_cast<std::uint8_t*>(bytes.data()), static_cast<DWORD>(bytes.size()), 5000, &n);
   }
 
   // 0 with a whole message, 258 on time-out, or the pipe's error (109 once the server dropped us).
   DWORD Read(std::vector<std::uint8_t>& out, DWORD timeoutMs) {
     out.assign(pipelink::kMaxFrameBytes, 0);
-    OVERLAPPED ov{};
-    ov.hEvent = event_.get();
     DWORD n = 0;
-    if (!::ReadFile(pipe_.get(), out.data(), static_cast<DWORD>(out.size()), nullptr, &ov) &&
-        ::GetLastError() != ERROR_IO_PENDING) {
-      return ::GetLastError();
-    }
-    const DWORD result = Finish(ov, timeoutMs, &n);
+    const DWORD result = Io(false, out.data(), static_cast<DWORD>(out.size()), timeoutMs, &n);
     out.resize(result == 0 ? n : 0);
     return result;
   }
 
  private:
-  DWORD Finish(OVERLAPPED& ov, DWORD timeoutMs, DWORD* n) {
+  DWORD Io(bool write, std::uint8_t* data, DWORD size, DWORD timeoutMs, DWORD* n) {
+    OVERLAPPED ov{};
+    ov.hEvent = event_.get();
+    const BOOL done = write ? ::WriteFile(pipe_.get(), data, size, nullptr, &ov) : ::ReadFile(pipe_.get(), data, size, nullptr, &ov);
+    if (!done && ::GetLastError() != ERROR_IO_PENDING) return ::GetLastError();
     if (::WaitForSingleObject(event_.get(), timeoutMs) != WAIT_OBJECT_0) {
       ::CancelIoEx(pipe_.get(), &ov);
       ::GetOverlappedResult(pipe_.get(), &ov, n, TRUE);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "support/captured_log.h"
+#include "support/programs.h"
 #include "support/scratch_folder.h"
 #include "support/test_thread.h"
 
@@ -34,10 +35,6 @@ void Outer() {
   KY_LOG(logging::kLevelError, L"outer done");
 }
 
-bool IsExitTrace(const LogEntry& entry, const std::wstring& name) {
-  return std::regex_match(entry.text, std::wregex(L"<- " + name + L" \\[\\d+\\]"));
-}
-
 // Entry and exit traces of each thread must pair up like brackets, naming the same function.
 void ExpectProperlyNested(const std::vector<LogEntry>& entries) {
   std::map<DWORD, std::vector<std::wstring>> open;
@@ -49,7 +46,7 @@ void ExpectProperlyNested(const std::vector<LogEntry>& entries) {
     } else if (entry.depthChange == logcore::kDepthLeave) {
       ASSERT_FALSE(stack.empty()) << "exit without entry";
       EXPECT_EQ(entry.function, stack.back());
-      EXPECT_TRUE(IsExitTrace(entry, stack.back())) << entry.text;
+      EXPECT_TRUE(std::regex_match(entry.text, std::wregex(L"<- " + stack.back() + L" \\[\\d+\\]"))) << entry.text;
       stack.pop_back();
     } else {
       EXPECT_EQ(entry.depthChange, 0u);
@@ -78,6 +75,8 @@ TEST_F(Logging, NestedTracesCarryNameLevelAndDepthChanges) {
     EXPECT_EQ(entries[i].level, expected[i].second) << i;
     EXPECT_EQ(entries[i].moduleBase, ::GetModuleHandleW(nullptr)) << i;
   }
+  EXPECT_EQ(entries[0].depthChange, 1u);
+  EXPECT_EQ(entries[5].depthChange, 0xFFFFu);
   EXPECT_EQ(entries[2].text, L"inner 7");
   EXPECT_EQ(entries[4].text, L"outer done");
   ExpectProperlyNested(entries);
@@ -166,29 +165,17 @@ TEST(LoggingWithoutLibrary, ChildBody) {
 
 TEST(LoggingWithoutLibrary, EverythingWorksAndNothingIsWritten) {
   testsupport::ScratchFolder folder;
-  wchar_t self[MAX_PATH] = {};
-  ASSERT_GT(::GetModuleFileNameW(nullptr, self, MAX_PATH), 0u);
   const std::wstring copy = folder.file(L"nolog_test.exe");
   const std::wstring marker = folder.file(L"passed");
+  wchar_t self[MAX_PATH] = {};
+  ASSERT_GT(::GetModuleFileNameW(nullptr, self, MAX_PATH), 0u);
   ASSERT_TRUE(::CopyFileW(self, copy.c_str(), TRUE));
-
-  std::wstring commandLine = L"\"" + copy + L"\" --gtest_filter=LoggingWithoutLibrary.ChildBody";
-  STARTUPINFOW startup{};
-  startup.cb = sizeof(startup);
-  PROCESS_INFORMATION info{};
   ::SetEnvironmentVariableW(kNoLibraryMarkerVariable, marker.c_str());
-  const BOOL started = ::CreateProcessW(copy.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr,
-                                        folder.path().c_str(), &startup, &info);
+  const auto run = testsupport::RunProgram(L"\"" + copy + L"\" --gtest_filter=LoggingWithoutLibrary.ChildBody",
+                                           testsupport::kLongWait);
   ::SetEnvironmentVariableW(kNoLibraryMarkerVariable, nullptr);
-  ASSERT_TRUE(started) << ::GetLastError();
-  ky::unique_handle process(info.hProcess);
-  ky::unique_handle thread(info.hThread);
-
-  ASSERT_EQ(::WaitForSingleObject(process.get(), testsupport::kLongWait), static_cast<DWORD>(WAIT_OBJECT_0));
-  DWORD exitCode = 1;
-  ASSERT_TRUE(::GetExitCodeProcess(process.get(), &exitCode));
-  EXPECT_EQ(exitCode, 0u);
-  EXPECT_NE(::GetFileAttributesW(marker.c_str()), INVALID_FILE_ATTRIBUTES) << "the checks did not run";
+  EXPECT_EQ(run.exitCode, 0u) << run.output;
+  EXPECT_NE(::GetFileAttributesW(marker.c_str()), INVALID_FILE_ATTRIBUTES) << "the checks did not run\n" << run.output;
 }
 
 }  // namespace

@@ -14,44 +14,30 @@ using testsupport::kLongWait;
 using testsupport::kShortWait;
 using testsupport::TestThread;
 
-// A thread that takes the read lock, reports it, and holds it until told to let go.
-class Reader {
+// A thread that takes the read or write lock, reports it, and holds it until told to let go.
+class Holder {
  public:
-  explicit Reader(ISyncRWLock& lock)
-      : thread_([this, &lock] {
+  Holder(ISyncRWLock& lock, bool write)
+      : thread_([this, &lock, write] {
           started.set();
-          lock.AcquireRead();
+          write ? lock.AcquireWrite() : lock.AcquireRead();
           holding.set();
           letGo.waitFor(kLongWait);
-          lock.ReleaseRead();
+          write ? lock.ReleaseWrite() : lock.ReleaseRead();
         }) {}
-  ~Reader() { letGo.set(); }
+  ~Holder() { letGo.set(); }
 
-  Event started;
-  Event holding;
-  Event letGo;
+  Event started, holding, letGo;
 
  private:
   TestThread thread_;  // last, so that it ends before the events go
 };
 
-// Same for the write lock.
-class Writer {
- public:
-  explicit Writer(ISyncRWLock& lock)
-      : thread_([this, &lock] {
-          lock.AcquireWrite();
-          holding.set();
-          letGo.waitFor(kLongWait);
-          lock.ReleaseWrite();
-        }) {}
-  ~Writer() { letGo.set(); }
-
-  Event holding;
-  Event letGo;
-
- private:
-  TestThread thread_;
+struct Reader : Holder {
+  explicit Reader(ISyncRWLock& lock) : Holder(lock, false) {}
+};
+struct Writer : Holder {
+  explicit Writer(ISyncRWLock& lock) : Holder(lock, true) {}
 };
 
 TEST(SyncRWLock, ReadLockTakenTwiceNeedsTwoReleases) {

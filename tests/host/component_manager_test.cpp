@@ -27,28 +27,13 @@ TEST(ComponentManager, HandsOutHostPluginsByNameWithoutRegardToCaseAndCountsThem
   EXPECT_EQ(components->ReleasePlugin(L"PRODUCTINFO"), 0u);
   EXPECT_EQ(components->ReleasePlugin(L"productinfo"), static_cast<std::uint32_t>(ERROR_NOT_FOUND))
       << "a release without a matching get is refused";
-}
 
-TEST(ComponentManager, UnknownNamesAndUnansweredIdentifiersGiveNotFound) {
-  host::HostConfig config;
-  host::ComponentManager manager(config);
   void* out = reinterpret_cast<void*>(0x1);
   EXPECT_EQ(manager.GetPlugin(L"nosuchplugin", lumera::ids::IServPlugin, &out), static_cast<std::uint32_t>(ERROR_NOT_FOUND));
   EXPECT_EQ(out, nullptr);
   EXPECT_EQ(manager.GetPlugin(L"productinfo", lumera::ids::IBootTime, &out), static_cast<std::uint32_t>(ERROR_NOT_FOUND));
   EXPECT_EQ(out, nullptr);
   EXPECT_EQ(manager.OutstandingCount(L"productinfo"), 0) << "a refused get is not counted";
-}
-
-TEST(ComponentManager, CommonFolderDefaultsToProgramData) {
-  host::HostConfig config;
-  host::ComponentManager manager(config);
-  void* out = nullptr;
-  ASSERT_EQ(manager.GetPlugin(L"productinfo", lumera::ids::ProductInfoPlugin, &out), 0u);
-  const std::wstring folder = static_cast<IProductInfo*>(out)->GetFolder(2, L"common");
-  EXPECT_NE(folder.find(L"\\Nexalon\\Lumera"), std::wstring::npos) << folder;
-  EXPECT_EQ(static_cast<IProductInfo*>(out)->GetFolder(3, L"common"), nullptr);
-  manager.ReleasePlugin(L"productinfo");
 }
 
 }  // namespace

@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <mutex>
+#include <numeric>
 #include <set>
 #include <vector>
 
@@ -60,7 +62,7 @@ TEST(SerialExecution, RunsItemsOneAtATimeInPostingOrderOnOneThread) {
   EXPECT_EQ(journal.overlap.load(), 0);
   EXPECT_EQ(journal.threads.size(), 1u);
   std::vector<int> expected(kItems);
-  for (int i = 0; i < kItems; ++i) expected[i] = i;
+  std::iota(expected.begin(), expected.end(), 0);
   EXPECT_EQ(journal.order, expected);
   EXPECT_EQ(queue.destroySerialExecution(execution), 0u);
 }

@@ -4,6 +4,7 @@
 #include <windows.h>
 
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "common/unique_handle.h"
@@ -27,16 +28,9 @@ DWORD WaitForState(SC_HANDLE service, DWORD wanted) {
 
 TEST(HostService, InstallsStartsStopsAndUninstalls) {
   const std::filesystem::path config = std::filesystem::temp_directory_path() / L"lumerahost-service-test.json";
-  {
-    HANDLE file = ::CreateFileW(config.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
-    ASSERT_NE(file, INVALID_HANDLE_VALUE);
-    ky::unique_file owned(file);
-    const char text[] = "{\"objects\": [\"boottimecomm\"]}";
-    DWORD written = 0;
-    ASSERT_TRUE(::WriteFile(owned.get(), text, sizeof text - 1, &written, nullptr));
-  }
+  std::ofstream(config, std::ios::binary) << "{\"objects\": [\"boottimecomm\"]}";
   RunHostCommand(L"uninstall");  // a leftover from an interrupted run
-  ASSERT_EQ(RunHostCommand(L"install --config \"" + config.wstring() + L"\""), 0u);
+  ASSERT_EQ(RunHostCommand(L"install --config " + testsupport::Quoted(config)), 0u);
 
   ky::unique_schandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
   ASSERT_TRUE(manager);

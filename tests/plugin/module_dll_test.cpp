@@ -9,8 +9,6 @@
 
 #include "common/unique_handle.h"
 #include "support/programs.h"
-#include "lumera/boottime.h"
-#include "lumera/interface_ids.h"
 
 namespace {
 
@@ -32,23 +30,6 @@ TEST(ModuleDll, ExportsExactlyTheFactoryPair) {
   ky::unique_module module(::LoadLibraryW((testsupport::BinFolder() / L"LumeraPlg.dll").c_str()));
   ASSERT_TRUE(module) << ::GetLastError();
   EXPECT_EQ(ExportedNames(module.get()), (std::set<std::string>{"KyCreateObject", "KyDestroyObject"}));
-}
-
-TEST(ModuleDll, CreatesAndDestroysEveryObjectThroughItsExports) {
-  ky::unique_module module(::LoadLibraryW((testsupport::BinFolder() / L"LumeraPlg.dll").c_str()));
-  ASSERT_TRUE(module);
-  auto create = reinterpret_cast<KyCreateObjectFn>(reinterpret_cast<void*>(::GetProcAddress(module.get(), "KyCreateObject")));
-  auto destroy = reinterpret_cast<KyDestroyObjectFn>(reinterpret_cast<void*>(::GetProcAddress(module.get(), "KyDestroyObject")));
-  ASSERT_NE(create, nullptr);
-  ASSERT_NE(destroy, nullptr);
-  for (const wchar_t* name : {L"boottime", L"boottimecomm", L"boottimecommclient"}) {
-    void* object = nullptr;
-    ASSERT_EQ(create(name, &lumera::ids::IServPlugin, &object), 0u) << name;
-    auto* plugin = static_cast<IServPlugin*>(object);
-    EXPECT_EQ(plugin->Init(nullptr), plugin->Init(nullptr)) << "a refused Init leaves nothing behind: " << name;
-    EXPECT_EQ(plugin->UnInit(), 0u);
-    destroy(name, object);
-  }
 }
 
 }  // namespace

@@ -2,18 +2,12 @@
 // stand-in library whose behaviour each test picks.
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <string>
 
 #include "plugin/sibling_loader.h"
+#include "support/scratch_folder.h"
 
 namespace {
-
-std::filesystem::path ProgramFolder() {
-  wchar_t path[MAX_PATH] = {};
-  ::GetModuleFileNameW(nullptr, path, MAX_PATH);
-  return std::filesystem::path(path).parent_path();
-}
 
 class ProductInfoLoader : public ::testing::Test {
  protected:
@@ -49,7 +43,7 @@ TEST_F(ProductInfoLoader, CreatesInitialisesWithoutHostAndStartsTheObjectOnce) {
 
 TEST_F(ProductInfoLoader, AnObjectWithoutTheProductInterfaceFailsWith632AndIsTakenApart) {
   UseMode(L"no-interface");
-  HMODULE keep = ::LoadLibraryW((ProgramFolder() / L"hostconfig.dll").c_str());  // to read the journal afterwards
+  HMODULE keep = ::LoadLibraryW((testsupport::ExeFolder() + L"hostconfig.dll").c_str());  // to read the journal afterwards
   std::uint32_t error = 0;
   EXPECT_EQ(plugin::AcquireProductInfo(&error), nullptr);
   EXPECT_EQ(error, 632u);
@@ -58,23 +52,19 @@ TEST_F(ProductInfoLoader, AnObjectWithoutTheProductInterfaceFailsWith632AndIsTak
 }
 
 TEST_F(ProductInfoLoader, FailureCodeIsTheLastErrorOr632WhenThereIsNone) {
-  UseMode(L"create-fails");
-  std::uint32_t error = 0;
-  EXPECT_EQ(plugin::AcquireProductInfo(&error), nullptr);
-  EXPECT_EQ(error, static_cast<std::uint32_t>(ERROR_ACCESS_DENIED));
-
-  UseMode(L"create-fails-silently");
-  EXPECT_EQ(plugin::AcquireProductInfo(&error), nullptr);
-  EXPECT_EQ(error, 632u);
-
-  UseMode(L"start-fails");
-  EXPECT_EQ(plugin::AcquireProductInfo(&error), nullptr);
-  EXPECT_EQ(error, static_cast<std::uint32_t>(ERROR_SERVICE_DISABLED));
+  const std::pair<const wchar_t*, std::uint32_t> cases[] = {
+      {L"create-fails", ERROR_ACCESS_DENIED}, {L"create-fails-silently", 632}, {L"start-fails", ERROR_SERVICE_DISABLED}};
+  for (const auto& [mode, code] : cases) {
+    UseMode(mode);
+    std::uint32_t error = 0;
+    EXPECT_EQ(plugin::AcquireProductInfo(&error), nullptr) << testing::PrintToString(mode);
+    EXPECT_EQ(error, code) << testing::PrintToString(mode);
+  }
 }
 
 TEST_F(ProductInfoLoader, WithoutTheLibraryTheLoaderReportsTheLoadErrorAndLaterRecovers) {
-  const auto library = ProgramFolder() / L"hostconfig.dll";
-  const auto parked = ProgramFolder() / L"hostconfig.dll.parked";
+  const std::wstring library = testsupport::ExeFolder() + L"hostconfig.dll";
+  const std::wstring parked = library + L".parked";
   ASSERT_TRUE(::MoveFileExW(library.c_str(), parked.c_str(), MOVEFILE_REPLACE_EXISTING));
   std::uint32_t error = 0;
   IProductInfo* info = plugin::AcquireProductInfo(&error);

@@ -5,14 +5,11 @@
 #include <atomic>
 #include <filesystem>
 #include <system_error>
-#include <vector>
 
 #include "common/unique_handle.h"
 
 namespace testsupport {
 namespace {
-
-constexpr DWORD kMaxPathChars = 32767;
 
 std::atomic<unsigned> g_nextFolder{0};
 
@@ -36,11 +33,9 @@ ScratchFolder::~ScratchFolder() {
 }
 
 std::wstring ExeFolder() {
-  std::vector<wchar_t> buffer(kMaxPathChars + 1, L'\0');
-  const DWORD n = ::GetModuleFileNameW(nullptr, buffer.data(), kMaxPathChars);
-  std::wstring folder(buffer.data(), n);
-  folder.resize(folder.find_last_of(L'\\') + 1);
-  return folder;
+  std::wstring path(32768, L'\0');
+  path.resize(::GetModuleFileNameW(nullptr, path.data(), 32767));
+  return path.substr(0, path.find_last_of(L'\\') + 1);
 }
 
 std::string ReadFileBytes(const std::wstring& path) {

@@ -12,6 +12,11 @@ namespace {
 
 std::wstring g_journal;
 
+std::uint32_t Note(const wchar_t* call) {
+  g_journal += call;
+  return 0;
+}
+
 std::wstring Mode() {
   wchar_t value[64] = {};
   ::GetEnvironmentVariableW(L"LUMERA_FAKE_HOSTCONFIG", value, 64);
@@ -29,25 +34,14 @@ class FakeProductInfo final : public IProductInfo {
     }
     return nullptr;
   }
-  std::uint32_t Init(IServMain* host) override {
-    g_journal += host == nullptr ? L"init(null);" : L"init(host);";
-    return 0;
-  }
-  std::uint32_t UnInit() override {
-    g_journal += L"uninit;";
-    return 0;
-  }
+  std::uint32_t Init(IServMain* host) override { return Note(host == nullptr ? L"init(null);" : L"init(host);"); }
+  std::uint32_t UnInit() override { return Note(L"uninit;"); }
+  std::uint32_t Stop() override { return Note(L"stop;"); }
   std::uint32_t Start() override {
-    g_journal += L"start;";
-    if (Mode() == L"start-fails") {
-      ::SetLastError(ERROR_SERVICE_DISABLED);
-      return ERROR_SERVICE_DISABLED;
-    }
-    return 0;
-  }
-  std::uint32_t Stop() override {
-    g_journal += L"stop;";
-    return 0;
+    Note(L"start;");
+    if (Mode() != L"start-fails") return 0;
+    ::SetLastError(ERROR_SERVICE_DISABLED);
+    return ERROR_SERVICE_DISABLED;
   }
   const wchar_t* GetItem(std::uint32_t, const wchar_t*) override { return L"C:\\Agent"; }
   const wchar_t* GetFolder(std::uint32_t kind, const wchar_t* name) override {

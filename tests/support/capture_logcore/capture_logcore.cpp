@@ -23,7 +23,6 @@ constexpr std::int32_t kInvalidData = ERROR_INVALID_DATA;
 constexpr std::int32_t kNotFound = ERROR_NOT_FOUND;
 constexpr std::int32_t kFailure = ERROR_GEN_FAILURE;
 constexpr std::size_t kMaxMessages = 100000;
-constexpr std::uint32_t kReportedLevel = 32;
 
 static_assert(testsupport::kCaptureTextChars == logcore::kMaxTextChars + 1);
 static_assert(testsupport::kCaptureFunctionChars == logcore::kMaxFunctionChars + 1);
@@ -47,9 +46,11 @@ Capture* g_capture = nullptr;
 
 Capture& State() { return *g_capture; }
 
+// Runs fn under the capture's lock; an exception becomes a failure code.
 template <class Fn>
-std::int32_t Guarded(Fn&& fn) noexcept {
+std::int32_t Locked(Fn&& fn) noexcept {
   try {
+    std::lock_guard hold(State().lock);
     return fn();
   } catch (...) {
     return kFailure;
@@ -60,21 +61,8 @@ std::int32_t Guarded(Fn&& fn) noexcept {
 
 extern "C" {
 
-std::int32_t __cdecl LogInit() {
-  return Guarded([] {
-    std::lock_guard hold(State().lock);
-    ++State().outstandingInits;
-    return kOk;
-  });
-}
-
-std::int32_t __cdecl LogDeinit() {
-  return Guarded([] {
-    std::lock_guard hold(State().lock);
-    --State().outstandingInits;
-    return kOk;
-  });
-}
+std::int32_t __cdecl LogInit() { return Locked([] { ++State().outstandingInits; return kOk; }); }
+std::int32_t __cdecl LogDeinit() { return Locked([] { --State().outstandingInits; return kOk; }); }
 
 std::int32_t __cdecl LogWrite(std::uint16_t depthChange, const std::uint32_t* level, const void* moduleBase,
                               const wchar_t* function, const wchar_t* format, ...) {
@@ -86,44 +74,22 @@ std::int32_t __cdecl LogWrite(std::uint16_t depthChange, const std::uint32_t* le
   va_end(args);
   wchar_t name[logcore::kMaxFunctionChars + 1];
   const std::size_t nameLength = logcore::CopyBounded(name, logcore::kMaxFunctionChars + 1, function);
-  return Guarded([&] {
+  return Locked([&] {
     Message message{::GetCurrentThreadId(), depthChange, *level, moduleBase, std::wstring(name, nameLength),
                     std::wstring(text, length)};
-    std::lock_guard hold(State().lock);
     if (State().messages.size() < kMaxMessages) State().messages.push_back(std::move(message));
     return kOk;
   });
 }
 
-// Settings have no effect on a capture, which keeps everything.
-std::int32_t __cdecl LogApplySettings() { return kOk; }
-std::int32_t __cdecl LogSetSettingsFile(const wchar_t*) { return kOk; }
-std::int32_t __cdecl LogEnable(std::int32_t) { return kOk; }
-std::int32_t __cdecl LogSetLevel(std::uint32_t) { return kOk; }
-std::int32_t __cdecl LogSetPath(const wchar_t*) { return kOk; }
-std::int32_t __cdecl LogSetType(std::uint32_t) { return kOk; }
-std::int32_t __cdecl LogSetMode(std::uint32_t) { return kOk; }
-std::int32_t __cdecl LogSetMaxSize(std::uint32_t) { return kOk; }
-std::int32_t __cdecl LogSetDepth(std::uint32_t) { return kOk; }
-std::int32_t __cdecl LogIsEnabled() { return 1; }
-std::int32_t __cdecl LogMonitorSettings(std::int32_t) { return kOk; }
-std::int32_t __cdecl LogUninitDeskMetrics() { return kOk; }
-std::int32_t __cdecl LogTrackEvent(const wchar_t*) { return kOk; }
-std::int32_t __cdecl LogTrackEventData(const wchar_t*, const wchar_t*) { return kOk; }
-std::int32_t __cdecl LogRemoveModule(const void*) { return kOk; }
-std::int32_t __cdecl LogGetLevel() { return static_cast<std::int32_t>(kReportedLevel); }
+// The logging adapter resolves the settings functions too but never calls them; a capture
+// keeps everything, so it has none.
 
-std::int32_t __cdecl CaptureCount() {
-  return Guarded([] {
-    std::lock_guard hold(State().lock);
-    return static_cast<std::int32_t>(State().messages.size());
-  });
-}
+std::int32_t __cdecl CaptureCount() { return Locked([] { return static_cast<std::int32_t>(State().messages.size()); }); }
 
 std::int32_t __cdecl CaptureGet(std::int32_t index, testsupport::CaptureRecord* out) {
   if (out == nullptr) return kInvalidData;
-  return Guarded([index, out] {
-    std::lock_guard hold(State().lock);
+  return Locked([index, out] {
     if (index < 0 || static_cast<std::size_t>(index) >= State().messages.size()) return kNotFound;
     const Message& message = State().messages[static_cast<std::size_t>(index)];
     out->threadId = message.threadId;
@@ -136,20 +102,8 @@ std::int32_t __cdecl CaptureGet(std::int32_t index, testsupport::CaptureRecord* 
   });
 }
 
-std::int32_t __cdecl CaptureClear() {
-  return Guarded([] {
-    std::lock_guard hold(State().lock);
-    State().messages.clear();
-    return kOk;
-  });
-}
-
-std::int32_t __cdecl CaptureOutstandingInits() {
-  return Guarded([] {
-    std::lock_guard hold(State().lock);
-    return State().outstandingInits;
-  });
-}
+std::int32_t __cdecl CaptureClear() { return Locked([] { State().messages.clear(); return kOk; }); }
+std::int32_t __cdecl CaptureOutstandingInits() { return Locked([] { return State().outstandingInits; }); }
 
 }  // extern "C"
 

@@ -1,7 +1,5 @@
 #include "support/programs.h"
 
-#include <thread>
-
 #include "common/unique_handle.h"
 
 namespace testsupport {
@@ -42,18 +40,29 @@ ProgramRun RunProgram(const std::wstring& commandLine, DWORD timeoutMs) {
   run.started = true;
   ky::unique_handle processHandle(process.hProcess);
   ky::unique_handle threadHandle(process.hThread);
-  writer.reset();  // only the child holds the write end now, so reading ends when it does
+  writer.reset();
 
-  std::thread drain([&] {
+  // Output is taken while it is there and reading stops when the program ends: a process the
+  // program started (Wine's desktop, for one) may hold the pipe open long after.
+  auto drain = [&] {
+    DWORD available = 0;
     char buffer[4096];
-    DWORD got = 0;
-    while (::ReadFile(reader.get(), buffer, sizeof buffer, &got, nullptr) && got > 0) run.output.append(buffer, got);
-  });
-  if (::WaitForSingleObject(processHandle.get(), timeoutMs) != WAIT_OBJECT_0) {
-    ::TerminateProcess(processHandle.get(), WAIT_TIMEOUT);
-    ::WaitForSingleObject(processHandle.get(), 5000);
+    while (::PeekNamedPipe(reader.get(), nullptr, 0, nullptr, &available, nullptr) && available > 0) {
+      DWORD got = 0;
+      if (!::ReadFile(reader.get(), buffer, sizeof buffer, &got, nullptr) || got == 0) break;
+      run.output.append(buffer, got);
+    }
+  };
+  const ULONGLONG deadline = ::GetTickCount64() + timeoutMs;
+  while (::WaitForSingleObject(processHandle.get(), 10) == WAIT_TIMEOUT) {
+    drain();
+    if (::GetTickCount64() >= deadline) {
+      ::TerminateProcess(processHandle.get(), WAIT_TIMEOUT);
+      ::WaitForSingleObject(processHandle.get(), 5000);
+      break;
+    }
   }
-  drain.join();
+  drain();
   ::GetExitCodeProcess(processHandle.get(), &run.exitCode);
   return run;
 }

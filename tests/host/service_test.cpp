@@ -28,7 +28,7 @@ DWORD WaitForState(SC_HANDLE service, DWORD wanted) {
 
 TEST(HostService, InstallsStartsStopsAndUninstalls) {
   const std::filesystem::path config = std::filesystem::temp_directory_path() / L"lumerahost-service-test.json";
-  std::ofstream(config, std::ios::binary) << "{\"objects\": [\"boottimecomm\"]}";
+  std::ofstream(config, std::ios::binary) << "{\"objects\": [\"boottime\"]}";
   RunHostCommand(L"uninstall");  // a leftover from an interrupted run
   ASSERT_EQ(RunHostCommand(L"install --config " + testsupport::Quoted(config)), 0u);
 

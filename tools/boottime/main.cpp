@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "common/log.h"
 #include "common/unique_handle.h"
 #include "lumera/boottime.h"
 #include "lumera/interface_ids.h"
@@ -217,6 +218,8 @@ int Run(const Options& o) {
 }  // namespace
 
 int main() {
+  // Held for the whole run so the log library stays loaded between the module's messages.
+  logging::LogRef keepLog;
   int argc = 0;
   ky::unique_local argvMemory;
   wchar_t** argv = ::CommandLineToArgvW(::GetCommandLineW(), &argc);

@@ -10,6 +10,7 @@
 #include <system_error>
 #include <vector>
 
+#include "common/log.h"
 #include "common/unique_handle.h"
 #include "picojson.h"
 #include "startup_catalog.h"
@@ -129,6 +130,8 @@ int Run(const std::vector<std::wstring>& args) {
 }  // namespace
 
 int main() {
+  // Held for the whole run so the log library stays loaded between messages.
+  logging::LogRef keepLog;
   try {
     int count = 0;
     ky::unique_local argv(reinterpret_cast<HLOCAL>(::CommandLineToArgvW(::GetCommandLineW(), &count)));

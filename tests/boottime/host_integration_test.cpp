@@ -170,7 +170,7 @@ TEST(HostProcessTracking, HandlersAreRegisteredOnceAndANotificationCarriesEveryF
   host.Shutdown();
 }
 
-TEST(HostLoadUsage, DiskFiguresAreRealOrAnErrorAndProcessorFiguresArrive) {
+TEST(HostLoadUsage, DiskFiguresAreRealOrAnErrorAndTheMeasurementFollowsThem) {
   host::HostConfig config;
   host::ComponentManager host(config);
   void* object = nullptr;
@@ -181,21 +181,8 @@ TEST(HostLoadUsage, DiskFiguresAreRealOrAnErrorAndProcessorFiguresArrive) {
   lumera::LoadUsageFigures figures;
   EXPECT_EQ(loadUsage->GetUsage(99, &figures), 87u);
 
-  ky::unique_handle never(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
-  std::uint32_t code = ERROR_NOT_READY;
-  const DWORD start = ::GetTickCount();
-  while (code == ERROR_NOT_READY && ::GetTickCount() - start < kDeadlineMs) {
-    code = loadUsage->GetUsage(lumera::kLoadKindProcessor, &figures);
-    if (code == ERROR_NOT_READY) ::WaitForSingleObject(never.get(), 100);
-  }
-  ASSERT_EQ(code, 0u) << "no processor figures within the deadline";
-  EXPECT_GE(figures.samples, 1u);
-  EXPECT_LE(figures.minimum, figures.average);
-  EXPECT_LE(figures.average, figures.maximum);
-  EXPECT_LE(figures.maximum, 100.0);
-
   lumera::LoadUsageFigures disk{-1, -1, -1, 7, 7};
-  code = loadUsage->GetUsage(lumera::kLoadKindDisk, &disk);
+  const std::uint32_t code = loadUsage->GetUsage(lumera::kLoadKindDisk, &disk);
   if (code == 0 || code == ERROR_NOT_READY) {
     SUCCEED() << "this system keeps disk counters";
   } else {
@@ -209,6 +196,7 @@ TEST(HostLoadUsage, DiskFiguresAreRealOrAnErrorAndProcessorFiguresArrive) {
   idle.idleAt = [](std::uint32_t tick) { return std::uint64_t{tick} * 10000 * 4; };
   BootTimeDiskPerformance measurement(clock, idle);
   measurement.SetLoadUsage(loadUsage);
+  ky::unique_handle never(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
   measurement.Start(never.get());
   const std::uint32_t status = measurement.GetResult(nullptr);
   EXPECT_EQ(status, code == 0 ? kStatusAvailable : kStatusNoResults) << "LoadUsage answered " << code;

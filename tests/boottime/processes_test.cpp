@@ -75,7 +75,6 @@ TEST_F(ProcessesTest, QuietProcessIsDroppedAtItsTwelfthSampleAndAllTwelveAreStor
 TEST_F(ProcessesTest, BusyProcessIsDroppedAtItsThirtyFirstSample) {
   Follow(1, Growth(500));  // 50 % of one processor
   EXPECT_EQ(CyclesUntilEmpty(), 31);
-  EXPECT_EQ(Samples().size(), 31u);
 }
 
 TEST_F(ProcessesTest, LoadIsKernelPlusUserAndBadDeltasCountZero) {

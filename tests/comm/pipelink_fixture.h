@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -52,6 +53,25 @@ class Library {
   KyDestroyObjectFn destroy_ = nullptr;
   pipelink::IConnServer* server_ = nullptr;
   pipelink::IConnClient* client_ = nullptr;
+};
+
+// Records what a client receives: the last message's id, size and first four payload bytes.
+struct Inbox {
+  std::atomic<int> count{0};
+  std::atomic<std::uint32_t> lastId{0}, lastSize{0}, lastCode{0};
+  ky::unique_handle arrived{::CreateEventW(nullptr, FALSE, FALSE, nullptr)};
+  static std::uint32_t __cdecl Callback(void* context, const pipelink::PipeMessage* m) {
+    auto* self = static_cast<Inbox*>(context);
+    std::uint32_t code = 0;
+    if (m->size >= 4) std::memcpy(&code, m->payload, 4);
+    self->lastId = m->id;
+    self->lastSize = m->size;
+    self->lastCode = code;
+    ++self->count;
+    ::SetEvent(self->arrived.get());
+    return 0;
+  }
+  bool Wait(DWORD ms = 5000) const { return ::WaitForSingleObject(arrived.get(), ms) == WAIT_OBJECT_0; }
 };
 
 inline void PutU32(std::vector<std::uint8_t>& out, std::uint32_t v) {

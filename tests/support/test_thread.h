@@ -3,7 +3,6 @@
 
 #include <windows.h>
 
-#include <atomic>
 #include <functional>
 
 #include "common/unique_handle.h"
@@ -39,15 +38,11 @@ class TestThread {
 
   // True when the thread has ended within ms.
   bool join(DWORD ms);
-  DWORD id() const { return id_; }
-  // Whether body ended with an exception.
-  bool threw() const { return threw_.load(); }
 
  private:
   static DWORD WINAPI Run(void* self);
 
   std::function<void()> body_;
-  std::atomic<bool> threw_{false};
   DWORD id_ = 0;
   ky::unique_handle thread_;
 };

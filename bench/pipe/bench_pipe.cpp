@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "../bench_timing.h"
 #include "boottime/comm/boottime_comm.h"
 #include "boottime/comm/boottime_comm_client.h"
 #include "boottime/comm/payload.h"
@@ -78,72 +79,70 @@ class BenchBootTime final : public boottime::IBootTime {
   CallbackList<boottime::IBootTimeEvents*> listeners_;
 };
 
-double Now() {
-  static const double frequency = [] {
-    LARGE_INTEGER f;
-    ::QueryPerformanceFrequency(&f);
-    return static_cast<double>(f.QuadPart);
-  }();
-  LARGE_INTEGER t;
-  ::QueryPerformanceCounter(&t);
-  return static_cast<double>(t.QuadPart) / frequency;
-}
-
-double Median(std::vector<double> values) {
-  if (values.empty()) return 0;
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
-
 // A plain blocking message-mode pipe: the server reads the request and writes the reply.
-std::vector<double> MeasureBare(const std::vector<std::uint8_t>& request, const std::vector<std::uint8_t>& reply,
-                                int iterations) {
-  const std::wstring path = L"\\\\.\\pipe\\lumera-bench-bare-" + std::to_wstring(::GetCurrentProcessId());
-  ky::unique_file server(::CreateNamedPipeW(path.c_str(), PIPE_ACCESS_DUPLEX, PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE,
-                                            1, 64 * 1024, 64 * 1024, 0, nullptr));
-  if (!server) return {};
-  const int total = iterations + kWarmup;
-  std::thread serve([&] {
-    if (!::ConnectNamedPipe(server.get(), nullptr) && ::GetLastError() != ERROR_PIPE_CONNECTED) return;
-    std::vector<std::uint8_t> buffer(request.size() + 64);
-    for (int i = 0; i < total; ++i) {
+class BareExchange {
+ public:
+  BareExchange(const std::vector<std::uint8_t>& request, const std::vector<std::uint8_t>& reply)
+      : request_(request), reply_(reply), buffer_(reply.size() + 64) {
+    const std::wstring path = L"\\\\.\\pipe\\lumera-bench-bare-" + std::to_wstring(::GetCurrentProcessId());
+    server_.reset(::CreateNamedPipeW(path.c_str(), PIPE_ACCESS_DUPLEX, PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE, 1,
+                                     64 * 1024, 64 * 1024, 0, nullptr));
+    if (!server_) return;
+    serve_ = std::thread([this] {
+      if (!::ConnectNamedPipe(server_.get(), nullptr) && ::GetLastError() != ERROR_PIPE_CONNECTED) return;
+      std::vector<std::uint8_t> in(request_.size() + 64);
       DWORD n = 0;
-      if (!::ReadFile(server.get(), buffer.data(), static_cast<DWORD>(buffer.size()), &n, nullptr)) break;
-      if (!::WriteFile(server.get(), reply.data(), static_cast<DWORD>(reply.size()), &n, nullptr)) break;
-    }
-  });
-  std::vector<double> times;
-  ky::unique_file client(::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
-  if (client) {
+      while (::ReadFile(server_.get(), in.data(), static_cast<DWORD>(in.size()), &n, nullptr) &&
+             ::WriteFile(server_.get(), reply_.data(), static_cast<DWORD>(reply_.size()), &n, nullptr)) {
+      }
+    });
+    client_.reset(::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
     DWORD mode = PIPE_READMODE_MESSAGE;
-    ::SetNamedPipeHandleState(client.get(), &mode, nullptr, nullptr);
-    std::vector<std::uint8_t> buffer(reply.size() + 64);
-    for (int i = 0; i < total; ++i) {
-      const double begin = Now();
-      DWORD n = 0;
-      if (!::WriteFile(client.get(), request.data(), static_cast<DWORD>(request.size()), &n, nullptr)) break;
-      if (!::ReadFile(client.get(), buffer.data(), static_cast<DWORD>(buffer.size()), &n, nullptr) || n != reply.size()) break;
-      if (i >= kWarmup) times.push_back(Now() - begin);
-    }
+    if (client_) ::SetNamedPipeHandleState(client_.get(), &mode, nullptr, nullptr);
   }
-  client.reset();
-  serve.join();
-  return times;
-}
+  ~BareExchange() {
+    client_.reset();  // the server's next read fails and its thread ends
+    if (serve_.joinable()) serve_.join();
+  }
 
-std::vector<double> MeasureBootTimePipe(boottime::CBootTimeCommClient& client, int iterations, bool* ok) {
-  std::vector<double> times;
+  // Seconds for one request and its whole reply; a negative value when the exchange failed.
+  double RoundTrip() {
+    const double begin = bench::NowSeconds();
+    DWORD n = 0;
+    if (!client_ || !::WriteFile(client_.get(), request_.data(), static_cast<DWORD>(request_.size()), &n, nullptr) ||
+        !::ReadFile(client_.get(), buffer_.data(), static_cast<DWORD>(buffer_.size()), &n, nullptr) || n != reply_.size()) {
+      return -1;
+    }
+    return bench::NowSeconds() - begin;
+  }
+
+ private:
+  const std::vector<std::uint8_t>& request_;
+  const std::vector<std::uint8_t>& reply_;
+  std::vector<std::uint8_t> buffer_;
+  ky::unique_file server_;
+  ky::unique_file client_;
+  std::thread serve_;
+};
+
+// Bare and module round trips alternate, so that both medians come from the same conditions on
+// a machine whose load changes while the benchmark runs.
+void MeasureInterleaved(BareExchange& bare, boottime::CBootTimeCommClient& client, int iterations,
+                        std::vector<double>& bareTimes, std::vector<double>& commTimes, bool* ok) {
   const boottime::ProcessKey key{0, 0, L"app.exe"};
   *ok = true;
   for (int i = 0; i < iterations + kWarmup; ++i) {
+    const double bareTime = bare.RoundTrip();
     ky::List<boottime::ProcessImpact> impacts;
-    const double begin = Now();
+    const double begin = bench::NowSeconds();
     const std::uint32_t result = client.GetBootImpact(&impacts, &key);
-    const double elapsed = Now() - begin;
-    if (result != 0 || impacts.Count() != kImpacts) *ok = false;
-    if (i >= kWarmup) times.push_back(elapsed);
+    const double commTime = bench::NowSeconds() - begin;
+    if (bareTime < 0 || result != 0 || impacts.Count() != kImpacts) *ok = false;
+    if (i >= kWarmup) {
+      bareTimes.push_back(bareTime);
+      commTimes.push_back(commTime);
+    }
   }
-  return times;
 }
 
 bool ParseOptions(int argc, char** argv, Options& o) {
@@ -202,20 +201,26 @@ int main(int argc, char** argv) {
       return 3;
     }
     bool allOk = false;
-    const double bare = Median(MeasureBare(requestBytes, replyBytes, options.iterations));
-    const double comm = Median(MeasureBootTimePipe(client, options.iterations, &allOk));
+    std::vector<double> bareTimes;
+    std::vector<double> commTimes;
+    {
+      BareExchange exchange(requestBytes, replyBytes);
+      MeasureInterleaved(exchange, client, options.iterations, bareTimes, commTimes, &allOk);
+    }
+    const double bare = bench::Median(bareTimes);
+    const double comm = bench::Median(commTimes);
     std::vector<double> small;
     for (int i = 0; i < options.iterations; ++i) {
       std::uint32_t ms = 0;
-      const double begin = Now();
+      const double begin = bench::NowSeconds();
       if (client.GetBootTime(&ms) != 0) allOk = false;
-      small.push_back(Now() - begin);
+      small.push_back(bench::NowSeconds() - begin);
     }
     std::printf("bare named pipe: median %.1f us per round trip (%d round trips, request %zu bytes, reply %zu bytes)\n",
                 bare * 1e6, options.iterations, requestBytes.size(), replyBytes.size());
     std::printf("boottimepipe GetBootImpact (%zu impacts): median %.1f us per round trip%s\n", kImpacts, comm * 1e6,
                 allOk ? "" : " (SOME QUERIES FAILED)");
-    std::printf("boottimepipe GetBootTime (4-byte reply): median %.1f us per round trip\n", Median(small) * 1e6);
+    std::printf("boottimepipe GetBootTime (4-byte reply): median %.1f us per round trip\n", bench::Median(small) * 1e6);
     std::printf("boottime query: %.2f x bare\n", bare > 0 ? comm / bare : 0.0);
     if (!allOk || bare <= 0) exitCode = 1;
     client.Stop();
@@ -229,7 +234,7 @@ int main(int argc, char** argv) {
       if (clients.back()->Init(nullptr) == 0 && clients.back()->Start() == 0) ++connected;
     }
     std::atomic<long> answered{0};
-    const double begin = Now();
+    const double begin = bench::NowSeconds();
     std::vector<std::thread> threads;
     for (auto& c : clients) {
       threads.emplace_back([&, raw = c.get()] {
@@ -241,7 +246,7 @@ int main(int argc, char** argv) {
       });
     }
     for (auto& t : threads) t.join();
-    const double elapsed = Now() - begin;
+    const double elapsed = bench::NowSeconds() - begin;
     for (auto& c : clients) {
       c->Stop();
       c->UnInit();

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <vector>
 
+#include "../bench_timing.h"
 #include "boottime/boot_time_data.h"
 #include "boottime/process_utils.h"
 #include "boottime/processes.h"
@@ -18,23 +19,6 @@ namespace {
 
 constexpr std::size_t kRecords = 300;
 constexpr int kDefaultRounds = 41;
-
-double Now() {
-  static const double frequency = [] {
-    LARGE_INTEGER f;
-    ::QueryPerformanceFrequency(&f);
-    return static_cast<double>(f.QuadPart);
-  }();
-  LARGE_INTEGER t;
-  ::QueryPerformanceCounter(&t);
-  return static_cast<double>(t.QuadPart) * 1e6 / frequency;  // microseconds
-}
-
-double Median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  const std::size_t n = values.size();
-  return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
-}
 
 // Pids that the tracker can open, so that no record is dropped for a failed read.
 std::vector<std::uint32_t> OpenablePids() {
@@ -73,19 +57,19 @@ int main(int argc, char** argv) {
     for (const boottime::TrackedProcess& record : processes.List()) handles.push_back(record.handle);
 
     auto timeBare = [&] {
-      const double start = Now();
+      const double start = bench::NowMicroseconds();
       for (HANDLE handle : handles) {
         FILETIME creation, exit, kernel, user;
         IO_COUNTERS io;
         (void)::GetProcessTimes(handle, &creation, &exit, &kernel, &user);
         (void)::GetProcessIoCounters(handle, &io);
       }
-      return Now() - start;
+      return bench::NowMicroseconds() - start;
     };
     auto timePass = [&] {
-      const double start = Now();
+      const double start = bench::NowMicroseconds();
       processes.Update();
-      return Now() - start;
+      return bench::NowMicroseconds() - start;
     };
     // Alternating which goes first keeps a warm or cold start from favouring either side.
     double bare = 0;
@@ -110,8 +94,8 @@ int main(int argc, char** argv) {
     return 1;
   }
   if (skipped > 0) std::printf("%d round(s) skipped: a process ended\n", skipped);
-  std::printf("median Update pass: %.1f us\n", Median(passes));
-  std::printf("median bare calls:  %.1f us\n", Median(bares));
-  std::printf("sampling pass: %.2f x bare\n", Median(ratios));
+  std::printf("median Update pass: %.1f us\n", bench::Median(passes));
+  std::printf("median bare calls:  %.1f us\n", bench::Median(bares));
+  std::printf("sampling pass: %.2f x bare\n", bench::Median(ratios));
   return 0;
 }

@@ -1,0 +1,47 @@
+// "connserver" and "connclient": the named-pipe connector's two sides, pipelink.dll's objects
+// of the same names.
+#include "host_plugin.h"
+#include "lumera/interface_ids.h"
+#include "plugins/pipelink_object.h"
+
+namespace host {
+namespace {
+
+class ConnectorPlugin final : public HostPlugin {
+ public:
+  ConnectorPlugin(const wchar_t* name, const GUID& iid) : iid_(iid), object_(name, iid) {}
+  bool Created() const { return object_.Object() != nullptr; }
+  // The client is initialised and started here so that users of the plug-in can connect at once.
+  bool StartClient() const {
+    auto* client = static_cast<pipelink::IConnClient*>(object_.Object());
+    return client->Init(0) == 0 && client->Start() == 0;
+  }
+
+  void* GetInterface(const GUID& iid) override {
+    if (KyIsEqualId(iid, iid_) || KyIsEqualId(iid, lumera::ids::IKyBaseInterface)) return object_.Object();
+    return nullptr;
+  }
+  void Shutdown() override { object_.Destroy(); }
+
+ private:
+  GUID iid_;
+  PipelinkObject object_;
+};
+
+std::unique_ptr<HostPlugin> MakeServer(HostContext&) {
+  auto plugin = std::make_unique<ConnectorPlugin>(L"connserver", lumera::ids::PipeLinkServer);
+  if (!plugin->Created()) return nullptr;
+  return plugin;
+}
+
+std::unique_ptr<HostPlugin> MakeClient(HostContext&) {
+  auto plugin = std::make_unique<ConnectorPlugin>(L"connclient", lumera::ids::PipeLinkClient);
+  if (!plugin->Created() || !plugin->StartClient()) return nullptr;
+  return plugin;
+}
+
+}  // namespace
+}  // namespace host
+
+LUMERA_HOST_PLUGIN(L"connserver", &host::MakeServer);
+LUMERA_HOST_PLUGIN(L"connclient", &host::MakeClient);

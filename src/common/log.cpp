@@ -48,34 +48,33 @@ CLogDLL::CLogDLL() {
   file.resize(slash == std::wstring::npos ? 0 : slash);
   file += L"\\logcore.dll";
 
-  module_ = ::LoadLibraryW(file.c_str());
-  if (module_ != nullptr) {
-    if (auto init = Resolve<LogInitFn>(module_, "LogInit")) init();
-    pfnLogApplySettings = Resolve<LogApplySettingsFn>(module_, "LogApplySettings");
-    pfnLogSetSettingsFile = Resolve<LogSetSettingsFileFn>(module_, "LogSetSettingsFile");
-    pfnLogEnable = Resolve<LogEnableFn>(module_, "LogEnable");
-    pfnLogSetLevel = Resolve<LogSetLevelFn>(module_, "LogSetLevel");
-    pfnLogSetPath = Resolve<LogSetPathFn>(module_, "LogSetPath");
-    pfnLogSetType = Resolve<LogSetTypeFn>(module_, "LogSetType");
-    pfnLogSetMode = Resolve<LogSetModeFn>(module_, "LogSetMode");
-    pfnLogSetMaxSize = Resolve<LogSetMaxSizeFn>(module_, "LogSetMaxSize");
-    pfnLogSetDepth = Resolve<LogSetDepthFn>(module_, "LogSetDepth");
-    pfnLogWrite = Resolve<LogWriteFn>(module_, "LogWrite");
-    pfnLogIsEnabled = Resolve<LogIsEnabledFn>(module_, "LogIsEnabled");
-    pfnLogMonitorSettings = Resolve<LogMonitorSettingsFn>(module_, "LogMonitorSettings");
-    pfnLogUninitDeskMetrics = Resolve<LogUninitDeskMetricsFn>(module_, "LogUninitDeskMetrics");
-    pfnLogTrackEvent = Resolve<LogTrackEventFn>(module_, "LogTrackEvent");
-    pfnLogTrackEventData = Resolve<LogTrackEventDataFn>(module_, "LogTrackEventData");
-    pfnLogRemoveModule = Resolve<LogRemoveModuleFn>(module_, "LogRemoveModule");
-    pfnLogGetLevel = Resolve<LogGetLevelFn>(module_, "LogGetLevel");
+  module_.reset(::LoadLibraryW(file.c_str()));
+  if (module_) {
+    if (auto init = Resolve<LogInitFn>(module_.get(), "LogInit")) init();
+    pfnLogApplySettings = Resolve<LogApplySettingsFn>(module_.get(), "LogApplySettings");
+    pfnLogSetSettingsFile = Resolve<LogSetSettingsFileFn>(module_.get(), "LogSetSettingsFile");
+    pfnLogEnable = Resolve<LogEnableFn>(module_.get(), "LogEnable");
+    pfnLogSetLevel = Resolve<LogSetLevelFn>(module_.get(), "LogSetLevel");
+    pfnLogSetPath = Resolve<LogSetPathFn>(module_.get(), "LogSetPath");
+    pfnLogSetType = Resolve<LogSetTypeFn>(module_.get(), "LogSetType");
+    pfnLogSetMode = Resolve<LogSetModeFn>(module_.get(), "LogSetMode");
+    pfnLogSetMaxSize = Resolve<LogSetMaxSizeFn>(module_.get(), "LogSetMaxSize");
+    pfnLogSetDepth = Resolve<LogSetDepthFn>(module_.get(), "LogSetDepth");
+    pfnLogWrite = Resolve<LogWriteFn>(module_.get(), "LogWrite");
+    pfnLogIsEnabled = Resolve<LogIsEnabledFn>(module_.get(), "LogIsEnabled");
+    pfnLogMonitorSettings = Resolve<LogMonitorSettingsFn>(module_.get(), "LogMonitorSettings");
+    pfnLogUninitDeskMetrics = Resolve<LogUninitDeskMetricsFn>(module_.get(), "LogUninitDeskMetrics");
+    pfnLogTrackEvent = Resolve<LogTrackEventFn>(module_.get(), "LogTrackEvent");
+    pfnLogTrackEventData = Resolve<LogTrackEventDataFn>(module_.get(), "LogTrackEventData");
+    pfnLogRemoveModule = Resolve<LogRemoveModuleFn>(module_.get(), "LogRemoveModule");
+    pfnLogGetLevel = Resolve<LogGetLevelFn>(module_.get(), "LogGetLevel");
   }
   if (pfnLogWrite == nullptr) pfnLogWrite = &NoLogWrite;
 }
 
 CLogDLL::~CLogDLL() {
-  if (module_ != nullptr) {
-    if (auto deinit = Resolve<LogDeinitFn>(module_, "LogDeinit")) deinit();
-    ::FreeLibrary(module_);
+  if (module_) {
+    if (auto deinit = Resolve<LogDeinitFn>(module_.get(), "LogDeinit")) deinit();
   }
 }
 

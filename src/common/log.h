@@ -14,6 +14,7 @@
 #include <string>
 #include <type_traits>
 
+#include "common/unique_handle.h"
 #include "lumera/logcore.h"
 
 namespace logging {
@@ -33,7 +34,7 @@ class CLogDLL {
   CLogDLL(const CLogDLL&) = delete;
   CLogDLL& operator=(const CLogDLL&) = delete;
 
-  bool Loaded() const { return module_ != nullptr; }
+  bool Loaded() const { return module_.valid(); }
 
   template <class... Args>
   std::int32_t Write(std::uint16_t depthChange, std::uint32_t level, const wchar_t* function, const wchar_t* format,
@@ -45,7 +46,7 @@ class CLogDLL {
   static const void* ModuleBase();
 
  private:
-  HMODULE module_ = nullptr;
+  ky::unique_module module_;
   LogApplySettingsFn pfnLogApplySettings = nullptr;
   LogSetSettingsFileFn pfnLogSetSettingsFile = nullptr;
   LogEnableFn pfnLogEnable = nullptr;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "common/log.h"
+#include "common/unique_handle.h"
 #include "lumera/interface_ids.h"
 
 extern "C" IMAGE_DOS_HEADER __ImageBase;
@@ -17,7 +18,7 @@ constexpr wchar_t kLibraryName[] = L"hostconfig.dll";
 constexpr wchar_t kObjectName[] = L"productinfo";
 
 struct ProductInfoSlot {
-  HMODULE library = nullptr;  // owned: freed in Reset
+  ky::unique_module library;
   KyCreateObjectFn create = nullptr;
   KyDestroyObjectFn destroy = nullptr;
   IKyBaseInterface* object = nullptr;
@@ -32,8 +33,7 @@ struct ProductInfoSlot {
       }
       if (destroy != nullptr) destroy(kObjectName, object);
     }
-    if (library != nullptr) ::FreeLibrary(library);
-    *this = ProductInfoSlot{};
+    *this = ProductInfoSlot{};  // the library goes last, after its object
   }
 };
 
@@ -53,17 +53,17 @@ std::uint32_t Load(ProductInfoSlot& slot) {
   ::PathAppendW(path.data(), kLibraryName);
 
   ::SetLastError(0);
-  slot.library = ::LoadLibraryW(path.data());
-  if (slot.library == nullptr && !::PathIsRelativeW(path.data())) {
-    slot.library = ::LoadLibraryExW(path.data(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+  slot.library.reset(::LoadLibraryW(path.data()));
+  if (!slot.library && !::PathIsRelativeW(path.data())) {
+    slot.library.reset(::LoadLibraryExW(path.data(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
   }
-  if (slot.library == nullptr) {
+  if (!slot.library) {
     const std::uint32_t error = LastErrorOr632();
     KY_LOG(logging::kLevelWarning, L"LoadLibrary %s failed 0x%x", path.data(), error);
     return error;
   }
-  slot.create = reinterpret_cast<KyCreateObjectFn>(reinterpret_cast<void*>(::GetProcAddress(slot.library, "KyCreateObject")));
-  slot.destroy = reinterpret_cast<KyDestroyObjectFn>(reinterpret_cast<void*>(::GetProcAddress(slot.library, "KyDestroyObject")));
+  slot.create = reinterpret_cast<KyCreateObjectFn>(reinterpret_cast<void*>(::GetProcAddress(slot.library.get(), "KyCreateObject")));
+  slot.destroy = reinterpret_cast<KyDestroyObjectFn>(reinterpret_cast<void*>(::GetProcAddress(slot.library.get(), "KyDestroyObject")));
   if (slot.create == nullptr || slot.destroy == nullptr) {
     const std::uint32_t error = LastErrorOr632();
     KY_LOG(logging::kLevelWarning, L"GetProcAddress in %s failed 0x%x", path.data(), error);

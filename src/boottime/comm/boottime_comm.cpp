@@ -151,12 +151,15 @@ std::uint32_t CBootTimeComm::HandleMessage(const pipelink::PipeMessage& message)
       return ERROR_GEN_FAILURE;
   }
   CPayloadWriter payload;
-  const std::uint32_t code = Query(message, payload);
+  // Owned here so that a long list is freed after its reply is on the way, not before.
+  ky::List<ProcessImpact> impacts;
+  const std::uint32_t code = Query(message, payload, impacts);
   Answer(message, code, payload);
   return 0;
 }
 
-std::uint32_t CBootTimeComm::Query(const pipelink::PipeMessage& message, CPayloadWriter& payload) {
+std::uint32_t CBootTimeComm::Query(const pipelink::PipeMessage& message, CPayloadWriter& payload,
+                                   ky::List<ProcessImpact>& impacts) {
   KY_TRACE(L"boottime::CBootTimeComm::Query");
   if (bootTime_ == nullptr) return ERROR_GEN_FAILURE;
   std::uint32_t code = 0;
@@ -182,7 +185,6 @@ std::uint32_t CBootTimeComm::Query(const pipelink::PipeMessage& message, CPayloa
         KY_LOG(logging::kLevelError, L"GetBootImpact unreadable process key 0x%x", ERROR_GEN_FAILURE);
         return ERROR_GEN_FAILURE;
       }
-      ky::List<ProcessImpact> impacts;
       code = bootTime_->GetBootImpact(&impacts, &key);
       KY_LOG(logging::kLevelInfo, L"GetBootImpact err=%d", code);
       // The key's text, with zero counters, names the request in the log.

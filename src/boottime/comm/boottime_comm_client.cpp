@@ -1,8 +1,5 @@
 #include "boottime/comm/boottime_comm_client.h"
 
-#include <algorithm>
-#include <cstring>
-
 #include "boottime/comm/messages.h"
 #include "boottime/comm/payload.h"
 #include "common/log.h"
@@ -12,7 +9,6 @@ namespace boottime {
 namespace {
 
 constexpr std::uint32_t kSendFailed = kStatusNoResults;
-constexpr std::size_t kMinReplyBuffer = 1024;
 constexpr wchar_t kNameBootTime[] = L"NpcMsgBootTimeGetBootTime";
 constexpr wchar_t kNameTotal[] = L"NpcMsgBootTimeGetTotalBootImpact";
 constexpr wchar_t kNameImpact[] = L"NpcMsgBootTimeGetBootImpact";
@@ -103,8 +99,7 @@ std::uint32_t CBootTimeCommClient::Stop() {
 }
 
 std::uint32_t CBootTimeCommClient::SendQuery(std::uint32_t id, const wchar_t* name, const void* payload,
-                                             std::uint32_t size, std::vector<std::uint8_t>& reply,
-                                             std::uint32_t* replySize) {
+                                             std::uint32_t size, Reply* reply) {
   KY_TRACE(L"boottime::CBootTimeCommClient::SendQuery");
   pipelink::PipeMessage* message = nullptr;
   const std::uint32_t sent =
@@ -113,16 +108,13 @@ std::uint32_t CBootTimeCommClient::SendQuery(std::uint32_t id, const wchar_t* na
     KY_LOG(logging::kLevelError, L"sendMessage %s failed 0x%x", name, sent);
     return kSendFailed;
   }
+  Reply held(message, ReplyDeleter{pipe_});
   const std::uint32_t result = message->result;
   if (result != 0) {
     KY_LOG(logging::kLevelError, L"sendMessage %s returns 0x%x", name, result);
-    pipe_->FreeReply(message);
     return result;
   }
-  reply.assign(std::max<std::size_t>(kMinReplyBuffer, message->size), 0);
-  if (message->size != 0) std::memcpy(reply.data(), message->payload, message->size);
-  *replySize = message->size;
-  pipe_->FreeReply(message);
+  *reply = std::move(held);
   return 0;
 }
 
@@ -130,11 +122,10 @@ std::uint32_t CBootTimeCommClient::GetBootTime(std::uint32_t* milliseconds) {
   KY_TRACE(L"boottime::CBootTimeCommClient::GetBootTime");
   try {
     if (milliseconds == nullptr) return ERROR_INVALID_DATA;
-    std::vector<std::uint8_t> reply;
-    std::uint32_t size = 0;
-    const std::uint32_t result = SendQuery(msg::NpcMsgBootTimeGetBootTime, kNameBootTime, nullptr, 0, reply, &size);
+    Reply reply;
+    const std::uint32_t result = SendQuery(msg::NpcMsgBootTimeGetBootTime, kNameBootTime, nullptr, 0, &reply);
     if (result != 0) return result;
-    CPayloadReader reader(reply.data(), size);
+    CPayloadReader reader(reply->payload, reply->size);
     if (!reader.ReadBootTime(milliseconds)) return ERROR_INVALID_DATA;
     KY_LOG(logging::kLevelInfo, L"time=%d", *milliseconds);
     return 0;
@@ -147,12 +138,11 @@ std::uint32_t CBootTimeCommClient::GetTotalBootImpact(BootCounters* total) {
   KY_TRACE(L"boottime::CBootTimeCommClient::GetTotalBootImpact");
   try {
     if (total == nullptr) return ERROR_INVALID_DATA;
-    std::vector<std::uint8_t> reply;
-    std::uint32_t size = 0;
+    Reply reply;
     // Sends the boot-time query, not id 2: the operation has always been defined this way.
-    const std::uint32_t result = SendQuery(msg::NpcMsgBootTimeGetBootTime, kNameTotal, nullptr, 0, reply, &size);
+    const std::uint32_t result = SendQuery(msg::NpcMsgBootTimeGetBootTime, kNameTotal, nullptr, 0, &reply);
     if (result != 0) return result;
-    CPayloadReader reader(reply.data(), size);
+    CPayloadReader reader(reply->payload, reply->size);
     (void)reader.ReadCounters(total);
     KY_LOG(logging::kLevelInfo, L"process=[%s]", DescribeCounters(*total).c_str());
     return 0;
@@ -167,15 +157,17 @@ std::uint32_t CBootTimeCommClient::GetBootImpact(ky::IList<ProcessImpact>* impac
     if (impacts == nullptr || key == nullptr) return ERROR_INVALID_DATA;
     CPayloadWriter request;
     request.WriteProcessKey(*key);
-    std::vector<std::uint8_t> reply;
-    std::uint32_t size = 0;
+    Reply reply;
     const std::uint32_t result =
-        SendQuery(msg::NpcMsgBootTimeGetBootImpact, kNameImpact, request.Data(), request.Size(), reply, &size);
+        SendQuery(msg::NpcMsgBootTimeGetBootImpact, kNameImpact, request.Data(), request.Size(), &reply);
     if (result != 0) return result;
-    CPayloadReader reader(reply.data(), size);
+    CPayloadReader reader(reply->payload, reply->size);
+    const bool logEntries = logging::Passes(logging::kLevelDebug);
     const bool read = reader.ReadImpactList([&](const ProcessImpact& impact) {
-      KY_LOG(logging::kLevelDebug, L"process=[" BOOTTIME_IMPACT_FORMAT L"]", impact.ppid, impact.pid,
-             impact.name.c_str(), impact.kernel, impact.user, impact.read, impact.write, impact.other);
+      if (logEntries) {
+        KY_LOG(logging::kLevelDebug, L"process=[" BOOTTIME_IMPACT_FORMAT L"]", impact.ppid, impact.pid,
+               impact.name.c_str(), impact.kernel, impact.user, impact.read, impact.write, impact.other);
+      }
       impacts->Add(impact);
     });
     return read ? 0 : ERROR_INVALID_DATA;
@@ -188,11 +180,10 @@ std::uint32_t CBootTimeCommClient::GetDiskSpeed(DiskSpeed* speed) {
   KY_TRACE(L"boottime::CBootTimeCommClient::GetDiskSpeed");
   try {
     if (speed == nullptr) return ERROR_INVALID_DATA;
-    std::vector<std::uint8_t> reply;
-    std::uint32_t size = 0;
-    const std::uint32_t result = SendQuery(msg::NpcMsgBootTimeGetDiskSpeed, kNameDisk, nullptr, 0, reply, &size);
+    Reply reply;
+    const std::uint32_t result = SendQuery(msg::NpcMsgBootTimeGetDiskSpeed, kNameDisk, nullptr, 0, &reply);
     if (result != 0) return result;
-    CPayloadReader reader(reply.data(), size);
+    CPayloadReader reader(reply->payload, reply->size);
     DiskSpeed read;
     if (!reader.ReadDiskSpeed(&read)) return ERROR_INVALID_DATA;
     *speed = read;
@@ -280,7 +271,8 @@ void CBootTimeCommClient::OnGetBootImpact(std::uint32_t code, const ky::IList<Pr
   KY_TRACE(L"boottime::CBootTimeCommClient::OnGetBootImpact");
   ky::ConstListEnum<ProcessImpact>* entries = impacts.ConstEnum();
   const ProcessImpact* impact = nullptr;
-  while (entries->Next(&impact)) {
+  const bool logEntries = logging::Passes(logging::kLevelDebug);
+  while (logEntries && entries->Next(&impact)) {
     KY_LOG(logging::kLevelDebug, L"err=0x%x process=[" BOOTTIME_IMPACT_FORMAT L"]", code, impact->ppid, impact->pid,
            impact->name.c_str(), impact->kernel, impact->user, impact->read, impact->write, impact->other);
   }

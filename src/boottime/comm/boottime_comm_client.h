@@ -9,7 +9,7 @@
 #pragma once
 
 #include <cstdint>
-#include <vector>
+#include <memory>
 
 #include "boottime/comm/connector_loader.h"
 #include "common/callback_list.h"
@@ -63,9 +63,15 @@ class CBootTimeCommClient : public IBootTimeCommClient,
 
  private:
   std::uint32_t HandleMessage(const pipelink::PipeMessage& message);
-  // Sends one query and copies the reply payload; 2 on a failed send, else the reply's result.
-  std::uint32_t SendQuery(std::uint32_t id, const wchar_t* name, const void* payload, std::uint32_t size,
-                          std::vector<std::uint8_t>& reply, std::uint32_t* replySize);
+  // Gives a reply back to the connector.
+  struct ReplyDeleter {
+    pipelink::IConnPipeClient* pipe;
+    void operator()(pipelink::PipeMessage* message) const { pipe->FreeReply(message); }
+  };
+  using Reply = std::unique_ptr<pipelink::PipeMessage, ReplyDeleter>;
+
+  // Sends one query; on 0 *reply holds the answer. 2 on a failed send, else the reply's result.
+  std::uint32_t SendQuery(std::uint32_t id, const wchar_t* name, const void* payload, std::uint32_t size, Reply* reply);
   std::uint32_t PostQuery(std::uint32_t id, const wchar_t* name, const void* payload, std::uint32_t size);
 
   CConnectorLibrary connector_;

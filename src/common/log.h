@@ -43,12 +43,6 @@ class CLogDLL {
     return pfnLogWrite(depthChange, &level, ModuleBase(), function, format, args...);
   }
 
-  // False when a line at `level` would not be written: no library, or its level is lower.
-  bool Passes(std::uint32_t level) const {
-    if (module_ == nullptr) return false;
-    return pfnLogGetLevel == nullptr || static_cast<std::uint32_t>(pfnLogGetLevel()) >= level;
-  }
-
   static const void* ModuleBase();
 
  private:
@@ -94,12 +88,6 @@ template <class... Args>
 void Write(std::uint32_t level, const wchar_t* function, const wchar_t* format, Args... args) {
   LogRef log;
   log->Write(0, level, function, format, args...);
-}
-
-// Lets a loop that would log per item ask once whether such lines are written at all.
-inline bool Passes(std::uint32_t level) {
-  LogRef log;
-  return log->Passes(level);
 }
 
 // Entry/exit tracer placed at the start of an operation.

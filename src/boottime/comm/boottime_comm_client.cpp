@@ -162,12 +162,9 @@ std::uint32_t CBootTimeCommClient::GetBootImpact(ky::IList<ProcessImpact>* impac
         SendQuery(msg::NpcMsgBootTimeGetBootImpact, kNameImpact, request.Data(), request.Size(), &reply);
     if (result != 0) return result;
     CPayloadReader reader(reply->payload, reply->size);
-    const bool logEntries = logging::Passes(logging::kLevelDebug);
     const bool read = reader.ReadImpactList([&](const ProcessImpact& impact) {
-      if (logEntries) {
-        KY_LOG(logging::kLevelDebug, L"process=[" BOOTTIME_IMPACT_FORMAT L"]", impact.ppid, impact.pid,
-               impact.name.c_str(), impact.kernel, impact.user, impact.read, impact.write, impact.other);
-      }
+      KY_LOG(logging::kLevelDebug, L"process=[" BOOTTIME_IMPACT_FORMAT L"]", impact.ppid, impact.pid,
+             impact.name.c_str(), impact.kernel, impact.user, impact.read, impact.write, impact.other);
       impacts->Add(impact);
     });
     return read ? 0 : ERROR_INVALID_DATA;
@@ -271,8 +268,7 @@ void CBootTimeCommClient::OnGetBootImpact(std::uint32_t code, const ky::IList<Pr
   KY_TRACE(L"boottime::CBootTimeCommClient::OnGetBootImpact");
   ky::ConstListEnum<ProcessImpact>* entries = impacts.ConstEnum();
   const ProcessImpact* impact = nullptr;
-  const bool logEntries = logging::Passes(logging::kLevelDebug);
-  while (logEntries && entries->Next(&impact)) {
+  while (entries->Next(&impact)) {
     KY_LOG(logging::kLevelDebug, L"err=0x%x process=[" BOOTTIME_IMPACT_FORMAT L"]", code, impact->ppid, impact->pid,
            impact->name.c_str(), impact->kernel, impact->user, impact->read, impact->write, impact->other);
   }

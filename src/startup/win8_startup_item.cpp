@@ -55,6 +55,17 @@ bool ReadApprovedValue(const StartupItem& item, StartupSourceKind kind, const wc
   return true;
 }
 
+// Writes the new state word back with the value's other bytes as they were read.
+std::uint32_t WriteApprovedWord(const StartupItem& item, ApprovedValue& value, std::uint32_t word, const wchar_t* function) {
+  WriteWord(value.bytes, word);
+  const LSTATUS status = SetItemRegValue(value.root, value.subkey, item.name, value.bytes.data(), value.length);
+  if (status != ERROR_SUCCESS) {
+    logging::Write(logging::kLevelError, function, L"SetItemRegValue failed 0x%x", status);
+    return static_cast<std::uint32_t>(status);
+  }
+  return 0;
+}
+
 }  // namespace
 
 bool ApprovedRunSubkey(const std::wstring& runSubkey, std::wstring& approvedSubkey) {
@@ -140,13 +151,7 @@ std::uint32_t Win8StartupItem::Disable(const StartupItem& item, StartupSourceKin
     KY_LOG(logging::kLevelInfo, L"item is disabled");
     return 0;
   }
-  WriteWord(value.bytes, DisabledWordFor(word));
-  const LSTATUS status = SetItemRegValue(value.root, value.subkey, item.name, value.bytes.data(), value.length);
-  if (status != ERROR_SUCCESS) {
-    KY_LOG(logging::kLevelError, L"SetItemRegValue failed 0x%x", status);
-    return static_cast<std::uint32_t>(status);
-  }
-  return 0;
+  return WriteApprovedWord(item, value, DisabledWordFor(word), kyTrace_.Name());
 }
 
 std::uint32_t Win8StartupItem::Enable(const StartupItem& item, StartupSourceKind kind) {
@@ -159,13 +164,7 @@ std::uint32_t Win8StartupItem::Enable(const StartupItem& item, StartupSourceKind
     KY_LOG(logging::kLevelInfo, L"item is enabled");
     return 0;
   }
-  WriteWord(value.bytes, EnabledWordFor(word));
-  const LSTATUS status = SetItemRegValue(value.root, value.subkey, item.name, value.bytes.data(), value.length);
-  if (status != ERROR_SUCCESS) {
-    KY_LOG(logging::kLevelError, L"SetItemRegValue failed 0x%x", status);
-    return static_cast<std::uint32_t>(status);
-  }
-  return 0;
+  return WriteApprovedWord(item, value, EnabledWordFor(word), kyTrace_.Name());
 }
 
 }  // namespace startup

@@ -1,12 +1,25 @@
 // What the capturing logcore.dll keeps per message, and its extra exports for tests.
 #pragma once
 
+#include <windows.h>
+
 #include <cstdint>
+#include <string>
 
 namespace testsupport {
 
 inline constexpr unsigned kCaptureFunctionChars = 261;
 inline constexpr unsigned kCaptureTextChars = 4096;
+
+// One captured message as tests see it, and as the capturing library keeps it.
+struct LogEntry {
+  DWORD threadId;
+  std::uint16_t depthChange;
+  std::uint32_t level;
+  const void* moduleBase;
+  std::wstring function;
+  std::wstring text;
+};
 
 struct CaptureRecord {
   std::uint32_t threadId;

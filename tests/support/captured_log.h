@@ -16,15 +16,6 @@
 
 namespace testsupport {
 
-struct LogEntry {
-  DWORD threadId;
-  std::uint16_t depthChange;
-  std::uint32_t level;
-  const void* moduleBase;
-  std::wstring function;
-  std::wstring text;
-};
-
 class CapturedLog {
  public:
   // Loads <test program folder>\logcore.dll; available() is false if it is missing or is not

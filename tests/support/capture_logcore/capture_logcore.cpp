@@ -27,14 +27,7 @@ constexpr std::size_t kMaxMessages = 100000;
 static_assert(testsupport::kCaptureTextChars == logcore::kMaxTextChars + 1);
 static_assert(testsupport::kCaptureFunctionChars == logcore::kMaxFunctionChars + 1);
 
-struct Message {
-  DWORD threadId;
-  std::uint16_t depthChange;
-  std::uint32_t level;
-  const void* moduleBase;
-  std::wstring function;
-  std::wstring text;
-};
+using Message = testsupport::LogEntry;
 
 struct Capture {
   ky::CriticalSection lock;

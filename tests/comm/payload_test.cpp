@@ -1,8 +1,11 @@
 // The "boottimepipe" payload encoding: exact bytes, round trips and untrusted input.
+#include <cstring>
+
 #include <gtest/gtest.h>
 
 #include <vector>
 
+#include "boottime/comm/encoded_impact_list.h"
 #include "boottime/comm/payload.h"
 
 namespace boottime {
@@ -95,6 +98,27 @@ TEST(Payload, ManyImpactsOutgrowTheInlineBufferAndComeBackInOrder) {
   ky::List<ProcessImpact> back;
   ASSERT_TRUE(r.ReadImpactList(&back));
   ExpectSame(back, impacts);
+}
+
+TEST(Payload, AnEncodedListWritesWhatAWrittenListWouldAndReadsBackAfterClear) {
+  const auto impacts = Impacts(300);
+  CPayloadWriter expected;
+  expected.WriteU32(7);
+  expected.WriteImpactList(impacts);
+
+  CPayloadWriter w;
+  w.WriteU32(7);
+  CEncodedImpactList list(w);
+  list.Add({9, 9, L"dropped by Clear.exe"});
+  list.Clear();
+  for (const auto& impact : impacts.Items()) list.Add(impact);
+  EXPECT_EQ(list.Count(), 300u);
+  ASSERT_EQ(w.Size(), expected.Size());
+  EXPECT_EQ(std::memcmp(w.Data(), expected.Data(), w.Size()), 0) << "the bytes sent are those of the list";
+  ky::List<ProcessImpact> back(ky::ToVector<ProcessImpact>(list));
+  ExpectSame(back, impacts);
+  list.Add({1, 2, L"after enumeration.exe"});
+  EXPECT_EQ(ky::ToVector<ProcessImpact>(list).back().name, L"after enumeration.exe");
 }
 
 TEST(Payload, VisitedEntriesCarryNothingOfTheOneBeforeAndNoneAreVisitedFromABadList) {

@@ -1,5 +1,6 @@
 #include "boottime/comm/boottime_comm.h"
 
+#include "boottime/comm/encoded_impact_list.h"
 #include "boottime/comm/messages.h"
 #include "common/log.h"
 #include "lumera/interface_ids.h"
@@ -151,15 +152,12 @@ std::uint32_t CBootTimeComm::HandleMessage(const pipelink::PipeMessage& message)
       return ERROR_GEN_FAILURE;
   }
   CPayloadWriter payload;
-  // Owned here so that a long list is freed after its reply is on the way, not before.
-  ky::List<ProcessImpact> impacts;
-  const std::uint32_t code = Query(message, payload, impacts);
+  const std::uint32_t code = Query(message, payload);
   Answer(message, code, payload);
   return 0;
 }
 
-std::uint32_t CBootTimeComm::Query(const pipelink::PipeMessage& message, CPayloadWriter& payload,
-                                   ky::List<ProcessImpact>& impacts) {
+std::uint32_t CBootTimeComm::Query(const pipelink::PipeMessage& message, CPayloadWriter& payload) {
   KY_TRACE(L"boottime::CBootTimeComm::Query");
   if (bootTime_ == nullptr) return ERROR_GEN_FAILURE;
   std::uint32_t code = 0;
@@ -185,14 +183,13 @@ std::uint32_t CBootTimeComm::Query(const pipelink::PipeMessage& message, CPayloa
         KY_LOG(logging::kLevelError, L"GetBootImpact unreadable process key 0x%x", ERROR_GEN_FAILURE);
         return ERROR_GEN_FAILURE;
       }
+      // The plug-in's entries go straight into the reply; on failure the reply carries only the code.
+      CEncodedImpactList impacts(payload);
       code = bootTime_->GetBootImpact(&impacts, &key);
       KY_LOG(logging::kLevelInfo, L"GetBootImpact err=%d", code);
       // The key's text, with zero counters, names the request in the log.
       KY_LOG(logging::kLevelInfo, L"err=0x%x process=[%s]", code,
              DescribeImpact(ProcessImpact{key.ppid, key.pid, key.name}).c_str());
-      if (code == 0) {
-        payload.WriteImpactList(impacts);
-      }
       break;
     }
     case msg::NpcMsgBootTimeGetDiskSpeed: {

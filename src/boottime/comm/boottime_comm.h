@@ -35,8 +35,7 @@ class CBootTimeComm : public IBootTimeComm, public IBootTimeEvents {
  private:
   std::uint32_t HandleMessage(const pipelink::PipeMessage& message);
   // Fills `payload` for a query and returns the plug-in's code; 31 when it cannot be asked.
-  // `impacts` receives the plug-in's list for a GetBootImpact query.
-  std::uint32_t Query(const pipelink::PipeMessage& message, CPayloadWriter& payload, ky::List<ProcessImpact>& impacts);
+  std::uint32_t Query(const pipelink::PipeMessage& message, CPayloadWriter& payload);
   void Answer(const pipelink::PipeMessage& message, std::uint32_t code, const CPayloadWriter& payload);
 
   IPlgComponentManager* componentManager_ = nullptr;  // the host's; lives as long as the host

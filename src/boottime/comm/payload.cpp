@@ -84,25 +84,33 @@ void CPayloadWriter::WriteProcessKey(std::uint64_t ppid, std::uint64_t pid, cons
   WriteString(name);
 }
 
+void CPayloadWriter::WriteImpact(const ProcessImpact& impact) {
+  const std::size_t units = std::wcslen(impact.name.c_str());
+  std::uint8_t* at = Grow(kMinImpactBytes + 2 * units);
+  PutLE(at, impact.ppid);
+  PutLE(at + 8, impact.pid);
+  PutLE(at + 16, static_cast<std::uint32_t>(units + 1));
+  std::memcpy(at + 20, impact.name.c_str(), (units + 1) * 2);
+  at += 20 + (units + 1) * 2;
+  const std::uint32_t counters[] = {impact.kernel, impact.user, impact.read, impact.write, impact.other};
+  for (std::uint32_t counter : counters) {
+    PutLE(at, counter);
+    at += 4;
+  }
+}
+
 void CPayloadWriter::WriteImpactList(const ky::IList<ProcessImpact>& impacts) {
-  std::size_t bytes = 4;
-  ky::ConstListEnum<ProcessImpact>* sizing = impacts.ConstEnum();
-  const ProcessImpact* entry = nullptr;
-  while (sizing->Next(&entry)) bytes += kMinImpactBytes + 2 * std::wcslen(entry->name.c_str());
-  sizing->Release();
-  Reserve(size_ + bytes);
   const std::size_t countAt = size_;
   WriteU32(0);
   std::uint32_t count = 0;
   ky::ConstListEnum<ProcessImpact>* e = impacts.ConstEnum();
   const ProcessImpact* item = nullptr;
   while (e->Next(&item)) {
-    WriteProcessKey(item->ppid, item->pid, item->name);
-    WriteCounters(*item);
+    WriteImpact(*item);
     ++count;
   }
   e->Release();
-  PutLE((heap_.empty() ? inline_.data() : heap_.data()) + countAt, count);
+  PatchU32(countAt, count);
 }
 
 void CPayloadWriter::WriteDiskSpeed(const DiskSpeed& speed) {
@@ -110,6 +118,12 @@ void CPayloadWriter::WriteDiskSpeed(const DiskSpeed& speed) {
   WriteF64(speed.maximum);
   WriteF64(speed.average);
 }
+
+void CPayloadWriter::PatchU32(std::size_t offset, std::uint32_t value) {
+  if (offset + 4 <= size_) PutLE((heap_.empty() ? inline_.data() : heap_.data()) + offset, value);
+}
+
+void CPayloadWriter::Truncate(std::size_t size) { size_ = std::min(size_, size); }
 
 // ---- reader --------------------------------------------------------------------------
 

@@ -37,9 +37,16 @@ class CPayloadWriter {
   void WriteCounters(const ProcessImpact& impact);
   void WriteProcessKey(std::uint64_t ppid, std::uint64_t pid, const std::wstring& name);
   void WriteProcessKey(const ProcessKey& key) { WriteProcessKey(key.ppid, key.pid, key.name); }
+  // One entry of an impact list: its process key, then its counters.
+  void WriteImpact(const ProcessImpact& impact);
   // Entries in the order the list's enumerator gives them.
   void WriteImpactList(const ky::IList<ProcessImpact>& impacts);
   void WriteDiskSpeed(const DiskSpeed& speed);
+
+  // Overwrites four bytes already written at `offset`, such as a count known only later.
+  void PatchU32(std::size_t offset, std::uint32_t value);
+  // Drops everything written after the first `size` bytes.
+  void Truncate(std::size_t size);
 
  private:
   std::uint8_t* Grow(std::size_t bytes);

@@ -28,6 +28,9 @@ class AnalyserTest : public ::testing::Test {
   }
   void WriteFile(const std::string& text) { std::ofstream(std::filesystem::path(file), std::ios::binary) << text; }
   const ProcessImpact& Impact(std::uint64_t pid) { return analyser.Impacts().at(pid); }
+  static auto Fields(const ProcessImpact& i) {
+    return std::make_tuple(i.ppid, i.name, i.kernel, i.user, i.read, i.write, i.other);
+  }
 
   testsupport::CapturedLog log;
   BootTimeData data;
@@ -43,14 +46,8 @@ TEST_F(AnalyserTest, OneSampleGivesExactlyItsCumulativeValuesEveryTime) {
   analyser.AnalyseData();
   analyser.AnalyseData();  // a second analysis does not add up
   ASSERT_EQ(analyser.Impacts().size(), 1u) << "a process without samples gets no impact";
-  const ProcessImpact& a = Impact(100);
-  EXPECT_EQ(a.ppid, 4u);
-  EXPECT_EQ(a.name, L"C:\\a.exe");
-  EXPECT_EQ(a.kernel, 300u);
-  EXPECT_EQ(a.user, 200u);
-  EXPECT_EQ(a.read, 4096u);
-  EXPECT_EQ(a.write, 512u);
-  EXPECT_EQ(a.other, 64u);
+  EXPECT_EQ(Fields(Impact(100)),
+            std::make_tuple(std::uint64_t{4}, std::wstring(L"C:\\a.exe"), 300u, 200u, 4096u, 512u, 64u));
 }
 
 TEST_F(AnalyserTest, StepsWithMoreCpuThanWallTimeOrAShrinkingOrWrappedCounterAddNothing) {
@@ -90,12 +87,7 @@ TEST_F(AnalyserTest, AFileWrittenAndLoadedGivesTheSameImpactsWithEveryNumberAsDe
   ASSERT_TRUE(loaded.LoadLastBootProcessImpactFromDisk(file));
   ASSERT_EQ(loaded.Impacts().size(), 2u);
   for (const auto& [pid, expected] : analyser.Impacts()) {
-    const ProcessImpact& got = loaded.Impacts().at(pid);
-    EXPECT_EQ(got.ppid, expected.ppid);
-    EXPECT_EQ(got.name, expected.name);
-    EXPECT_EQ(std::make_tuple(got.kernel, got.user, got.read, got.write, got.other),
-              std::make_tuple(expected.kernel, expected.user, expected.read, expected.write, expected.other))
-        << "values above 2^31 survive";
+    EXPECT_EQ(Fields(loaded.Impacts().at(pid)), Fields(expected)) << "values above 2^31 survive";
   }
 }
 

@@ -70,7 +70,6 @@ TEST_F(DiskPerformanceTest, IdlenessIsJudgedPerSecondNotSinceTheStart) {
 
 TEST_F(DiskPerformanceTest, FailingSystemTimesAreLoggedAndTheMeasurementWaitsOutTheTimeLimit) {
   testsupport::CapturedLog log;
-  log.clear();
   counters.systemTimesFail = true;
   loadUsage.answers = {{1.5, 9.25, 4, 60, 60}};
   disk.Start(stop);

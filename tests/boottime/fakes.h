@@ -16,12 +16,12 @@
 
 namespace boottime::testing {
 
-// Each wait lets `stepMs` of virtual time pass, unless the scripted wait number is the one
-// at which the stop event is "set".
+// Each wait lets the time waited for pass at once, unless it is the scripted wait at which
+// the stop event is "set".
 class FakeClock final : public IClock {
  public:
   std::uint32_t TickCount() override { return tick; }
-  std::uint64_t WallClock() override { return wall + tick; }
+  std::uint64_t WallClock() override { return 13'000'000'000'000ull + tick; }
   DWORD WaitForStop(HANDLE, DWORD milliseconds) override {
     ++waits;
     if (waits == stopAtWait) return WAIT_OBJECT_0;
@@ -30,7 +30,6 @@ class FakeClock final : public IClock {
   }
 
   std::uint32_t tick = 0;
-  std::uint64_t wall = 13'000'000'000'000ull;
   int waits = 0;
   int stopAtWait = -1;
 };
@@ -44,10 +43,7 @@ struct ScriptedCounters {
 };
 
 inline FILETIME ToFileTime(std::uint64_t value) {
-  FILETIME time;
-  time.dwLowDateTime = static_cast<DWORD>(value);
-  time.dwHighDateTime = static_cast<DWORD>(value >> 32);
-  return time;
+  return FILETIME{static_cast<DWORD>(value), static_cast<DWORD>(value >> 32)};
 }
 
 // Per handle, a function of the read number (0, 1, 2, ...) gives the counters; a handle

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <tuple>
 #include <vector>
 
 #include "boottime/process_utils.h"
@@ -57,8 +58,6 @@ class ProcessesTest : public ::testing::Test {
     return -1;
   }
 
-  void SetUp() override { log.clear(); }
-
   testsupport::CapturedLog log;
   FakeClock clock;
   FakeCounters counters{&clock};
@@ -102,12 +101,9 @@ TEST_F(ProcessesTest, SamplesCarryTheTickAndTheCountersAndUnreadableOnesDropTheP
   processes.Update();
   const std::vector<Sample> samples = Samples();
   ASSERT_EQ(samples.size(), 1u);
-  EXPECT_EQ(samples[0].time, 5000);
-  EXPECT_EQ(samples[0].cpuKernelTime, 1234);
-  EXPECT_EQ(samples[0].cpuUserTime, 56);
-  EXPECT_EQ(samples[0].bytesRead, 0x10) << "only the low 32 bits are kept";
-  EXPECT_EQ(samples[0].bytesWritten, 20);
-  EXPECT_EQ(samples[0].bytesOther, 30);
+  const Sample& s = samples[0];
+  EXPECT_EQ(std::tie(s.time, s.cpuKernelTime, s.cpuUserTime, s.bytesRead, s.bytesWritten, s.bytesOther),
+            std::make_tuple(5000, 1234, 56, 0x10, 20, 30)) << "of the read counter only the low 32 bits are kept";
 
   counters.ioFails = true;
   Cycles(1);
@@ -134,7 +130,6 @@ TEST_F(ProcessesTest, RemFindsTheFirstRecordOfThePidOnly) {
 
 TEST(ProcessesAddByPid, ANullHandleIsAddedAndDroppedAtTheNextUpdateALiveProcessStays) {
   testsupport::CapturedLog log;
-  log.clear();
   BootTimeData data;
   BootTimeMonitor::Processes processes(&data);  // the real counters: a null handle fails
   EXPECT_TRUE(processes.Add(kNoSuchPid));
@@ -189,7 +184,6 @@ TEST(ProcessesMonitorQueues, AHostWithoutTheProcessPlugInLeavesTheMonitorWithout
     std::uint32_t ReleasePlugin(const wchar_t*) override { return ERROR_NOT_FOUND; }
   } host;
   testsupport::CapturedLog log;
-  log.clear();
   BootTimeMonitor::ProcessesMonitor monitor(&host);
   EXPECT_FALSE(monitor.Start());
   EXPECT_TRUE(Logged(log, L"WmiProcessDP::Init", L"GetPlugin wmiprocessdp failed"));

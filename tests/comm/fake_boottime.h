@@ -18,7 +18,6 @@ class FakeBootTime final : public boottime::IBootTime {
   boottime::BootCounters total{10, 20, 30, 40, 50};
   std::vector<boottime::ProcessImpact> impacts;
   boottime::DiskSpeed disk{1.5, 97.25, 42.125};
-  std::atomic<int> bootTimeCalls{0}, totalCalls{0};
 
   boottime::ProcessKey LastKey() {
     std::lock_guard hold(lock_);
@@ -36,12 +35,10 @@ class FakeBootTime final : public boottime::IBootTime {
   std::uint32_t Stop() override { return 0; }
 
   std::uint32_t GetBootTime(std::uint32_t* ms) override {
-    ++bootTimeCalls;
     if (bootTimeCode == 0) *ms = bootTime;
     return bootTimeCode;
   }
   std::uint32_t GetTotalBootImpact(boottime::BootCounters* out) override {
-    ++totalCalls;
     if (totalCode == 0) *out = total;
     return totalCode;
   }

@@ -40,8 +40,6 @@ class Library {
     if (client_) destroy_(L"connclient", client_);
     if (server_) destroy_(L"connserver", server_);
   }
-  Library(const Library&) = delete;
-  Library& operator=(const Library&) = delete;
 
   bool Ready() const { return server_ != nullptr && client_ != nullptr; }
   pipelink::IConnServer* Server() const { return server_; }

@@ -33,12 +33,8 @@ class Holder {
   TestThread thread_;  // last, so that it ends before the events go
 };
 
-struct Reader : Holder {
-  explicit Reader(ISyncRWLock& lock) : Holder(lock, false) {}
-};
-struct Writer : Holder {
-  explicit Writer(ISyncRWLock& lock) : Holder(lock, true) {}
-};
+struct Reader : Holder { explicit Reader(ISyncRWLock& lock) : Holder(lock, false) {} };
+struct Writer : Holder { explicit Writer(ISyncRWLock& lock) : Holder(lock, true) {} };
 
 TEST(SyncRWLock, ReadLockTakenTwiceNeedsTwoReleases) {
   CSyncRWLock lock;

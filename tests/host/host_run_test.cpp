@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <string>
 
 #include "support/programs.h"
@@ -16,10 +17,7 @@ namespace {
 std::wstring Host() { return testsupport::Quoted(testsupport::BinFolder() / L"lumerahost.exe"); }
 
 std::string Json(const std::filesystem::path& path) {
-  std::string text = path.string();
-  std::string escaped;
-  for (char c : text) escaped += c == '\\' ? std::string("\\\\") : std::string(1, c);
-  return escaped;
+  return std::regex_replace(path.string(), std::regex(R"(\\)"), R"(\\)");
 }
 
 TEST(HostRun, DrivesEveryConfiguredObjectThroughItsLifecycleAndLogs) {

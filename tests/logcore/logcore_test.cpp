@@ -61,39 +61,20 @@ class LogcoreLibrary {
     ::CopyFileW((testsupport::ExeFolder() + L"..\\logcore.dll").c_str(), path_.c_str(), TRUE);
     Load();
   }
-  void Load() {
-    module_.reset(::LoadLibraryW(path_.c_str()));
-    init = Bind<LogInitFn>("LogInit");
-    write = Bind<LogWriteFn>("LogWrite");
-    setPath = Bind<LogSetPathFn>("LogSetPath");
-    setLevel = Bind<LogSetLevelFn>("LogSetLevel");
-    getLevel = Bind<LogGetLevelFn>("LogGetLevel");
-    setType = Bind<LogSetTypeFn>("LogSetType");
-    setMaxSize = Bind<LogSetMaxSizeFn>("LogSetMaxSize");
-    enable = Bind<LogEnableFn>("LogEnable");
-  }
+  void Load() { module_.reset(::LoadLibraryW(path_.c_str())); }
   // Unloading closes the file, so that the test reads everything that was written.
   void Unload() { module_.reset(); }
   HMODULE module() const { return module_.get(); }
 
-  int Write(std::uint16_t depthChange, std::uint32_t level, const wchar_t* function, const wchar_t* text) {
-    return write(depthChange, &level, module_.get(), function, L"%s", text);
-  }
-
-  LogInitFn init = nullptr;
-  LogWriteFn write = nullptr;
-  LogSetPathFn setPath = nullptr;
-  LogSetLevelFn setLevel = nullptr;
-  LogGetLevelFn getLevel = nullptr;
-  LogSetTypeFn setType = nullptr;
-  LogSetMaxSizeFn setMaxSize = nullptr;
-  LogEnableFn enable = nullptr;
-
- private:
   template <class Fn>
-  Fn Bind(const char* name) {
+  Fn Get(const char* name) const {
     return reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(module_.get(), name)));
   }
+  int Write(std::uint16_t depthChange, std::uint32_t level, const wchar_t* function, const wchar_t* text) {
+    return Get<LogWriteFn>("LogWrite")(depthChange, &level, module_.get(), function, L"%s", text);
+  }
+
+ private:
   std::wstring path_;
   ky::unique_module module_;
 };
@@ -107,7 +88,7 @@ class Logcore : public ::testing::Test {
     ClearEnvironment();
     ASSERT_NE(library_.module(), nullptr);
     for (const char* name : kExports) ASSERT_NE(::GetProcAddress(library_.module(), name), nullptr) << name;
-    ASSERT_EQ(library_.init(), 0);
+    ASSERT_EQ(library_.Get<LogInitFn>("LogInit")(), 0);
   }
   void TearDown() override { ClearEnvironment(); }
   std::vector<Line> ReadLog(const std::wstring& folder) { return ParseLog(ReadFileBytes(folder + L"lumera.log")); }
@@ -118,17 +99,17 @@ class Logcore : public ::testing::Test {
 
 TEST_F(Logcore, WritesIndentedFormattedLinesIntoTheConfiguredFolder) {
   const std::wstring custom = folder_.file(L"custom\\nested");
-  ASSERT_EQ(library_.setPath(custom.c_str()), 0);
-  std::uint32_t trace = 32;
-  std::uint32_t info = 16;
+  ASSERT_EQ(library_.Get<LogSetPathFn>("LogSetPath")(custom.c_str()), 0);
+  const auto write = library_.Get<LogWriteFn>("LogWrite");
+  std::uint32_t trace = 32, info = 16;
   const void* base = library_.module();
-  library_.write(logcore::kDepthEnter, &trace, base, L"ns::C::Run", L"-> %s", L"ns::C::Run");
-  library_.write(0, &info, base, L"ns::C::Run", L"%s=%S n=%d caf\u00e9", L"wide", "narrow", 5);
-  library_.write(logcore::kDepthLeave, &trace, base, L"ns::C::Run", L"<- %s [%d]", L"ns::C::Run", 3);
-  library_.write(logcore::kDepthLeave, &info, base, L"ns::C::Run", L"unbalanced");
-  library_.write(0, &info, base, nullptr, L"no name");
-  EXPECT_EQ(library_.write(0, &info, base, L"f", nullptr), ERROR_INVALID_DATA);
-  EXPECT_EQ(library_.write(0, nullptr, base, L"f", L"x"), ERROR_INVALID_DATA);
+  write(logcore::kDepthEnter, &trace, base, L"ns::C::Run", L"-> %s", L"ns::C::Run");
+  write(0, &info, base, L"ns::C::Run", L"%s=%S n=%d caf\u00e9", L"wide", "narrow", 5);
+  write(logcore::kDepthLeave, &trace, base, L"ns::C::Run", L"<- %s [%d]", L"ns::C::Run", 3);
+  write(logcore::kDepthLeave, &info, base, L"ns::C::Run", L"unbalanced");
+  write(0, &info, base, nullptr, L"no name");
+  EXPECT_EQ(write(0, &info, base, L"f", nullptr), ERROR_INVALID_DATA);
+  EXPECT_EQ(write(0, nullptr, base, L"f", L"x"), ERROR_INVALID_DATA);
   library_.Unload();
 
   const auto lines = ReadLog(custom + L"\\");
@@ -143,14 +124,16 @@ TEST_F(Logcore, WritesIndentedFormattedLinesIntoTheConfiguredFolder) {
 }
 
 TEST_F(Logcore, LevelFilterSwitchesAndBoundedText) {
-  ASSERT_EQ(library_.setLevel(16), 0);
+  ASSERT_EQ(library_.Get<LogSetLevelFn>("LogSetLevel")(16), 0);
+  const auto enable = library_.Get<LogEnableFn>("LogEnable");
+  const auto setType = library_.Get<LogSetTypeFn>("LogSetType");
   for (std::uint32_t level : {4u, 8u, 16u, 32u}) library_.Write(0, level, L"f", L"by level");
-  library_.enable(0);
+  enable(0);
   library_.Write(0, 4, L"f", L"while disabled");
-  library_.enable(1);
-  library_.setType(logcore::kTypeConsole);
+  enable(1);
+  setType(logcore::kTypeConsole);
   library_.Write(0, 4, L"f", L"console only");
-  library_.setType(logcore::kTypeFile);
+  setType(logcore::kTypeFile);
   library_.Write(0, 4, std::wstring(1000, L'n').c_str(), std::wstring(10000, L'x').c_str());
   library_.Unload();
 
@@ -167,9 +150,9 @@ TEST_F(Logcore, EnvironmentOverridesDefaultsWhenLoadedAndTheFileRotatesWithoutLo
   ::SetEnvironmentVariableW(L"LUMERA_LOG_DIR", folder.c_str());
   ::SetEnvironmentVariableW(L"LUMERA_LOG_LEVEL", L"8");
   library_.Load();
-  ASSERT_EQ(library_.init(), 0);
-  EXPECT_EQ(library_.getLevel(), 8);
-  ASSERT_EQ(library_.setMaxSize(2000), 0);
+  ASSERT_EQ(library_.Get<LogInitFn>("LogInit")(), 0);
+  EXPECT_EQ(library_.Get<LogGetLevelFn>("LogGetLevel")(), 8);
+  ASSERT_EQ(library_.Get<LogSetMaxSizeFn>("LogSetMaxSize")(2000), 0);
   for (int i = 0; i < 60; ++i) {
     library_.Write(0, 16, L"f", L"above the level");
     library_.Write(0, 8, L"f", std::to_wstring(i).append(60, L'.').c_str());

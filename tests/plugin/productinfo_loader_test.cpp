@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 #include "plugin/sibling_loader.h"
 #include "support/scratch_folder.h"
@@ -41,25 +42,21 @@ TEST_F(ProductInfoLoader, CreatesInitialisesWithoutHostAndStartsTheObjectOnce) {
   EXPECT_EQ(::GetModuleHandleW(L"hostconfig.dll"), nullptr) << "the library is freed on release";
 }
 
-TEST_F(ProductInfoLoader, AnObjectWithoutTheProductInterfaceFailsWith632AndIsTakenApart) {
-  UseMode(L"no-interface");
+TEST_F(ProductInfoLoader, AFailureTakesApartWhatWasMadeAndGivesTheLastErrorOr632WhenThereIsNone) {
   HMODULE keep = ::LoadLibraryW((testsupport::ExeFolder() + L"hostconfig.dll").c_str());  // to read the journal afterwards
-  std::uint32_t error = 0;
-  EXPECT_EQ(plugin::AcquireProductInfo(&error), nullptr);
-  EXPECT_EQ(error, 632u);
-  EXPECT_EQ(Journal(), L"create(productinfo);stop;uninit;destroy(productinfo);");
-  ::FreeLibrary(keep);
-}
-
-TEST_F(ProductInfoLoader, FailureCodeIsTheLastErrorOr632WhenThereIsNone) {
-  const std::pair<const wchar_t*, std::uint32_t> cases[] = {
-      {L"create-fails", ERROR_ACCESS_DENIED}, {L"create-fails-silently", 632}, {L"start-fails", ERROR_SERVICE_DISABLED}};
-  for (const auto& [mode, code] : cases) {
+  const std::tuple<const wchar_t*, std::uint32_t, const wchar_t*> cases[] = {
+      {L"no-interface", 632, L"create(productinfo);stop;uninit;destroy(productinfo);"},
+      {L"create-fails", ERROR_ACCESS_DENIED, L"create(productinfo);"},
+      {L"create-fails-silently", 632, L"create(productinfo);"},
+      {L"start-fails", ERROR_SERVICE_DISABLED, L"create(productinfo);init(null);start;stop;uninit;destroy(productinfo);"}};
+  for (const auto& [mode, code, journal] : cases) {
     UseMode(mode);
     std::uint32_t error = 0;
     EXPECT_EQ(plugin::AcquireProductInfo(&error), nullptr) << testing::PrintToString(mode);
     EXPECT_EQ(error, code) << testing::PrintToString(mode);
+    EXPECT_EQ(Journal(), journal);
   }
+  ::FreeLibrary(keep);
 }
 
 TEST_F(ProductInfoLoader, WithoutTheLibraryTheLoaderReportsTheLoadErrorAndLaterRecovers) {

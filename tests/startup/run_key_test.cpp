@@ -81,7 +81,6 @@ TEST(RunKeyApps, UnknownRootsIncompleteItemsAndMissingProgramsFail) {
   CRunKeyAppsActions actions;
   const std::wstring unknown = L"HKEY_UNKNOWN\\" + key.Subkey();
   testsupport::CapturedLog log;
-  log.clear();
   EXPECT_EQ(actions.Enable({MakeItem(L"X", unknown, L"x.exe")}, true), 31);
   EXPECT_TRUE(log.contains(L"RollbackToRegistry FAILED " + unknown));
   EXPECT_TRUE(log.contains(L"Enable " + unknown + L" X")) << "each item is logged with location, then name";

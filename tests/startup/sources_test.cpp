@@ -20,7 +20,7 @@ bool FlavourIsWin10() {
 
 TEST(StartupActionExec, ChoosesTheActionsOfTheRunningWindows) {
   startup::StartupAppsActionExec exec;
-  ASSERT_EQ(exec.IsWindows8OrGreater(), FlavourIsWin10());
+  ASSERT_EQ(exec.IsWindows8OrGreater(), FlavourIsWin10()) << "the version check must see the prefix's flavour";
   if (FlavourIsWin10()) {
     EXPECT_NE(dynamic_cast<startup::CWin8RunKeyAppsActions*>(exec.Find(startup::kSourceRunKey)), nullptr);
     EXPECT_NE(dynamic_cast<startup::CWin8StartupFolderActions*>(exec.Find(startup::kSourceStartupFolder)), nullptr);

@@ -112,7 +112,6 @@ TEST(StartupFolderApps, MissingFilesAndUnwritableStoresLeaveTheFolderAsItWas) {
   {
     ScratchStore store;
     testsupport::CapturedLog log;
-    log.clear();
     EXPECT_EQ(actions.Enable({MakeItem(L"gone.exe", folder.path(), L"x")}, true), 31);
     EXPECT_TRUE(log.contains(L"FAILED MoveFile(" + folder.file(L"KyBkpFolder\\gone.exe, ") + folder.file(L"gone.exe)")));
     EXPECT_EQ(actions.Disable({MakeItem(L"gone.exe", folder.path(), L"x")}, true), 31);

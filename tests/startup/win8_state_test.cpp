@@ -66,7 +66,6 @@ TEST(StartupApproved, AMissingValueIsCreatedDisabledAndEnabledBackInPlace) {
   auto item = MakeItem(L"Tool", key.Location(), L"tool.exe");
   EXPECT_TRUE(Win8StartupItem::IsEnabled(*item, kSourceRunKey)) << "a missing value counts as enabled";
   testsupport::CapturedLog log;
-  log.clear();
   ASSERT_EQ(Win8StartupItem::Enable(*item, kSourceRunKey), 0u);
   EXPECT_TRUE(log.contains(L"item is enabled"));
   EXPECT_TRUE(ReadBinary(HKEY_CURRENT_USER, ApprovedOf(key), L"Tool").empty()) << "enable of a missing value writes nothing";

@@ -1,7 +1,5 @@
 #include "support/captured_log.h"
 
-#include <memory>
-
 #include "support/scratch_folder.h"
 
 namespace testsupport {
@@ -16,25 +14,21 @@ Fn Bind(HMODULE module, const char* name) {
 
 CapturedLog::CapturedLog() : module_(::LoadLibraryW((ExeFolder() + L"logcore.dll").c_str())) {
   if (!module_) return;
-  auto count = Bind<CaptureCountFn>(module_.get(), "CaptureCount");
-  get_ = Bind<CaptureGetFn>(module_.get(), "CaptureGet");
+  auto messages = Bind<CaptureMessagesFn>(module_.get(), "CaptureMessages");
+  lock_ = Bind<CaptureLockFn>(module_.get(), "CaptureLock");
+  unlock_ = Bind<CaptureLockFn>(module_.get(), "CaptureUnlock");
   clear_ = Bind<CaptureClearFn>(module_.get(), "CaptureClear");
   outstandingInits_ = Bind<CaptureOutstandingInitsFn>(module_.get(), "CaptureOutstandingInits");
-  if (get_ && clear_ && outstandingInits_) count_ = count;
+  if (lock_ && unlock_ && clear_ && outstandingInits_) messages_ = messages;
+  clear();
 }
 
 std::vector<LogEntry> CapturedLog::entries() const {
-  std::vector<LogEntry> result;
-  if (!available()) return result;
-  // Too large for the stack.
-  auto record = std::make_unique<CaptureRecord>();
-  const std::int32_t n = count_();
-  for (std::int32_t i = 0; i < n; ++i) {
-    if (get_(i, record.get()) != 0) break;
-    result.push_back(LogEntry{record->threadId, record->depthChange, record->level, record->moduleBase,
-                              record->function, record->text});
-  }
-  return result;
+  if (!available()) return {};
+  lock_();
+  std::vector<LogEntry> copy = *messages_();
+  unlock_();
+  return copy;
 }
 
 std::vector<LogEntry> CapturedLog::entriesFor(std::wstring_view function) const {

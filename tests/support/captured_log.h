@@ -1,6 +1,6 @@
-// Reads what the capturing logcore.dll beside the test program has kept. Tests built with
-// CAPTURE_LOG get that library; module code they link logs into it through the normal
-// logging adapter, and a CapturedLog looks at the result.
+// The capturing logcore.dll that tests built with CAPTURE_LOG find beside themselves keeps
+// every message in memory; module code they link logs into it through the normal logging
+// adapter, and a CapturedLog reads what it kept.
 #pragma once
 
 #include <windows.h>
@@ -12,19 +12,41 @@
 #include <vector>
 
 #include "common/unique_handle.h"
-#include "support/capture_record.h"
+
+namespace testsupport {
+
+// One captured message, as the capturing library keeps it and tests see it.
+struct LogEntry {
+  DWORD threadId;
+  std::uint16_t depthChange;
+  std::uint32_t level;
+  const void* moduleBase;
+  std::wstring function;
+  std::wstring text;
+};
+
+}  // namespace testsupport
+
+// The capturing library's exports beyond logcore's own.
+extern "C" {
+// The messages kept, oldest first; to be read only between CaptureLock and CaptureUnlock.
+using CaptureMessagesFn = const std::vector<testsupport::LogEntry>*(__cdecl*)();
+using CaptureLockFn = void(__cdecl*)();
+using CaptureClearFn = std::int32_t(__cdecl*)();
+// LogInit calls not yet matched by LogDeinit.
+using CaptureOutstandingInitsFn = std::int32_t(__cdecl*)();
+}
 
 namespace testsupport {
 
 class CapturedLog {
  public:
-  // Loads <test program folder>\logcore.dll; available() is false if it is missing or is not
-  // the capturing one. Holding the library keeps the messages alive between log calls.
+  // Loads <test program folder>\logcore.dll and drops what was logged before, so each
+  // CapturedLog sees only what follows it; available() is false if the library is missing or is
+  // not the capturing one. Holding the library keeps the messages alive between log calls.
   CapturedLog();
-  CapturedLog(const CapturedLog&) = delete;
-  CapturedLog& operator=(const CapturedLog&) = delete;
 
-  bool available() const { return count_ != nullptr; }
+  bool available() const { return messages_ != nullptr; }
 
   // Every message so far, oldest first.
   std::vector<LogEntry> entries() const;
@@ -39,8 +61,9 @@ class CapturedLog {
 
  private:
   ky::unique_module module_;
-  CaptureCountFn count_ = nullptr;
-  CaptureGetFn get_ = nullptr;
+  CaptureMessagesFn messages_ = nullptr;
+  CaptureLockFn lock_ = nullptr;
+  CaptureLockFn unlock_ = nullptr;
   CaptureClearFn clear_ = nullptr;
   CaptureOutstandingInitsFn outstandingInits_ = nullptr;
 };

@@ -1,14 +1,11 @@
 #include "support/programs.h"
 
 #include "common/unique_handle.h"
+#include "support/scratch_folder.h"
 
 namespace testsupport {
 
-std::filesystem::path BinFolder() {
-  wchar_t path[MAX_PATH] = {};
-  ::GetModuleFileNameW(nullptr, path, MAX_PATH);
-  return std::filesystem::path(path).parent_path().parent_path();
-}
+std::filesystem::path BinFolder() { return std::filesystem::path(ExeFolder()).parent_path().parent_path(); }
 
 std::wstring Quoted(const std::filesystem::path& path) { return L"\"" + path.wstring() + L"\""; }
 

@@ -33,8 +33,6 @@ class TestThread {
  public:
   explicit TestThread(std::function<void()> body);
   ~TestThread();
-  TestThread(const TestThread&) = delete;
-  TestThread& operator=(const TestThread&) = delete;
 
   // True when the thread has ended within ms.
   bool join(DWORD ms);

@@ -4,7 +4,6 @@
 
 #include <cstdarg>
 #include <cstdint>
-#include <cwchar>
 #include <mutex>
 #include <new>
 #include <string>
@@ -14,18 +13,14 @@
 #include "common/unique_handle.h"
 #include "lumera/logcore.h"
 #include "message_format.h"
-#include "support/capture_record.h"
+#include "support/captured_log.h"
 
 namespace {
 
 constexpr std::int32_t kOk = 0;
 constexpr std::int32_t kInvalidData = ERROR_INVALID_DATA;
-constexpr std::int32_t kNotFound = ERROR_NOT_FOUND;
 constexpr std::int32_t kFailure = ERROR_GEN_FAILURE;
 constexpr std::size_t kMaxMessages = 100000;
-
-static_assert(testsupport::kCaptureTextChars == logcore::kMaxTextChars + 1);
-static_assert(testsupport::kCaptureFunctionChars == logcore::kMaxFunctionChars + 1);
 
 using Message = testsupport::LogEntry;
 
@@ -37,13 +32,11 @@ struct Capture {
 
 Capture* g_capture = nullptr;
 
-Capture& State() { return *g_capture; }
-
 // Runs fn under the capture's lock; an exception becomes a failure code.
 template <class Fn>
 std::int32_t Locked(Fn&& fn) noexcept {
   try {
-    std::lock_guard hold(State().lock);
+    std::lock_guard hold(g_capture->lock);
     return fn();
   } catch (...) {
     return kFailure;
@@ -54,8 +47,8 @@ std::int32_t Locked(Fn&& fn) noexcept {
 
 extern "C" {
 
-std::int32_t __cdecl LogInit() { return Locked([] { ++State().outstandingInits; return kOk; }); }
-std::int32_t __cdecl LogDeinit() { return Locked([] { --State().outstandingInits; return kOk; }); }
+std::int32_t __cdecl LogInit() { return Locked([] { ++g_capture->outstandingInits; return kOk; }); }
+std::int32_t __cdecl LogDeinit() { return Locked([] { --g_capture->outstandingInits; return kOk; }); }
 
 std::int32_t __cdecl LogWrite(std::uint16_t depthChange, const std::uint32_t* level, const void* moduleBase,
                               const wchar_t* function, const wchar_t* format, ...) {
@@ -70,7 +63,7 @@ std::int32_t __cdecl LogWrite(std::uint16_t depthChange, const std::uint32_t* le
   return Locked([&] {
     Message message{::GetCurrentThreadId(), depthChange, *level, moduleBase, std::wstring(name, nameLength),
                     std::wstring(text, length)};
-    if (State().messages.size() < kMaxMessages) State().messages.push_back(std::move(message));
+    if (g_capture->messages.size() < kMaxMessages) g_capture->messages.push_back(std::move(message));
     return kOk;
   });
 }
@@ -78,30 +71,16 @@ std::int32_t __cdecl LogWrite(std::uint16_t depthChange, const std::uint32_t* le
 // The logging adapter resolves the settings functions too but never calls them; a capture
 // keeps everything, so it has none.
 
-std::int32_t __cdecl CaptureCount() { return Locked([] { return static_cast<std::int32_t>(State().messages.size()); }); }
-
-std::int32_t __cdecl CaptureGet(std::int32_t index, testsupport::CaptureRecord* out) {
-  if (out == nullptr) return kInvalidData;
-  return Locked([index, out] {
-    if (index < 0 || static_cast<std::size_t>(index) >= State().messages.size()) return kNotFound;
-    const Message& message = State().messages[static_cast<std::size_t>(index)];
-    out->threadId = message.threadId;
-    out->depthChange = message.depthChange;
-    out->level = message.level;
-    out->moduleBase = message.moduleBase;
-    logcore::CopyBounded(out->function, testsupport::kCaptureFunctionChars, message.function.c_str());
-    logcore::CopyBounded(out->text, testsupport::kCaptureTextChars, message.text.c_str());
-    return kOk;
-  });
-}
-
-std::int32_t __cdecl CaptureClear() { return Locked([] { State().messages.clear(); return kOk; }); }
-std::int32_t __cdecl CaptureOutstandingInits() { return Locked([] { return State().outstandingInits; }); }
+const std::vector<Message>* __cdecl CaptureMessages() { return &g_capture->messages; }
+void __cdecl CaptureLock() { g_capture->lock.lock(); }
+void __cdecl CaptureUnlock() { g_capture->lock.unlock(); }
+std::int32_t __cdecl CaptureClear() { return Locked([] { g_capture->messages.clear(); return kOk; }); }
+std::int32_t __cdecl CaptureOutstandingInits() { return Locked([] { return g_capture->outstandingInits; }); }
 
 }  // extern "C"
 
 static_assert(std::is_same_v<decltype(&LogWrite), LogWriteFn>);
-static_assert(std::is_same_v<decltype(&CaptureGet), CaptureGetFn>);
+static_assert(std::is_same_v<decltype(&CaptureMessages), CaptureMessagesFn>);
 
 // The captured messages are made and destroyed with the library: a function-local static would
 // only be destroyed at process exit, leaking a thread-local slot per load.

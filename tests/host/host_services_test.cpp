@@ -1,25 +1,55 @@
-// Serial executions of the host's event queue.
+// What the module reaches through IServMain: the host's component manager and the serial
+// executions of its event queue.
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <functional>
 #include <mutex>
 #include <numeric>
 #include <set>
 #include <vector>
 
 #include "common/unique_handle.h"
+#include "component_manager.h"
 #include "event_queue.h"
+#include "lumera/interface_ids.h"
+#include "lumera/productinfo.h"
 
 namespace {
+
+TEST(ComponentManager, HandsOutHostPluginsByNameWithoutRegardToCaseAndCountsThem) {
+  host::HostConfig config;
+  config.folders[L"2:common"] = L"C:\\Data";
+  host::ComponentManager manager(config);
+  IServMain* servMain = &manager;
+  IPlgComponentManager* components = servMain->GetComponentManager();
+  ASSERT_NE(components, nullptr);
+
+  void* first = nullptr;
+  void* second = nullptr;
+  ASSERT_EQ(components->GetPlugin(L"productinfo", lumera::ids::ProductInfoPlugin, &first), 0u);
+  ASSERT_EQ(components->GetPlugin(L"ProductInfo", lumera::ids::ProductInfoPlugin, &second), 0u);
+  EXPECT_EQ(first, second) << "one instance per name";
+  EXPECT_STREQ(static_cast<IProductInfo*>(first)->GetFolder(2, L"common"), L"C:\\Data");
+  EXPECT_EQ(manager.OutstandingCount(L"productinfo"), 2);
+
+  EXPECT_EQ(components->ReleasePlugin(L"productinfo"), 0u);
+  EXPECT_EQ(components->ReleasePlugin(L"PRODUCTINFO"), 0u);
+  EXPECT_EQ(components->ReleasePlugin(L"productinfo"), static_cast<std::uint32_t>(ERROR_NOT_FOUND))
+      << "a release without a matching get is refused";
+
+  void* out = reinterpret_cast<void*>(0x1);
+  EXPECT_EQ(manager.GetPlugin(L"nosuchplugin", lumera::ids::IServPlugin, &out), static_cast<std::uint32_t>(ERROR_NOT_FOUND));
+  EXPECT_EQ(out, nullptr);
+  EXPECT_EQ(manager.GetPlugin(L"productinfo", lumera::ids::IBootTime, &out), static_cast<std::uint32_t>(ERROR_NOT_FOUND));
+  EXPECT_EQ(out, nullptr);
+  EXPECT_EQ(manager.OutstandingCount(L"productinfo"), 0) << "a refused get is not counted";
+}
 
 struct Journal {
   std::mutex lock;
   std::vector<int> order;
   std::set<DWORD> threads;
-  std::atomic<int> running{0};
-  std::atomic<int> overlap{0};
-  std::atomic<int> released{0};
+  std::atomic<int> running{0}, overlap{0}, released{0};
 };
 
 class RecordingItem final : public EqWorkItem {
@@ -46,9 +76,10 @@ class RecordingItem final : public EqWorkItem {
   HANDLE gate_;
 };
 
-bool WaitFor(const std::function<bool()>& done) {
-  for (int i = 0; i < 1000 && !done(); ++i) ::Sleep(5);
-  return done();
+// Waits up to 5 s for the count to reach the wanted value.
+bool WaitFor(const std::atomic<int>& count, int wanted) {
+  for (int i = 0; i < 1000 && count.load() != wanted; ++i) ::Sleep(5);
+  return count.load() == wanted;
 }
 
 TEST(SerialExecution, RunsItemsOneAtATimeInPostingOrderOnOneThread) {
@@ -58,7 +89,7 @@ TEST(SerialExecution, RunsItemsOneAtATimeInPostingOrderOnOneThread) {
   Journal journal;
   constexpr int kItems = 50;
   for (int i = 0; i < kItems; ++i) ASSERT_EQ(execution->Post(L"item", new RecordingItem(journal, i)), 0u);
-  ASSERT_TRUE(WaitFor([&] { return journal.released.load() == kItems; }));
+  ASSERT_TRUE(WaitFor(journal.released, kItems));
   EXPECT_EQ(journal.overlap.load(), 0);
   EXPECT_EQ(journal.threads.size(), 1u);
   std::vector<int> expected(kItems);
@@ -74,7 +105,7 @@ TEST(SerialExecution, DestroyFinishesTheRunningItemAndReleasesTheRestUnrun) {
   Journal journal;
   ky::unique_handle gate(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
   ASSERT_EQ(execution->Post(L"blocking", new RecordingItem(journal, 1, gate.get())), 0u);
-  ASSERT_TRUE(WaitFor([&] { return journal.running.load() == 1; }));
+  ASSERT_TRUE(WaitFor(journal.running, 1));
   for (int i = 2; i <= 4; ++i) ASSERT_EQ(execution->Post(L"queued", new RecordingItem(journal, i)), 0u);
   ::SetEvent(gate.get());
   EXPECT_EQ(queue.destroySerialExecution(execution), 0u);

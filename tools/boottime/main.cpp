@@ -18,6 +18,7 @@
 #include "common/unique_handle.h"
 #include "lumera/boottime.h"
 #include "lumera/interface_ids.h"
+#include "common/text_convert.h"
 #include "output.h"
 
 namespace {
@@ -143,7 +144,7 @@ int RunSync(const Options& o, boottime::IBootTimeCommClient* client, const tool:
     if ((code = client->GetDiskSpeed(&speed)) == 0) printer.Disk(speed);
   }
   if (code == 0) return 0;
-  printer.Failure(tool::Utf8(o.command).c_str(), code);
+  printer.Failure(ky::WideToUtf8(o.command).c_str(), code);
   return 1;
 }
 
@@ -164,7 +165,7 @@ int RunAsync(const Options& o, boottime::IBootTimeCommClientAsync* client, Liste
     return 1;
   }
   if (listener.Code() == 0) return 0;
-  printer.Failure(tool::Utf8(o.command).c_str(), listener.Code());
+  printer.Failure(ky::WideToUtf8(o.command).c_str(), listener.Code());
   return 1;
 }
 

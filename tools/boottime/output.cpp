@@ -4,6 +4,8 @@
 
 #include <cstdio>
 
+#include "common/text_convert.h"
+
 namespace tool {
 
 const char* Meaning(std::uint32_t code) {
@@ -17,17 +19,9 @@ const char* Meaning(std::uint32_t code) {
   }
 }
 
-std::string Utf8(const std::wstring& text) {
-  if (text.empty()) return {};
-  const int n = ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
-  std::string out(static_cast<std::size_t>(n), '\0');
-  ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), n, nullptr, nullptr);
-  return out;
-}
-
 std::string JsonString(const std::wstring& text) {
   std::string out = "\"";
-  for (char c : Utf8(text)) {
+  for (char c : ky::WideToUtf8(text)) {
     if (c == '"' || c == '\\') {
       out += '\\';
       out += c;
@@ -77,7 +71,7 @@ void Printer::Impacts(const std::vector<boottime::ProcessImpact>& impacts) const
               "other", "image");
   for (const auto& p : impacts) {
     std::printf("%8llu %8llu %10u %10u %12u %12u %12u  %s\n", static_cast<unsigned long long>(p.ppid),
-                static_cast<unsigned long long>(p.pid), p.kernel, p.user, p.read, p.write, p.other, Utf8(p.name).c_str());
+                static_cast<unsigned long long>(p.pid), p.kernel, p.user, p.read, p.write, p.other, ky::WideToUtf8(p.name).c_str());
   }
   std::printf("%zu process(es)\n", impacts.size());
 }

@@ -27,7 +27,6 @@ class Printer {
 
 // "not yet known", "no results" or "Windows error".
 const char* Meaning(std::uint32_t code);
-std::string Utf8(const std::wstring& text);
 std::string JsonString(const std::wstring& text);
 
 }  // namespace tool

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "common/log.h"
+#include "common/text_convert.h"
 #include "common/unique_handle.h"
 #include "picojson.h"
 #include "startup_catalog.h"
@@ -20,16 +21,8 @@ namespace {
 constexpr int kUsageError = ERROR_INVALID_PARAMETER;
 constexpr wchar_t kStorageFolder[] = L"Nexalon\\Lumera\\";
 
-std::string Utf8(const std::wstring& text) {
-  if (text.empty()) return {};
-  const int n = ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
-  std::string out(static_cast<std::size_t>(n), '\0');
-  ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), n, nullptr, nullptr);
-  return out;
-}
-
 void Print(FILE* stream, const std::wstring& text) {
-  const std::string bytes = Utf8(text + L"\n");
+  const std::string bytes = ky::WideToUtf8(text + L"\n");
   std::fwrite(bytes.data(), 1, bytes.size(), stream);
   std::fflush(stream);
 }
@@ -62,12 +55,12 @@ int List(startupctl::CStartupCatalog& catalog, bool json) {
     picojson::array list;
     for (const auto& entry : entries) {
       picojson::object object;
-      object["name"] = picojson::value(Utf8(entry.item->name));
-      object["kind"] = picojson::value(Utf8(startupctl::KindName(entry.kind)));
-      object["location"] = picojson::value(Utf8(entry.item->location));
-      object["command"] = picojson::value(Utf8(entry.item->path));
-      object["scope"] = picojson::value(Utf8(Scope(*entry.item)));
-      object["state"] = picojson::value(Utf8(entry.state));
+      object["name"] = picojson::value(ky::WideToUtf8(entry.item->name));
+      object["kind"] = picojson::value(ky::WideToUtf8(startupctl::KindName(entry.kind)));
+      object["location"] = picojson::value(ky::WideToUtf8(entry.item->location));
+      object["command"] = picojson::value(ky::WideToUtf8(entry.item->path));
+      object["scope"] = picojson::value(ky::WideToUtf8(Scope(*entry.item)));
+      object["state"] = picojson::value(ky::WideToUtf8(entry.state));
       list.push_back(picojson::value(std::move(object)));
     }
     const std::string text = picojson::value(std::move(list)).serialize(true) + "\n";

@@ -15,10 +15,10 @@
 #include <vector>
 
 #include "common/log.h"
+#include "common/text_convert.h"
 #include "common/unique_handle.h"
 #include "lumera/boottime.h"
 #include "lumera/interface_ids.h"
-#include "common/text_convert.h"
 #include "output.h"
 
 namespace {

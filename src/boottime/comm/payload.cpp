@@ -85,18 +85,8 @@ void CPayloadWriter::WriteProcessKey(std::uint64_t ppid, std::uint64_t pid, cons
 }
 
 void CPayloadWriter::WriteImpact(const ProcessImpact& impact) {
-  const std::size_t units = std::wcslen(impact.name.c_str());
-  std::uint8_t* at = Grow(kMinImpactBytes + 2 * units);
-  PutLE(at, impact.ppid);
-  PutLE(at + 8, impact.pid);
-  PutLE(at + 16, static_cast<std::uint32_t>(units + 1));
-  std::memcpy(at + 20, impact.name.c_str(), (units + 1) * 2);
-  at += 20 + (units + 1) * 2;
-  const std::uint32_t counters[] = {impact.kernel, impact.user, impact.read, impact.write, impact.other};
-  for (std::uint32_t counter : counters) {
-    PutLE(at, counter);
-    at += 4;
-  }
+  WriteProcessKey(impact.ppid, impact.pid, impact.name);
+  WriteCounters(impact);
 }
 
 void CPayloadWriter::WriteImpactList(const ky::IList<ProcessImpact>& impacts) {

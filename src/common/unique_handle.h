@@ -1,10 +1,14 @@
 // One owning type per kind of Windows handle: closes exactly once, movable, never copied.
+// Each traits class knows every value its kind uses for "no handle", and closing never
+// changes the thread's last error, so a failing call can be logged after its owner let go.
 #pragma once
 
 #include <windows.h>
 #include <winsvc.h>
 
 #include <utility>
+
+#include "common/critical_section.h"
 
 namespace ky {
 
@@ -25,14 +29,19 @@ class unique_any {
   ~unique_any() { reset(); }
 
   pointer get() const noexcept { return value_; }
-  explicit operator bool() const noexcept { return value_ != Traits::invalid(); }
-  bool valid() const noexcept { return value_ != Traits::invalid(); }
+  explicit operator bool() const noexcept { return valid(); }
+  bool valid() const noexcept { return Traits::is_valid(value_); }
 
   // Gives up ownership without closing.
-  pointer release() noexcept { return std::exchange(value_, Traits::invalid()); }
+  [[nodiscard]] pointer release() noexcept { return std::exchange(value_, Traits::invalid()); }
+  // Closes the current handle, if any, keeping the thread's last error as it was.
   void reset(pointer value = Traits::invalid()) noexcept {
     pointer old = std::exchange(value_, value);
-    if (old != Traits::invalid()) Traits::close(old);
+    if (Traits::is_valid(old)) {
+      const DWORD error = ::GetLastError();
+      Traits::close(old);
+      ::SetLastError(error);
+    }
   }
   // For out-parameters of APIs that create a handle; closes any current one first.
   pointer* put() noexcept {
@@ -44,40 +53,48 @@ class unique_any {
   pointer value_ = Traits::invalid();
 };
 
-struct HandleTraits {
+// Kernel objects: some calls fail with null, others with INVALID_HANDLE_VALUE, and -1 is also
+// the current-process pseudo-handle, which must never be closed.
+struct KernelHandleTraits {
   using type = HANDLE;
-  static type invalid() noexcept { return nullptr; }
+  static bool is_valid(type h) noexcept { return h != nullptr && h != INVALID_HANDLE_VALUE; }
   static void close(type h) noexcept { ::CloseHandle(h); }
 };
-struct FileHandleTraits {
-  using type = HANDLE;
+struct HandleTraits : KernelHandleTraits {
+  static type invalid() noexcept { return nullptr; }
+};
+struct FileHandleTraits : KernelHandleTraits {
   static type invalid() noexcept { return INVALID_HANDLE_VALUE; }
-  static void close(type h) noexcept { ::CloseHandle(h); }
 };
 struct RegKeyTraits {
   using type = HKEY;
   static type invalid() noexcept { return nullptr; }
+  static bool is_valid(type h) noexcept { return h != nullptr; }
   static void close(type h) noexcept { ::RegCloseKey(h); }
 };
 struct ModuleTraits {
   using type = HMODULE;
   static type invalid() noexcept { return nullptr; }
+  static bool is_valid(type h) noexcept { return h != nullptr; }
   static void close(type h) noexcept { ::FreeLibrary(h); }
 };
 struct FindTraits {
   using type = HANDLE;
   static type invalid() noexcept { return INVALID_HANDLE_VALUE; }
+  static bool is_valid(type h) noexcept { return h != nullptr && h != INVALID_HANDLE_VALUE; }
   static void close(type h) noexcept { ::FindClose(h); }
 };
 struct LocalMemTraits {
   using type = HLOCAL;
   static type invalid() noexcept { return nullptr; }
+  static bool is_valid(type h) noexcept { return h != nullptr; }
   static void close(type h) noexcept { ::LocalFree(h); }
 };
 
 struct ServiceHandleTraits {
   using type = SC_HANDLE;
   static type invalid() noexcept { return nullptr; }
+  static bool is_valid(type h) noexcept { return h != nullptr; }
   static void close(type h) noexcept { ::CloseServiceHandle(h); }
 };
 
@@ -89,18 +106,48 @@ using unique_find = unique_any<FindTraits>;
 using unique_local = unique_any<LocalMemTraits>;
 using unique_schandle = unique_any<ServiceHandleTraits>;
 
-// A CRITICAL_SECTION with its lifetime and a scoped holder.
-class CriticalSection {
+// A handle of a library bound at run time (an EVT_HANDLE, say), closed through the close
+// function bound with it; a null handle or a null close function closes nothing.
+template <class T, class CloseFn>
+class unique_bound {
  public:
-  CriticalSection() noexcept { ::InitializeCriticalSection(&cs_); }
-  ~CriticalSection() { ::DeleteCriticalSection(&cs_); }
-  CriticalSection(const CriticalSection&) = delete;
-  CriticalSection& operator=(const CriticalSection&) = delete;
-  void lock() noexcept { ::EnterCriticalSection(&cs_); }
-  void unlock() noexcept { ::LeaveCriticalSection(&cs_); }
+  unique_bound() noexcept = default;
+  unique_bound(T value, CloseFn close) noexcept : value_(value), close_(close) {}
+  unique_bound(const unique_bound&) = delete;
+  unique_bound& operator=(const unique_bound&) = delete;
+  unique_bound(unique_bound&& other) noexcept
+      : value_(std::exchange(other.value_, T{})), close_(std::exchange(other.close_, CloseFn{})) {}
+  unique_bound& operator=(unique_bound&& other) noexcept {
+    if (this != &other) {
+      reset();
+      value_ = std::exchange(other.value_, T{});
+      close_ = std::exchange(other.close_, CloseFn{});
+    }
+    return *this;
+  }
+  ~unique_bound() { reset(); }
+
+  T get() const noexcept { return value_; }
+  explicit operator bool() const noexcept { return value_ != T{}; }
+  [[nodiscard]] T release() noexcept { return std::exchange(value_, T{}); }
+  // Closes the current handle, if any, keeping the thread's last error as it was.
+  void reset() noexcept {
+    T old = std::exchange(value_, T{});
+    if (old != T{} && close_ != nullptr) {
+      const DWORD error = ::GetLastError();
+      close_(old);
+      ::SetLastError(error);
+    }
+  }
+  void reset(T value, CloseFn close) noexcept {
+    reset();
+    value_ = value;
+    close_ = close;
+  }
 
  private:
-  CRITICAL_SECTION cs_;
+  T value_{};
+  CloseFn close_{};
 };
 
 }  // namespace ky

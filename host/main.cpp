@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "common/log.h"
+#include "common/module_library.h"
 #include "common/unique_handle.h"
 #include "component_manager.h"
 #include "host_config.h"
@@ -70,22 +71,21 @@ bool ParseOptions(Options& options) {
       return false;
     }
   }
-  if (options.configPath.empty()) options.configPath = host::ExecutableFolder() + L"lumerahost.json";
+  if (options.configPath.empty()) options.configPath = ky::ThisModuleFolder() + L"lumerahost.json";
   return true;
 }
 
 // Holds logcore.dll for the host's whole life so the settings made here stay in force for
 // every user of the library in this process, the module included.
-ky::unique_module ConfigureLogging(const host::HostConfig& config) {
-  ky::unique_module logcore(::LoadLibraryW((host::ExecutableFolder() + L"logcore.dll").c_str()));
-  if (!logcore) return logcore;
-  auto bind = [&](const char* name) { return reinterpret_cast<void*>(::GetProcAddress(logcore.get(), name)); };
-  if (auto init = reinterpret_cast<LogInitFn>(bind("LogInit"))) init();
+ky::ModuleLibrary ConfigureLogging(const host::HostConfig& config) {
+  ky::ModuleLibrary logcore;
+  if (logcore.Load(ky::ThisModuleFolder() + L"logcore.dll") != 0) return logcore;
+  if (auto init = logcore.Resolve<LogInitFn>("LogInit")) init();
   if (!config.logFolder.empty()) {
-    if (auto setPath = reinterpret_cast<LogSetPathFn>(bind("LogSetPath"))) setPath(config.logFolder.c_str());
+    if (auto setPath = logcore.Resolve<LogSetPathFn>("LogSetPath")) setPath(config.logFolder.c_str());
   }
-  if (auto setLevel = reinterpret_cast<LogSetLevelFn>(bind("LogSetLevel"))) setLevel(config.logLevel);
-  if (auto setType = reinterpret_cast<LogSetTypeFn>(bind("LogSetType"))) {
+  if (auto setLevel = logcore.Resolve<LogSetLevelFn>("LogSetLevel")) setLevel(config.logLevel);
+  if (auto setType = logcore.Resolve<LogSetTypeFn>("LogSetType")) {
     setType(config.logToConsole ? logcore::kTypeFileAndConsole : logcore::kTypeFile);
   }
   return logcore;
@@ -145,7 +145,7 @@ void WINAPI ServiceMain(DWORD, LPWSTR*) {
     ReportServiceStatus(SERVICE_STOPPED, ERROR_BAD_CONFIGURATION);
     return;
   }
-  ky::unique_module logcore = ConfigureLogging(config);
+  ky::ModuleLibrary logcore = ConfigureLogging(config);
   ReportServiceStatus(SERVICE_RUNNING);
   const int result = RunHost(config, 0);
   ReportServiceStatus(SERVICE_STOPPED, result == 0 ? 0 : ERROR_SERVICE_SPECIFIC_ERROR);
@@ -197,7 +197,7 @@ int main() {
   }
   host::HostConfig config;
   if (!LoadConfig(config)) return 2;
-  ky::unique_module logcore = ConfigureLogging(config);
+  ky::ModuleLibrary logcore = ConfigureLogging(config);
   ::SetConsoleCtrlHandler(&OnConsoleCtrl, TRUE);
   return RunHost(config, config.seconds);
 }

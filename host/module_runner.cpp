@@ -5,37 +5,26 @@
 
 namespace host {
 
-std::wstring ExecutableFolder() {
-  std::wstring path(32768, L'\0');
-  const DWORD n = ::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size() - 1));
-  path.resize(n);
-  path.resize(path.find_last_of(L'\\') + 1);
-  return path;
-}
-
 ModuleRunner::ModuleRunner(const HostConfig& config, ComponentManager& manager) : config_(config), manager_(manager) {}
 
 ModuleRunner::~ModuleRunner() { Stop(); }
 
 bool ModuleRunner::Start() {
   KY_TRACE(L"host::ModuleRunner::Start");
-  const std::wstring path = ExecutableFolder() + config_.moduleName;
-  module_.reset(::LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
-  if (!module_) {
-    KY_LOG(logging::kLevelError, L"LoadLibrary %s failed 0x%x", path.c_str(), ::GetLastError());
-    return false;
-  }
-  create_ = reinterpret_cast<KyCreateObjectFn>(reinterpret_cast<void*>(::GetProcAddress(module_.get(), "KyCreateObject")));
-  destroy_ = reinterpret_cast<KyDestroyObjectFn>(reinterpret_cast<void*>(::GetProcAddress(module_.get(), "KyDestroyObject")));
-  if (create_ == nullptr || destroy_ == nullptr) {
-    KY_LOG(logging::kLevelError, L"%s lacks KyCreateObject/KyDestroyObject", path.c_str());
-    module_.reset();
+  const std::wstring path = ky::ThisModuleFolder() + config_.moduleName;
+  const char* missing = nullptr;
+  if (const std::uint32_t loaded = module_.Load(path, &missing); loaded != 0) {
+    if (missing != nullptr) {
+      KY_LOG(logging::kLevelError, L"%s lacks KyCreateObject/KyDestroyObject", path.c_str());
+    } else {
+      KY_LOG(logging::kLevelError, L"LoadLibrary %s failed 0x%x", path.c_str(), loaded);
+    }
     return false;
   }
   for (const std::wstring& name : config_.objects) {
     Object object{name};
     void* out = nullptr;
-    const std::uint32_t created = create_(name.c_str(), &lumera::ids::IServPlugin, &out);
+    const std::uint32_t created = module_.Create(name.c_str(), lumera::ids::IServPlugin, &out);
     if (created != 0 || out == nullptr) {
       KY_LOG(logging::kLevelError, L"KyCreateObject %s failed %u", name.c_str(), created);
       continue;
@@ -59,7 +48,7 @@ bool ModuleRunner::Start() {
 }
 
 void ModuleRunner::Stop() {
-  if (!module_) return;
+  if (!module_.Loaded()) return;
   KY_TRACE(L"host::ModuleRunner::Stop");
   for (auto it = objects_.rbegin(); it != objects_.rend(); ++it) {
     if (it->started) it->plugin->Stop();
@@ -67,13 +56,13 @@ void ModuleRunner::Stop() {
   for (auto it = objects_.rbegin(); it != objects_.rend(); ++it) {
     if (it->initialised) it->plugin->UnInit();
     manager_.UnregisterModuleObject(it->name);
-    destroy_(it->name.c_str(), it->plugin);
+    module_.Destroy(it->name.c_str(), it->plugin);
     KY_LOG(logging::kLevelInfo, L"%s destroyed", it->name.c_str());
   }
   objects_.clear();
   // Host plug-ins may hold callbacks into the module: they go before the module is unloaded.
   manager_.Shutdown();
-  module_.reset();
+  module_.Free();
 }
 
 }  // namespace host

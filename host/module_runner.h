@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "common/unique_handle.h"
+#include "common/module_library.h"
 #include "component_manager.h"
 #include "lumera/ky_base.h"
 
@@ -37,13 +37,8 @@ class ModuleRunner {
 
   const HostConfig& config_;
   ComponentManager& manager_;
-  ky::unique_module module_;
-  KyCreateObjectFn create_ = nullptr;
-  KyDestroyObjectFn destroy_ = nullptr;
+  ky::KyFactoryLibrary module_;
   std::vector<Object> objects_;
 };
-
-// The folder of the running executable, with a trailing backslash.
-std::wstring ExecutableFolder();
 
 }  // namespace host

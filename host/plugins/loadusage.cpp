@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "common/log.h"
+#include "common/module_library.h"
 #include "common/unique_handle.h"
 #include "host_plugin.h"
 #include "loadusage_window.h"
@@ -23,8 +24,6 @@ namespace {
 constexpr DWORD kSampleMs = 1000;
 constexpr std::size_t kWindowSeconds = 60;
 constexpr int kMaxDrives = 16;
-
-std::uint64_t Value(const FILETIME& t) { return (std::uint64_t{t.dwHighDateTime} << 32) | t.dwLowDateTime; }
 
 // Cumulative idle and total time of the processors, or of the disks, in 100-ns units.
 struct Reading {
@@ -88,8 +87,8 @@ class DiskCounters {
 bool ReadProcessors(Reading& reading) {
   FILETIME idle{}, kernel{}, user{};
   if (!::GetSystemTimes(&idle, &kernel, &user)) return false;
-  reading.idle = Value(idle);
-  reading.total = Value(kernel) + Value(user);  // kernel time includes idle time
+  reading.idle = ky::FileTimeToU64(idle);
+  reading.total = ky::FileTimeToU64(kernel) + ky::FileTimeToU64(user);  // kernel time includes idle time
   return true;
 }
 

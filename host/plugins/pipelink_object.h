@@ -7,26 +7,22 @@
 #include <string>
 
 #include "common/log.h"
-#include "common/unique_handle.h"
+#include "common/module_library.h"
 #include "lumera/pipelink.h"
-#include "module_runner.h"
 
 namespace host {
 
 class PipelinkObject {
  public:
   PipelinkObject(const wchar_t* objectName, const GUID& iid) : name_(objectName) {
-    const std::wstring path = ExecutableFolder() + L"pipelink.dll";
-    library_.reset(::LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
-    if (!library_) {
-      logging::Write(logging::kLevelError, L"host::PipelinkObject", L"LoadLibrary %s failed 0x%x", path.c_str(),
-                     ::GetLastError());
+    const std::wstring path = ky::ThisModuleFolder() + L"pipelink.dll";
+    const char* missing = nullptr;
+    std::uint32_t result = library_.Load(path, &missing);
+    if (result != 0 && missing == nullptr) {
+      logging::Write(logging::kLevelError, L"host::PipelinkObject", L"LoadLibrary %s failed 0x%x", path.c_str(), result);
       return;
     }
-    auto create = reinterpret_cast<KyCreateObjectFn>(reinterpret_cast<void*>(::GetProcAddress(library_.get(), "KyCreateObject")));
-    destroy_ = reinterpret_cast<KyDestroyObjectFn>(reinterpret_cast<void*>(::GetProcAddress(library_.get(), "KyDestroyObject")));
-    std::uint32_t result = ERROR_PROC_NOT_FOUND;
-    if (create != nullptr && destroy_ != nullptr) result = create(name_, &iid, &object_);
+    if (result == 0) result = library_.Create(name_, iid, &object_);
     if (result != 0 || object_ == nullptr) {
       logging::Write(logging::kLevelError, L"host::PipelinkObject", L"KyCreateObject %s failed 0x%x", name_, result);
       object_ = nullptr;
@@ -38,14 +34,13 @@ class PipelinkObject {
 
   void* Object() const { return object_; }
   void Destroy() {
-    if (object_ != nullptr && destroy_ != nullptr) destroy_(name_, object_);
+    library_.Destroy(name_, object_);
     object_ = nullptr;
   }
 
  private:
   const wchar_t* name_;
-  ky::unique_module library_;
-  KyDestroyObjectFn destroy_ = nullptr;
+  ky::KyFactoryLibrary library_;
   void* object_ = nullptr;
 };
 

@@ -4,6 +4,7 @@
 #include <sstream>
 
 #include "common/log.h"
+#include "common/module_library.h"
 
 namespace boottime {
 
@@ -39,7 +40,7 @@ bool BootTimeDiskPerformance::ReadIdle(std::uint64_t& idle) {
                    L"GetSystemTimes failed with error code %lu", ::GetLastError());
     return false;
   }
-  idle = FileTimeValue(idleTime);
+  idle = ky::FileTimeToU64(idleTime);
   return true;
 }
 

@@ -1,5 +1,7 @@
 #include "boottime/clock.h"
 
+#include "common/module_library.h"
+
 namespace boottime {
 
 std::uint32_t SystemClock::TickCount() { return ::GetTickCount(); }
@@ -7,10 +9,7 @@ std::uint32_t SystemClock::TickCount() { return ::GetTickCount(); }
 std::uint64_t SystemClock::WallClock() {
   FILETIME now{};
   ::GetSystemTimeAsFileTime(&now);
-  ULARGE_INTEGER value{};
-  value.LowPart = now.dwLowDateTime;
-  value.HighPart = now.dwHighDateTime;
-  return value.QuadPart / 10000;
+  return ky::FileTimeToU64(now) / 10000;
 }
 
 DWORD SystemClock::WaitForStop(HANDLE stopEvent, DWORD milliseconds) {

@@ -33,9 +33,4 @@ class SystemCountersSource final : public IProcessCountersSource {
   static SystemCountersSource& Instance();
 };
 
-// A FILETIME as one 64-bit count of 100-ns units.
-inline std::uint64_t FileTimeValue(const FILETIME& time) {
-  return (static_cast<std::uint64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
-}
-
 }  // namespace boottime

@@ -4,6 +4,7 @@
 
 #include "boottime/process_utils.h"
 #include "common/log.h"
+#include "common/module_library.h"
 #include "common/unique_handle.h"
 
 namespace boottime {
@@ -82,8 +83,8 @@ bool BootTimeMonitor::Processes::GetProcessCounters(HANDLE process, ProcessCount
                    L"GetProcessIoCounters failed 0x%x", ::GetLastError());
     return false;
   }
-  out.kernel = static_cast<std::uint32_t>(FileTimeValue(kernel) / 10000);
-  out.user = static_cast<std::uint32_t>(FileTimeValue(user) / 10000);
+  out.kernel = static_cast<std::uint32_t>(ky::FileTimeToU64(kernel) / 10000);
+  out.user = static_cast<std::uint32_t>(ky::FileTimeToU64(user) / 10000);
   out.read = static_cast<std::uint32_t>(io.ReadTransferCount);
   out.write = static_cast<std::uint32_t>(io.WriteTransferCount);
   out.other = static_cast<std::uint32_t>(io.OtherTransferCount);

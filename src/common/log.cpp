@@ -2,14 +2,9 @@
 
 #include <cwchar>
 #include <string>
-#include <vector>
-
-extern "C" IMAGE_DOS_HEADER __ImageBase;
 
 namespace logging {
 namespace {
-
-constexpr DWORD kMaxModulePath = 32767;
 
 std::int32_t __cdecl NoLogWrite(std::uint16_t, const std::uint32_t*, const void*, const wchar_t*, const wchar_t*, ...) {
   return kNoInterface;
@@ -31,50 +26,40 @@ class SpinGuard {
 
 std::atomic<long>& CountOf(LogUser user) { return user == LogUser::kTracer ? g_tracerUsers : g_siteUsers; }
 
-template <class Fn>
-Fn Resolve(HMODULE module, const char* name) {
-  return reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
-}
-
 }  // namespace
 
-const void* CLogDLL::ModuleBase() { return &__ImageBase; }
+const void* CLogDLL::ModuleBase() { return ky::ThisModule(); }
 
 CLogDLL::CLogDLL() {
-  std::vector<wchar_t> path(kMaxModulePath + 1, L'\0');
-  DWORD n = ::GetModuleFileNameW(reinterpret_cast<HMODULE>(&__ImageBase), path.data(), kMaxModulePath);
-  std::wstring file(path.data(), n);
-  const size_t slash = file.find_last_of(L'\\');
-  file.resize(slash == std::wstring::npos ? 0 : slash);
-  file += L"\\logcore.dll";
-
-  module_.reset(::LoadLibraryW(file.c_str()));
-  if (module_) {
-    if (auto init = Resolve<LogInitFn>(module_.get(), "LogInit")) init();
-    pfnLogApplySettings = Resolve<LogApplySettingsFn>(module_.get(), "LogApplySettings");
-    pfnLogSetSettingsFile = Resolve<LogSetSettingsFileFn>(module_.get(), "LogSetSettingsFile");
-    pfnLogEnable = Resolve<LogEnableFn>(module_.get(), "LogEnable");
-    pfnLogSetLevel = Resolve<LogSetLevelFn>(module_.get(), "LogSetLevel");
-    pfnLogSetPath = Resolve<LogSetPathFn>(module_.get(), "LogSetPath");
-    pfnLogSetType = Resolve<LogSetTypeFn>(module_.get(), "LogSetType");
-    pfnLogSetMode = Resolve<LogSetModeFn>(module_.get(), "LogSetMode");
-    pfnLogSetMaxSize = Resolve<LogSetMaxSizeFn>(module_.get(), "LogSetMaxSize");
-    pfnLogSetDepth = Resolve<LogSetDepthFn>(module_.get(), "LogSetDepth");
-    pfnLogWrite = Resolve<LogWriteFn>(module_.get(), "LogWrite");
-    pfnLogIsEnabled = Resolve<LogIsEnabledFn>(module_.get(), "LogIsEnabled");
-    pfnLogMonitorSettings = Resolve<LogMonitorSettingsFn>(module_.get(), "LogMonitorSettings");
-    pfnLogUninitDeskMetrics = Resolve<LogUninitDeskMetricsFn>(module_.get(), "LogUninitDeskMetrics");
-    pfnLogTrackEvent = Resolve<LogTrackEventFn>(module_.get(), "LogTrackEvent");
-    pfnLogTrackEventData = Resolve<LogTrackEventDataFn>(module_.get(), "LogTrackEventData");
-    pfnLogRemoveModule = Resolve<LogRemoveModuleFn>(module_.get(), "LogRemoveModule");
-    pfnLogGetLevel = Resolve<LogGetLevelFn>(module_.get(), "LogGetLevel");
+  // The first message may be the one reporting a failed call's last error.
+  const DWORD error = ::GetLastError();
+  if (module_.Load(ky::ThisModuleFolder() + L"logcore.dll") == 0) {
+    if (auto init = module_.Resolve<LogInitFn>("LogInit")) init();
+    pfnLogApplySettings = module_.Resolve<LogApplySettingsFn>("LogApplySettings");
+    pfnLogSetSettingsFile = module_.Resolve<LogSetSettingsFileFn>("LogSetSettingsFile");
+    pfnLogEnable = module_.Resolve<LogEnableFn>("LogEnable");
+    pfnLogSetLevel = module_.Resolve<LogSetLevelFn>("LogSetLevel");
+    pfnLogSetPath = module_.Resolve<LogSetPathFn>("LogSetPath");
+    pfnLogSetType = module_.Resolve<LogSetTypeFn>("LogSetType");
+    pfnLogSetMode = module_.Resolve<LogSetModeFn>("LogSetMode");
+    pfnLogSetMaxSize = module_.Resolve<LogSetMaxSizeFn>("LogSetMaxSize");
+    pfnLogSetDepth = module_.Resolve<LogSetDepthFn>("LogSetDepth");
+    pfnLogWrite = module_.Resolve<LogWriteFn>("LogWrite");
+    pfnLogIsEnabled = module_.Resolve<LogIsEnabledFn>("LogIsEnabled");
+    pfnLogMonitorSettings = module_.Resolve<LogMonitorSettingsFn>("LogMonitorSettings");
+    pfnLogUninitDeskMetrics = module_.Resolve<LogUninitDeskMetricsFn>("LogUninitDeskMetrics");
+    pfnLogTrackEvent = module_.Resolve<LogTrackEventFn>("LogTrackEvent");
+    pfnLogTrackEventData = module_.Resolve<LogTrackEventDataFn>("LogTrackEventData");
+    pfnLogRemoveModule = module_.Resolve<LogRemoveModuleFn>("LogRemoveModule");
+    pfnLogGetLevel = module_.Resolve<LogGetLevelFn>("LogGetLevel");
   }
   if (pfnLogWrite == nullptr) pfnLogWrite = &NoLogWrite;
+  ::SetLastError(error);
 }
 
 CLogDLL::~CLogDLL() {
-  if (module_) {
-    if (auto deinit = Resolve<LogDeinitFn>(module_.get(), "LogDeinit")) deinit();
+  if (module_.Loaded()) {
+    if (auto deinit = module_.Resolve<LogDeinitFn>("LogDeinit")) deinit();
   }
 }
 

@@ -14,7 +14,7 @@
 #include <string>
 #include <type_traits>
 
-#include "common/unique_handle.h"
+#include "common/module_library.h"
 #include "lumera/logcore.h"
 
 namespace logging {
@@ -34,7 +34,7 @@ class CLogDLL {
   CLogDLL(const CLogDLL&) = delete;
   CLogDLL& operator=(const CLogDLL&) = delete;
 
-  bool Loaded() const { return module_.valid(); }
+  bool Loaded() const { return module_.Loaded(); }
 
   template <class... Args>
   std::int32_t Write(std::uint16_t depthChange, std::uint32_t level, const wchar_t* function, const wchar_t* format,
@@ -46,7 +46,7 @@ class CLogDLL {
   static const void* ModuleBase();
 
  private:
-  ky::unique_module module_;
+  ky::ModuleLibrary module_;
   LogApplySettingsFn pfnLogApplySettings = nullptr;
   LogSetSettingsFileFn pfnLogSetSettingsFile = nullptr;
   LogEnableFn pfnLogEnable = nullptr;

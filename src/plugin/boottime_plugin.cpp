@@ -6,10 +6,9 @@
 #include <vector>
 
 #include "common/log.h"
+#include "common/module_library.h"
 #include "lumera/interface_ids.h"
 #include "lumera/productinfo.h"
-
-extern "C" IMAGE_DOS_HEADER __ImageBase;
 
 namespace boottime {
 namespace {
@@ -17,15 +16,6 @@ namespace {
 constexpr std::uint32_t kHostMissing = 0xFFFFFFFF;
 constexpr wchar_t kLoadUsage[] = L"LoadUsage";
 constexpr wchar_t kProductInfo[] = L"productinfo";
-
-std::wstring ModuleFolder(HMODULE module) {
-  std::vector<wchar_t> path(32768, L'\0');
-  const DWORD n = ::GetModuleFileNameW(module, path.data(), static_cast<DWORD>(path.size() - 1));
-  std::wstring folder(path.data(), n);
-  const size_t slash = folder.find_last_of(L'\\');
-  folder.resize(slash == std::wstring::npos ? 0 : slash + 1);
-  return folder;
-}
 
 }  // namespace
 
@@ -157,9 +147,9 @@ void CBootTimePlugin::GetSettingsFolderPath() {
   if (!folder.empty()) {
     if (folder.back() != L'\\') folder += L'\\';
     folder += L"velora\\";
-    if (::PathIsRelativeW(folder.c_str())) folder = ModuleFolder(reinterpret_cast<HMODULE>(&__ImageBase)) + folder;
+    if (::PathIsRelativeW(folder.c_str())) folder = ky::ThisModuleFolder() + folder;
   } else {
-    folder = ModuleFolder(nullptr) + L"settings\\velora\\";
+    folder = ky::ModuleFolder(nullptr) + L"settings\\velora\\";
   }
   ::CreateDirectoryW(folder.c_str(), nullptr);
   settingsFolder_ = folder;

@@ -4,6 +4,7 @@
 
 #include "common/json_file.h"
 #include "common/log.h"
+#include "common/module_library.h"
 #include "common/unique_handle.h"
 
 namespace startup::storage {
@@ -16,7 +17,7 @@ constexpr std::int64_t kUnixEpochSeconds = 11644473600LL;
 std::int64_t NowUnixSeconds() {
   FILETIME now{};
   ::GetSystemTimeAsFileTime(&now);
-  const std::int64_t ticks = (static_cast<std::int64_t>(now.dwHighDateTime) << 32) | now.dwLowDateTime;
+  const auto ticks = static_cast<std::int64_t>(ky::FileTimeToU64(now));
   return ticks / 10000000 - kUnixEpochSeconds;
 }
 

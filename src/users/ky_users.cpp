@@ -1,30 +1,8 @@
 #include "users/ky_users.h"
 
-#include <shlwapi.h>
-
-#include <vector>
-
 #include "common/log.h"
 
-extern "C" IMAGE_DOS_HEADER __ImageBase;
-
 namespace velora::utils {
-namespace {
-
-template <class Fn>
-Fn Bind(HMODULE module, const char* name) {
-  return reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
-}
-
-std::wstring LibraryBesideThisBinary() {
-  std::vector<wchar_t> path(MAX_PATH + 1, L'\0');
-  ::GetModuleFileNameW(reinterpret_cast<HMODULE>(&__ImageBase), path.data(), MAX_PATH);
-  ::PathRemoveFileSpecW(path.data());
-  ::PathAppendW(path.data(), kyusers::kLibraryName);
-  return path.data();
-}
-
-}  // namespace
 
 CKYUsers& CKYUsers::Instance() {
   static CKYUsers instance;
@@ -32,32 +10,25 @@ CKYUsers& CKYUsers::Instance() {
 }
 
 bool CKYUsers::BoundLocked() const {
-  return module_ && basic_ != nullptr && advanced_ != nullptr && impersonate_ != nullptr && revert_ != nullptr;
+  return module_.Loaded() && basic_ != nullptr && advanced_ != nullptr && impersonate_ != nullptr && revert_ != nullptr;
 }
 
 bool CKYUsers::ReloadDll() {
   KY_TRACE(L"CKYUsers::ReloadDll");
   ExclusiveLock hold(lock_);
   if (BoundLocked()) return true;
-  const std::wstring path = LibraryBesideThisBinary();
-  ::SetLastError(0);
-  module_.reset(::LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
-  if (!module_) module_.reset(::LoadLibraryW(kyusers::kLibraryName));
-  if (!module_) {
+  const std::wstring path = ky::ThisModuleFolder() + kyusers::kLibraryName;
+  if (module_.Load(path) != 0 && module_.Load(kyusers::kLibraryName) != 0) {
     KY_LOG(logging::kLevelError, L"LoadLibrary %s failed 0x%x", path.c_str(), ::GetLastError());
     return false;
   }
-  basic_ = Bind<kyusers::SrvGetCurrentUserInfoBasicFn>(module_.get(), kyusers::kGetCurrentUserInfoBasic);
-  advanced_ = Bind<kyusers::SrvGetCurrentUserInfoAdvancedFn>(module_.get(), kyusers::kGetCurrentUserInfoAdvanced);
-  impersonate_ = Bind<kyusers::SrvImpersonateCurrentUserFn>(module_.get(), kyusers::kImpersonateCurrentUser);
-  revert_ = Bind<kyusers::SrvRevertToSelfFn>(module_.get(), kyusers::kRevertToSelf);
-  if (!BoundLocked()) {
+  const std::uint32_t bound =
+      module_.Bind({ky::BindAs(kyusers::kGetCurrentUserInfoBasic, basic_),
+                    ky::BindAs(kyusers::kGetCurrentUserInfoAdvanced, advanced_),
+                    ky::BindAs(kyusers::kImpersonateCurrentUser, impersonate_), ky::BindAs(kyusers::kRevertToSelf, revert_)});
+  if (bound != 0) {
     KY_LOG(logging::kLevelError, L"GetProcAddress in %s failed 0x%x", path.c_str(), ERROR_PROC_NOT_FOUND);
-    basic_ = nullptr;
-    advanced_ = nullptr;
-    impersonate_ = nullptr;
-    revert_ = nullptr;
-    module_.reset();
+    module_.Free();
     return false;
   }
   return true;
@@ -70,7 +41,7 @@ void CKYUsers::UnloadDll() {
   advanced_ = nullptr;
   impersonate_ = nullptr;
   revert_ = nullptr;
-  module_.reset();
+  module_.Free();
 }
 
 bool CKYUsers::IsLoaded() {

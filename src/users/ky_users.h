@@ -7,7 +7,7 @@
 #include <string>
 
 #include "common/sync_rw_lock.h"
-#include "common/unique_handle.h"
+#include "common/module_library.h"
 #include "lumera/kyusers.h"
 
 namespace velora::utils {
@@ -46,7 +46,7 @@ class CKYUsers {
   bool BoundLocked() const;
 
   CSyncRWLock lock_;
-  ky::unique_module module_;
+  ky::ModuleLibrary module_;
   kyusers::SrvGetCurrentUserInfoBasicFn basic_ = nullptr;
   kyusers::SrvGetCurrentUserInfoAdvancedFn advanced_ = nullptr;
   kyusers::SrvImpersonateCurrentUserFn impersonate_ = nullptr;

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "common/module_library.h"
 #include "common/unique_handle.h"
 #include "lumera/interface_ids.h"
 #include "lumera/pipelink.h"
@@ -25,20 +26,17 @@ inline std::wstring UniqueName(const char* test) {
 
 class Library {
  public:
-  Library() : module_(::LoadLibraryW((testsupport::ExeFolder() + L"pipelink.dll").c_str())) {
-    if (!module_) return;
-    create_ = reinterpret_cast<KyCreateObjectFn>(reinterpret_cast<void*>(::GetProcAddress(module_.get(), "KyCreateObject")));
-    destroy_ = reinterpret_cast<KyDestroyObjectFn>(reinterpret_cast<void*>(::GetProcAddress(module_.get(), "KyDestroyObject")));
-    if (!create_ || !destroy_) return;
+  Library() {
+    if (module_.Load(testsupport::ExeFolder() + L"pipelink.dll") != 0) return;
     void* object = nullptr;
-    if (create_(L"connserver", &lumera::ids::PipeLinkServer, &object) == 0) server_ = static_cast<pipelink::IConnServer*>(object);
+    if (module_.Create(L"connserver", lumera::ids::PipeLinkServer, &object) == 0) server_ = static_cast<pipelink::IConnServer*>(object);
     object = nullptr;
-    if (create_(L"connclient", &lumera::ids::PipeLinkClient, &object) == 0) client_ = static_cast<pipelink::IConnClient*>(object);
+    if (module_.Create(L"connclient", lumera::ids::PipeLinkClient, &object) == 0) client_ = static_cast<pipelink::IConnClient*>(object);
     if (client_ && (client_->Init(0) != 0 || client_->Start() != 0)) client_ = nullptr;
   }
   ~Library() {
-    if (client_) destroy_(L"connclient", client_);
-    if (server_) destroy_(L"connserver", server_);
+    module_.Destroy(L"connclient", client_);
+    module_.Destroy(L"connserver", server_);
   }
 
   bool Ready() const { return server_ != nullptr && client_ != nullptr; }
@@ -46,9 +44,7 @@ class Library {
   pipelink::IConnClient* Client() const { return client_; }
 
  private:
-  ky::unique_module module_;
-  KyCreateObjectFn create_ = nullptr;
-  KyDestroyObjectFn destroy_ = nullptr;
+  ky::KyFactoryLibrary module_;
   pipelink::IConnServer* server_ = nullptr;
   pipelink::IConnClient* client_ = nullptr;
 };

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "common/unique_handle.h"
+#include "common/module_library.h"
 #include "lumera/logcore.h"
 #include "support/scratch_folder.h"
 #include "support/test_thread.h"
@@ -61,14 +61,14 @@ class LogcoreLibrary {
     ::CopyFileW((testsupport::ExeFolder() + L"..\\logcore.dll").c_str(), path_.c_str(), TRUE);
     Load();
   }
-  void Load() { module_.reset(::LoadLibraryW(path_.c_str())); }
+  void Load() { (void)module_.Load(path_); }
   // Unloading closes the file, so that the test reads everything that was written.
-  void Unload() { module_.reset(); }
+  void Unload() { module_.Free(); }
   HMODULE module() const { return module_.get(); }
 
   template <class Fn>
   Fn Get(const char* name) const {
-    return reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(module_.get(), name)));
+    return module_.Resolve<Fn>(name);
   }
   int Write(std::uint16_t depthChange, std::uint32_t level, const wchar_t* function, const wchar_t* text) {
     return Get<LogWriteFn>("LogWrite")(depthChange, &level, module_.get(), function, L"%s", text);
@@ -76,7 +76,7 @@ class LogcoreLibrary {
 
  private:
   std::wstring path_;
-  ky::unique_module module_;
+  ky::ModuleLibrary module_;
 };
 
 class Logcore : public ::testing::Test {

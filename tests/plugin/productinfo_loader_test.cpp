@@ -5,7 +5,7 @@
 #include <string>
 #include <tuple>
 
-#include "plugin/sibling_loader.h"
+#include "plugin/productinfo_loader.h"
 #include "support/scratch_folder.h"
 
 namespace {

@@ -3,23 +3,12 @@
 #include "support/scratch_folder.h"
 
 namespace testsupport {
-namespace {
 
-template <class Fn>
-Fn Bind(HMODULE module, const char* name) {
-  return reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
-}
-
-}  // namespace
-
-CapturedLog::CapturedLog() : module_(::LoadLibraryW((ExeFolder() + L"logcore.dll").c_str())) {
-  if (!module_) return;
-  auto messages = Bind<CaptureMessagesFn>(module_.get(), "CaptureMessages");
-  lock_ = Bind<CaptureLockFn>(module_.get(), "CaptureLock");
-  unlock_ = Bind<CaptureLockFn>(module_.get(), "CaptureUnlock");
-  clear_ = Bind<CaptureClearFn>(module_.get(), "CaptureClear");
-  outstandingInits_ = Bind<CaptureOutstandingInitsFn>(module_.get(), "CaptureOutstandingInits");
-  if (lock_ && unlock_ && clear_ && outstandingInits_) messages_ = messages;
+CapturedLog::CapturedLog() {
+  if (module_.Load(ExeFolder() + L"logcore.dll") != 0) return;
+  (void)module_.Bind({ky::BindAs("CaptureMessages", messages_), ky::BindAs("CaptureLock", lock_),
+                      ky::BindAs("CaptureUnlock", unlock_), ky::BindAs("CaptureClear", clear_),
+                      ky::BindAs("CaptureOutstandingInits", outstandingInits_)});
   clear();
 }
 

@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "common/unique_handle.h"
+#include "common/module_library.h"
 
 namespace testsupport {
 
@@ -60,7 +60,7 @@ class CapturedLog {
   int outstandingInits() const;
 
  private:
-  ky::unique_module module_;
+  ky::ModuleLibrary module_;
   CaptureMessagesFn messages_ = nullptr;
   CaptureLockFn lock_ = nullptr;
   CaptureLockFn unlock_ = nullptr;

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "common/module_library.h"
 #include "common/unique_handle.h"
 
 namespace testsupport {
@@ -32,11 +33,7 @@ ScratchFolder::~ScratchFolder() {
   std::filesystem::remove_all(std::filesystem::path(path_), ignored);
 }
 
-std::wstring ExeFolder() {
-  std::wstring path(32768, L'\0');
-  path.resize(::GetModuleFileNameW(nullptr, path.data(), 32767));
-  return path.substr(0, path.find_last_of(L'\\') + 1);
-}
+std::wstring ExeFolder() { return ky::ModuleFolder(nullptr); }
 
 std::string ReadFileBytes(const std::wstring& path) {
   ky::unique_file file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "common/log.h"
+#include "common/module_library.h"
 #include "common/text_convert.h"
 #include "common/unique_handle.h"
 #include "lumera/boottime.h"
@@ -122,12 +123,6 @@ class Listener final : public boottime::IBootTimeResponse, public boottime::IBoo
   std::atomic<unsigned long> broadcasts_{0};
 };
 
-std::wstring OwnFolder() {
-  std::wstring path(32768, L'\0');
-  path.resize(::GetModuleFileNameW(nullptr, path.data(), 32767));
-  return path.substr(0, path.find_last_of(L'\\') + 1);
-}
-
 int RunSync(const Options& o, boottime::IBootTimeCommClient* client, const tool::Printer& printer) {
   std::uint32_t code = 0;
   if (o.command == L"time") {
@@ -179,15 +174,15 @@ int RunWatch(const Options& o, Listener& listener) {
 
 int Run(const Options& o) {
   const tool::Printer printer(o.json);
-  ky::unique_module module(::LoadLibraryExW((OwnFolder() + L"LumeraPlg.dll").c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
-  if (!module) {
-    std::fprintf(stderr, "boottime: cannot load LumeraPlg.dll: %lu\n", ::GetLastError());
+  ky::KyFactoryLibrary module;
+  const char* missing = nullptr;
+  const std::uint32_t loaded = module.Load(ky::ThisModuleFolder() + L"LumeraPlg.dll", &missing);
+  if (loaded != 0 && missing == nullptr) {
+    std::fprintf(stderr, "boottime: cannot load LumeraPlg.dll: %lu\n", static_cast<unsigned long>(loaded));
     return 3;
   }
-  auto create = reinterpret_cast<KyCreateObjectFn>(reinterpret_cast<void*>(::GetProcAddress(module.get(), "KyCreateObject")));
-  auto destroy = reinterpret_cast<KyDestroyObjectFn>(reinterpret_cast<void*>(::GetProcAddress(module.get(), "KyDestroyObject")));
   void* object = nullptr;
-  const std::uint32_t created = create && destroy ? create(kObjectName, &lumera::ids::IBootTimeCommClient, &object) : 127;
+  const std::uint32_t created = loaded != 0 ? loaded : module.Create(kObjectName, lumera::ids::IBootTimeCommClient, &object);
   if (created != 0 || object == nullptr) {
     std::fprintf(stderr, "boottime: cannot create %ls: %u\n", kObjectName, created);
     return 3;
@@ -212,7 +207,7 @@ int Run(const Options& o) {
   }
   client->Stop();
   client->UnInit();
-  destroy(kObjectName, object);
+  module.Destroy(kObjectName, object);
   return exitCode;
 }
 

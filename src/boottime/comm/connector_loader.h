@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "common/unique_handle.h"
+#include "common/module_library.h"
 #include "lumera/pipelink.h"
 
 namespace boottime {
@@ -26,14 +26,11 @@ class CConnectorLibrary {
 
   pipelink::IConnClient* Client() const { return client_; }
 
-  // The folder of the module this code is linked into, with a trailing backslash.
-  static std::wstring ModuleFolder();
-  // ModuleFolder() + "pipelink.dll".
+  // The folder of the module this code is linked into + "pipelink.dll".
   static std::wstring DefaultPath();
 
  private:
-  ky::unique_module library_;
-  KyDestroyObjectFn destroy_ = nullptr;
+  ky::KyFactoryLibrary library_;
   pipelink::IConnClient* client_ = nullptr;
 };
 

@@ -1,15 +1,10 @@
-#include "plugin/sibling_loader.h"
-
-#include <shlwapi.h>
+#include "plugin/productinfo_loader.h"
 
 #include <mutex>
-#include <vector>
 
 #include "common/log.h"
-#include "common/unique_handle.h"
+#include "common/module_library.h"
 #include "lumera/interface_ids.h"
-
-extern "C" IMAGE_DOS_HEADER __ImageBase;
 
 namespace plugin {
 namespace {
@@ -18,9 +13,7 @@ constexpr wchar_t kLibraryName[] = L"hostconfig.dll";
 constexpr wchar_t kObjectName[] = L"productinfo";
 
 struct ProductInfoSlot {
-  ky::unique_module library;
-  KyCreateObjectFn create = nullptr;
-  KyDestroyObjectFn destroy = nullptr;
+  ky::KyFactoryLibrary library;
   IKyBaseInterface* object = nullptr;
   IProductInfo* info = nullptr;
 
@@ -31,50 +24,37 @@ struct ProductInfoSlot {
         plugin->Stop();
         plugin->UnInit();
       }
-      if (destroy != nullptr) destroy(kObjectName, object);
+      library.Destroy(kObjectName, object);
     }
-    *this = ProductInfoSlot{};  // the library goes last, after its object
+    object = nullptr;
+    info = nullptr;
+    library.Free();  // the library goes last, after its object
   }
 };
 
 std::mutex g_lock;
 ProductInfoSlot g_slot;
 
-std::uint32_t LastErrorOr632() {
-  const DWORD error = ::GetLastError();
-  return error != 0 ? error : kErrorProductInfo;
-}
-
 std::uint32_t Load(ProductInfoSlot& slot) {
   KY_TRACE(L"plugin::LoadProductInfo");
-  std::vector<wchar_t> path(MAX_PATH + 1, L'\0');
-  ::GetModuleFileNameW(reinterpret_cast<HMODULE>(&__ImageBase), path.data(), MAX_PATH);
-  ::PathRemoveFileSpecW(path.data());
-  ::PathAppendW(path.data(), kLibraryName);
-
-  ::SetLastError(0);
-  slot.library.reset(::LoadLibraryW(path.data()));
-  if (!slot.library && !::PathIsRelativeW(path.data())) {
-    slot.library.reset(::LoadLibraryExW(path.data(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
-  }
-  if (!slot.library) {
-    const std::uint32_t error = LastErrorOr632();
-    KY_LOG(logging::kLevelWarning, L"LoadLibrary %s failed 0x%x", path.data(), error);
-    return error;
-  }
-  slot.create = reinterpret_cast<KyCreateObjectFn>(reinterpret_cast<void*>(::GetProcAddress(slot.library.get(), "KyCreateObject")));
-  slot.destroy = reinterpret_cast<KyDestroyObjectFn>(reinterpret_cast<void*>(::GetProcAddress(slot.library.get(), "KyDestroyObject")));
-  if (slot.create == nullptr || slot.destroy == nullptr) {
-    const std::uint32_t error = LastErrorOr632();
-    KY_LOG(logging::kLevelWarning, L"GetProcAddress in %s failed 0x%x", path.data(), error);
+  const std::wstring path = ky::ThisModuleFolder() + kLibraryName;
+  const char* missing = nullptr;
+  if (slot.library.Load(path, &missing) != 0) {
+    // The failing call's own last error is still set; 632 stands in when it left none.
+    const std::uint32_t error = ky::LastErrorOr(kErrorProductInfo);
+    if (missing != nullptr) {
+      KY_LOG(logging::kLevelWarning, L"GetProcAddress in %s failed 0x%x", path.c_str(), error);
+    } else {
+      KY_LOG(logging::kLevelWarning, L"LoadLibrary %s failed 0x%x", path.c_str(), error);
+    }
     return error;
   }
   void* object = nullptr;
   ::SetLastError(0);
-  std::uint32_t result = slot.create(kObjectName, &lumera::ids::IKyBaseInterface, &object);
+  std::uint32_t result = slot.library.Create(kObjectName, lumera::ids::IKyBaseInterface, &object);
   slot.object = static_cast<IKyBaseInterface*>(object);
   if (result != 0 || slot.object == nullptr) {
-    const std::uint32_t error = LastErrorOr632();
+    const std::uint32_t error = ky::LastErrorOr(kErrorProductInfo);
     KY_LOG(logging::kLevelWarning, L"KyCreateObject %s failed 0x%x (error 0x%x)", kObjectName, result, error);
     return error;
   }
@@ -85,7 +65,7 @@ std::uint32_t Load(ProductInfoSlot& slot) {
   }
   ::SetLastError(0);
   if (slot.info->Init(nullptr) != 0 || slot.info->Start() != 0) {
-    const std::uint32_t error = LastErrorOr632();
+    const std::uint32_t error = ky::LastErrorOr(kErrorProductInfo);
     KY_LOG(logging::kLevelWarning, L"%s Init/Start failed 0x%x", kObjectName, error);
     return error;
   }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "common/log.h"
+#include "common/critical_section.h"
 #include "common/unique_handle.h"
 #include "host_plugin.h"
 #include "lumera/interface_ids.h"

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <string>
 
-#include "common/unique_handle.h"
+#include "common/critical_section.h"
 #include "log_file.h"
 #include "log_settings.h"
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "common/unique_handle.h"
+#include "common/critical_section.h"
 
 namespace boottime {
 

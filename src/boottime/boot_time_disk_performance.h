@@ -9,7 +9,7 @@
 
 #include "boottime/clock.h"
 #include "boottime/process_counters_source.h"
-#include "common/unique_handle.h"
+#include "common/critical_section.h"
 #include "lumera/boottime.h"
 #include "lumera/loadusage.h"
 

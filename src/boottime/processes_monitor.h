@@ -8,7 +8,7 @@
 #include "boottime/boot_time_monitor.h"
 #include "boottime/process_dp.h"
 #include "boottime/processes.h"
-#include "common/unique_handle.h"
+#include "common/critical_section.h"
 
 namespace boottime {
 

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "common/callback_list.h"
+#include "common/critical_section.h"
 #include "common/unique_handle.h"
 #include "lumera/boottime.h"
 #include "plugin/startup_manager_observer.h"

@@ -7,6 +7,7 @@
 #include <cwctype>
 #include <vector>
 
+#include "common/com_ptr.h"
 #include "common/log.h"
 #include "common/unique_handle.h"
 #include "startup/run_key_apps.h"
@@ -39,23 +40,6 @@ bool IsShortcut(const std::wstring& name) {
   return dot != std::wstring::npos && _wcsicmp(name.c_str() + dot, L".lnk") == 0;
 }
 
-// COM interface pointers released on scope exit.
-template <class T>
-class ComPtr {
- public:
-  ComPtr() = default;
-  ~ComPtr() {
-    if (ptr_ != nullptr) ptr_->Release();
-  }
-  ComPtr(const ComPtr&) = delete;
-  ComPtr& operator=(const ComPtr&) = delete;
-  T* operator->() const { return ptr_; }
-  void** put() { return reinterpret_cast<void**>(&ptr_); }
-
- private:
-  T* ptr_ = nullptr;
-};
-
 // Balances a successful CoInitialize only.
 class ComScope {
  public:
@@ -73,11 +57,11 @@ class ComScope {
 }  // namespace
 
 std::uint32_t ResolveShortcutTarget(const std::wstring& shortcut, std::wstring& target) {
-  ComPtr<IShellLinkW> link;
-  HRESULT hr = ::CoCreateInstance(CLSID_ShellLink, nullptr, CLSCTX_INPROC_SERVER, IID_IShellLinkW, link.put());
+  ky::com_ptr<IShellLinkW> link;
+  HRESULT hr = ::CoCreateInstance(CLSID_ShellLink, nullptr, CLSCTX_INPROC_SERVER, IID_IShellLinkW, link.put_void());
   if (FAILED(hr)) return static_cast<std::uint32_t>(hr);
-  ComPtr<IPersistFile> file;
-  hr = link->QueryInterface(IID_IPersistFile, file.put());
+  ky::com_ptr<IPersistFile> file;
+  hr = link.query(IID_IPersistFile, file);
   if (FAILED(hr)) return static_cast<std::uint32_t>(hr);
   hr = file->Load(shortcut.c_str(), STGM_READ);
   if (FAILED(hr)) return static_cast<std::uint32_t>(hr);

@@ -2,6 +2,7 @@
 
 #include "boottime/comm/messages.h"
 #include "boottime/comm/payload.h"
+#include "common/com_ptr.h"
 #include "common/log.h"
 #include "lumera/interface_ids.h"
 
@@ -266,13 +267,12 @@ void CBootTimeCommClient::OnGetTotalBootImpact(std::uint32_t code, const BootCou
 
 void CBootTimeCommClient::OnGetBootImpact(std::uint32_t code, const ky::IList<ProcessImpact>& impacts) {
   KY_TRACE(L"boottime::CBootTimeCommClient::OnGetBootImpact");
-  ky::ConstListEnum<ProcessImpact>* entries = impacts.ConstEnum();
+  const ky::com_ptr<ky::ConstListEnum<ProcessImpact>> entries(impacts.ConstEnum());
   const ProcessImpact* impact = nullptr;
   while (entries->Next(&impact)) {
     KY_LOG(logging::kLevelDebug, L"err=0x%x process=[" BOOTTIME_IMPACT_FORMAT L"]", code, impact->ppid, impact->pid,
            impact->name.c_str(), impact->kernel, impact->user, impact->read, impact->write, impact->other);
   }
-  entries->Release();
   responses_.ForEach([&](IBootTimeResponse* observer) { observer->OnGetBootImpact(code, impacts); });
 }
 

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <cwchar>
 
+#include "common/com_ptr.h"
+
 namespace boottime {
 namespace {
 
@@ -93,13 +95,12 @@ void CPayloadWriter::WriteImpactList(const ky::IList<ProcessImpact>& impacts) {
   const std::size_t countAt = size_;
   WriteU32(0);
   std::uint32_t count = 0;
-  ky::ConstListEnum<ProcessImpact>* e = impacts.ConstEnum();
+  const ky::com_ptr<ky::ConstListEnum<ProcessImpact>> e(impacts.ConstEnum());
   const ProcessImpact* item = nullptr;
   while (e->Next(&item)) {
     WriteImpact(*item);
     ++count;
   }
-  e->Release();
   PatchU32(countAt, count);
 }
 

@@ -10,7 +10,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "common/unique_handle.h"
+#include "common/critical_section.h"
 #include "lumera/logcore.h"
 #include "message_format.h"
 #include "support/captured_log.h"

@@ -4,6 +4,7 @@
 #include <cwctype>
 #include <vector>
 
+#include "common/guard.h"
 #include "common/log.h"
 
 namespace host {
@@ -43,7 +44,7 @@ std::uint32_t ComponentManager::GetPlugin(const wchar_t* name, const GUID& iid, 
   if (out == nullptr) return ERROR_INVALID_DATA;
   *out = nullptr;
   if (name == nullptr) return ERROR_INVALID_DATA;
-  try {
+  return ky::Guarded(L"host::ComponentManager::GetPlugin", ky::kGeneralFailure, [&]() -> std::uint32_t {
     const std::wstring key = Normalise(name);
     std::lock_guard hold(lock_);
     if (auto found = moduleObjects_.find(key); found != moduleObjects_.end()) {
@@ -74,26 +75,26 @@ std::uint32_t ComponentManager::GetPlugin(const wchar_t* name, const GUID& iid, 
     }
     ++slot.count;
     return 0;
-  } catch (...) {
-    return ERROR_GEN_FAILURE;
-  }
+  });
 }
 
 std::uint32_t ComponentManager::ReleasePlugin(const wchar_t* name) {
   KY_TRACE(L"host::ComponentManager::ReleasePlugin");
   if (name == nullptr) return ERROR_INVALID_DATA;
-  std::lock_guard hold(lock_);
-  if (auto found = moduleObjects_.find(Normalise(name)); found != moduleObjects_.end() && found->second.count > 0) {
-    --found->second.count;
+  return ky::Guarded(L"host::ComponentManager::ReleasePlugin", ky::kGeneralFailure, [&]() -> std::uint32_t {
+    std::lock_guard hold(lock_);
+    if (auto found = moduleObjects_.find(Normalise(name)); found != moduleObjects_.end() && found->second.count > 0) {
+      --found->second.count;
+      return 0;
+    }
+    auto it = slots_.find(Normalise(name));
+    if (it == slots_.end() || it->second.count == 0) {
+      KY_LOG(logging::kLevelWarning, L"ReleasePlugin %s without a matching GetPlugin", name);
+      return ERROR_NOT_FOUND;
+    }
+    --it->second.count;
     return 0;
-  }
-  auto it = slots_.find(Normalise(name));
-  if (it == slots_.end() || it->second.count == 0) {
-    KY_LOG(logging::kLevelWarning, L"ReleasePlugin %s without a matching GetPlugin", name);
-    return ERROR_NOT_FOUND;
-  }
-  --it->second.count;
-  return 0;
+  });
 }
 
 void ComponentManager::RegisterModuleObject(const std::wstring& name, IKyBaseInterface* object) {

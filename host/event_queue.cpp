@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "common/com_ptr.h"
+#include "common/guard.h"
 #include "common/log.h"
 
 namespace host {
@@ -23,20 +25,22 @@ SerialExecution::~SerialExecution() {
 std::uint32_t SerialExecution::Post(const wchar_t* name, EqWorkItem* item) {
   KY_TRACE(L"host::SerialExecution::Post");
   if (item == nullptr) return ERROR_INVALID_DATA;
-  {
-    std::lock_guard hold(lock_);
-    if (!stopping_) {
-      items_.push_back(item);
-      item = nullptr;
+  ky::com_ptr<EqWorkItem> owned(item);  // released here unless queued, whatever happens
+  return ky::Guarded(L"host::SerialExecution::Post", ky::kGeneralFailure, [&]() -> std::uint32_t {
+    {
+      std::lock_guard hold(lock_);
+      if (!stopping_) {
+        items_.push_back(owned.get());
+        (void)owned.release();
+      }
     }
-  }
-  if (item != nullptr) {
-    KY_LOG(logging::kLevelWarning, L"%s posted while stopping", name ? name : L"");
-    item->Release();
-    return ERROR_SHUTDOWN_IN_PROGRESS;
-  }
-  wake_.notify_one();
-  return 0;
+    if (owned) {
+      KY_LOG(logging::kLevelWarning, L"%s posted while stopping", name ? name : L"");
+      return ERROR_SHUTDOWN_IN_PROGRESS;
+    }
+    wake_.notify_one();
+    return 0;
+  });
 }
 
 void SerialExecution::Run() {
@@ -49,11 +53,7 @@ void SerialExecution::Run() {
       item = items_.front();
       items_.pop_front();
     }
-    try {
-      item->Execute();
-    } catch (...) {
-      logging::Write(logging::kLevelError, L"host::SerialExecution::Run", L"work item threw");
-    }
+    ky::GuardedVoid(L"host::SerialExecution::Run", [item] { item->Execute(); });
     item->Release();
   }
 }
@@ -65,16 +65,16 @@ EventQueue::~EventQueue() {
 
 std::uint32_t EventQueue::createSerialExecution(ISerialExecution** out) {
   if (out == nullptr) return ERROR_INVALID_DATA;
-  try {
+  *out = nullptr;
+  // A thread that cannot be started is reported as the lack of memory it nearly always is.
+  return ky::Guarded(L"host::EventQueue::createSerialExecution", ky::kOutOfMemory, [&]() -> std::uint32_t {
     auto execution = std::make_unique<SerialExecution>();
-    *out = execution.get();
+    ISerialExecution* made = execution.get();
     std::lock_guard hold(lock_);
     executions_.push_back(std::move(execution));
+    *out = made;
     return 0;
-  } catch (...) {
-    *out = nullptr;
-    return ERROR_OUTOFMEMORY;
-  }
+  });
 }
 
 std::uint32_t EventQueue::destroySerialExecution(ISerialExecution* execution) {

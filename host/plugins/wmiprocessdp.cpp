@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/guard.h"
 #include "common/log.h"
 #include "common/critical_section.h"
 #include "common/unique_handle.h"
@@ -39,7 +40,7 @@ class WmiProcessDPPlugin final : public HostPlugin, public IWMIProcessDP {
   std::uint32_t RegisterEventsHandler(IWMIProcessDPEvents* handler) override {
     KY_TRACE(L"host::WmiProcessDPPlugin::RegisterEventsHandler");
     if (handler == nullptr) return ERROR_INVALID_DATA;
-    try {
+    return ky::Guarded(L"host::WmiProcessDPPlugin::RegisterEventsHandler", ky::kGeneralFailure, [&]() -> std::uint32_t {
       std::lock_guard lifecycle(lifecycleLock_);
       {
         std::lock_guard hold(handlersLock_);
@@ -52,15 +53,13 @@ class WmiProcessDPPlugin final : public HostPlugin, public IWMIProcessDP {
         handlers_.erase(std::find(handlers_.begin(), handlers_.end(), handler));
       }
       return result;
-    } catch (...) {
-      return ERROR_GEN_FAILURE;
-    }
+    });
   }
 
   std::uint32_t UnregisterEventsHandler(IWMIProcessDPEvents* handler) override {
     KY_TRACE(L"host::WmiProcessDPPlugin::UnregisterEventsHandler");
     if (handler == nullptr) return ERROR_INVALID_DATA;
-    try {
+    return ky::Guarded(L"host::WmiProcessDPPlugin::UnregisterEventsHandler", ky::kGeneralFailure, [&]() -> std::uint32_t {
       std::lock_guard lifecycle(lifecycleLock_);
       bool last = false;
       {
@@ -72,9 +71,7 @@ class WmiProcessDPPlugin final : public HostPlugin, public IWMIProcessDP {
       }
       if (last) StopPoller();
       return 0;
-    } catch (...) {
-      return ERROR_GEN_FAILURE;
-    }
+    });
   }
 
   void Shutdown() override {

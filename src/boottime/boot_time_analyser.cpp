@@ -11,6 +11,7 @@
 #include <stdexcept>
 
 #include "common/json_file.h"
+#include "common/guard.h"
 #include "common/log.h"
 #include "common/text_convert.h"
 
@@ -130,7 +131,7 @@ void BootTimeAnalyser::AnalyseData() {
 
 bool BootTimeAnalyser::StoreProcessImpactOnDisk(const std::wstring& path) const {
   KY_TRACE(L"boottime::BootTimeAnalyser::StoreProcessImpactOnDisk");
-  try {
+  return ky::Guarded(L"boottime::BootTimeAnalyser::StoreProcessImpactOnDisk", false, [&]() -> bool {
     picojson::array processes;
     for (const auto& [pid, impact] : impacts_) {
       picojson::object element;
@@ -153,15 +154,12 @@ bool BootTimeAnalyser::StoreProcessImpactOnDisk(const std::wstring& path) const 
       return false;
     }
     return true;
-  } catch (...) {
-    KY_LOG(logging::kLevelError, L"Failed to save boot impact in JSON");
-    return false;
-  }
+  });
 }
 
 bool BootTimeAnalyser::LoadLastBootProcessImpactFromDisk(const std::wstring& path) {
   KY_TRACE(L"boottime::BootTimeAnalyser::LoadLastBootProcessImpactFromDisk");
-  try {
+  return ky::Guarded(L"boottime::BootTimeAnalyser::LoadLastBootProcessImpactFromDisk", false, [&]() -> bool {
     picojson::value root;
     std::string error;
     const ky::JsonReadResult read = ky::ReadJsonFile(path, root, error, kMaxFileBytes);
@@ -195,10 +193,7 @@ bool BootTimeAnalyser::LoadLastBootProcessImpactFromDisk(const std::wstring& pat
       }
     }
     return true;
-  } catch (...) {
-    KY_LOG(logging::kLevelError, L"Can't find last boot process impact data");
-    return false;
-  }
+  });
 }
 
 bool BootTimeAnalyser::ReadProcessImpactFromJsonValue(const picojson::value& value) {

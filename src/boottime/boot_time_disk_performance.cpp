@@ -5,6 +5,7 @@
 
 #include "common/log.h"
 #include "common/module_library.h"
+#include "common/stop_wait.h"
 
 namespace boottime {
 
@@ -53,7 +54,7 @@ void BootTimeDiskPerformance::MeasureDiskPerformance(HANDLE stopEvent) {
   (void)ReadIdle(idleBefore);  // a failure is logged and the old (zero) value stays
   std::uint32_t tickBefore = start;
 
-  if (clock_.WaitForStop(stopEvent, kStepMs) == WAIT_OBJECT_0) {
+  if (ky::WaitMeansStop(clock_.WaitForStop(stopEvent, kStepMs))) {
     SetStatus(kStatusNoResults);
     return;
   }
@@ -67,7 +68,7 @@ void BootTimeDiskPerformance::MeasureDiskPerformance(HANDLE stopEvent) {
     if (idleShare > kIdleShare || tickNow - start > kMaxWaitMs) break;
     idleBefore = idleNow;
     tickBefore = tickNow;
-    if (clock_.WaitForStop(stopEvent, kStepMs) == WAIT_OBJECT_0) {
+    if (ky::WaitMeansStop(clock_.WaitForStop(stopEvent, kStepMs))) {
       SetStatus(kStatusNoResults);
       return;
     }

@@ -3,6 +3,7 @@
 #include <mutex>
 
 #include "boottime/wmi_process_dp.h"
+#include "common/guard.h"
 #include "common/log.h"
 
 namespace boottime {
@@ -14,7 +15,7 @@ BootTimeMonitor::ProcessesMonitor::~ProcessesMonitor() { Stop(); }
 bool BootTimeMonitor::ProcessesMonitor::Start() {
   KY_TRACE(L"boottime::BootTimeMonitor::ProcessesMonitor::Start");
   if (host_ == nullptr) return false;
-  try {
+  return ky::Guarded(L"boottime::BootTimeMonitor::ProcessesMonitor::Start", false, [&]() -> bool {
     auto source = std::make_unique<WmiProcessDP>();
     if (!source->Init(host_)) {
       KY_LOG(logging::kLevelError, L"IProcessDp Init failed");
@@ -22,9 +23,7 @@ bool BootTimeMonitor::ProcessesMonitor::Start() {
     }
     source_ = std::move(source);
     return source_->Start(this);
-  } catch (...) {
-    return false;
-  }
+  });
 }
 
 void BootTimeMonitor::ProcessesMonitor::Stop() {
@@ -36,13 +35,17 @@ void BootTimeMonitor::ProcessesMonitor::Stop() {
 }
 
 void BootTimeMonitor::ProcessesMonitor::OnProcessStarted(const ProcessEvent& event) {
-  std::lock_guard hold(lock_);
-  started_.push_back(event);
+  ky::GuardedVoid(L"boottime::BootTimeMonitor::ProcessesMonitor::OnProcessStarted", [&] {
+    std::lock_guard hold(lock_);
+    started_.push_back(event);
+  });
 }
 
 void BootTimeMonitor::ProcessesMonitor::OnProcessStopped(const ProcessEvent& event) {
-  std::lock_guard hold(lock_);
-  stopped_.push_back(event);
+  ky::GuardedVoid(L"boottime::BootTimeMonitor::ProcessesMonitor::OnProcessStopped", [&] {
+    std::lock_guard hold(lock_);
+    stopped_.push_back(event);
+  });
 }
 
 void BootTimeMonitor::ProcessesMonitor::TakeEvents(std::vector<ProcessEvent>& started,

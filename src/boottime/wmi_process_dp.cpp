@@ -1,12 +1,13 @@
 #include "boottime/wmi_process_dp.h"
 
+#include "common/guard.h"
 #include "common/log.h"
 
 namespace boottime {
 
 bool WmiProcessDP::Init(IServMain* host) {
   KY_TRACE(L"boottime::WmiProcessDP::Init");
-  try {
+  return ky::Guarded(L"boottime::WmiProcessDP::Init", false, [&]() -> bool {
     componentManager_ = host != nullptr ? host->GetComponentManager() : nullptr;
     void* object = nullptr;
     const std::uint32_t result =
@@ -19,9 +20,7 @@ bool WmiProcessDP::Init(IServMain* host) {
     }
     plugin_ = static_cast<IWMIProcessDP*>(object);
     return true;
-  } catch (...) {
-    return false;
-  }
+  });
 }
 
 void WmiProcessDP::UnInit() {
@@ -63,28 +62,26 @@ ProcessEvent WmiProcessDP::ToEvent(const WMIProcessInfo* info) const {
 
 void WmiProcessDP::OnProcessStarted(const WMIProcessInfo* info) {
   KY_TRACE(L"boottime::WmiProcessDP::OnProcessStarted");
-  try {
+  ky::GuardedVoid(L"boottime::WmiProcessDP::OnProcessStarted", [&] {
     if (info == nullptr) return;
     KY_LOG_STREAM(logging::kLevelDebug) << L"pid=" << info->pid << L" name=" << info->name << L" path="
                                         << info->imagePath << L" cmdline=" << info->commandLine;
     const ProcessEvent event = ToEvent(info);
     KY_LOG(logging::kLevelDebug, L"New process started [%s] [%d]", event.name.c_str(), static_cast<int>(info->pid));
     if (observer_ != nullptr) observer_->OnProcessStarted(event);
-  } catch (...) {
-  }
+  });
 }
 
 void WmiProcessDP::OnProcessEnded(const WMIProcessInfo* info) {
   KY_TRACE(L"boottime::WmiProcessDP::OnProcessEnded");
-  try {
+  ky::GuardedVoid(L"boottime::WmiProcessDP::OnProcessEnded", [&] {
     if (info == nullptr) return;
     KY_LOG_STREAM(logging::kLevelDebug) << L"pid=" << info->pid << L" name=" << info->name << L" path="
                                         << info->imagePath << L" cmdline=" << info->commandLine;
     const ProcessEvent event = ToEvent(info);
     KY_LOG(logging::kLevelDebug, L"New process stopped [%s] [%d]", event.name.c_str(), static_cast<int>(info->pid));
     if (observer_ != nullptr) observer_->OnProcessStopped(event);
-  } catch (...) {
-  }
+  });
 }
 
 }  // namespace boottime

@@ -14,6 +14,7 @@
 namespace ky {
 
 inline constexpr std::uint32_t kGeneralFailure = 31;  // ERROR_GEN_FAILURE
+inline constexpr std::uint32_t kOutOfMemory = 14;     // ERROR_OUTOFMEMORY
 
 // Logs the exception in flight, under `where`, at error level. Call only inside a catch.
 void LogCurrentException(const wchar_t* where) noexcept;
@@ -23,6 +24,21 @@ template <class R, class Body>
 R Guarded(const wchar_t* where, R failure, Body&& body) noexcept {
   try {
     return std::forward<Body>(body)();
+  } catch (...) {
+    LogCurrentException(where);
+    return failure;
+  }
+}
+
+// Returns body(); `outOfMemory` when body throws std::bad_alloc, `failure` for any other
+// exception. For the methods whose callers tell a lack of memory apart.
+template <class R, class Body>
+R Guarded(const wchar_t* where, R failure, R outOfMemory, Body&& body) noexcept {
+  try {
+    return std::forward<Body>(body)();
+  } catch (const std::bad_alloc&) {
+    LogCurrentException(where);
+    return outOfMemory;
   } catch (...) {
     LogCurrentException(where);
     return failure;

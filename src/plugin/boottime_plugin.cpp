@@ -5,6 +5,7 @@
 #include <mutex>
 #include <vector>
 
+#include "common/guard.h"
 #include "common/log.h"
 #include "common/module_library.h"
 #include "lumera/interface_ids.h"
@@ -32,7 +33,7 @@ void* CBootTimePlugin::GetInterface(const GUID& iid) {
 
 std::uint32_t CBootTimePlugin::Init(IServMain* host) {
   KY_TRACE(L"boottime::CBootTimePlugin::Init");
-  try {
+  return ky::Guarded(L"boottime::CBootTimePlugin::Init", ky::kGeneralFailure, [&]() -> std::uint32_t {
     if (host == nullptr) {
       KY_LOG(logging::kLevelError, L"IServMain is null!");
       UnInit();
@@ -55,9 +56,7 @@ std::uint32_t CBootTimePlugin::Init(IServMain* host) {
     if (!monitorEvent_) KY_LOG(logging::kLevelError, L"CreateEvent failed");
     GetSettingsFolderPath();
     return 0;
-  } catch (...) {
-    return ERROR_GEN_FAILURE;
-  }
+  });
 }
 
 std::uint32_t CBootTimePlugin::UnInit() {
@@ -115,7 +114,8 @@ std::uint32_t CBootTimePlugin::GetDiskSpeed(DiskSpeed* speed) {
 std::uint32_t CBootTimePlugin::AddListener(IBootTimeEvents* listener) {
   KY_TRACE(L"boottime::CBootTimePlugin::AddListener");
   if (listener == nullptr) return ERROR_INVALID_DATA;
-  return listeners_.Register(listener);
+  return ky::Guarded(L"boottime::CBootTimePlugin::AddListener", ky::kGeneralFailure,
+                     [&] { return listeners_.Register(listener); });
 }
 
 std::uint32_t CBootTimePlugin::RemoveListener(IBootTimeEvents* listener) {

@@ -5,6 +5,7 @@
 
 #include "boottime/comm/boottime_comm.h"
 #include "boottime/comm/boottime_comm_client.h"
+#include "common/guard.h"
 #include "common/log.h"
 #include "lumera/interface_ids.h"
 #include "plugin/boottime_plugin.h"
@@ -74,7 +75,7 @@ IKyBaseInterface* Construct(ObjectKind kind) {
 }  // namespace
 
 extern "C" std::uint32_t __cdecl KyCreateObject(const wchar_t* name, const GUID* iid, void** out) {
-  try {
+  return ky::Guarded(L"plugin::KyCreateObject", ky::kGeneralFailure, ky::kOutOfMemory, [&]() -> std::uint32_t {
     LogName(kCreate, name);
     if (out == nullptr) return ERROR_INVALID_DATA;
     *out = nullptr;
@@ -91,15 +92,11 @@ extern "C" std::uint32_t __cdecl KyCreateObject(const wchar_t* name, const GUID*
       return ERROR_NOT_FOUND;
     }
     return 0;
-  } catch (const std::bad_alloc&) {
-    return ERROR_OUTOFMEMORY;
-  } catch (...) {
-    return ERROR_GEN_FAILURE;
-  }
+  });
 }
 
 extern "C" void __cdecl KyDestroyObject(const wchar_t* name, void* object) {
-  try {
+  ky::GuardedVoid(L"plugin::KyDestroyObject", [&] {
     LogName(kDestroy, name);
     if (object == nullptr) {
       logging::Write(logging::kLevelDebug, kDestroy, L"null instance");
@@ -107,6 +104,5 @@ extern "C" void __cdecl KyDestroyObject(const wchar_t* name, void* object) {
     }
     if (name == nullptr) return;
     Destroy(KindOf(name), static_cast<IKyBaseInterface*>(object));
-  } catch (...) {
-  }
+  });
 }

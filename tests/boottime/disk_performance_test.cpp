@@ -96,6 +96,33 @@ TEST_F(DiskPerformanceTest, AStopRequestDuringAnyWaitGivesStatusTwoWithoutAsking
   }
 }
 
+// Virtual time around the system clock's own wait, so that what a real wait returns reaches
+// the measurement loop.
+class RealWaitClock final : public IClock {
+ public:
+  std::uint32_t TickCount() override { return tick; }
+  std::uint64_t WallClock() override { return 0; }
+  DWORD WaitForStop(HANDLE stopEvent, DWORD milliseconds) override {
+    ++waits;
+    tick += milliseconds;
+    return SystemClock::Instance().WaitForStop(stopEvent, 0);
+  }
+  std::uint32_t tick = 50000;
+  int waits = 0;
+};
+
+TEST_F(DiskPerformanceTest, AFailedWaitOnTheStopEventEndsTheMeasurementAtOnce) {
+  RealWaitClock failing;
+  FakeCounters neverIdle;
+  FakeLoadUsage plugin;
+  BootTimeDiskPerformance measured(failing, neverIdle);
+  measured.SetLoadUsage(&plugin);
+  measured.Start(nullptr);  // the stop event whose creation failed
+  EXPECT_EQ(failing.waits, 1) << "a wait that fails means stop, it must not spin the loop";
+  EXPECT_TRUE(plugin.kinds.empty());
+  EXPECT_EQ(measured.GetResult(nullptr), kStatusNoResults);
+}
+
 TEST_F(DiskPerformanceTest, NoPlugInOrNoDiskFiguresGiveNoResultInsteadOfZeros) {
   IdlePercent(100);
   loadUsage.code = ERROR_NOT_SUPPORTED;

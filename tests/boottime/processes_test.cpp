@@ -8,7 +8,9 @@
 #include "boottime/process_utils.h"
 #include "boottime/processes.h"
 #include "boottime/processes_monitor.h"
+#include "common/log.h"
 #include "fakes.h"
+#include "support/failing_allocation.h"
 
 namespace boottime {
 namespace {
@@ -188,6 +190,27 @@ TEST(ProcessesMonitorQueues, AHostWithoutTheProcessPlugInLeavesTheMonitorWithout
   EXPECT_FALSE(monitor.Start());
   EXPECT_TRUE(Logged(log, L"WmiProcessDP::Init", L"GetPlugin wmiprocessdp failed"));
   EXPECT_TRUE(Logged(log, L"BootTimeMonitor::ProcessesMonitor::Start", L"IProcessDp Init failed"));
+}
+
+TEST(ProcessesMonitorQueues, AnAllocationFailureOnTheNotifyingThreadLosesOnlyThatEventWithALogLine) {
+  logging::LogRef keep;  // the log adapter is made before allocations fail
+  testsupport::CapturedLog log;
+  BootTimeMonitor::ProcessesMonitor monitor(nullptr);
+  ProcessEvent event;
+  event.pid = 7;
+  event.name = L"C:\\Windows\\a-name-long-enough-to-need-its-own-buffer.exe";
+  {
+    testsupport::FailAllocations fail;
+    monitor.OnProcessStarted(event);
+    monitor.OnProcessStopped(event);
+  }
+  monitor.OnProcessStarted(event);
+  std::vector<ProcessEvent> started, stopped;
+  monitor.TakeEvents(started, stopped);
+  EXPECT_EQ(started.size(), 1u) << "the next notification is queued as usual";
+  EXPECT_TRUE(stopped.empty());
+  EXPECT_TRUE(Logged(log, L"BootTimeMonitor::ProcessesMonitor::OnProcessStarted", L"exception: out of memory"));
+  EXPECT_TRUE(Logged(log, L"BootTimeMonitor::ProcessesMonitor::OnProcessStopped", L"exception: out of memory"));
 }
 
 }  // namespace

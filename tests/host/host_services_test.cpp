@@ -2,17 +2,22 @@
 // executions of its event queue.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
+#include <new>
 #include <numeric>
 #include <set>
 #include <vector>
 
+#include "common/log.h"
 #include "common/unique_handle.h"
 #include "component_manager.h"
 #include "event_queue.h"
 #include "lumera/interface_ids.h"
 #include "lumera/productinfo.h"
+#include "support/captured_log.h"
+#include "support/failing_allocation.h"
 
 namespace {
 
@@ -112,6 +117,56 @@ TEST(SerialExecution, DestroyFinishesTheRunningItemAndReleasesTheRestUnrun) {
   EXPECT_EQ(journal.released.load(), 4) << "every item is released exactly once";
   EXPECT_EQ(journal.order.front(), 1);
   EXPECT_EQ(queue.destroySerialExecution(execution), static_cast<std::uint32_t>(ERROR_NOT_FOUND));
+}
+
+class ThrowingItem final : public EqWorkItem {
+ public:
+  explicit ThrowingItem(Journal& journal) : journal_(journal) {}
+  void Release() override {
+    ++journal_.released;
+    delete this;
+  }
+  void Execute() override { throw std::bad_alloc(); }
+
+ private:
+  Journal& journal_;
+};
+
+TEST(SerialExecution, AnAllocationFailureInPostOrInAnItemIsACodeAndALogLineAndTheQueueGoesOn) {
+  logging::LogRef keep;  // the log adapter is made before allocations fail
+  testsupport::CapturedLog log;
+  host::EventQueue queue;
+  ISerialExecution* execution = nullptr;
+  ASSERT_EQ(queue.createSerialExecution(&execution), 0u);
+  Journal journal;
+  ky::unique_handle gate(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  ASSERT_EQ(execution->Post(L"blocking", new RecordingItem(journal, 0, gate.get())), 0u);
+  ASSERT_TRUE(WaitFor(journal.running, 1));
+  std::vector<EqWorkItem*> items;
+  for (int i = 1; i <= 300; ++i) items.push_back(new RecordingItem(journal, i));
+  // The queue grows in blocks, so some post soon has to allocate.
+  int posted = 0;
+  std::uint32_t failed = 0;
+  {
+    testsupport::FailAllocations fail;
+    while (posted < 300 && failed == 0) failed = execution->Post(L"item", items[posted++]);
+  }
+  EXPECT_EQ(failed, 31u) << "after " << posted << " posts";
+  EXPECT_EQ(journal.released.load(), 1) << "the refused item is released, as Post owns it either way";
+  for (int i = posted; i < 300; ++i) items[i]->Release();
+  ASSERT_EQ(execution->Post(L"throwing", new ThrowingItem(journal)), 0u);
+  ASSERT_EQ(execution->Post(L"after", new RecordingItem(journal, 1000)), 0u);
+  ::SetEvent(gate.get());
+  ASSERT_TRUE(WaitFor(journal.released, 1 + 300 + 2));
+  EXPECT_EQ(journal.order.size(), static_cast<std::size_t>(posted + 1)) << "every queued item ran, the throwing one aside";
+  EXPECT_EQ(journal.order.back(), 1000);
+  auto outOfMemoryUnder = [&log](const wchar_t* where) {
+    const auto lines = log.entriesFor(where);
+    return std::count_if(lines.begin(), lines.end(), [](const auto& e) { return e.text == L"exception: out of memory"; });
+  };
+  EXPECT_EQ(outOfMemoryUnder(L"host::SerialExecution::Post"), 1);
+  EXPECT_EQ(outOfMemoryUnder(L"host::SerialExecution::Run"), 1);
+  EXPECT_EQ(queue.destroySerialExecution(execution), 0u);
 }
 
 }  // namespace

@@ -1,10 +1,16 @@
 // The module's exported factory, linked into the test program.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
+#include "boottime/comm/boottime_comm_client.h"
+#include "common/log.h"
 #include "lumera/boottime.h"
 #include "lumera/interface_ids.h"
+#include "plugin/boottime_plugin.h"
 #include "plugin/object_factory.h"
 #include "support/captured_log.h"
+#include "support/failing_allocation.h"
 
 namespace {
 
@@ -67,6 +73,43 @@ TEST(ObjectFactory, LogsEveryCallAndDestroyIgnoresUnknownNamesAndNullObjects) {
   EXPECT_EQ(log.count(L"null instance"), 1u);
   KyDestroyObject(L"BootTime", object);
   EXPECT_EQ(log.count(L"obj name = BootTime"), 2u);
+}
+
+struct Observer final : boottime::IBootTimeEvents, boottime::IBootTimeResponse {
+  void OnDataAnalysed(std::uint32_t) override {}
+  void OnGetBootTime(std::uint32_t, std::uint32_t) override {}
+  void OnGetTotalBootImpact(std::uint32_t, const boottime::BootCounters&) override {}
+  void OnGetBootImpact(std::uint32_t, const ky::IList<boottime::ProcessImpact>&) override {}
+  void OnGetDiskSpeed(std::uint32_t, const boottime::DiskSpeed&) override {}
+};
+
+TEST(ObjectFactory, AnAllocationFailureWhileAddingAnObserverComesBackAs31WithALogLine) {
+  logging::LogRef keep;  // the log adapter is made before allocations fail
+  testsupport::CapturedLog log;
+  boottime::CBootTimePlugin plugin;
+  boottime::CBootTimeCommClient client;
+  Observer observer;
+  std::uint32_t results[3] = {};
+  {
+    testsupport::FailAllocations fail;
+    results[0] = plugin.AddListener(&observer);
+    results[1] = client.AddListener(&observer);
+    results[2] = client.AddResponseObserver(&observer);
+  }
+  EXPECT_EQ(results[0], 31u);
+  EXPECT_EQ(results[1], 31u);
+  EXPECT_EQ(results[2], 31u);
+  EXPECT_EQ(log.count(L"exception: out of memory"), 3u);
+  for (const wchar_t* where : {L"boottime::CBootTimePlugin::AddListener", L"boottime::CBootTimeCommClient::AddListener",
+                               L"boottime::CBootTimeCommClient::AddResponseObserver"}) {
+    const auto lines = log.entriesFor(where);
+    EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const auto& e) { return e.text == L"exception: out of memory"; }))
+        << testing::PrintToString(where);
+  }
+  EXPECT_EQ(plugin.AddListener(&observer), 0u) << "nothing was half-registered";
+  EXPECT_EQ(client.AddResponseObserver(&observer), 0u);
+  EXPECT_EQ(plugin.RemoveListener(&observer), 0u);
+  EXPECT_EQ(client.RemoveResponseObserver(&observer), 0u);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include "boottime/comm/encoded_impact_list.h"
 #include "boottime/comm/messages.h"
+#include "common/guard.h"
 #include "common/log.h"
 #include "lumera/interface_ids.h"
 
@@ -30,7 +31,7 @@ void* CBootTimeComm::GetInterface(const GUID& iid) {
 
 std::uint32_t CBootTimeComm::Init(IServMain* host) {
   KY_TRACE(L"boottime::CBootTimeComm::Init");
-  try {
+  return ky::Guarded(L"boottime::CBootTimeComm::Init", ky::kGeneralFailure, [&]() -> std::uint32_t {
     if (host == nullptr) {
       KY_LOG(logging::kLevelError, L"IServMain is null!");
       return kHostMissing;
@@ -53,9 +54,7 @@ std::uint32_t CBootTimeComm::Init(IServMain* host) {
       connServer_ = static_cast<pipelink::IConnServer*>(object);
     }
     return 0;
-  } catch (...) {
-    return ERROR_GEN_FAILURE;
-  }
+  });
 }
 
 std::uint32_t CBootTimeComm::UnInit() {
@@ -71,7 +70,7 @@ std::uint32_t CBootTimeComm::UnInit() {
 
 std::uint32_t CBootTimeComm::Start() {
   KY_TRACE(L"boottime::CBootTimeComm::Start");
-  try {
+  return ky::Guarded(L"boottime::CBootTimeComm::Start", ky::kGeneralFailure, [&]() -> std::uint32_t {
     if (connServer_ == nullptr) {
       KY_LOG(logging::kLevelError, L"Connector server is null.");
       return ERROR_GEN_FAILURE;
@@ -96,14 +95,12 @@ std::uint32_t CBootTimeComm::Start() {
       if (added != 0) KY_LOG(logging::kLevelWarning, L"AddListener failed 0x%x", added);
     }
     return 0;
-  } catch (...) {
-    return ERROR_GEN_FAILURE;
-  }
+  });
 }
 
 std::uint32_t CBootTimeComm::Stop() {
   KY_TRACE(L"boottime::CBootTimeComm::Stop");
-  try {
+  return ky::Guarded(L"boottime::CBootTimeComm::Stop", ky::kGeneralFailure, [&]() -> std::uint32_t {
     if (listening_ && bootTime_ != nullptr) bootTime_->RemoveListener(this);
     listening_ = false;
     if (pipe_ != nullptr) {
@@ -112,31 +109,26 @@ std::uint32_t CBootTimeComm::Stop() {
       pipe_ = nullptr;
     }
     return 0;
-  } catch (...) {
-    return ERROR_GEN_FAILURE;
-  }
+  });
 }
 
 void CBootTimeComm::OnDataAnalysed(std::uint32_t status) {
   KY_TRACE(L"boottime::CBootTimeComm::OnDataAnalysed");
-  try {
+  ky::GuardedVoid(L"boottime::CBootTimeComm::OnDataAnalysed", [&] {
     if (connServer_ == nullptr) return;
     CPayloadWriter payload;
     payload.WriteU32(status);
     const std::uint32_t result = connServer_->Broadcast(msg::NpcMsgBootTimeOnDataAnalysed, payload.Data(), payload.Size(),
                                                         0, 0, pipelink::kNoTimeout);
     if (result != 0) KY_LOG(logging::kLevelWarning, L"Broadcast NpcMsgBootTimeOnDataAnalysed failed 0x%x", result);
-  } catch (...) {
-  }
+  });
 }
 
 std::uint32_t __cdecl CBootTimeComm::NpcCallback(void* context, const pipelink::PipeMessage* message) {
-  try {
+  return ky::Guarded(L"boottime::CBootTimeComm::NpcCallback", ky::kGeneralFailure, [&]() -> std::uint32_t {
     if (context == nullptr || message == nullptr) return ERROR_GEN_FAILURE;
     return static_cast<CBootTimeComm*>(context)->HandleMessage(*message);
-  } catch (...) {
-    return ERROR_GEN_FAILURE;
-  }
+  });
 }
 
 std::uint32_t CBootTimeComm::HandleMessage(const pipelink::PipeMessage& message) {

@@ -3,6 +3,7 @@
 #include "boottime/comm/messages.h"
 #include "boottime/comm/payload.h"
 #include "common/com_ptr.h"
+#include "common/guard.h"
 #include "common/log.h"
 #include "lumera/interface_ids.h"
 
@@ -35,7 +36,7 @@ void* CBootTimeCommClient::GetInterface(const GUID& iid) {
 
 std::uint32_t CBootTimeCommClient::Init(IServMain*) {
   KY_TRACE(L"boottime::CBootTimeCommClient::Init");
-  try {
+  return ky::Guarded(L"boottime::CBootTimeCommClient::Init", ky::kGeneralFailure, [&]() -> std::uint32_t {
     std::uint32_t result = connector_.Load(CConnectorLibrary::DefaultPath());
     if (result != 0) {
       KY_LOG(logging::kLevelError, L"FAILED load pipelink.dll 0x%x", result);
@@ -54,9 +55,7 @@ std::uint32_t CBootTimeCommClient::Init(IServMain*) {
       return result;
     }
     return 0;
-  } catch (...) {
-    return ERROR_GEN_FAILURE;
-  }
+  });
 }
 
 std::uint32_t CBootTimeCommClient::UnInit() {
@@ -68,7 +67,7 @@ std::uint32_t CBootTimeCommClient::UnInit() {
 
 std::uint32_t CBootTimeCommClient::Start() {
   KY_TRACE(L"boottime::CBootTimeCommClient::Start");
-  try {
+  return ky::Guarded(L"boottime::CBootTimeCommClient::Start", ky::kGeneralFailure, [&]() -> std::uint32_t {
     if (pipe_ != nullptr) return 0;
     std::uint32_t result = ERROR_NOT_READY;
     if (connector_.Client() != nullptr) {
@@ -84,9 +83,7 @@ std::uint32_t CBootTimeCommClient::Start() {
     }
     if (result != 0) KY_LOG(logging::kLevelError, L"Coould not connect comm server: %s", msg::kPipeName);
     return result;
-  } catch (...) {
-    return ERROR_GEN_FAILURE;
-  }
+  });
 }
 
 std::uint32_t CBootTimeCommClient::Stop() {
@@ -121,7 +118,7 @@ std::uint32_t CBootTimeCommClient::SendQuery(std::uint32_t id, const wchar_t* na
 
 std::uint32_t CBootTimeCommClient::GetBootTime(std::uint32_t* milliseconds) {
   KY_TRACE(L"boottime::CBootTimeCommClient::GetBootTime");
-  try {
+  return ky::Guarded(L"boottime::CBootTimeCommClient::GetBootTime", ky::kGeneralFailure, [&]() -> std::uint32_t {
     if (milliseconds == nullptr) return ERROR_INVALID_DATA;
     Reply reply;
     const std::uint32_t result = SendQuery(msg::NpcMsgBootTimeGetBootTime, kNameBootTime, nullptr, 0, &reply);
@@ -130,14 +127,12 @@ std::uint32_t CBootTimeCommClient::GetBootTime(std::uint32_t* milliseconds) {
     if (!reader.ReadBootTime(milliseconds)) return ERROR_INVALID_DATA;
     KY_LOG(logging::kLevelInfo, L"time=%d", *milliseconds);
     return 0;
-  } catch (...) {
-    return ERROR_GEN_FAILURE;
-  }
+  });
 }
 
 std::uint32_t CBootTimeCommClient::GetTotalBootImpact(BootCounters* total) {
   KY_TRACE(L"boottime::CBootTimeCommClient::GetTotalBootImpact");
-  try {
+  return ky::Guarded(L"boottime::CBootTimeCommClient::GetTotalBootImpact", ky::kGeneralFailure, [&]() -> std::uint32_t {
     if (total == nullptr) return ERROR_INVALID_DATA;
     Reply reply;
     // Sends the boot-time query, not id 2: the operation has always been defined this way.
@@ -147,14 +142,12 @@ std::uint32_t CBootTimeCommClient::GetTotalBootImpact(BootCounters* total) {
     (void)reader.ReadCounters(total);
     KY_LOG(logging::kLevelInfo, L"process=[%s]", DescribeCounters(*total).c_str());
     return 0;
-  } catch (...) {
-    return ERROR_GEN_FAILURE;
-  }
+  });
 }
 
 std::uint32_t CBootTimeCommClient::GetBootImpact(ky::IList<ProcessImpact>* impacts, const ProcessKey* key) {
   KY_TRACE(L"boottime::CBootTimeCommClient::GetBootImpact");
-  try {
+  return ky::Guarded(L"boottime::CBootTimeCommClient::GetBootImpact", ky::kGeneralFailure, [&]() -> std::uint32_t {
     if (impacts == nullptr || key == nullptr) return ERROR_INVALID_DATA;
     CPayloadWriter request;
     request.WriteProcessKey(*key);
@@ -169,14 +162,12 @@ std::uint32_t CBootTimeCommClient::GetBootImpact(ky::IList<ProcessImpact>* impac
       impacts->Add(impact);
     });
     return read ? 0 : ERROR_INVALID_DATA;
-  } catch (...) {
-    return ERROR_GEN_FAILURE;
-  }
+  });
 }
 
 std::uint32_t CBootTimeCommClient::GetDiskSpeed(DiskSpeed* speed) {
   KY_TRACE(L"boottime::CBootTimeCommClient::GetDiskSpeed");
-  try {
+  return ky::Guarded(L"boottime::CBootTimeCommClient::GetDiskSpeed", ky::kGeneralFailure, [&]() -> std::uint32_t {
     if (speed == nullptr) return ERROR_INVALID_DATA;
     Reply reply;
     const std::uint32_t result = SendQuery(msg::NpcMsgBootTimeGetDiskSpeed, kNameDisk, nullptr, 0, &reply);
@@ -187,15 +178,14 @@ std::uint32_t CBootTimeCommClient::GetDiskSpeed(DiskSpeed* speed) {
     *speed = read;
     KY_LOG(logging::kLevelInfo, L"diskSpeed=[%s]", DescribeDiskSpeed(*speed).c_str());
     return 0;
-  } catch (...) {
-    return ERROR_GEN_FAILURE;
-  }
+  });
 }
 
 std::uint32_t CBootTimeCommClient::AddListener(IBootTimeEvents* listener) {
   KY_TRACE(L"boottime::CBootTimeCommClient::AddListener");
   if (listener == nullptr) return ERROR_INVALID_DATA;
-  return events_.Register(listener);
+  return ky::Guarded(L"boottime::CBootTimeCommClient::AddListener", ky::kGeneralFailure,
+                     [&] { return events_.Register(listener); });
 }
 
 std::uint32_t CBootTimeCommClient::RemoveListener(IBootTimeEvents* listener) {
@@ -212,13 +202,11 @@ void CBootTimeCommClient::OnDataAnalysed(std::uint32_t status) {
 std::uint32_t CBootTimeCommClient::PostQuery(std::uint32_t id, const wchar_t* name, const void* payload,
                                              std::uint32_t size) {
   KY_TRACE(L"boottime::CBootTimeCommClient::PostQuery");
-  try {
+  return ky::Guarded(L"boottime::CBootTimeCommClient::PostQuery", ky::kGeneralFailure, [&]() -> std::uint32_t {
     const std::uint32_t result = pipe_ == nullptr ? ERROR_PIPE_NOT_CONNECTED : pipe_->Post(id, payload, size, 0);
     if (result != 0) KY_LOG(logging::kLevelError, L"postMessage %s failed 0x%x", name, result);
     return result;
-  } catch (...) {
-    return ERROR_GEN_FAILURE;
-  }
+  });
 }
 
 std::uint32_t CBootTimeCommClient::GetBootTimeAsync() {
@@ -231,13 +219,11 @@ std::uint32_t CBootTimeCommClient::GetTotalBootImpactAsync() {
 
 std::uint32_t CBootTimeCommClient::GetBootImpactAsync(const ProcessKey* key) {
   if (key == nullptr) return ERROR_INVALID_DATA;
-  try {
+  return ky::Guarded(L"boottime::CBootTimeCommClient::GetBootImpactAsync", ky::kGeneralFailure, [&]() -> std::uint32_t {
     CPayloadWriter request;
     request.WriteProcessKey(*key);
     return PostQuery(msg::NpcMsgBootTimeGetBootImpact, kNameImpact, request.Data(), request.Size());
-  } catch (...) {
-    return ERROR_GEN_FAILURE;
-  }
+  });
 }
 
 std::uint32_t CBootTimeCommClient::GetDiskSpeedAsync() {
@@ -246,7 +232,8 @@ std::uint32_t CBootTimeCommClient::GetDiskSpeedAsync() {
 
 std::uint32_t CBootTimeCommClient::AddResponseObserver(IBootTimeResponse* observer) {
   if (observer == nullptr) return ERROR_INVALID_DATA;
-  return responses_.Register(observer);
+  return ky::Guarded(L"boottime::CBootTimeCommClient::AddResponseObserver", ky::kGeneralFailure,
+                     [&] { return responses_.Register(observer); });
 }
 
 std::uint32_t CBootTimeCommClient::RemoveResponseObserver(IBootTimeResponse* observer) {
@@ -283,12 +270,10 @@ void CBootTimeCommClient::OnGetDiskSpeed(std::uint32_t code, const DiskSpeed& sp
 }
 
 std::uint32_t __cdecl CBootTimeCommClient::NpcCallback(void* context, const pipelink::PipeMessage* message) {
-  try {
+  return ky::Guarded(L"boottime::CBootTimeCommClient::NpcCallback", ky::kGeneralFailure, [&]() -> std::uint32_t {
     if (context == nullptr || message == nullptr) return ERROR_GEN_FAILURE;
     return static_cast<CBootTimeCommClient*>(context)->HandleMessage(*message);
-  } catch (...) {
-    return ERROR_GEN_FAILURE;
-  }
+  });
 }
 
 std::uint32_t CBootTimeCommClient::HandleMessage(const pipelink::PipeMessage& message) {

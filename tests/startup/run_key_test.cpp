@@ -67,7 +67,7 @@ TEST(RunKeyApps, DelayFilesTheEntryUnderDelayedAndWithoutStorageWritesNoFile) {
 TEST(RunKeyApps, AStoreThatCannotBeWrittenPutsTheValueBack) {
   ScratchRunKey key;
   ASSERT_EQ(key.Set(L"Keep", REG_SZ, L"keep.exe /a"), ERROR_SUCCESS);
-  testing_startup::PointStoreAtUnwritablePath();
+  const auto unwritable = testing_startup::PointStoreAtUnwritablePath();
   CRunKeyAppsActions actions;
   EXPECT_EQ(actions.Disable({MakeItem(L"Keep", key.Location(), L"keep.exe /a")}, true), 31);
   std::wstring text;

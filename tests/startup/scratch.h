@@ -3,12 +3,15 @@
 
 #include <windows.h>
 
+#include <gtest/gtest.h>
+
 #include <filesystem>
 #include <fstream>
 #include <string>
 
 #include "common/unique_handle.h"
 #include "startup/startup_storage.h"
+#include "support/scoped_override.h"
 #include "support/scratch_folder.h"
 
 namespace testing_startup {
@@ -25,7 +28,10 @@ class ScratchRunKey {
     top_ = L"Software\\LumeraTest" + UniqueSuffix();
     subkey_ = top_ + middle + L"\\CurrentVersion\\Run";
     ky::unique_hkey key;
-    ::RegCreateKeyExW(HKEY_CURRENT_USER, subkey_.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, key.put(), nullptr);
+    EXPECT_EQ(::RegCreateKeyExW(HKEY_CURRENT_USER, subkey_.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, key.put(),
+                                nullptr),
+              ERROR_SUCCESS)
+        << "scratch key " << testing::PrintToString(subkey_);
   }
   ~ScratchRunKey() { ::RegDeleteTreeW(HKEY_CURRENT_USER, top_.c_str()); }
   ScratchRunKey(const ScratchRunKey&) = delete;
@@ -63,10 +69,17 @@ inline std::wstring WriteFile(const std::wstring& path, const std::string& conte
   return path;
 }
 
-// Points the process-wide store at a file in its own scratch folder.
+// Points the process-wide store at `path` until it goes, then back at the file it used before.
+class StoreOverride : public testsupport::ScopedOverride<std::wstring> {
+ public:
+  explicit StoreOverride(const std::wstring& path)
+      : ScopedOverride([] { return startup::storage::CStartupItemsStorage::Instance().Path(); },
+                       [](const std::wstring& p) { startup::storage::CStartupItemsStorage::Instance().Init(p); }, path) {}
+};
+
+// Points the process-wide store at a file in its own scratch folder while it lives.
 class ScratchStore {
  public:
-  ScratchStore() { startup::storage::CStartupItemsStorage::Instance().Init(Path()); }
   std::wstring Path() const { return folder_.file(L"Storage.json"); }
   bool Exists() const { return ::GetFileAttributesW(Path().c_str()) != INVALID_FILE_ATTRIBUTES; }
   std::string Text() const { return testsupport::ReadFileBytes(Path()); }
@@ -79,11 +92,12 @@ class ScratchStore {
 
  private:
   testsupport::ScratchFolder folder_;
+  StoreOverride store_{folder_.file(L"Storage.json")};
 };
 
 // A store whose file can never be written: its folder does not exist.
-inline void PointStoreAtUnwritablePath() {
-  startup::storage::CStartupItemsStorage::Instance().Init(L"C:\\no-such-folder-lumera\\sub\\Storage.json");
+[[nodiscard]] inline StoreOverride PointStoreAtUnwritablePath() {
+  return StoreOverride(L"C:\\no-such-folder-lumera\\sub\\Storage.json");
 }
 
 inline startup::StartupItemPtr MakeItem(const std::wstring& name, const std::wstring& location,

@@ -118,7 +118,7 @@ TEST(StartupFolderApps, MissingFilesAndUnwritableStoresLeaveTheFolderAsItWas) {
   }
   const std::wstring original = WriteFile(folder.file(L"keep.exe"));
   ASSERT_TRUE(::SetFileAttributesW(original.c_str(), FILE_ATTRIBUTE_READONLY));
-  testing_startup::PointStoreAtUnwritablePath();
+  const auto unwritable = testing_startup::PointStoreAtUnwritablePath();
   EXPECT_EQ(actions.Disable({MakeItem(L"keep.exe", folder.path(), original)}, true), 31);
   EXPECT_TRUE(Exists(original)) << "the file moves back when the record cannot be written";
   EXPECT_FALSE(Exists(folder.file(L"KyBkpFolder\\keep.exe")));

@@ -116,7 +116,7 @@ TEST(StartupApproved, RunActionsRecordTheChangeAndUndoItWhenTheStoreFails) {
     EXPECT_TRUE(store.Load("Delayed").empty());
     EXPECT_TRUE(Win8StartupItem::IsEnabled(*item, kSourceRunKey));
   }
-  testing_startup::PointStoreAtUnwritablePath();
+  const auto unwritable = testing_startup::PointStoreAtUnwritablePath();
   EXPECT_EQ(actions.Disable({item}, true), 31);
   EXPECT_TRUE(Win8StartupItem::IsEnabled(*item, kSourceRunKey)) << "a failed save puts the state back";
   EXPECT_EQ(actions.Disable({MakeItem(L"Tool", L"HKEY_UNKNOWN\\x\\Run", L"t.exe")}, false), 31);

@@ -9,6 +9,7 @@
 #include "startup/startup_folder_apps.h"
 #include "startup/startup_items.h"
 #include "startup/win8_actions.h"
+#include "support/scoped_override.h"
 #include "users/ky_users.h"
 
 namespace {
@@ -54,7 +55,9 @@ TEST(StartupItems, ListsSourcesUserFirstThroughTheirSid) {
 
 TEST(KyUsers, ReportsTheConsoleUserAndImpersonatesThem) {
   auto& users = velora::utils::CKYUsers::Instance();
-  users.UnloadDll();
+  // Unloaded for the test, then loaded or not as the program had it.
+  const testsupport::ScopedOverride<bool> unloaded(
+      [&] { return users.IsLoaded(); }, [&](bool loaded) { loaded ? (void)users.ReloadDll() : users.UnloadDll(); }, false);
   std::wstring name, domain;
   EXPECT_EQ(users.GetCurrentUserInfoBasic(name, domain), velora::utils::kErrorUsersNotLoaded);
   ASSERT_TRUE(users.ReloadDll());

@@ -65,6 +65,7 @@ class RecordingItem final : public EqWorkItem {
     delete this;
   }
   void Execute() override {
+    if (throws) throw std::bad_alloc();
     if (++journal_.running > 1) ++journal_.overlap;
     if (gate_ != nullptr) ::WaitForSingleObject(gate_, 10000);
     {
@@ -74,6 +75,8 @@ class RecordingItem final : public EqWorkItem {
     }
     --journal_.running;
   }
+
+  bool throws = false;
 
  private:
   Journal& journal_;
@@ -119,19 +122,6 @@ TEST(SerialExecution, DestroyFinishesTheRunningItemAndReleasesTheRestUnrun) {
   EXPECT_EQ(queue.destroySerialExecution(execution), static_cast<std::uint32_t>(ERROR_NOT_FOUND));
 }
 
-class ThrowingItem final : public EqWorkItem {
- public:
-  explicit ThrowingItem(Journal& journal) : journal_(journal) {}
-  void Release() override {
-    ++journal_.released;
-    delete this;
-  }
-  void Execute() override { throw std::bad_alloc(); }
-
- private:
-  Journal& journal_;
-};
-
 TEST(SerialExecution, AnAllocationFailureInPostOrInAnItemIsACodeAndALogLineAndTheQueueGoesOn) {
   logging::LogRef keep;  // the log adapter is made before allocations fail
   testsupport::CapturedLog log;
@@ -154,7 +144,9 @@ TEST(SerialExecution, AnAllocationFailureInPostOrInAnItemIsACodeAndALogLineAndTh
   EXPECT_EQ(failed, 31u) << "after " << posted << " posts";
   EXPECT_EQ(journal.released.load(), 1) << "the refused item is released, as Post owns it either way";
   for (int i = posted; i < 300; ++i) items[i]->Release();
-  ASSERT_EQ(execution->Post(L"throwing", new ThrowingItem(journal)), 0u);
+  auto* throwing = new RecordingItem(journal, -1);
+  throwing->throws = true;
+  ASSERT_EQ(execution->Post(L"throwing", throwing), 0u);
   ASSERT_EQ(execution->Post(L"after", new RecordingItem(journal, 1000)), 0u);
   ::SetEvent(gate.get());
   ASSERT_TRUE(WaitFor(journal.released, 1 + 300 + 2));

@@ -10,11 +10,9 @@ namespace {
 
 // A thread id rather than a thread_local flag: the flag's own storage may be allocated lazily.
 std::atomic<DWORD> g_failingThread{0};
-std::atomic<int> g_refused{0};
 
 void* Allocate(std::size_t size) {
   if (g_failingThread.load(std::memory_order_relaxed) == ::GetCurrentThreadId()) {
-    ++g_refused;
     throw std::bad_alloc();
   }
   if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
@@ -34,6 +32,5 @@ namespace testsupport {
 
 FailAllocations::FailAllocations() { g_failingThread = ::GetCurrentThreadId(); }
 FailAllocations::~FailAllocations() { g_failingThread = 0; }
-int FailAllocations::Refused() { return g_refused.load(); }
 
 }  // namespace testsupport

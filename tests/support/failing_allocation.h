@@ -12,9 +12,6 @@ class FailAllocations {
   ~FailAllocations();
   FailAllocations(const FailAllocations&) = delete;
   FailAllocations& operator=(const FailAllocations&) = delete;
-
-  // Allocations refused so far.
-  static int Refused();
 };
 
 }  // namespace testsupport

@@ -1,6 +1,7 @@
 #include "common/log.h"
 
 #include <cwchar>
+#include <new>
 #include <string>
 
 namespace logging {
@@ -57,6 +58,8 @@ CLogDLL::CLogDLL() {
   ::SetLastError(error);
 }
 
+CLogDLL::CLogDLL(std::nullptr_t) noexcept : pfnLogWrite(&NoLogWrite) {}
+
 CLogDLL::~CLogDLL() {
   if (module_.Loaded()) {
     if (auto deinit = module_.Resolve<LogDeinitFn>("LogDeinit")) deinit();
@@ -65,9 +68,16 @@ CLogDLL::~CLogDLL() {
 
 LogRef::LogRef(LogUser user) : user_(user) {
   SpinGuard guard;
-  if (g_instance == nullptr) g_instance = new CLogDLL();
+  if (g_instance == nullptr) {
+    // Not the exception guard: it logs, and every guarded method traces before its guard.
+    try {
+      g_instance = new CLogDLL();
+    } catch (const std::bad_alloc&) {
+    }
+  }
+  static const CLogDLL silent(nullptr);
   CountOf(user_).fetch_add(1);
-  dll_ = g_instance;
+  dll_ = g_instance != nullptr ? g_instance : &silent;
 }
 
 LogRef::~LogRef() {

@@ -9,6 +9,7 @@
 #include <windows.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <sstream>
 #include <string>
@@ -30,6 +31,8 @@ inline constexpr std::int32_t kNoInterface = static_cast<std::int32_t>(0x8000400
 class CLogDLL {
  public:
   CLogDLL();
+  // Writes nothing and binds nothing: what every holder gets when the shared instance cannot be made.
+  explicit CLogDLL(std::nullptr_t) noexcept;
   ~CLogDLL();
   CLogDLL(const CLogDLL&) = delete;
   CLogDLL& operator=(const CLogDLL&) = delete;
@@ -81,7 +84,7 @@ class LogRef {
 
  private:
   LogUser user_;
-  CLogDLL* dll_;
+  const CLogDLL* dll_;
 };
 
 template <class... Args>

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "support/captured_log.h"
+#include "support/failing_allocation.h"
 #include "support/programs.h"
 #include "support/scratch_folder.h"
 #include "support/test_thread.h"
@@ -125,6 +126,17 @@ TEST(LoggingLibraryLifetime, ThousandsOfUnheldMessagesLoadAndFreeTheLibraryClean
   ASSERT_TRUE(log.available());
   logging::Write(logging::kLevelInfo, L"LoggingLibraryLifetime", L"still logging");
   EXPECT_EQ(log.count(L"still logging"), 1u);
+}
+
+TEST(LoggingLibraryLifetime, AMessageWhenTheAdapterCannotBeMadeIsDroppedAndTheNextIsWritten) {
+  CapturedLog log;
+  {
+    testsupport::FailAllocations fail;
+    logging::Write(logging::kLevelError, L"LoggingLibraryLifetime", L"starved");
+  }
+  logging::Write(logging::kLevelError, L"LoggingLibraryLifetime", L"fed");
+  EXPECT_EQ(log.count(L"starved"), 0u);
+  EXPECT_EQ(log.count(L"fed"), 1u);
 }
 
 TEST(LoggingWithoutLibrary, ChildBody) {

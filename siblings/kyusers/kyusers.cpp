@@ -8,6 +8,7 @@
 #include <cwchar>
 #include <string>
 
+#include "common/module_library.h"
 #include "common/unique_handle.h"
 
 namespace {
@@ -109,11 +110,6 @@ std::wstring AppDataFolderOf(const ConsoleUser& user) {
   return {};
 }
 
-std::uint32_t LastErrorOr(std::uint32_t fallback) {
-  const DWORD error = ::GetLastError();
-  return error != 0 ? error : fallback;
-}
-
 }  // namespace
 
 extern "C" std::uint32_t WINAPI SrvGetCurrentUserInfoBasic(kyusers::UserInfoBasic* info) {
@@ -143,9 +139,9 @@ extern "C" std::uint32_t WINAPI SrvImpersonateCurrentUser() {
     ::SetLastError(0);
     if (user.session != kNoConsoleSession && ::WTSQueryUserToken(user.session, token.put())) {
       ::SetLastError(0);
-      return ::ImpersonateLoggedOnUser(token.get()) ? 0 : LastErrorOr(ERROR_CANNOT_IMPERSONATE);
+      return ::ImpersonateLoggedOnUser(token.get()) ? 0 : ky::LastErrorOr(ERROR_CANNOT_IMPERSONATE);
     }
-    const std::uint32_t error = LastErrorOr(ERROR_NO_TOKEN);
+    const std::uint32_t error = ky::LastErrorOr(ERROR_NO_TOKEN);
     return ProcessRunsAs(user) ? 0 : error;
   } catch (...) {
     return ERROR_GEN_FAILURE;
@@ -154,5 +150,5 @@ extern "C" std::uint32_t WINAPI SrvImpersonateCurrentUser() {
 
 extern "C" std::uint32_t WINAPI SrvRevertToSelf() {
   ::SetLastError(0);
-  return ::RevertToSelf() ? 0 : LastErrorOr(ERROR_GEN_FAILURE);
+  return ::RevertToSelf() ? 0 : ky::LastErrorOr(ERROR_GEN_FAILURE);
 }

@@ -12,11 +12,6 @@ constexpr DWORD kMaxModulePath = 32768;
 
 }  // namespace
 
-std::uint32_t LastErrorOr(std::uint32_t fallback) noexcept {
-  const DWORD error = ::GetLastError();
-  return error != 0 ? error : fallback;
-}
-
 bool IsAbsolutePath(const std::wstring& path) noexcept {
   const bool drive = path.size() > 2 && path[1] == L':' && (path[2] == L'\\' || path[2] == L'/');
   return drive || path.rfind(L"\\\\", 0) == 0;

@@ -17,7 +17,10 @@
 namespace ky {
 
 // GetLastError(), or `fallback` when the failing call left none (many Wine stubs do not).
-[[nodiscard]] std::uint32_t LastErrorOr(std::uint32_t fallback) noexcept;
+[[nodiscard]] inline std::uint32_t LastErrorOr(std::uint32_t fallback) noexcept {
+  const DWORD error = ::GetLastError();
+  return error != 0 ? error : fallback;
+}
 
 // A FILETIME as one 64-bit count of 100 ns intervals.
 [[nodiscard]] constexpr std::uint64_t FileTimeToU64(const FILETIME& time) noexcept {

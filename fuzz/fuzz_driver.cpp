@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <set>
 #include <thread>
 #include <unordered_set>
 
@@ -180,15 +181,18 @@ void Watchdog(HANDLE stop) {
 
 void Fail(const char* what) { Report("CRASH", what, 1); }
 
-const std::wstring& ScratchFile(const wchar_t* name) {
-  static const std::wstring path = [name] {
-    wchar_t folder[MAX_PATH + 1] = {};
-    ::GetTempPathW(MAX_PATH, folder);
-    return std::wstring(folder) + L"lumera-fuzz-" + std::to_wstring(::GetCurrentProcessId()) + L"-" + name;
-  }();
-  static const struct Remover {
-    ~Remover() { ::DeleteFileW(path.c_str()); }
-  } remover;
+std::wstring ScratchFile(const wchar_t* name) {
+  // Every file handed out is removed when the process ends normally.
+  static struct Made {
+    std::set<std::wstring> paths;
+    ~Made() {
+      for (const std::wstring& path : paths) ::DeleteFileW(path.c_str());
+    }
+  } made;
+  wchar_t folder[MAX_PATH + 1] = {};
+  ::GetTempPathW(MAX_PATH, folder);
+  const std::wstring path = std::wstring(folder) + L"lumera-fuzz-" + std::to_wstring(::GetCurrentProcessId()) + L"-" + name;
+  made.paths.insert(path);
   return path;
 }
 

@@ -47,9 +47,9 @@ inline Outcome Bucket(std::size_t count) { return count == 0 ? 0 : count == 1 ? 
 // Parses the options and runs the target; returns the process exit code.
 int Run(int argc, char** argv, Target& target);
 
-// A scratch file in the temporary folder, unique to this process, removed at exit; for the
-// readers that only read from a path.
-const std::wstring& ScratchFile(const wchar_t* name);
+// A scratch file in the temporary folder, unique to this process and name, removed at exit;
+// for the readers that only read from a path.
+std::wstring ScratchFile(const wchar_t* name);
 void WriteScratchFile(const std::wstring& path, const std::uint8_t* data, std::size_t size);
 
 }  // namespace fuzz

@@ -62,8 +62,8 @@ fuzz::Outcome ReadElements(const std::uint8_t* data, std::size_t size) {
 }
 
 fuzz::Outcome LoadStoreLoad(const std::uint8_t* data, std::size_t size) {
-  const std::wstring& path = fuzz::ScratchFile(L"impact.json");
-  const std::wstring& again = fuzz::ScratchFile(L"impact-again.json");
+  const std::wstring path = fuzz::ScratchFile(L"impact.json");
+  const std::wstring again = fuzz::ScratchFile(L"impact-again.json");
   fuzz::WriteScratchFile(path, data, size);
   BootTimeAnalyser first;
   if (!first.LoadLastBootProcessImpactFromDisk(path)) return 1;

@@ -71,7 +71,7 @@ fuzz::Outcome ReadDocument(const std::uint8_t* data, std::size_t size) {
 
 // The store's own operations on the input as "Storage.json".
 fuzz::Outcome ReadStoreFile(const std::uint8_t* data, std::size_t size) {
-  const std::wstring& path = fuzz::ScratchFile(L"Storage.json");
+  const std::wstring path = fuzz::ScratchFile(L"Storage.json");
   fuzz::WriteScratchFile(path, data, size);
   storage::CStartupItemsStorage store;
   store.Init(path);

@@ -13,7 +13,7 @@ namespace hostile {
 namespace {
 
 constexpr wchar_t kPipePath[] = L"\\\\.\\pipe\\boottimepipe";
-constexpr DWORD kIoTimeoutMs = 3000;
+constexpr DWORD kIoTimeoutMs = 5000;  // as long as a good client waits
 constexpr DWORD kBusyWaitMs = 200;
 constexpr std::size_t kMaxFramesPerConnection = 64;
 constexpr std::size_t kOversizedOneIn = 4000;  // of all frames; a megabyte write each, so rare
@@ -168,10 +168,9 @@ Sent SendOne(Connection& c, fuzz::Rng& rng, fuzz::Mutator& mutator, std::uint32_
       frame = Frame(clientId, queryId, 0, ++sequence, {});
       PutU32(frame, rng.OneIn(2) ? 0 : 20, static_cast<std::uint32_t>(rng.Next() | 0x80));
       break;
-    case 5:  // a mutated valid frame: anything may happen
+    case 5:  // a mutated valid frame: anything may happen, so the connection is not used again
       frame = Frame(clientId, queryId, pipelink::kFlagReplyExpected, ++sequence, LyingPayload(rng, mutator));
       mutator.Mutate(frame, {});
-      refused = false;
       break;
     case 6:  // a reply no one asked for
       frame = Frame(clientId, queryId, pipelink::kFlagIsReply, ++sequence, LyingPayload(rng, mutator));
@@ -199,7 +198,8 @@ Sent SendOne(Connection& c, fuzz::Rng& rng, fuzz::Mutator& mutator, std::uint32_
   }
   // A request the connector accepted is always answered, whatever its payload held.
   ++totals.asked;
-  for (int i = 0; i < 8; ++i) {
+  // Answers to queries posted earlier on this connection may come first.
+  for (std::size_t i = 0; i <= kMaxFramesPerConnection; ++i) {
     if (!c.Read(scratch)) return Sent::kFailed;
     if (scratch.size() >= pipelink::kFrameHeaderBytes && (scratch[20] & pipelink::kFlagIsReply) != 0 &&
         std::memcmp(&scratch[24], &frame[24], 4) == 0) {

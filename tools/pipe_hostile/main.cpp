@@ -5,8 +5,8 @@
 // lying frames and open and drop connections, while well-behaved clients query continuously
 // through the module's "boottimecommclient". Last line:
 //   hostile pipe: N frames, A of Q good queries answered, host alive
-// Exit codes: 0 every good query answered and the host alive, 1 otherwise, 2 bad command
-// line, 3 no host to test.
+// Exit codes: 0 every good query answered, every accepted hostile request that asked for a
+// reply got one, and the host alive; 1 otherwise; 2 bad command line; 3 no host to test.
 //
 // A tool rather than a benchmark: it times nothing and compares with no baseline; it is a
 // program a person points at a host, running or started for the purpose.
@@ -207,7 +207,7 @@ int Run(const Options& options, const std::filesystem::path& scratch) {
               static_cast<unsigned long long>(goodTotals.asked.load()), alive ? "host alive" : "HOST DEAD");
   if (!alive && hostExit != STILL_ACTIVE) std::fprintf(stderr, "pipe_hostile: the host ended with 0x%lx\n", hostExit);
   std::fflush(stdout);
-  return alive && goodTotals.answered == goodTotals.asked ? 0 : 1;
+  return alive && goodTotals.answered == goodTotals.asked && hostileTotals.replied == hostileTotals.asked ? 0 : 1;
 }
 
 }  // namespace

@@ -140,7 +140,7 @@ struct Options {
   std::uint64_t seed = 0;
   std::size_t maxDepth = 0;  // 0: every input runs
   std::size_t fileEvery = 0;
-  int selfCheck = 0;  // 1: touch the byte after an input, 2: the byte before one; either must crash
+  int selfCheck = 0;  // 1: touch the byte after an input, 2: the byte before one; 3: stall one input
 };
 
 bool ParseOptions(int argc, char** argv, const Target& target, Options& o) {
@@ -266,6 +266,12 @@ int Run(int argc, char** argv, Target& target) {
       g_state.inputSize = input.size();
       const volatile std::uint8_t* outside = atEnd ? placed + input.size() : placed - 1;
       std::printf("fuzz %s: self-check read %d\n", target.name, *outside);
+      return 3;
+    }
+    if (options.selfCheck == 3) {
+      g_state.startTick = ::GetTickCount64();
+      g_state.busy = true;
+      ::WaitForSingleObject(stop.get(), static_cast<DWORD>(kHangMs * 5));
       return 3;
     }
     g_state.input = placed;

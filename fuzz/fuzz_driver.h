@@ -5,7 +5,7 @@
 //
 // --max-depth leaves out JSON inputs nested deeper than N; --file-every runs the reader's
 // path through a file for every Kth input; --self-check 1 (2) reads the byte after (before)
-// an input to show that the guard pages catch it.
+// an input to show that the guard pages catch it, 3 stalls an input to show the hang report.
 // A crash (access violation, stack overflow, abort, an exception escaping the reader, or a
 // broken check of the driver) prints the input in hex with the seed and exits 1; one input
 // running over a second is a hang, reported the same way, exit 2. 0 when neither happened.

@@ -230,6 +230,7 @@ int Run(int argc, char** argv, Target& target) {
   std::unordered_set<Outcome> outcomes;
   Bytes input;
   std::uint64_t skipped = 0;
+  std::uint64_t bytes = 0;
   const std::uint64_t begin = ::GetTickCount64();
   std::uint64_t lastProgress = begin;
   std::uint64_t done = 0;
@@ -290,6 +291,7 @@ int Run(int argc, char** argv, Target& target) {
       Report("CRASH", "an exception escaped the reader", 1);
     }
     g_state.busy = false;
+    bytes += input.size();
     if (outcomes.insert(outcome).second) {
       g_state.outcomes = outcomes.size();
       if (working.size() < kMaxWorkingCorpus) working.push_back(input);
@@ -299,8 +301,9 @@ int Run(int argc, char** argv, Target& target) {
   ::SetEvent(stop.get());
   watchdog.join();
   const double seconds = static_cast<double>(::GetTickCount64() - begin) / 1000.0;
-  std::printf("\rfuzz %s: %llu inputs in %.1f s (%.0f inputs/s), seed 0x%llx", target.name,
+  std::printf("\rfuzz %s: %llu inputs in %.1f s (%.0f inputs/s, %.0f bytes on average), seed 0x%llx", target.name,
               static_cast<unsigned long long>(done), seconds, seconds > 0 ? done / seconds : 0.0,
+              done > skipped ? static_cast<double>(bytes) / static_cast<double>(done - skipped) : 0.0,
               static_cast<unsigned long long>(options.seed));
   if (options.maxDepth != 0) std::printf(", %llu skipped deeper than %zu", static_cast<unsigned long long>(skipped), options.maxDepth);
   std::printf("\nfuzz %s: %llu inputs, 0 crashes, 0 hangs, %zu distinct outcomes\n", target.name,

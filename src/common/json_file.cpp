@@ -7,6 +7,21 @@
 
 namespace ky {
 
+bool ParseJsonText(const char* first, const char* last, picojson::value& out, std::string& error) {
+  out = picojson::value();
+  error.clear();
+  picojson::value parsed;
+  try {
+    picojson::parse(parsed, first, last, &error);
+  } catch (const std::exception&) {
+    // The parser throws rather than fails for a number such as 1e999.
+    error = "number out of range";
+  }
+  if (!error.empty()) return false;
+  out = std::move(parsed);
+  return true;
+}
+
 JsonReadResult ReadJsonFile(const std::wstring& path, picojson::value& out, std::string& error, std::size_t maxBytes) {
   out = picojson::value();
   std::ifstream file(std::filesystem::path(path), std::ios::binary);
@@ -16,10 +31,7 @@ JsonReadResult ReadJsonFile(const std::wstring& path, picojson::value& out, std:
   const auto got = static_cast<std::size_t>(file.gcount());
   if (got > maxBytes) return JsonReadResult::kTooLarge;
   text.resize(got);
-  picojson::value parsed;
-  error = picojson::parse(parsed, text);
-  if (!error.empty()) return JsonReadResult::kParseError;
-  out = std::move(parsed);
+  if (!ParseJsonText(text.data(), text.data() + text.size(), out, error)) return JsonReadResult::kParseError;
   return JsonReadResult::kOk;
 }
 

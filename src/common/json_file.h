@@ -14,6 +14,10 @@ inline constexpr std::size_t kMaxJsonFileBytes = 16 * 1024 * 1024;
 
 enum class JsonReadResult { kOk, kCannotOpen, kTooLarge, kParseError };
 
+// Parses JSON text as every file reader does: false, with the parser's message in `error` and
+// `out` null, for text that is not a document (a number beyond the double range included).
+[[nodiscard]] bool ParseJsonText(const char* first, const char* last, picojson::value& out, std::string& error);
+
 // Reads the whole file and parses it into `out`. On kParseError `error` holds the parser's
 // message; on any failure `out` is left null.
 [[nodiscard]] JsonReadResult ReadJsonFile(const std::wstring& path, picojson::value& out, std::string& error,

@@ -75,6 +75,7 @@ IKyBaseInterface* Construct(ObjectKind kind) {
 
 extern "C" std::uint32_t __cdecl KyCreateObject(const wchar_t* name, const GUID* iid, void** out) {
   try {
+    KY_TRACE(kCreate);
     LogName(kCreate, name);
     if (out == nullptr) return ERROR_INVALID_DATA;
     *out = nullptr;
@@ -100,6 +101,7 @@ extern "C" std::uint32_t __cdecl KyCreateObject(const wchar_t* name, const GUID*
 
 extern "C" void __cdecl KyDestroyObject(const wchar_t* name, void* object) {
   try {
+    KY_TRACE(kDestroy);
     LogName(kDestroy, name);
     if (object == nullptr) {
       logging::Write(logging::kLevelDebug, kDestroy, L"null instance");

@@ -149,6 +149,12 @@ std::uint8_t CStartupFolderActions::PutAside(const StartupItemList& items, bool 
   std::uint8_t result = kActionOk;
   for (const StartupItemPtr& item : items) {
     logging::Write(logging::kLevelInfo, function, format, item->location.c_str(), item->name.c_str());
+    // An empty location would put the backup folder at the root of the current drive.
+    if (!item->Actionable()) {
+      logging::Write(logging::kLevelError, function, L"FAILED %s", item->location.c_str());
+      result = kActionFailed;
+      continue;
+    }
     if (!CreateBackupFolderForStartupItem(*item)) {
       logging::Write(logging::kLevelError, function, L"FAILED CreateBackupFolderForStartupItem %s",
                      item->location.c_str());
@@ -188,6 +194,7 @@ std::uint8_t CStartupFolderActions::Enable(const StartupItemList& items, bool up
   std::uint8_t result = kActionOk;
   for (const StartupItemPtr& item : items) {
     KY_LOG(logging::kLevelInfo, L"Enable %s %s", item->location.c_str(), item->name.c_str());
+    if (!item->Actionable()) continue;
     const std::wstring source = BackupFolderOf(*item) + item->name;
     const std::wstring destination = WithBackslash(item->location) + item->name;
     if (MoveStartupFile(source, destination) != 0) {

@@ -188,6 +188,48 @@ TEST_F(BootTimePipe, PostedQueriesAnswerTheObserversOrFailWithErrorMessages) {
   lib.Client()->Close(raw);
 }
 
+TEST_F(BootTimePipe, EveryQueryNamesItsMessageWhenItFailsOnEitherSide) {
+  CBootTimeComm second;
+  ASSERT_EQ(second.Init(&manager), 0u);
+  EXPECT_NE(second.Start(), 0u) << "the pipe already has its server";
+  EXPECT_TRUE(log.contains(L"Could not register comm server: boottimepipe"));
+  second.UnInit();
+  ASSERT_EQ(client.GetTotalBootImpactAsync(), 0u);
+  ASSERT_TRUE(observer.Wait());
+  EXPECT_TRUE(log.contains(L"GetTotalBootImpact err=0"));
+
+  std::uint32_t ms = 0;
+  boottime::BootCounters total;
+  ky::List<boottime::ProcessImpact> impacts;
+  const boottime::ProcessKey key{};
+  boottime::DiskSpeed disk;
+  const struct {
+    const wchar_t* name;
+    std::function<std::uint32_t()> send, post;
+  } queries[] = {
+      {L"NpcMsgBootTimeGetBootTime", [&] { return client.GetBootTime(&ms); }, [&] { return client.GetBootTimeAsync(); }},
+      {L"NpcMsgBootTimeGetTotalBootImpact", [&] { return client.GetTotalBootImpact(&total); },
+       [&] { return client.GetTotalBootImpactAsync(); }},
+      {L"NpcMsgBootTimeGetBootImpact", [&] { return client.GetBootImpact(&impacts, &key); },
+       [&] { return client.GetBootImpactAsync(&key); }},
+      {L"NpcMsgBootTimeGetDiskSpeed", [&] { return client.GetDiskSpeed(&disk); }, [&] { return client.GetDiskSpeedAsync(); }},
+  };
+  fake.bootTimeCode = 1;  // the total is asked for with the boot-time query
+  fake.impactCode = 1;
+  fake.diskCode = 1;
+  for (const auto& q : queries) EXPECT_EQ(q.send(), 1u) << testing::PrintToString(q.name);
+  client.Stop();
+  for (const auto& q : queries) {
+    EXPECT_EQ(q.send(), 2u) << testing::PrintToString(q.name);
+    EXPECT_EQ(q.post(), 233u) << testing::PrintToString(q.name);
+    for (const std::wstring& text :
+         {L"sendMessage " + std::wstring(q.name) + L" returns 0x1", L"sendMessage " + std::wstring(q.name) + L" failed 0xe9",
+          L"postMessage " + std::wstring(q.name) + L" failed 0xe9"}) {
+      EXPECT_TRUE(log.contains(text)) << testing::PrintToString(text);
+    }
+  }
+}
+
 TEST_F(BootTimePipe, HostileClientsDisturbNeitherTheServerNorOtherClientsAndDataAnalysedReachesEveryClient) {
   Observer listeners[4];
   CBootTimeCommClient others[3];

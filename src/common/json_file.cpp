@@ -1,26 +1,62 @@
 #include "common/json_file.h"
 
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 
 #include "common/text_convert.h"
 
 namespace ky {
+namespace {
+
+// True when no array or object of `text` lies deeper than `limit`; brackets inside strings
+// do not count.
+bool NestingWithin(const std::string& text, std::size_t limit) {
+  std::size_t depth = 0;
+  bool inString = false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (inString) {
+      if (c == '\\') {
+        ++i;
+      } else if (c == '"') {
+        inString = false;
+      }
+    } else if (c == '"') {
+      inString = true;
+    } else if (c == '[' || c == '{') {
+      if (++depth > limit) return false;
+    } else if ((c == ']' || c == '}') && depth > 0) {
+      --depth;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+std::string ParseJsonText(const std::string& text, picojson::value& out) {
+  out = picojson::value();
+  if (!NestingWithin(text, kMaxJsonDepth)) return "nested deeper than " + std::to_string(kMaxJsonDepth) + " levels";
+  picojson::value parsed;
+  std::string error = picojson::parse(parsed, text);
+  if (error.empty()) out = std::move(parsed);
+  return error;
+}
 
 JsonReadResult ReadJsonFile(const std::wstring& path, picojson::value& out, std::string& error, std::size_t maxBytes) {
   out = picojson::value();
-  std::ifstream file(std::filesystem::path(path), std::ios::binary);
+  std::ifstream file(std::filesystem::path(path), std::ios::binary | std::ios::ate);
   if (!file) return JsonReadResult::kCannotOpen;
-  std::string text(maxBytes + 1, '\0');
+  const std::streamoff size = file.tellg();
+  if (size < 0) return JsonReadResult::kCannotOpen;
+  if (static_cast<std::uint64_t>(size) > maxBytes) return JsonReadResult::kTooLarge;
+  file.seekg(0);
+  std::string text(static_cast<std::size_t>(size), '\0');
   file.read(text.data(), static_cast<std::streamsize>(text.size()));
-  const auto got = static_cast<std::size_t>(file.gcount());
-  if (got > maxBytes) return JsonReadResult::kTooLarge;
-  text.resize(got);
-  picojson::value parsed;
-  error = picojson::parse(parsed, text);
-  if (!error.empty()) return JsonReadResult::kParseError;
-  out = std::move(parsed);
-  return JsonReadResult::kOk;
+  text.resize(static_cast<std::size_t>(file.gcount()));
+  error = ParseJsonText(text, out);
+  return error.empty() ? JsonReadResult::kOk : JsonReadResult::kParseError;
 }
 
 bool WriteTextFile(const std::wstring& path, const std::string& text) {

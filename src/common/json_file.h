@@ -11,11 +11,18 @@
 namespace ky {
 
 inline constexpr std::size_t kMaxJsonFileBytes = 16 * 1024 * 1024;
+// Arrays and objects nested deeper than this are refused before parsing: the parser and the
+// value it builds recurse once per level.
+inline constexpr std::size_t kMaxJsonDepth = 100;
 
 enum class JsonReadResult { kOk, kCannotOpen, kTooLarge, kParseError };
 
-// Reads the whole file and parses it into `out`. On kParseError `error` holds the parser's
-// message; on any failure `out` is left null.
+// Parses `text` into `out`, refusing nesting deeper than kMaxJsonDepth. Returns the parser's
+// message (or the depth refusal), empty on success; on failure `out` is null.
+std::string ParseJsonText(const std::string& text, picojson::value& out);
+
+// Reads the whole file (what it holds, never more than `maxBytes`) and parses it into `out`
+// with ParseJsonText. On kParseError `error` holds the message; on any failure `out` is null.
 [[nodiscard]] JsonReadResult ReadJsonFile(const std::wstring& path, picojson::value& out, std::string& error,
                                           std::size_t maxBytes = kMaxJsonFileBytes);
 

@@ -132,11 +132,14 @@ TEST_F(AnalyserTest, FilesThatAreMissingUnwritableOrNotImpactDocumentsLoadNothin
                      L"Can't find last boot process impact data"));
   EXPECT_FALSE(analyser.StoreProcessImpactOnDisk(folder.file(L"no\\such.json")));
   EXPECT_TRUE(Logged(log, L"BootTimeAnalyser::StoreProcessImpactOnDisk", L"Failed to save boot impact in JSON"));
+  std::string deep;
+  for (int i = 0; i < 10000; ++i) deep += "{\"processes\":";
   const struct {
-    const char* text;
+    std::string text;
     const wchar_t* logged;
   } documents[] = {
       {"{\"processes\":[", L"Invalid json file format : "},
+      {deep, L"Invalid json file format : nested deeper than 100 levels"},
       {"[1,2]", L"Invalid last boot json file"},
       {"{\"processes\":{}}", L"Json not containing an array"},
       {"{}", L"Json not containing an array"},
@@ -144,8 +147,8 @@ TEST_F(AnalyserTest, FilesThatAreMissingUnwritableOrNotImpactDocumentsLoadNothin
   for (const auto& document : documents) {
     WriteFile(document.text);
     log.clear();
-    EXPECT_FALSE(analyser.LoadLastBootProcessImpactFromDisk(file)) << document.text;
-    EXPECT_TRUE(log.contains(document.logged)) << document.text;
+    EXPECT_FALSE(analyser.LoadLastBootProcessImpactFromDisk(file)) << document.text.substr(0, 40);
+    EXPECT_TRUE(log.contains(document.logged)) << document.text.substr(0, 40);
   }
   EXPECT_TRUE(analyser.Empty());
 }

@@ -167,11 +167,13 @@ std::uint8_t CStartupFolderActions::PutAside(const StartupItemList& items, bool 
       result = kActionFailed;
       continue;
     }
+    const StartupItem before = *item;
     item->backupPath = destination;
     // A shortcut's path names its target, which has not moved.
     if (source.find(L".lnk") == std::wstring::npos) item->path = destination;
     if (updateStorage && storage::CStartupItemsStorage::Instance().SaveStartupItem(item, category) != 0) {
       (void)MoveStartupFile(destination, source);
+      *item = before;
       logging::Write(logging::kLevelError, function, L"FAILED storage::SaveStartupItem %s", item->location.c_str());
       result = kActionFailed;
     }

@@ -93,6 +93,12 @@ TEST(StartupLogTexts, ActionsNameEachDecisionAndFailure) {
       {"StartupApproved key that cannot be made",
        [&] { (void)startup::Win8StartupItem::Disable(*MakeItem(L"App", tooLongKey, L"a.exe"), startup::kSourceRunKey); },
        {L"failed create ", L"SetItemRegValue failed 0x"}},
+      {"value name the registry refuses",
+       [&] {
+         (void)startup::Win8StartupItem::Disable(*MakeItem(std::wstring(20000, L'v'), run.Location(), L"a.exe"),
+                                                 startup::kSourceRunKey);
+       },
+       {L"failed set value HKEY_CURRENT_USER " + lowerApproved + L" vvv"}},
       {"enable that cannot find its key",
        [&] {
          startup::CWin8RunKeyAppsActions actions;

@@ -70,6 +70,7 @@ void Session::Run() {
   hello.id = kIdHello;
   hello.flags = kFlagControl;
   if (end_.Write(hello, nullptr, 0, owner_.StopEvent(), kDefaultWriteTimeoutMs) == 0) {
+    welcomed_ = true;
     std::vector<std::uint8_t> buffer;
     for (;;) {
       std::size_t got = 0;
@@ -203,7 +204,7 @@ void PipeServer::Listen() {
 std::shared_ptr<Session> PipeServer::Find(std::uint32_t clientId) {
   std::lock_guard hold(sessionsLock_);
   for (const auto& session : sessions_) {
-    if (session->Id() == clientId && !session->Done()) return session;
+    if (session->Id() == clientId && session->Welcomed() && !session->Done()) return session;
   }
   return nullptr;
 }
@@ -218,7 +219,8 @@ std::uint32_t PipeServer::Broadcast(std::uint32_t id, const void* payload, std::
   FrameHeader header;
   header.id = id;
   for (const auto& session : targets) {
-    if (session->Done()) continue;
+    // A client that has not had its welcome yet would take the broadcast for a broken one.
+    if (session->Done() || !session->Welcomed()) continue;
     const std::uint32_t result = session->Send(header, payload, size, timeoutMs);
     if (result != 0) last = result;
   }

@@ -32,6 +32,8 @@ class Session {
   [[nodiscard]] bool Start();
   std::uint32_t Id() const { return id_; }
   bool Done() const { return done_; }
+  // True once the welcome frame is written; until then the session takes no broadcast.
+  bool Welcomed() const { return welcomed_; }
   // Writes a frame to the client; a failed write drops the client.
   [[nodiscard]] std::uint32_t Send(FrameHeader header, const void* payload, std::uint32_t size, DWORD timeoutMs);
   // Replies to request `sequence`; remembers that the running request was answered.
@@ -47,6 +49,7 @@ class Session {
   PipeServer& owner_;
   std::thread thread_;
   std::atomic<bool> done_{false};
+  std::atomic<bool> welcomed_{false};
   std::atomic<std::uint32_t> runningSequence_{0};
   std::atomic<bool> replied_{false};
 };

@@ -11,15 +11,19 @@
 namespace ky {
 
 inline constexpr std::size_t kMaxJsonFileBytes = 16 * 1024 * 1024;
+// Arrays and objects nested deeper than this are refused before parsing: the parser and the
+// value it builds recurse once per level.
+inline constexpr std::size_t kMaxJsonDepth = 100;
 
 enum class JsonReadResult { kOk, kCannotOpen, kTooLarge, kParseError };
 
-// Parses JSON text as every file reader does: false, with the parser's message in `error` and
-// `out` null, for text that is not a document (a number beyond the double range included).
+// Parses JSON text as every reader does: false, with the message in `error` and `out` null,
+// for text that is not a document, nests deeper than kMaxJsonDepth, or holds a number beyond
+// the double range.
 [[nodiscard]] bool ParseJsonText(const char* first, const char* last, picojson::value& out, std::string& error);
 
-// Reads the whole file and parses it into `out`. On kParseError `error` holds the parser's
-// message; on any failure `out` is left null.
+// Reads the whole file (what it holds, never more than `maxBytes`) and parses it into `out`
+// with ParseJsonText. On kParseError `error` holds the message; on any failure `out` is null.
 [[nodiscard]] JsonReadResult ReadJsonFile(const std::wstring& path, picojson::value& out, std::string& error,
                                           std::size_t maxBytes = kMaxJsonFileBytes);
 

@@ -76,6 +76,7 @@ IKyBaseInterface* Construct(ObjectKind kind) {
 
 extern "C" std::uint32_t __cdecl KyCreateObject(const wchar_t* name, const GUID* iid, void** out) {
   return ky::Guarded(L"plugin::KyCreateObject", ky::kGeneralFailure, ky::kOutOfMemory, [&]() -> std::uint32_t {
+    KY_TRACE(kCreate);
     LogName(kCreate, name);
     if (out == nullptr) return ERROR_INVALID_DATA;
     *out = nullptr;
@@ -97,6 +98,7 @@ extern "C" std::uint32_t __cdecl KyCreateObject(const wchar_t* name, const GUID*
 
 extern "C" void __cdecl KyDestroyObject(const wchar_t* name, void* object) {
   ky::GuardedVoid(L"plugin::KyDestroyObject", [&] {
+    KY_TRACE(kDestroy);
     LogName(kDestroy, name);
     if (object == nullptr) {
       logging::Write(logging::kLevelDebug, kDestroy, L"null instance");

@@ -133,6 +133,12 @@ std::uint8_t CStartupFolderActions::PutAside(const StartupItemList& items, bool 
   std::uint8_t result = kActionOk;
   for (const StartupItemPtr& item : items) {
     logging::Write(logging::kLevelInfo, function, format, item->location.c_str(), item->name.c_str());
+    // An empty location would put the backup folder at the root of the current drive.
+    if (!item->Actionable()) {
+      logging::Write(logging::kLevelError, function, L"FAILED %s", item->location.c_str());
+      result = kActionFailed;
+      continue;
+    }
     if (!CreateBackupFolderForStartupItem(*item)) {
       logging::Write(logging::kLevelError, function, L"FAILED CreateBackupFolderForStartupItem %s",
                      item->location.c_str());
@@ -145,11 +151,13 @@ std::uint8_t CStartupFolderActions::PutAside(const StartupItemList& items, bool 
       result = kActionFailed;
       continue;
     }
+    const StartupItem before = *item;
     item->backupPath = destination;
     // A shortcut's path names its target, which has not moved.
     if (source.find(L".lnk") == std::wstring::npos) item->path = destination;
     if (updateStorage && storage::CStartupItemsStorage::Instance().SaveStartupItem(item, category) != 0) {
       (void)MoveStartupFile(destination, source);
+      *item = before;
       logging::Write(logging::kLevelError, function, L"FAILED storage::SaveStartupItem %s", item->location.c_str());
       result = kActionFailed;
     }
@@ -172,6 +180,7 @@ std::uint8_t CStartupFolderActions::Enable(const StartupItemList& items, bool up
   std::uint8_t result = kActionOk;
   for (const StartupItemPtr& item : items) {
     KY_LOG(logging::kLevelInfo, L"Enable %s %s", item->location.c_str(), item->name.c_str());
+    if (!item->Actionable()) continue;
     const std::wstring source = BackupFolderOf(*item) + item->name;
     const std::wstring destination = WithBackslash(item->location) + item->name;
     if (MoveStartupFile(source, destination) != 0) {

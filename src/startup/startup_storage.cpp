@@ -40,11 +40,28 @@ void CStartupItemsStorage::Init(const std::wstring& path) {
   if (!OpenForReading(path_)) notLoaded_ = 1;
 }
 
-bool CStartupItemsStorage::Load(picojson::value& document) const {
+CStartupItemsStorage::Loaded CStartupItemsStorage::Read(picojson::value& document) const {
   picojson::value parsed;
   std::string error;
-  if (ky::ReadJsonFile(path_, parsed, error, kMaxFileBytes) != ky::JsonReadResult::kOk) return false;
-  document = std::move(parsed);
+  const ky::JsonReadResult read = ky::ReadJsonFile(path_, parsed, error, kMaxFileBytes);
+  if (read == ky::JsonReadResult::kOk) {
+    document = std::move(parsed);
+    return Loaded::kYes;
+  }
+  if (read == ky::JsonReadResult::kCannotOpen && ::GetFileAttributesW(path_.c_str()) == INVALID_FILE_ATTRIBUTES) {
+    return Loaded::kMissing;
+  }
+  return Loaded::kUnreadable;
+}
+
+bool CStartupItemsStorage::KeepUnreadable() const {
+  KY_TRACE(L"CStartupItemsStorage::KeepUnreadable");
+  const std::wstring kept = path_ + kUnreadableSuffix;
+  if (!::CopyFileW(path_.c_str(), kept.c_str(), FALSE)) {
+    KY_LOG(logging::kLevelError, L"Failed to keep unreadable %s as %s 0x%x", path_.c_str(), kept.c_str(), ::GetLastError());
+    return false;
+  }
+  KY_LOG(logging::kLevelWarning, L"Unreadable %s kept as %s", path_.c_str(), kept.c_str());
   return true;
 }
 
@@ -55,12 +72,15 @@ bool CStartupItemsStorage::Save(const picojson::value& document) const {
 std::uint32_t CStartupItemsStorage::SaveStartupItems(const StartupItemList& items, const std::string& section) {
   KY_TRACE(L"CStartupItemsStorage::SaveStartupItems");
   picojson::value document;
-  if (!Load(document)) {
+  const Loaded loaded = Read(document);
+  if (loaded != Loaded::kYes) {
     KY_LOG(logging::kLevelError, L"Failed load file");
     document = picojson::value(picojson::object());
   }
+  const bool replacesContent =
+      loaded == Loaded::kUnreadable || (loaded == Loaded::kYes && !AppendKeepsContent(document, section));
   AppendItems(document, items, section, NowUnixSeconds());
-  if (!Save(document)) {
+  if ((replacesContent && !KeepUnreadable()) || !Save(document)) {
     KY_LOG(logging::kLevelError, L"Save failed");
     return kStorageFailed;
   }

@@ -13,6 +13,7 @@
 namespace startup::storage {
 
 inline constexpr wchar_t kStorageFileName[] = L"Storage.json";
+inline constexpr wchar_t kUnreadableSuffix[] = L".unreadable";
 inline constexpr std::uint32_t kStorageFailed = 31;
 
 class CStartupItemsStorage {
@@ -29,7 +30,9 @@ class CStartupItemsStorage {
   const std::wstring& Path() const { return path_; }
 
   // Appends the items under the section; 0, or 31 when the file could not be written. A file
-  // that cannot be read first is replaced by one holding only these items.
+  // that cannot be read first (or whose parts of the wrong type the save would replace) is
+  // copied to "<file>.unreadable", replacing an earlier copy, and then replaced by one holding
+  // these items; 31, and nothing written, when that copy cannot be made.
   [[nodiscard]] std::uint32_t SaveStartupItems(const StartupItemList& items, const std::string& section);
   [[nodiscard]] std::uint32_t SaveStartupItem(const StartupItemPtr& item, const std::string& section);
   // Removes every element whose location and name match an item; 0 also when the list is
@@ -41,7 +44,11 @@ class CStartupItemsStorage {
   [[nodiscard]] std::uint32_t LoadBootTime(std::vector<BootTimeRecord>& records);
 
  private:
-  bool Load(picojson::value& document) const;
+  enum class Loaded { kYes, kMissing, kUnreadable };
+  Loaded Read(picojson::value& document) const;
+  bool Load(picojson::value& document) const { return Read(document) == Loaded::kYes; }
+  // Copies the file beside itself before it is replaced; false, logged, when it cannot.
+  bool KeepUnreadable() const;
   bool Save(const picojson::value& document) const;
 
   std::wstring path_;

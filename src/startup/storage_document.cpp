@@ -115,6 +115,18 @@ void AppendItems(picojson::value& document, const StartupItemList& items, const 
   }
 }
 
+bool AppendKeepsContent(const picojson::value& document, const std::string& section) {
+  if (!document.is<picojson::object>()) return false;
+  for (const char* key : {kUserKey, kSystemKey}) {
+    const picojson::value* group = Member(document, key);
+    if (group == nullptr || group->is<picojson::null>()) continue;
+    if (!group->is<picojson::object>()) return false;
+    const picojson::value* list = Member(*group, section.c_str());
+    if (list != nullptr && !list->is<picojson::null>() && !list->is<picojson::array>()) return false;
+  }
+  return true;
+}
+
 void RemoveItems(picojson::value& document, const StartupItemList& items, const std::string& section) {
   if (!document.is<picojson::object>()) return;
   for (const bool user : {true, false}) {

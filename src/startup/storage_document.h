@@ -34,6 +34,9 @@ picojson::value ItemToJson(const StartupItem& item, std::int64_t now);
 // that is not an object is replaced by an empty one.
 void AppendItems(picojson::value& document, const StartupItemList& items, const std::string& section,
                  std::int64_t now);
+// False when AppendItems under `section` would replace part of `document`: a top level that
+// is not an object, a group that is not an object or a section that is not an array.
+[[nodiscard]] bool AppendKeepsContent(const picojson::value& document, const std::string& section);
 // Removes every element of the section whose "Path" and "Name" equal those of any item.
 void RemoveItems(picojson::value& document, const StartupItemList& items, const std::string& section);
 // Appends the well-formed elements of group ("user" or "system") / section, with isUser set.

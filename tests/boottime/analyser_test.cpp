@@ -109,6 +109,8 @@ TEST_F(AnalyserTest, BadElementsAreSkippedOneByOneAndTheOthersLoad) {
   EXPECT_TRUE(Logged(log, L"BootTimeAnalyser::ReadProcessImpactFromJsonValue",
                      L"[JSON] Not all keys present. skipping ...\n"));
   EXPECT_EQ(log.count(L"invalid stol argument"), 1u) << "the non-numeric pid skips only its element";
+  EXPECT_EQ(log.count(L"stol argument out of range"), 1u) << "the pid out of range skips only its element";
+  EXPECT_TRUE(Logged(log, L"BootTimeAnalyser::ReadProcessImpactFromJsonValue", L"[JSON] Counters not stored in an array"));
   EXPECT_TRUE(Logged(log, load, L"Skipping json entry. Not an object"));
   const auto& m = analyser.Impacts();
   EXPECT_EQ(m.size(), 4u) << "missing name, bad pid, pid out of range and a bad counter skip their element";
@@ -130,9 +132,23 @@ TEST_F(AnalyserTest, FilesThatAreMissingUnwritableOrNotImpactDocumentsLoadNothin
                      L"Can't find last boot process impact data"));
   EXPECT_FALSE(analyser.StoreProcessImpactOnDisk(folder.file(L"no\\such.json")));
   EXPECT_TRUE(Logged(log, L"BootTimeAnalyser::StoreProcessImpactOnDisk", L"Failed to save boot impact in JSON"));
-  for (const char* text : {"{\"processes\":[", "[1,2]", "{\"processes\":{}}", "{}"}) {
-    WriteFile(text);
-    EXPECT_FALSE(analyser.LoadLastBootProcessImpactFromDisk(file)) << text;
+  std::string deep;
+  for (int i = 0; i < 10000; ++i) deep += "{\"processes\":";
+  const struct {
+    std::string text;
+    const wchar_t* logged;
+  } documents[] = {
+      {"{\"processes\":[", L"Invalid json file format : "},
+      {deep, L"Invalid json file format : nested deeper than 100 levels"},
+      {"[1,2]", L"Invalid last boot json file"},
+      {"{\"processes\":{}}", L"Json not containing an array"},
+      {"{}", L"Json not containing an array"},
+  };
+  for (const auto& document : documents) {
+    WriteFile(document.text);
+    log.clear();
+    EXPECT_FALSE(analyser.LoadLastBootProcessImpactFromDisk(file)) << document.text.substr(0, 40);
+    EXPECT_TRUE(log.contains(document.logged)) << document.text.substr(0, 40);
   }
   EXPECT_TRUE(analyser.Empty());
 }

@@ -123,13 +123,18 @@ TEST_F(DiskPerformanceTest, AFailedWaitOnTheStopEventEndsTheMeasurementAtOnce) {
   EXPECT_EQ(measured.GetResult(nullptr), kStatusNoResults);
 }
 
-TEST_F(DiskPerformanceTest, NoPlugInOrNoDiskFiguresGiveNoResultInsteadOfZeros) {
+TEST_F(DiskPerformanceTest, FailedAnswersCountAsZerosAndNoPlugInGivesNoResult) {
   IdlePercent(100);
+  testsupport::CapturedLog log;
   loadUsage.code = ERROR_NOT_SUPPORTED;
   disk.Start(stop);
-  DiskSpeed speed;
-  EXPECT_EQ(disk.GetResult(&speed), kStatusNoResults);
+  EXPECT_EQ(loadUsage.kinds.size(), 2u) << "both calls are made";
+  DiskSpeed speed{1, 2, 3};
+  EXPECT_EQ(disk.GetResult(&speed), kStatusAvailable);
   EXPECT_EQ(speed.average, 0);
+  EXPECT_EQ(log.count(L"LoadUsage GetUsage failed 0x32"), 2u);
+  EXPECT_TRUE(testing::Logged(log, L"BootTimeDiskPerformance::MeasureDiskPerformance",
+                              L"Disk speed determined [min, max, avg]=[0.000000, 0.000000, 0.000000]; status = 0"));
 
   const int waits = clock.waits;
   BootTimeDiskPerformance without(clock, counters);

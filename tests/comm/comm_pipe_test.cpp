@@ -188,6 +188,48 @@ TEST_F(BootTimePipe, PostedQueriesAnswerTheObserversOrFailWithErrorMessages) {
   lib.Client()->Close(raw);
 }
 
+TEST_F(BootTimePipe, EveryQueryNamesItsMessageWhenItFailsOnEitherSide) {
+  CBootTimeComm second;
+  ASSERT_EQ(second.Init(&manager), 0u);
+  EXPECT_NE(second.Start(), 0u) << "the pipe already has its server";
+  EXPECT_TRUE(log.contains(L"Could not register comm server: boottimepipe"));
+  second.UnInit();
+  ASSERT_EQ(client.GetTotalBootImpactAsync(), 0u);
+  ASSERT_TRUE(observer.Wait());
+  EXPECT_TRUE(log.contains(L"GetTotalBootImpact err=0"));
+
+  std::uint32_t ms = 0;
+  boottime::BootCounters total;
+  ky::List<boottime::ProcessImpact> impacts;
+  const boottime::ProcessKey key{};
+  boottime::DiskSpeed disk;
+  const struct {
+    const wchar_t* name;
+    std::function<std::uint32_t()> send, post;
+  } queries[] = {
+      {L"NpcMsgBootTimeGetBootTime", [&] { return client.GetBootTime(&ms); }, [&] { return client.GetBootTimeAsync(); }},
+      {L"NpcMsgBootTimeGetTotalBootImpact", [&] { return client.GetTotalBootImpact(&total); },
+       [&] { return client.GetTotalBootImpactAsync(); }},
+      {L"NpcMsgBootTimeGetBootImpact", [&] { return client.GetBootImpact(&impacts, &key); },
+       [&] { return client.GetBootImpactAsync(&key); }},
+      {L"NpcMsgBootTimeGetDiskSpeed", [&] { return client.GetDiskSpeed(&disk); }, [&] { return client.GetDiskSpeedAsync(); }},
+  };
+  fake.bootTimeCode = 1;  // the total is asked for with the boot-time query
+  fake.impactCode = 1;
+  fake.diskCode = 1;
+  for (const auto& q : queries) EXPECT_EQ(q.send(), 1u) << testing::PrintToString(q.name);
+  client.Stop();
+  for (const auto& q : queries) {
+    EXPECT_EQ(q.send(), 2u) << testing::PrintToString(q.name);
+    EXPECT_EQ(q.post(), 233u) << testing::PrintToString(q.name);
+    for (const std::wstring& text :
+         {L"sendMessage " + std::wstring(q.name) + L" returns 0x1", L"sendMessage " + std::wstring(q.name) + L" failed 0xe9",
+          L"postMessage " + std::wstring(q.name) + L" failed 0xe9"}) {
+      EXPECT_TRUE(log.contains(text)) << testing::PrintToString(text);
+    }
+  }
+}
+
 TEST_F(BootTimePipe, HostileClientsDisturbNeitherTheServerNorOtherClientsAndDataAnalysedReachesEveryClient) {
   Observer listeners[4];
   CBootTimeCommClient others[3];
@@ -269,6 +311,86 @@ TEST(BootTimeClient, UnknownOrUnreadableMessagesAreAcknowledgedWith31AndLogged) 
   EXPECT_EQ(observer.code, 2u);
   EXPECT_EQ(deliver(boottime::msg::NpcMsgBootTimeGetBootTime, {0x10, 0x27, 0, 0}), 0u);
   EXPECT_EQ(observer.time, 10000u);
+}
+
+// A server whose replies stop short: the client reads what is there and succeeds.
+TEST(BootTimeClient, ShortRepliesAreReadAsFarAsTheyGoAndTheQueriesSucceed) {
+  testsupport::CapturedLog log;
+  testing_pipelink::Library lib;
+  ASSERT_TRUE(lib.Ready());
+  pipelink::IConnPipeServer* pipe = nullptr;
+  ASSERT_EQ(lib.Server()->CreatePipeServer(L"boottimepipe", 0, &pipe), 0u);
+  struct Replies {
+    pipelink::IConnPipeServer* pipe;
+    boottime::CPayloadWriter impacts;
+    boottime::CPayloadWriter disk;
+  } replies{pipe, {}, {}};
+  replies.impacts.WriteU32(3);  // three announced, one whole entry and half of the next sent
+  replies.impacts.WriteImpact({1, 2, L"a.exe", 3, 4, 5, 6, 7});
+  replies.impacts.WriteU64(9);
+  replies.disk.WriteF64(12.5);
+  replies.disk.WriteU32(0);  // half of the maximum
+  auto answer = [](void* context, const pipelink::PipeMessage* m) -> std::uint32_t {
+    auto* r = static_cast<Replies*>(context);
+    const std::uint8_t twoBytes[] = {0x10, 0x27};
+    switch (m->id) {
+      case boottime::msg::NpcMsgBootTimeGetBootImpact:
+        return r->pipe->ReplyData(m, m->id, r->impacts.Data(), r->impacts.Size());
+      case boottime::msg::NpcMsgBootTimeGetDiskSpeed:
+        return r->pipe->ReplyData(m, m->id, r->disk.Data(), r->disk.Size());
+      default:
+        return r->pipe->ReplyData(m, m->id, twoBytes, 2);
+    }
+  };
+  ASSERT_EQ(pipe->RegisterCallback(answer, &replies, pipelink::kCallbackMessages), 0u);
+  {
+    CBootTimeCommClient client;
+    ASSERT_EQ(client.Init(nullptr), 0u);
+    ASSERT_EQ(client.Start(), 0u);
+    std::uint32_t ms = 77;
+    EXPECT_EQ(client.GetBootTime(&ms), 0u);
+    EXPECT_EQ(ms, 77u);
+    EXPECT_TRUE(log.contains(L"time=77"));
+    boottime::BootCounters total{1, 2, 3, 4, 5};
+    EXPECT_EQ(client.GetTotalBootImpact(&total), 0u);
+    EXPECT_EQ(std::tie(total.kernel, total.other), std::make_tuple(1u, 5u));
+    ky::List<boottime::ProcessImpact> impacts;
+    const boottime::ProcessKey key{};
+    EXPECT_EQ(client.GetBootImpact(&impacts, &key), 0u);
+    ASSERT_EQ(impacts.Count(), 1u) << "the whole entry is kept, the broken one is not";
+    EXPECT_EQ(impacts.Items()[0].name, L"a.exe");
+    EXPECT_EQ(impacts.Items()[0].other, 7u);
+    boottime::DiskSpeed disk{1, 2, 3};
+    EXPECT_EQ(client.GetDiskSpeed(&disk), 0u);
+    EXPECT_EQ(std::tie(disk.minimum, disk.maximum, disk.average), std::make_tuple(12.5, 2.0, 3.0));
+  }
+  lib.Server()->ReleasePipeServer(pipe);
+}
+
+TEST(BootTimeClient, EveryAnswerIsLoggedErrorsAndEmptyListsIncluded) {
+  testsupport::CapturedLog log;
+  CBootTimeCommClient client;
+  auto deliver = [&](std::uint32_t id, std::vector<std::uint8_t> payload) {
+    pipelink::PipeMessage m{0, 0, static_cast<std::uint32_t>(payload.size()), id, payload.data(), 0, 1};
+    return CBootTimeCommClient::NpcCallback(&client, &m);
+  };
+  struct Case {
+    std::uint32_t id;
+    std::vector<std::uint8_t> payload;
+    const wchar_t* logged;
+  } cases[] = {
+      {boottime::msg::NpcMsgBootTimeGetBootTimeError, {5, 0, 0, 0}, L"err=0x5 time=0"},
+      {boottime::msg::NpcMsgBootTimeGetTotalBootImpactError, {6, 0, 0, 0}, L"err=0x6 process=[cpuKernelTime=0"},
+      {boottime::msg::NpcMsgBootTimeGetBootImpactError, {7, 0, 0, 0}, L"err=0x7 process=[]"},
+      {boottime::msg::NpcMsgBootTimeGetDiskSpeedError, {8, 0, 0, 0}, L"err=0x8 diskSpeed=[min_hddUsage=0"},
+      {boottime::msg::NpcMsgBootTimeGetBootImpact, {0, 0, 0, 0}, L"err=0x0 process=[]"},
+      {boottime::msg::NpcMsgBootTimeGetBootTime, {9, 0, 0, 0}, L"err=0x0 time=9"},
+  };
+  for (const Case& c : cases) {
+    log.clear();
+    EXPECT_EQ(deliver(c.id, c.payload), 0u) << "message " << c.id;
+    EXPECT_TRUE(log.contains(c.logged)) << "message " << c.id;
+  }
 }
 
 struct NoManagerHost final : IServMain {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "pipelink_fixture.h"
+#include "support/test_thread.h"
 
 namespace {
 
@@ -122,6 +123,43 @@ TEST_F(PipeLink, PostReachesOneClientAndBroadcastReachesEveryClient) {
   }
   EXPECT_EQ(inboxes[0].count.load(), 1) << "the post went to client 1 only";
   for (auto* c : connected) c->UnregisterCallback(pipelink::kCallbackMessages);  // the inboxes go now
+}
+
+TEST_F(PipeLink, EveryClientConnectsWhileTheServerBroadcastsWithoutPause) {
+  constexpr int kClients = 60;
+  testsupport::Event stop;
+  std::atomic<int> broadcasts{0};
+  // One broadcast a millisecond: a busier loop only starves the connections of the wineserver.
+  testsupport::TestThread broadcaster([&] {
+    const std::uint32_t value = 7;
+    do {
+      (void)lib.Server()->Broadcast(20, &value, 4, 0, 0, kWaitMs);
+      ++broadcasts;
+    } while (!stop.waitFor(1));
+  });
+  struct StopOnExit {
+    testsupport::Event& stop;
+    ~StopOnExit() { stop.set(); }
+  } stopOnExit{stop};
+  // The welcome must come first even when a broadcast is being written as the client arrives.
+  for (int i = 0; i < kClients; ++i) {
+    pipelink::IConnPipeClient* c = nullptr;
+    ASSERT_EQ(lib.Client()->Connect(name.c_str(), 0, 0, kWaitMs, &c), 0u) << "client " << i;
+    lib.Client()->Close(c);
+    RawPipe raw(name);
+    ASSERT_TRUE(raw.Open()) << "raw client " << i;
+    std::vector<std::uint8_t> first;
+    ASSERT_EQ(raw.Read(first, kWaitMs), 0u) << "raw client " << i;
+    ASSERT_GE(first.size(), pipelink::kFrameHeaderBytes);
+    std::uint32_t flags = 0, id = 0;
+    std::memcpy(&id, first.data() + 16, 4);
+    std::memcpy(&flags, first.data() + 20, 4);
+    EXPECT_EQ(id, pipelink::kIdHello) << "raw client " << i;
+    EXPECT_NE(flags & pipelink::kFlagControl, 0u) << "raw client " << i;
+  }
+  stop.set();
+  ASSERT_TRUE(broadcaster.join(testsupport::kLongWait));
+  EXPECT_GT(broadcasts.load(), kClients) << "the broadcasts overlapped the connections";
 }
 
 TEST_F(PipeLink, SendTimesOutWhenTheServerDoesNotAnswerAndTheConnectionStaysUsable) {

@@ -73,6 +73,16 @@ TEST(ObjectFactory, LogsEveryCallAndDestroyIgnoresUnknownNamesAndNullObjects) {
   EXPECT_EQ(log.count(L"null instance"), 1u);
   KyDestroyObject(L"BootTime", object);
   EXPECT_EQ(log.count(L"obj name = BootTime"), 2u);
+  // Each export traces its entry and exit like every other operation.
+  for (const wchar_t* function : {L"KyCreateObject", L"KyDestroyObject"}) {
+    const auto entries = log.entriesFor(function);
+    const std::size_t calls = function[2] == L'C' ? 2 : 3;
+    EXPECT_EQ(log.count(std::wstring(L"-> ") + function), calls) << function;
+    EXPECT_EQ(log.count(std::wstring(L"<- ") + function + L" ["), calls) << function;
+    ASSERT_FALSE(entries.empty()) << function;
+    EXPECT_EQ(entries.front().depthChange, 1u) << function;
+    EXPECT_EQ(entries.back().depthChange, 0xFFFFu) << function;
+  }
 }
 
 struct Observer final : boottime::IBootTimeEvents, boottime::IBootTimeResponse {

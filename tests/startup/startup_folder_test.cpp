@@ -125,4 +125,36 @@ TEST(StartupFolderApps, MissingFilesAndUnwritableStoresLeaveTheFolderAsItWas) {
   EXPECT_EQ(::GetFileAttributesW(original.c_str()) & FILE_ATTRIBUTE_READONLY, 0u) << "made writable and kept so";
 }
 
+TEST(StartupFolderApps, ItemsLackingANameLocationOrPathAreRefusedByDisableAndDelayAndPassedOverByEnable) {
+  ScratchFolder folder;
+  ScratchStore store;
+  const std::wstring file = WriteFile(folder.file(L"app.exe"));
+  const wchar_t kDriveRootBackup[] = L"\\KyBkpFolder";
+  const bool rootBackupBefore = Exists(kDriveRootBackup);
+  struct Case {
+    const char* what;
+    startup::StartupItemPtr item;
+  } cases[] = {
+      {"no name", MakeItem(L"", folder.path(), file)},
+      {"no location", MakeItem(L"app.exe", L"", file)},
+      {"no path", MakeItem(L"app.exe", folder.path(), L"")},
+  };
+  CStartupFolderActions actions(startup::kBackupFolderName);
+  for (const Case& c : cases) {
+    for (bool delay : {false, true}) {
+      testsupport::CapturedLog log;
+      const std::uint8_t result = delay ? actions.Delay({c.item}, true) : actions.Disable({c.item}, true);
+      EXPECT_EQ(result, 31) << c.what << (delay ? " (delay)" : " (disable)");
+      EXPECT_EQ(log.count(L"FAILED " + c.item->location), 1u) << c.what;
+    }
+    EXPECT_TRUE(Exists(file)) << c.what << ": nothing moved";
+    EXPECT_EQ(actions.Enable({c.item}, false), 0) << c.what << ": passed over";
+  }
+  EXPECT_FALSE(Exists(folder.file(L"KyBkpFolder"))) << "no backup folder made";
+  EXPECT_EQ(Exists(kDriveRootBackup), rootBackupBefore) << "no backup folder at the drive root";
+  if (!rootBackupBefore) ::RemoveDirectoryW(kDriveRootBackup);
+  EXPECT_TRUE(store.Load("StartupDisabled").empty());
+  EXPECT_TRUE(store.Load("StartupDelayed").empty());
+}
+
 }  // namespace

@@ -127,6 +127,35 @@ TEST_F(StartupCtl, DisablesAndEnablesAStartupFolderFile) {
   EXPECT_EQ(StateOf(file_), "enabled");
 }
 
+TEST_F(StartupCtl, AChangeWhoseRecordCannotBeWrittenIsUndoneAndReported) {
+  const std::wstring saved = storage_ + L".lumera-test-saved";
+  if (storageExisted_) {
+    ASSERT_TRUE(::MoveFileExW(storage_.c_str(), saved.c_str(), MOVEFILE_REPLACE_EXISTING));
+  }
+  ASSERT_TRUE(::CreateDirectoryW(storage_.c_str(), nullptr)) << "the store path is a folder";
+  const std::wstring location = folder_.substr(0, folder_.size() - 1);
+  const struct {
+    std::wstring args;
+    std::wstring name;
+  } changes[] = {
+      {L"disable " + value_, value_},
+      {L"delay " + value_, value_},
+      {L"disable " + file_ + L" --location " + testsupport::Quoted(location), file_},
+  };
+  for (const auto& change : changes) {
+    const auto run = RunTool(change.args);
+    EXPECT_EQ(run.exitCode, 31u) << Narrow(change.args) << "\n" << run.output;
+    EXPECT_NE(run.output.find("failed"), std::string::npos) << run.output;
+    EXPECT_EQ(StateOf(change.name), "enabled") << Narrow(change.args);
+  }
+  EXPECT_NE(RunValueType(), 0u) << "the Run value is back";
+  EXPECT_TRUE(Exists(folder_ + file_)) << "the file is back in the Startup folder";
+  EXPECT_NE(Approved(kApprovedRun, value_), 1);
+  EXPECT_NE(Approved(kApprovedFolder, file_), 1);
+  ::RemoveDirectoryW(storage_.c_str());
+  if (storageExisted_) ::MoveFileExW(saved.c_str(), storage_.c_str(), MOVEFILE_REPLACE_EXISTING);
+}
+
 TEST_F(StartupCtl, FailsWithACodeForUnknownEntriesAndBadArguments) {
   EXPECT_EQ(RunTool(L"disable NoSuchEntryLumera").exitCode, static_cast<DWORD>(ERROR_NOT_FOUND));
   EXPECT_EQ(RunTool(L"disable " + value_ + L" --location HKEY_LOCAL_MACHINE\\Nowhere").exitCode,

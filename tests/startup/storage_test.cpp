@@ -6,6 +6,7 @@
 
 #include "scratch.h"
 #include "startup/startup_storage.h"
+#include "support/captured_log.h"
 
 namespace {
 
@@ -91,6 +92,42 @@ TEST(StartupStorage, UnreadableOrOddFilesLoadNothing) {
 
   file.Write(std::string(200, '[') + std::string(200, ']'));
   EXPECT_EQ(Store().LoadStartupItems("Disabled", items), 31u) << "nesting beyond the parser's limit is refused";
+}
+
+TEST(StartupStorage, AFileTheSaveWouldReplaceIsKeptBesideItFirst) {
+  ScratchStore file;
+  const std::wstring kept = file.Path() + L".unreadable";
+  std::string deep;
+  for (int i = 0; i < 10000; ++i) deep += "{\"user\":";
+  const struct {
+    const char* what;
+    std::string content;
+  } cases[] = {
+      {"unparsable", "{not json"},
+      {"nested 10000 levels", deep},
+      {"a top-level array", "[1,2]"},
+      {"a group of the wrong type", R"({"user":"text","boot_time":[]})"},
+      {"a section of the wrong type", R"({"user":{"Disabled":{"a":1}}})"},
+      {"over the size limit", std::string(16 * 1024 * 1024 + 1, ' ')},
+  };
+  for (const auto& c : cases) {
+    file.Write(c.content);
+    testsupport::CapturedLog log;
+    ASSERT_EQ(Store().SaveStartupItem(MakeItem(L"n", L"l", L"p"), "Disabled"), 0u) << c.what;
+    EXPECT_EQ(file.Load("Disabled").size(), 1u) << c.what << ": replaced as before";
+    EXPECT_TRUE(testsupport::ReadFileBytes(kept) == c.content) << c.what << ": the latest unreadable file is kept";
+    EXPECT_TRUE(log.contains(L"Unreadable " + file.Path() + L" kept as " + kept)) << c.what;
+  }
+  ::DeleteFileW(kept.c_str());
+  ASSERT_EQ(Store().SaveStartupItem(MakeItem(L"m", L"l", L"p"), "Delayed"), 0u);
+  EXPECT_EQ(::GetFileAttributesW(kept.c_str()), INVALID_FILE_ATTRIBUTES) << "a readable file is not copied";
+
+  // A store path that is a folder: the save fails and the folder stays.
+  ::DeleteFileW(file.Path().c_str());
+  ASSERT_TRUE(::CreateDirectoryW(file.Path().c_str(), nullptr));
+  EXPECT_EQ(Store().SaveStartupItem(MakeItem(L"n", L"l", L"p"), "Disabled"), 31u);
+  EXPECT_NE(::GetFileAttributesW(file.Path().c_str()) & FILE_ATTRIBUTE_DIRECTORY, 0u);
+  ::RemoveDirectoryW(file.Path().c_str());
 }
 
 TEST(StartupStorage, BootTimesKeepOnlyElementsWithAStringPathAndANumericTime) {

@@ -68,9 +68,15 @@ int List(startupctl::CStartupCatalog& catalog, bool json) {
     std::fflush(stdout);
     return 0;
   }
+  // One write for the whole table: a console under Wine costs milliseconds per write.
+  std::wstring table;
   for (const auto& entry : entries) {
-    Print(stdout, entry.item->name + L"\t" + startupctl::KindName(entry.kind) + L"\t" + Scope(*entry.item) + L"\t" +
-                      entry.state + L"\t" + entry.item->location + L"\t" + entry.item->path);
+    table += entry.item->name + L"\t" + startupctl::KindName(entry.kind) + L"\t" + Scope(*entry.item) + L"\t" +
+             entry.state + L"\t" + entry.item->location + L"\t" + entry.item->path + L"\n";
+  }
+  if (!table.empty()) {
+    table.pop_back();
+    Print(stdout, table);
   }
   return 0;
 }

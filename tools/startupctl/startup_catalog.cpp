@@ -25,9 +25,9 @@ std::wstring LocationKey(const std::wstring& location) {
   return key;
 }
 
-bool SameEntry(const Entry& a, startup::StartupSourceKind kind, const startup::StartupItem& item) {
-  return a.kind == kind && Lower(a.item->name) == Lower(item.name) &&
-         LocationKey(a.item->location) == LocationKey(item.location);
+// Two entries are the same when their kinds and keys are equal.
+std::wstring EntryKey(startup::StartupSourceKind kind, const startup::StartupItem& item) {
+  return std::to_wstring(kind) + L'\n' + Lower(item.name) + L'\n' + LocationKey(item.location);
 }
 
 }  // namespace
@@ -41,17 +41,17 @@ const wchar_t* KindName(startup::StartupSourceKind kind) {
   }
 }
 
-void CStartupCatalog::AddStored(std::vector<Entry>& entries, const char* category, startup::StartupSourceKind kind,
-                                const wchar_t* state) {
+void CStartupCatalog::AddStored(std::vector<Entry>& entries, EntryIndex& index, const char* category,
+                                startup::StartupSourceKind kind, const wchar_t* state) {
   StartupItemList stored;
   if (store_.LoadStartupItems(category, stored) != 0) return;
   for (const StartupItemPtr& item : stored) {
-    auto same = std::find_if(entries.begin(), entries.end(), [&](const Entry& e) { return SameEntry(e, kind, *item); });
-    if (same == entries.end()) {
+    const auto [at, added] = index.emplace(EntryKey(kind, *item), entries.size());
+    if (added) {
       entries.push_back(Entry{item, kind, state, true});
     } else {
-      same->state = state;
-      same->stored = true;
+      entries[at->second].state = state;
+      entries[at->second].stored = true;
     }
   }
 }
@@ -70,10 +70,13 @@ std::vector<Entry> CStartupCatalog::List() {
       }
     }
   }
-  AddStored(entries, startup::kCategoryDisabled, startup::kSourceRunKey, kStateDisabled);
-  AddStored(entries, startup::kCategoryStartupDisabled, startup::kSourceStartupFolder, kStateDisabled);
-  AddStored(entries, startup::kCategoryDelayed, startup::kSourceRunKey, kStateDelayed);
-  AddStored(entries, startup::kCategoryStartupDelayed, startup::kSourceStartupFolder, kStateDelayed);
+  // Only the first of several equal entries found in the sources takes the stored state.
+  EntryIndex index;
+  for (std::size_t i = entries.size(); i-- > 0;) index[EntryKey(entries[i].kind, *entries[i].item)] = i;
+  AddStored(entries, index, startup::kCategoryDisabled, startup::kSourceRunKey, kStateDisabled);
+  AddStored(entries, index, startup::kCategoryStartupDisabled, startup::kSourceStartupFolder, kStateDisabled);
+  AddStored(entries, index, startup::kCategoryDelayed, startup::kSourceRunKey, kStateDelayed);
+  AddStored(entries, index, startup::kCategoryStartupDelayed, startup::kSourceStartupFolder, kStateDelayed);
   return entries;
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "startup/action_exec.h"
@@ -42,8 +43,10 @@ class CStartupCatalog {
   [[nodiscard]] std::uint32_t Apply(const Entry& entry, const std::wstring& verb, std::wstring& message);
 
  private:
-  void AddStored(std::vector<Entry>& entries, const char* category, startup::StartupSourceKind kind,
-                 const wchar_t* state);
+  // Entries by kind, name and location, compared as SameEntry does.
+  using EntryIndex = std::unordered_map<std::wstring, std::size_t>;
+  void AddStored(std::vector<Entry>& entries, EntryIndex& index, const char* category,
+                 startup::StartupSourceKind kind, const wchar_t* state);
 
   startup::CStartupItems& sources_;
   startup::StartupAppsActionExec& exec_;

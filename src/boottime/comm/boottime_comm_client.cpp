@@ -124,7 +124,8 @@ std::uint32_t CBootTimeCommClient::GetBootTime(std::uint32_t* milliseconds) {
     const std::uint32_t result = SendQuery(msg::NpcMsgBootTimeGetBootTime, kNameBootTime, nullptr, 0, &reply);
     if (result != 0) return result;
     CPayloadReader reader(reply->payload, reply->size);
-    if (!reader.ReadBootTime(milliseconds)) return ERROR_INVALID_DATA;
+    // A short reply is read as far as it goes; what it does not hold is left as it was.
+    (void)reader.ReadBootTime(milliseconds);
     KY_LOG(logging::kLevelInfo, L"time=%d", *milliseconds);
     return 0;
   });
@@ -156,12 +157,28 @@ std::uint32_t CBootTimeCommClient::GetBootImpact(ky::IList<ProcessImpact>* impac
         SendQuery(msg::NpcMsgBootTimeGetBootImpact, kNameImpact, request.Data(), request.Size(), &reply);
     if (result != 0) return result;
     CPayloadReader reader(reply->payload, reply->size);
-    const bool read = reader.ReadImpactList([&](const ProcessImpact& impact) {
+    std::uint32_t count = 0;
+    if (!reader.ReadU32(&count)) return 0;
+    // Entries are taken as far as the reply holds whole ones; each needs bytes, so a lying
+    // count costs nothing.
+    ProcessImpact impact;
+    ProcessKey key;
+    BootCounters counters;
+    for (std::uint32_t i = 0; i < count; ++i) {
+      if (!reader.ReadProcessKey(&key) || !reader.ReadCounters(&counters)) break;
+      impact.ppid = key.ppid;
+      impact.pid = key.pid;
+      impact.name.swap(key.name);
+      impact.kernel = counters.kernel;
+      impact.user = counters.user;
+      impact.read = counters.read;
+      impact.write = counters.write;
+      impact.other = counters.other;
       KY_LOG(logging::kLevelDebug, L"process=[" BOOTTIME_IMPACT_FORMAT L"]", impact.ppid, impact.pid,
              impact.name.c_str(), impact.kernel, impact.user, impact.read, impact.write, impact.other);
       impacts->Add(impact);
-    });
-    return read ? 0 : ERROR_INVALID_DATA;
+    }
+    return 0;
   });
 }
 
@@ -173,9 +190,7 @@ std::uint32_t CBootTimeCommClient::GetDiskSpeed(DiskSpeed* speed) {
     const std::uint32_t result = SendQuery(msg::NpcMsgBootTimeGetDiskSpeed, kNameDisk, nullptr, 0, &reply);
     if (result != 0) return result;
     CPayloadReader reader(reply->payload, reply->size);
-    DiskSpeed read;
-    if (!reader.ReadDiskSpeed(&read)) return ERROR_INVALID_DATA;
-    *speed = read;
+    (void)reader.ReadDiskSpeed(speed);
     KY_LOG(logging::kLevelInfo, L"diskSpeed=[%s]", DescribeDiskSpeed(*speed).c_str());
     return 0;
   });
@@ -256,10 +271,14 @@ void CBootTimeCommClient::OnGetBootImpact(std::uint32_t code, const ky::IList<Pr
   KY_TRACE(L"boottime::CBootTimeCommClient::OnGetBootImpact");
   const ky::com_ptr<ky::ConstListEnum<ProcessImpact>> entries(impacts.ConstEnum());
   const ProcessImpact* impact = nullptr;
+  bool any = false;
   while (entries->Next(&impact)) {
+    any = true;
     KY_LOG(logging::kLevelDebug, L"err=0x%x process=[" BOOTTIME_IMPACT_FORMAT L"]", code, impact->ppid, impact->pid,
            impact->name.c_str(), impact->kernel, impact->user, impact->read, impact->write, impact->other);
   }
+  // An error answer or an empty list is an answer too.
+  if (!any) KY_LOG(logging::kLevelInfo, L"err=0x%x process=[%s]", code, L"");
   responses_.ForEach([&](IBootTimeResponse* observer) { observer->OnGetBootImpact(code, impacts); });
 }
 

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "common/log.h"
-#include "plugin/sibling_loader.h"
+#include "plugin/productinfo_loader.h"
 #include "users/ky_users.h"
 
 int main(int argc, char** argv) {

@@ -75,9 +75,8 @@ TEST(StartupLogTexts, ActionsNameEachDecisionAndFailure) {
       {"unwritable store for a folder entry",
        [&] {
          const std::wstring file = WriteFile(folder.file(L"keep.exe"));
-         testing_startup::PointStoreAtUnwritablePath();
+         const auto unwritable = testing_startup::PointStoreAtUnwritablePath();
          (void)startup::CStartupFolderActions(startup::kBackupFolderName).Disable({MakeItem(L"keep.exe", folder.path(), file)}, true);
-         startup::storage::CStartupItemsStorage::Instance().Init(store.Path());
        },
        {L"FAILED storage::SaveStartupItem " + folder.path()}},
       {"first StartupApproved write",
@@ -124,9 +123,8 @@ TEST(StartupLogTexts, TheStoreNamesItsPathLoadsSectionsAndFailures) {
       {"section read", [&] { (void)store.Load("Delayed"); }, {L"strSection: Delayed"}},
       {"unwritable file",
        [&] {
-         testing_startup::PointStoreAtUnwritablePath();
+         const auto unwritable = testing_startup::PointStoreAtUnwritablePath();
          (void)storage.SaveStartupItem(item, "Disabled");
-         storage.Init(store.Path());
        },
        {L"Save failed"}},
   };

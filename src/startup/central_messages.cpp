@@ -61,11 +61,13 @@ std::uint32_t BuildAppList(std::string_view text, AppList& list) {
   // Deliberately not reset between apps: an unknown word repeats the status of the app before;
   // the first app of a list falls back to enabled.
   std::int32_t status = kStatusEnabled;
+  const picojson::value none;
   for (const auto& app : root.get("apps").get<picojson::array>()) {
-    const picojson::value& name = app.get("name");
-    const picojson::value& owner = app.get("owner");
-    const picojson::value& qid = app.get("qid");
-    const picojson::value& word = app.get("status");
+    const bool isObject = app.is<picojson::object>();
+    const picojson::value& name = isObject ? app.get("name") : none;
+    const picojson::value& owner = isObject ? app.get("owner") : none;
+    const picojson::value& qid = isObject ? app.get("qid") : none;
+    const picojson::value& word = isObject ? app.get("status") : none;
     if (!name.is<std::string>()) {
       KY_LOG(logging::kLevelError, L"App object doesn't have a name.");
       continue;

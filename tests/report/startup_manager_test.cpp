@@ -112,6 +112,7 @@ TEST(CentralMessages, AppListSkipsIncompleteAppsAndAnUnknownStatusRepeatsThePrev
       {"owner":"O","qid":"3","status":"enabled"},
       {"name":"D","qid":"3","status":"enabled"},
       {"name":"E","owner":"O","qid":"4"},
+      7,
       {"name":"F","owner":"O","qid":"5","status":"disabled"}]})", list),
             0u);
   ASSERT_EQ(list.size(), 4u);
@@ -122,7 +123,7 @@ TEST(CentralMessages, AppListSkipsIncompleteAppsAndAnUnknownStatusRepeatsThePrev
   EXPECT_EQ(list[3]->name, L"F");
   EXPECT_EQ(log.count(L"Unrecognized startup status: Enabled. Using default."), 1u);
   EXPECT_EQ(log.count(L"App object doesn't have a QID."), 1u);
-  EXPECT_EQ(log.count(L"App object doesn't have a name."), 1u);
+  EXPECT_EQ(log.count(L"App object doesn't have a name."), 2u) << "a number is no app object";
   EXPECT_EQ(log.count(L"App object doesn't have an owner."), 1u);
   EXPECT_EQ(log.count(L"App object doesn't have status."), 1u);
 

@@ -168,9 +168,20 @@ bool HashCache::Parse(const std::string& bytes) {
 }
 
 void HashCache::Discard() {
+  appendFile_.reset();
   entries_.clear();
   fileBytes_ = 0;
   ::DeleteFileW(file_.c_str());
+}
+
+void HashCache::OpenForAppend() {
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(kCacheSddl, SDDL_REVISION_1, &descriptor, nullptr)) return;
+  ky::unique_local owner(descriptor);
+  SECURITY_ATTRIBUTES attributes{sizeof(attributes), descriptor, FALSE};
+  appendFile_.reset(::CreateFileW(file_.c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES,
+                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, &attributes, OPEN_ALWAYS,
+                                  FILE_ATTRIBUTE_NORMAL, nullptr));
 }
 
 void HashCache::Add(const std::wstring& key, const FileStamp& stamp, const Digest& digest) {
@@ -186,26 +197,20 @@ void HashCache::Add(const std::wstring& key, const FileStamp& stamp, const Diges
   std::memcpy(record.data() + record.size() - kCheckBytes, check, kCheckBytes);
 
   ::AcquireSRWLockExclusive(&lock_);
-  entries_[key] = Entry{stamp, digest};
   if (fileBytes_ + record.size() > kMaxCacheBytes) Discard();  // full: start over rather than grow without end
+  entries_[key] = Entry{stamp, digest};
 
-  PSECURITY_DESCRIPTOR descriptor = nullptr;
-  if (::ConvertStringSecurityDescriptorToSecurityDescriptorW(kCacheSddl, SDDL_REVISION_1, &descriptor, nullptr)) {
-    ky::unique_local owner(descriptor);
-    SECURITY_ATTRIBUTES attributes{sizeof(attributes), descriptor, FALSE};
-    ky::unique_file file(::CreateFileW(file_.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                       &attributes, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (file.valid()) {
-      LARGE_INTEGER size{};
-      DWORD written = 0;
-      bool ok = true;
-      if (::GetFileSizeEx(file.get(), &size) && size.QuadPart == 0) {
-        ok = ::WriteFile(file.get(), kHeader, sizeof(kHeader), &written, nullptr) != FALSE;
-        fileBytes_ = sizeof(kHeader);
-      }
-      if (ok && ::WriteFile(file.get(), record.data(), static_cast<DWORD>(record.size()), &written, nullptr)) {
-        fileBytes_ += record.size();
-      }
+  if (!appendFile_.valid()) OpenForAppend();
+  if (appendFile_.valid()) {
+    DWORD written = 0;
+    bool ok = true;
+    LARGE_INTEGER size{};
+    if (::GetFileSizeEx(appendFile_.get(), &size) && size.QuadPart == 0) {
+      ok = ::WriteFile(appendFile_.get(), kHeader, sizeof(kHeader), &written, nullptr) != FALSE;
+      fileBytes_ = sizeof(kHeader);
+    }
+    if (ok && ::WriteFile(appendFile_.get(), record.data(), static_cast<DWORD>(record.size()), &written, nullptr)) {
+      fileBytes_ += record.size();
     }
   }
   ::ReleaseSRWLockExclusive(&lock_);

@@ -9,6 +9,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "common/unique_handle.h"
 #include "file_hash.h"
 
 namespace kyfastdb {
@@ -41,12 +42,14 @@ class HashCache {
   void LoadOnce();
   bool Parse(const std::string& bytes);
   void Discard();
+  void OpenForAppend();
 
   std::wstring file_;
   SRWLOCK lock_ = SRWLOCK_INIT;
   bool loaded_ = false;
   std::size_t fileBytes_ = 0;
   std::unordered_map<std::wstring, Entry> entries_;
+  ky::unique_file appendFile_;  // opened on the first append and kept: one open per record is slow
 };
 
 // The cache's file: ProgramData\Nexalon\Lumera\KYFastDB.cache, or beside `libraryFolder`.

@@ -9,6 +9,7 @@
 #include "common/module_library.h"
 #include "common/windows_version.h"
 #include "lumera/kyutils.h"
+#include "startup/application_cache.h"
 #include "startup/command_target.h"
 #include "startup/file_qid.h"
 #include "startup/win8_startup_item.h"
@@ -40,6 +41,8 @@ bool GetPathFromCmdLine(const std::wstring& commandLine, std::wstring& path) {
   return true;
 }
 
+// Failures are logged at debug level: a Run entry's location is a registry path, so its
+// long-path conversion fails on every report.
 void ExpandPath(const wchar_t* in, std::wstring& out) {
   KY_TRACE(L"ExpandPath");
   if (in == nullptr) return;
@@ -49,15 +52,18 @@ void ExpandPath(const wchar_t* in, std::wstring& out) {
   ::SetLastError(0);
   const DWORD chars = text.size() < kPathChars ? ::ExpandEnvironmentStringsW(in, expanded.data(), kPathChars) : 0;
   if (chars == 0 || chars >= kPathChars) {
-    KY_LOG(logging::kLevelError, L"ExpandEnvironmentStrings %s failed 0x%x", in, ky::LastErrorOr(ERROR_FILENAME_EXCED_RANGE));
+    KY_LOG(logging::kLevelDebug, L"ExpandEnvironmentStrings %s failed 0x%x", in, ky::LastErrorOr(ERROR_FILENAME_EXCED_RANGE));
   } else {
     text = expanded.data();
   }
   std::vector<wchar_t> longPath(kPathChars, L'\0');
   ::SetLastError(0);
-  const DWORD longChars = text.size() < kPathChars ? ::GetLongPathNameW(text.c_str(), longPath.data(), kPathChars) : 0;
+  // A Run entry's location names a registry key: only drive and UNC paths are looked up.
+  const bool convertible = text.size() < kPathChars && ky::IsAbsolutePath(text);
+  const DWORD longChars = convertible ? ::GetLongPathNameW(text.c_str(), longPath.data(), kPathChars) : 0;
   if (longChars == 0 || longChars >= kPathChars) {
-    KY_LOG(logging::kLevelError, L"GetLongPathName %s failed 0x%x", text.c_str(), ky::LastErrorOr(ERROR_FILENAME_EXCED_RANGE));
+    const std::uint32_t reason = text.size() >= kPathChars ? ERROR_FILENAME_EXCED_RANGE : ERROR_INVALID_NAME;
+    KY_LOG(logging::kLevelDebug, L"GetLongPathName %s failed 0x%x", text.c_str(), ky::LastErrorOr(reason));
     out = text;
     return;
   }
@@ -95,22 +101,54 @@ bool Application::Init(const StartupItem& item, StartupSourceKind kind, std::int
   KY_TRACE(L"Application::Init");
   std::wstring target;
   if (!FindTarget(item, kind, state, target)) return false;
+  isStore = kind == kSourceStoreApp;
+  disabledBySystem = false;
+
+  // Only applications identified through the process-wide library are remembered.
+  const bool remember = qids_ == nullptr;
+  CachedApplication known;
+  if (remember && CApplicationCache::Instance().Find(target, item.location, known)) {
+    path = std::move(known.path);
+    location = std::move(known.location);
+    description = std::move(known.description);
+    company = std::move(known.company);
+    product = std::move(known.product);
+    qid = std::move(known.qid);
+  } else if (!Build(target, item.location, remember)) {
+    return false;
+  }
+  if (ky::IsWindows8OrGreater()) CheckSystemState(item, kind);
+  return true;
+}
+
+bool Application::Build(const std::wstring& target, const std::wstring& itemLocation, bool remember) {
+  KY_TRACE(L"Application::Build");
   ExpandPath(target.c_str(), path);
-  ExpandPath(item.location.c_str(), location);
+  ExpandPath(itemLocation.c_str(), location);
+  CachedApplication entry;
+  const bool stamped = remember && CApplicationCache::FileStamp(path, entry.size, entry.lastWrite);
 
   ApplicationInfo info;
   if (!GetApplicationInfo(path.c_str(), info)) return false;
   description = std::move(info.description);
   company = std::move(info.company);
   product = std::move(info.product);
-  isStore = kind == kSourceStoreApp;
 
   CFileQID& qids = qids_ != nullptr ? *qids_ : CFileQID::Instance();
   qid.clear();
-  if (!qids.Get(path, qid)) KY_LOG(logging::kLevelError, L"Failed get QID for %s", path.c_str());
-
-  disabledBySystem = false;
-  if (ky::IsWindows8OrGreater()) CheckSystemState(item, kind);
+  if (!qids.Get(path, qid)) {
+    KY_LOG(logging::kLevelError, L"Failed get QID for %s", path.c_str());
+    return true;  // not remembered, so the identity is asked for again next time
+  }
+  if (stamped) {
+    entry.path = path;
+    entry.location = location;
+    entry.description = description;
+    entry.company = company;
+    entry.product = product;
+    entry.qid = qid;
+    CApplicationCache::Instance().Store(target, itemLocation, std::move(entry));
+  }
   return true;
 }
 

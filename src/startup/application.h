@@ -32,7 +32,8 @@ void ExpandPath(const wchar_t* in, std::wstring& out);
 
 class Application {
  public:
-  // `qids` replaces the process-wide CFileQID (tests point it at a library of their own).
+  // `qids` replaces the process-wide CFileQID (tests point it at a library of their own);
+  // only applications built through the process-wide one are remembered between builds.
   explicit Application(CFileQID* qids = nullptr) : qids_(qids) {}
 
   // Builds the record for the item of `kind`; `state` non-zero below Windows 8 means the
@@ -51,6 +52,8 @@ class Application {
 
  private:
   bool FindTarget(const StartupItem& item, StartupSourceKind kind, std::int32_t state, std::wstring& target) const;
+  // Expands, reads and identifies the target; remembers the result when `remember` is set.
+  bool Build(const std::wstring& target, const std::wstring& itemLocation, bool remember);
   void CheckSystemState(const StartupItem& item, StartupSourceKind kind);
 
   CFileQID* qids_;

@@ -67,6 +67,28 @@ TEST(Application, RunEntryGetsTheProgramsTextsAndTheIdentitySha256sumGives) {
   EXPECT_EQ(log.count(L"Failed get QID"), 0u);
 }
 
+TEST(Application, AChangedFileIsReadAgainWhileAnUnchangedOneIsRemembered) {
+  testsupport::ScratchFolder folder;
+  const std::wstring program = folder.file(L"Swapped.exe");
+  ASSERT_TRUE(testing_report::CopyTo(Fixture(L"full"), program));
+  auto item = MakeItem(L"Swapped", L"HKEY_CURRENT_USER\\X\\Run", program);
+  Application first;
+  ASSERT_TRUE(first.Init(*item, kSourceRunKey, 0));
+  EXPECT_EQ(first.company, L"Fixture Works Ltd");
+
+  testsupport::CapturedLog log;
+  Application again;
+  ASSERT_TRUE(again.Init(*item, kSourceRunKey, 0));
+  EXPECT_EQ(again.qid, first.qid);
+  EXPECT_TRUE(log.entriesFor(L"GetApplicationInfo").empty()) << "an unchanged file is not read again";
+
+  ASSERT_TRUE(testing_report::CopyTo(Fixture(L"german"), program));
+  Application changed;
+  ASSERT_TRUE(changed.Init(*item, kSourceRunKey, 0));
+  EXPECT_EQ(changed.company, L"Deutsche Tabelle");
+  EXPECT_NE(changed.qid, first.qid);
+}
+
 TEST(Application, ItemsWithoutTargetOrVersionResourceAreNotReportedButAMissingCompanyIs) {
   testsupport::CapturedLog log;
   Application app;

@@ -23,6 +23,7 @@ bool CBaseStartupManager::Init() {
     return true;
   }
   {
+    std::lock_guard<ky::CriticalSection> call(callLock_);
     std::lock_guard<ky::CriticalSection> hold(lock_);
     connection_ = connection;
   }
@@ -32,22 +33,25 @@ bool CBaseStartupManager::Init() {
 
 void CBaseStartupManager::Uninit() {
   KY_TRACE(L"CBaseStartupManager::Uninit");
+  std::lock_guard<ky::CriticalSection> call(callLock_);
   pipelink::IConnPipeClient* connection = nullptr;
   {
     std::lock_guard<ky::CriticalSection> hold(lock_);
     std::swap(connection, connection_);
   }
-  // Outside the lock: stopping joins the callback thread, which may be waiting for it.
+  // Outside the pointer's lock: stopping joins the callback thread, which may be waiting for it.
   if (connection != nullptr) {
     (void)connection->Stop();
     client_->Close(connection);
   }
 }
 
-bool CBaseStartupManager::Connected() {
+pipelink::IConnPipeClient* CBaseStartupManager::Connection() {
   std::lock_guard<ky::CriticalSection> hold(lock_);
-  return connection_ != nullptr;
+  return connection_;
 }
+
+bool CBaseStartupManager::Connected() { return Connection() != nullptr; }
 
 std::string CBaseStartupManager::LastReport() {
   std::lock_guard<ky::CriticalSection> hold(lock_);
@@ -57,23 +61,30 @@ std::string CBaseStartupManager::LastReport() {
 std::uint32_t CBaseStartupManager::SendUpdateListRequest() {
   return ky::Guarded(L"CBaseStartupManager::SendUpdateListRequest", kErrorNoConnection, [&]() -> std::uint32_t {
     KY_TRACE(L"CBaseStartupManager::SendUpdateListRequest");
-    std::lock_guard<ky::CriticalSection> hold(lock_);
-    if (connection_ == nullptr) return kErrorNoConnection;
+    std::lock_guard<ky::CriticalSection> call(callLock_);
+    pipelink::IConnPipeClient* connection = Connection();
+    if (connection == nullptr) return kErrorNoConnection;
+    // Without the pointer's lock: the reply is read by the thread that runs the callback.
     pipelink::PipeMessage* reply = nullptr;
-    const std::uint32_t result = connection_->Send(kMsgUpdateRequest, nullptr, 0, &reply, 0, kCentralTimeoutMs);
-    if (reply != nullptr) connection_->FreeReply(reply);
+    const std::uint32_t result = connection->Send(kMsgUpdateRequest, nullptr, 0, &reply, 0, kCentralTimeoutMs);
+    if (reply != nullptr) connection->FreeReply(reply);
     return result;
   });
 }
 
 std::uint32_t CBaseStartupManager::Post(const std::string& text) {
   KY_TRACE(L"CBaseStartupManager::Post");
-  std::lock_guard<ky::CriticalSection> hold(lock_);
-  lastReport_ = text;
-  if (connection_ == nullptr) return kErrorNoConnection;
+  std::lock_guard<ky::CriticalSection> call(callLock_);
+  pipelink::IConnPipeClient* connection = nullptr;
+  {
+    std::lock_guard<ky::CriticalSection> hold(lock_);
+    lastReport_ = text;
+    connection = connection_;
+  }
+  if (connection == nullptr) return kErrorNoConnection;
   // The narrow text goes with its terminating NUL, counted in the length.
   const std::uint32_t result =
-      connection_->Post(kMsgReport, text.c_str(), static_cast<std::uint32_t>(text.size() + 1), 0);
+      connection->Post(kMsgReport, text.c_str(), static_cast<std::uint32_t>(text.size() + 1), 0);
   if (result != 0) KY_LOG(logging::kLevelError, L"Could not post report message. Error %d.", static_cast<int>(result));
   return result;
 }

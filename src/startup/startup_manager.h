@@ -69,6 +69,12 @@ class CBaseStartupManager : public ICentraListUpdater {
   std::uint32_t bootTime_ = 0;
 
  private:
+  pipelink::IConnPipeClient* Connection();
+
+  // Held by every use of the connection from the owner's side and by Uninit, so the
+  // connection is never closed under a send; `lock_` guards only the pointer and the last
+  // report, so the pipe callback never waits for a send to end.
+  ky::CriticalSection callLock_;
   ky::CriticalSection lock_;
   pipelink::IConnClient* client_;
   pipelink::IConnPipeClient* connection_ = nullptr;

@@ -47,6 +47,26 @@ bool ReadBounded(HANDLE file, std::string& bytes) {
                            read == bytes.size());
 }
 
+// Readers and writers of the cache file lock it whole, shared and exclusive, so no process
+// ever reads a record another is still appending.
+class FileLock {
+ public:
+  FileLock(HANDLE file, bool exclusive) : file_(file) {
+    locked_ = ::LockFileEx(file_, exclusive ? LOCKFILE_EXCLUSIVE_LOCK : 0, 0, MAXDWORD, MAXDWORD, &overlapped_) != FALSE;
+  }
+  ~FileLock() {
+    if (locked_) ::UnlockFileEx(file_, 0, MAXDWORD, MAXDWORD, &overlapped_);
+  }
+  FileLock(const FileLock&) = delete;
+  FileLock& operator=(const FileLock&) = delete;
+  bool locked() const { return locked_; }
+
+ private:
+  HANDLE file_;
+  OVERLAPPED overlapped_{};
+  bool locked_ = false;
+};
+
 bool IsSid(PSID sid, WELL_KNOWN_SID_TYPE type) {
   BYTE buffer[SECURITY_MAX_SID_SIZE];
   DWORD size = sizeof(buffer);
@@ -129,7 +149,12 @@ void HashCache::LoadOnce() {
                                        nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (file.valid()) {
       std::string bytes;
-      const bool trusted = RestrictedToAdministrators(file.get()) && ReadBounded(file.get(), bytes) && Parse(bytes);
+      bool trusted = false;
+      {
+        FileLock shared(file.get(), false);
+        trusted = shared.locked() && RestrictedToAdministrators(file.get()) && ReadBounded(file.get(), bytes) &&
+                  Parse(bytes);
+      }
       file.reset();
       if (!trusted) Discard();
     }
@@ -179,7 +204,7 @@ void HashCache::OpenForAppend() {
   if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(kCacheSddl, SDDL_REVISION_1, &descriptor, nullptr)) return;
   ky::unique_local owner(descriptor);
   SECURITY_ATTRIBUTES attributes{sizeof(attributes), descriptor, FALSE};
-  appendFile_.reset(::CreateFileW(file_.c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES,
+  appendFile_.reset(::CreateFileW(file_.c_str(), GENERIC_READ | FILE_APPEND_DATA,
                                   FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, &attributes, OPEN_ALWAYS,
                                   FILE_ATTRIBUTE_NORMAL, nullptr));
 }
@@ -201,7 +226,8 @@ void HashCache::Add(const std::wstring& key, const FileStamp& stamp, const Diges
   entries_[key] = Entry{stamp, digest};
 
   if (!appendFile_.valid()) OpenForAppend();
-  if (appendFile_.valid()) {
+  FileLock exclusive(appendFile_.get(), true);
+  if (exclusive.locked()) {
     DWORD written = 0;
     bool ok = true;
     LARGE_INTEGER size{};

@@ -7,7 +7,7 @@
 namespace startup {
 namespace {
 
-constexpr std::size_t kLoggedTextBytes = 4096;
+constexpr std::size_t kLoggedTextBytes = 1024;  // leaves room for the parser's message in one log line
 
 // The received text in the log, cut so one bad message cannot flood it.
 std::string ForLog(std::string_view text) {
@@ -47,7 +47,12 @@ std::uint32_t BuildAppList(std::string_view text, AppList& list) {
   KY_TRACE(L"CBaseStartupManager::BuildAppList");
   picojson::value root;
   std::string error;
-  picojson::parse(root, text.begin(), text.end(), &error);
+  if (text.size() > kMaxAppListBytes) {
+    error = "longer than " + std::to_string(kMaxAppListBytes) + " bytes";
+  } else {
+    picojson::default_parse_context context(&root, kMaxAppListDepth);
+    picojson::_parse(context, text.begin(), text.end(), &error);
+  }
   if (!error.empty()) {
     const std::string shown = ForLog(text);
     KY_LOG(logging::kLevelError, L"Could not parse JSON. String received: %S. Error string: %S.", shown.c_str(),

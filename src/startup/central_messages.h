@@ -21,6 +21,8 @@ inline constexpr std::uint32_t kMsgAppList = 1005;
 inline constexpr std::uint32_t kMsgUpdateRequest = 1006;
 inline constexpr std::uint32_t kCentralTimeoutMs = 5000;
 inline constexpr std::uint32_t kErrorNoConnection = 31;
+inline constexpr std::size_t kMaxAppListBytes = 1024 * 1024;  // one pipe message at most
+inline constexpr std::size_t kMaxAppListDepth = 16;
 
 inline constexpr std::int32_t kStatusEnabled = 0;
 inline constexpr std::int32_t kStatusDisabled = 1;

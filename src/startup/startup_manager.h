@@ -39,7 +39,7 @@ class CBaseStartupManager : public ICentraListUpdater {
   // Given every app list that arrives and parses.
   virtual void AppListReceived(const AppList& list) = 0;
   virtual ~CBaseStartupManager();
-  // The base part connects to the central component (failures are logged; the manager then
+  // The base's own step connects to the central component (failures are logged; the manager then
   // works without a connection); derived managers call it first.
   virtual bool Init() = 0;
   // Stops and closes the connection; safe to call twice.

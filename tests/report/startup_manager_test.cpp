@@ -132,7 +132,10 @@ TEST(CentralMessages, AppListSkipsIncompleteAppsAndAnUnknownStatusRepeatsThePrev
   EXPECT_EQ(log.count(L"The JSON does not contain an app list."), 2u);
   EXPECT_NE(startup::BuildAppList(R"({"apps":[)", list), 0u);
   EXPECT_EQ(log.count(L"Could not parse JSON. String received: {\"apps\":[. Error string: "), 1u);
-  EXPECT_NE(startup::BuildAppList(std::string(200, '[') + std::string(200, ']'), list), 0u) << "nesting is bounded";
+  EXPECT_NE(startup::BuildAppList("{\"apps\":" + std::string(20, '[') + std::string(20, ']') + "}", list), 0u)
+      << "nesting is bounded";
+  EXPECT_NE(startup::BuildAppList(std::string(startup::kMaxAppListBytes + 1, ' '), list), 0u) << "so is the length";
+  EXPECT_EQ(log.count(L"Error string: longer than"), 1u);
 }
 
 TEST(StartupManagerPipe, UpdateRequestAppListAndReportTravelOverTheDispatcherPipe) {

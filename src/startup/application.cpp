@@ -11,6 +11,7 @@
 #include "lumera/kyutils.h"
 #include "startup/application_cache.h"
 #include "startup/command_target.h"
+#include "startup/long_path.h"
 #include "startup/file_qid.h"
 #include "startup/win8_startup_item.h"
 
@@ -56,18 +57,17 @@ void ExpandPath(const wchar_t* in, std::wstring& out) {
   } else {
     text = expanded.data();
   }
-  std::vector<wchar_t> longPath(kPathChars, L'\0');
-  ::SetLastError(0);
   // A Run entry's location names a registry key: only drive and UNC paths are looked up.
-  const bool convertible = text.size() < kPathChars && ky::IsAbsolutePath(text);
-  const DWORD longChars = convertible ? ::GetLongPathNameW(text.c_str(), longPath.data(), kPathChars) : 0;
-  if (longChars == 0 || longChars >= kPathChars) {
-    const std::uint32_t reason = text.size() >= kPathChars ? ERROR_FILENAME_EXCED_RANGE : ERROR_INVALID_NAME;
-    KY_LOG(logging::kLevelDebug, L"GetLongPathName %s failed 0x%x", text.c_str(), ky::LastErrorOr(reason));
-    out = text;
-    return;
+  std::uint32_t error = ERROR_INVALID_NAME;
+  if (text.size() >= kPathChars) {
+    error = ERROR_FILENAME_EXCED_RANGE;
+  } else if (ky::IsAbsolutePath(text)) {
+    error = LongPathName(text, out);
   }
-  out.assign(longPath.data(), longChars);
+  if (error != 0) {
+    KY_LOG(logging::kLevelDebug, L"GetLongPathName %s failed 0x%x", text.c_str(), error);
+    out = text;
+  }
 }
 
 bool GetApplicationInfo(const wchar_t* path, ApplicationInfo& info) {

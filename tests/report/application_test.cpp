@@ -178,6 +178,22 @@ TEST(Application, ExpandPathLogsBothFailuresAndKeepsWhatItConverted) {
   EXPECT_EQ(log.count(L"GetLongPathName aaaa"), 1u);
   EXPECT_EQ(out, huge);
 
+  // Short names are converted as GetLongPathNameW converts them, folder and file alike.
+  testsupport::ScratchFolder scratch;
+  const std::wstring longFolder = scratch.file(L"A Long Folder Name");
+  ASSERT_TRUE(::CreateDirectoryW(longFolder.c_str(), nullptr));
+  const std::wstring paths[] = {testing_startup::WriteFile(longFolder + L"\\First Program.exe"),
+                                testing_startup::WriteFile(longFolder + L"\\Second Program.exe"), longFolder + L"\\"};
+  for (const std::wstring& path : paths) {
+    wchar_t shortPath[MAX_PATH] = {};
+    wchar_t expected[MAX_PATH] = {};
+    ASSERT_NE(::GetShortPathNameW(path.c_str(), shortPath, MAX_PATH), 0u);
+    ASSERT_NE(std::wstring(shortPath).find(L'~'), std::wstring::npos) << "a short name to convert";
+    ASSERT_NE(::GetLongPathNameW(shortPath, expected, MAX_PATH), 0u);
+    startup::ExpandPath(shortPath, out);
+    EXPECT_EQ(out, expected) << testing::PrintToString(std::wstring(shortPath));
+  }
+
   ::SetEnvironmentVariableW(L"LUMERA_FIXTURES", testsupport::ExeFolder().c_str());
   startup::ExpandPath(L"%LUMERA_FIXTURES%report_fixture_full.exe", out);
   EXPECT_EQ(out, Fixture(L"full"));

@@ -142,9 +142,9 @@ bool HashCache::Find(const std::wstring& key, const FileStamp& stamp, Digest& di
 }
 
 void HashCache::LoadOnce() {
+  if (loaded_.load(std::memory_order_acquire)) return;
   ::AcquireSRWLockExclusive(&lock_);
-  if (!loaded_) {
-    loaded_ = true;
+  if (!loaded_.load(std::memory_order_relaxed)) {
     ky::unique_file file(::CreateFileW(file_.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                        nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (file.valid()) {
@@ -158,6 +158,7 @@ void HashCache::LoadOnce() {
       file.reset();
       if (!trusted) Discard();
     }
+    loaded_.store(true, std::memory_order_release);
   }
   ::ReleaseSRWLockExclusive(&lock_);
 }

@@ -5,6 +5,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <unordered_map>
@@ -46,7 +47,7 @@ class HashCache {
 
   std::wstring file_;
   SRWLOCK lock_ = SRWLOCK_INIT;
-  bool loaded_ = false;
+  std::atomic<bool> loaded_{false};
   std::size_t fileBytes_ = 0;
   std::unordered_map<std::wstring, Entry> entries_;
   ky::unique_file appendFile_;  // opened on the first append and kept: one open per record is slow

@@ -115,6 +115,10 @@ TEST(StartupReportEndToEnd, StartupctlReportReachesTheCentralComponentWithEveryE
   }
   EXPECT_TRUE(sawTray) << listed.output;
 
+  const auto unsent = Startupctl(L"report");
+  EXPECT_EQ(unsent.exitCode, 3u) << "no central component listens yet";
+  EXPECT_NE(unsent.output.find("\"apps\":["), std::string::npos) << "the report is printed all the same";
+
   testsupport::ScratchFolder output;
   testing_report::Background central(L"--json --count 1 --out " + testsupport::Quoted(output.file(L"kept.jsonl")),
                                      output.file(L"central.txt"));

@@ -1,7 +1,5 @@
 #include "agent_store.h"
 
-#include <shellapi.h>
-
 #include <algorithm>
 #include <cwchar>
 

@@ -4,7 +4,7 @@
 #include <cwchar>
 
 #include "boottime/plugin_startup_manager.h"
-#include "plugin/sibling_loader.h"
+#include "plugin/productinfo_loader.h"
 
 namespace startupctl {
 namespace {

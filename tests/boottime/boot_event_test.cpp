@@ -1,0 +1,150 @@
+// The system's boot event as the monitor sees it, through a test double of wevtapi.dll
+// beside the program and Wine's real service control manager for "RpcSs".
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include "boottime/boot_time_monitor.h"
+#include "boottime/win_boot_event.h"
+#include "common/unique_handle.h"
+#include "fake_wevtapi/fake_wevtapi.h"
+#include "fakes.h"
+#include "support/scratch_folder.h"
+
+namespace boottime {
+namespace {
+
+using testing::Logged;
+using Event = BootTimeMonitor::WinBootEvent;
+constexpr DWORD kDeadlineMs = 10000;
+constexpr std::uint32_t kTick = 30000;
+
+class BootEventTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    library.reset(::LoadLibraryW((testsupport::ExeFolder() + L"wevtapi.dll").c_str()));
+    ASSERT_TRUE(library) << "the wevtapi.dll double is not beside the test";
+    reset = Bind<fakewevt::ResetFn>("FakeWevtReset");
+    add = Bind<fakewevt::AddEventFn>("FakeWevtAddEvent");
+    getStats = Bind<fakewevt::GetStatsFn>("FakeWevtGetStats");
+    waitDelivered = Bind<fakewevt::WaitDeliveredFn>("FakeWevtWaitDelivered");
+    ASSERT_TRUE(reset && add && getStats && waitDelivered);
+    reset();
+    clock.tick = kTick;
+  }
+  template <class Fn>
+  Fn Bind(const char* name) {
+    return reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(library.get(), name)));
+  }
+  fakewevt::Stats Stats() {
+    fakewevt::Stats stats{};
+    getStats(&stats);
+    return stats;
+  }
+  // A creation time `ms` after the moment Start runs (negative: before it).
+  std::uint64_t Created(std::int64_t ms) {
+    return static_cast<std::uint64_t>(static_cast<std::int64_t>(clock.WallClock()) + ms) * 10000;
+  }
+  // Starts watching and waits for the real "RpcSs" notification to subscribe.
+  void StartSubscribed(Event& event) {
+    ASSERT_TRUE(event.Start());
+    const DWORD start = ::GetTickCount();
+    while (Stats().subscriptions == 0 && !event.Done() && ::GetTickCount() - start < kDeadlineMs) {
+      ::WaitForSingleObject(never.get(), 20);
+    }
+    ASSERT_EQ(Stats().subscriptions, 1u) << "no subscription after the RpcSs notification; result "
+                                          << event.ResultState();
+  }
+  bool WaitDone(Event& event) { return ::WaitForSingleObject(event.DoneEvent(), kDeadlineMs) == WAIT_OBJECT_0; }
+
+  testsupport::CapturedLog log;
+  ky::unique_module library;
+  fakewevt::ResetFn reset = nullptr;
+  fakewevt::AddEventFn add = nullptr;
+  fakewevt::GetStatsFn getStats = nullptr;
+  fakewevt::WaitDeliveredFn waitDelivered = nullptr;
+  testing::FakeClock clock;
+  ky::unique_handle never{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+};
+
+TEST_F(BootEventTest, OnlyAnEventOfThisBootCreatedAfterStartGivesItsTime) {
+  add(Created(-3'600'000), 90000, fakewevt::kUInt32);  // an earlier boot's, already logged
+  Event event(clock);
+  StartSubscribed(event);
+  EXPECT_EQ(Stats().bookmarkRecord, 1) << "the subscription starts after the newest logged event";
+  EXPECT_EQ(event.ResultState(), Event::kResultWaiting);
+
+  add(Created(-static_cast<std::int64_t>(kTick) - 1), 80000, fakewevt::kUInt32);  // created before the system started
+  ASSERT_TRUE(waitDelivered(1, kDeadlineMs));
+  EXPECT_FALSE(event.Done()) << "an earlier boot's event leaves the wait open";
+  EXPECT_EQ(event.ResultState(), Event::kResultWaiting);
+
+  add(Created(1500), 102026, fakewevt::kUInt32);
+  ASSERT_TRUE(WaitDone(event));
+  EXPECT_EQ(event.ResultState(), Event::kResultFound);
+  EXPECT_EQ(event.BootTime(), 102026u);
+
+  add(Created(2500), 5, fakewevt::kUInt32);
+  ASSERT_TRUE(waitDelivered(3, kDeadlineMs));
+  EXPECT_EQ(event.BootTime(), 102026u) << "only the first accepted event counts";
+
+  event.OnServiceStarted(L"RpcSs");
+  EXPECT_EQ(Stats().subscriptions, 1u) << "a second RpcSs notification does not subscribe again";
+  event.Stop();
+  EXPECT_FALSE(event.Done()) << "Stop resets the done event";
+  EXPECT_EQ(Stats().openHandles, 0u) << "every handle is closed through EvtClose";
+  EXPECT_EQ(Stats().foreignHandles, 0u) << "no call on a handle the library did not hand out";
+}
+
+TEST_F(BootEventTest, ThisBootsEventCreatedBeforeStartGivesThreeAndNoTime) {
+  add(Created(-3'600'000), 90000, fakewevt::kUInt32);
+  Event event(clock);
+  StartSubscribed(event);
+  add(Created(-1000), 41000, fakewevt::kUInt32);
+  ASSERT_TRUE(WaitDone(event));
+  EXPECT_EQ(event.ResultState(), Event::kResultBeforeStart);
+  EXPECT_EQ(event.BootTime(), 0u);
+}
+
+TEST_F(BootEventTest, AMissingOrMistypedBootTimeFails) {
+  for (std::uint32_t kind : {fakewevt::kMissing, fakewevt::kAsString}) {
+    reset();
+    add(Created(-3'600'000), 90000, fakewevt::kUInt32);
+    Event event(clock);
+    StartSubscribed(event);
+    add(Created(1000), 0, kind);
+    ASSERT_TRUE(WaitDone(event)) << kind;
+    EXPECT_EQ(event.ResultState(), Event::kResultFailed) << kind;
+    event.Stop();
+  }
+}
+
+TEST_F(BootEventTest, AnEmptyChannelCannotBeSubscribedAndTheMonitorRetries) {
+  Event event(clock);
+  ASSERT_TRUE(event.Start());
+  ASSERT_TRUE(WaitDone(event)) << "no bookmark: the subscription fails";
+  EXPECT_EQ(event.ResultState(), Event::kResultFailed);
+  EXPECT_TRUE(log.contains(L"EvtSubscribe failed 0x57"));
+  EXPECT_TRUE(log.contains(L"WinBootEvents Subscribe failed 0x57"));
+
+  add(Created(-3'600'000), 90000, fakewevt::kUInt32);
+  event.Retry();
+  EXPECT_FALSE(event.Done()) << "the retry subscribed";
+  EXPECT_EQ(Stats().subscriptions, 1u);
+  add(Created(1000), 777, fakewevt::kUInt32);
+  ASSERT_TRUE(WaitDone(event));
+  EXPECT_EQ(event.ResultState(), Event::kResultFound);
+  EXPECT_EQ(event.BootTime(), 777u);
+}
+
+TEST_F(BootEventTest, ALibraryWithoutOneOfTheEightFunctionsFailsAtOnce) {
+  Event event(clock, testsupport::ExeFolder() + L"partial\\wevtapi.dll");
+  EXPECT_FALSE(event.Start());
+  EXPECT_TRUE(event.Done());
+  EXPECT_EQ(event.ResultState(), Event::kResultFailed);
+  EXPECT_TRUE(Logged(log, L"BootTimeMonitor::WinBootEvent::Start", L"WinBootEvents init failed"));
+  EXPECT_TRUE(log.contains(L"EvtUpdateBookmark missing"));
+}
+
+}  // namespace
+}  // namespace boottime

@@ -4,11 +4,13 @@
 
 #include <windows.h>
 
+#include "boottime/boot_time_data.h"
 #include "boottime/boot_time_monitor.h"
 #include "boottime/win_boot_event.h"
 #include "common/unique_handle.h"
 #include "fake_wevtapi/fake_wevtapi.h"
 #include "fakes.h"
+#include "staged_clock.h"
 #include "support/scratch_folder.h"
 
 namespace boottime {
@@ -144,6 +146,31 @@ TEST_F(BootEventTest, ALibraryWithoutOneOfTheEightFunctionsFailsAtOnce) {
   EXPECT_EQ(event.ResultState(), Event::kResultFailed);
   EXPECT_TRUE(Logged(log, L"BootTimeMonitor::WinBootEvent::Start", L"WinBootEvents init failed"));
   EXPECT_TRUE(log.contains(L"EvtUpdateBookmark missing"));
+}
+
+TEST_F(BootEventTest, TheMonitorStopsAtThisBootsEventButKeepsItsOwnMeasure) {
+  add(Created(-3'600'000), 90000, fakewevt::kUInt32);
+  testing::StagedClock staged;
+  staged.tick = kTick;
+  testing::FakeCounters failing;  // every process is dropped at its first sample
+  BootTimeData data;
+  BootTimeMonitor monitor(staged, failing);
+  ASSERT_EQ(monitor.Init(nullptr, &data), 0u);
+  staged.onWait = [&] {
+    if (staged.waits != 1) return;
+    const DWORD start = ::GetTickCount();
+    while (Stats().subscriptions == 0 && ::GetTickCount() - start < kDeadlineMs) ::WaitForSingleObject(never.get(), 20);
+    add((staged.WallClock() + 500) * 10000, 102026, fakewevt::kUInt32);
+    ::WaitForSingleObject(monitor.BootEvent()->DoneEvent(), kDeadlineMs);
+  };
+  monitor.Start(never.get());
+  std::uint32_t bootTime = 1;
+  EXPECT_EQ(monitor.Result(&bootTime), 0u);
+  EXPECT_EQ(staged.waits, 1) << "the first check after the event ends the loop";
+  EXPECT_TRUE(Logged(log, L"BootTimeMonitor::IsBootFinished", L"WinBootEvent time=102026"));
+  EXPECT_EQ(bootTime, 0u) << "the event only ends the loop; no process was busy";
+  monitor.UnInit();
+  EXPECT_EQ(Stats().openHandles, 0u);
 }
 
 }  // namespace

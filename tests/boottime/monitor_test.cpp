@@ -7,7 +7,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <functional>
 
 #include "boottime/boot_time_data.h"
 #include "boottime/boot_time_monitor.h"
@@ -15,31 +14,14 @@
 #include "boottime/processes_monitor.h"
 #include "common/unique_handle.h"
 #include "fakes.h"
+#include "staged_clock.h"
 #include "support/scratch_folder.h"
 
 namespace boottime {
 namespace {
 
 using testing::Logged;
-
-// Virtual time in which each wait lets its time pass at once; `onWait` runs after the time
-// has passed (to stage a logon or a new process), and the wait numbered `stopAtWait` reports
-// the stop event as set.
-class StagedClock final : public IClock {
- public:
-  std::uint32_t TickCount() override { return tick; }
-  std::uint64_t WallClock() override { return 13'000'000'000'000ull + tick; }
-  DWORD WaitForStop(HANDLE, DWORD milliseconds) override {
-    if (++waits == stopAtWait) return WAIT_OBJECT_0;
-    tick += milliseconds;
-    if (onWait) onWait();
-    return WAIT_TIMEOUT;
-  }
-  std::uint32_t tick = 0;
-  int waits = 0;
-  int stopAtWait = -1;
-  std::function<void()> onWait;
-};
+using testing::StagedClock;
 
 // Every process reads as busy (50 % of one processor), or every read fails so that each
 // process is dropped at its first sample and the list runs empty.

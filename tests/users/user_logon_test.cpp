@@ -179,18 +179,20 @@ TEST_F(UserLogonTest, OnlyConsoleConnectLogonAndLogoffAreQueued) {
 }
 
 TEST_F(UserLogonTest, ALogonWithoutANameIsReportedAtTheNextConsoleConnect) {
-  Script(4, L"", L"CORP");
-  host.plugin.Notify(200, 5, 4);
-  Script(4, nullptr, nullptr);
-  host.plugin.Notify(201, 1, 4);  // retried, still unreadable: not pending any more
-  Script(4, L"bob", L"CORP");
-  host.plugin.Notify(202, 1, 4);  // nothing pending
-  host.plugin.Notify(203, 5, 4);
-  Script(4, nullptr, nullptr);
-  host.plugin.Notify(204, 5, 4);  // the query fails with an error: pending again
-  Script(4, L"bob", nullptr);
-  host.plugin.Notify(205, 1, 4);  // the retry reads a name but no domain
-  host.plugin.Notify(206, 6, 4);
+  // Each step reads its own session, so that the answers are fixed before the first
+  // notification is processed on the serial execution.
+  Script(10, L"", L"CORP");
+  Script(11, nullptr, nullptr);
+  Script(12, L"bob", L"CORP");
+  Script(13, nullptr, nullptr);
+  Script(14, L"bob", nullptr);
+  host.plugin.Notify(200, 5, 10);  // an empty name: pending
+  host.plugin.Notify(201, 1, 11);  // retried, still unreadable: not pending any more
+  host.plugin.Notify(202, 1, 12);  // nothing pending
+  host.plugin.Notify(203, 5, 12);
+  host.plugin.Notify(204, 5, 13);  // the query fails with an error: pending again
+  host.plugin.Notify(205, 1, 14);  // the retry reads a name but no domain
+  host.plugin.Notify(206, 6, 14);
   EXPECT_EQ(observer.WaitFor(3), (std::vector<Call>{{L"on", 203, L"CORP\\bob"}, {L"on", 205, L"bob"},
                                                     {L"off", 206, L"bob"}}));
   EXPECT_FALSE(tracker.LogonPending());

@@ -26,6 +26,8 @@ bool WinServiceStartMonitor::Start() {
     return false;
   }
   threadService_ = serviceHandle_.get();
+  notify_ = std::make_unique<SERVICE_NOTIFYW>();
+  ::InterlockedExchange(&pending_, 0);
   ::InterlockedExchange(&stop_, 0);
   thread_.reset(::CreateThread(nullptr, 0, &ThreadProc, this, 0, nullptr));
   if (!thread_) {
@@ -38,15 +40,21 @@ bool WinServiceStartMonitor::Start() {
 
 void WinServiceStartMonitor::Stop() {
   KY_TRACE(L"boottime::WinServiceStartMonitor::Stop");
+  // The thread ends before the handles are closed: it may still be registering with them.
+  if (thread_) {
+    if (::QueueUserAPC(&OnStopRequest, thread_.get(), reinterpret_cast<ULONG_PTR>(this))) {
+      ::WaitForSingleObject(thread_.get(), INFINITE);
+    } else {
+      KY_LOG(logging::kLevelError, L"QueueUserAPC failed 0x%x", ::GetLastError());
+    }
+    thread_.reset();
+  }
   serviceHandle_.reset();
   manager_.reset();
-  if (!thread_) return;
-  if (::QueueUserAPC(&OnStopRequest, thread_.get(), reinterpret_cast<ULONG_PTR>(this))) {
-    ::WaitForSingleObject(thread_.get(), INFINITE);
-  } else {
-    KY_LOG(logging::kLevelError, L"QueueUserAPC failed 0x%x", ::GetLastError());
-  }
-  thread_.reset();
+  // A registration still unanswered may yet be written into its record by the system's
+  // own thread (Wine does so even after the handle is closed), so that record is let go.
+  if (::InterlockedCompareExchange(&pending_, 0, 0) != 0) (void)notify_.release();
+  notify_.reset();
 }
 
 DWORD WinServiceStartMonitor::ThreadResult() const {
@@ -71,6 +79,7 @@ VOID CALLBACK WinServiceStartMonitor::OnNotify(void* parameter) {
   ky::GuardedVoid(L"boottime::WinServiceStartMonitor::OnNotify", [&] {
     auto* notify = static_cast<SERVICE_NOTIFYW*>(parameter);
     if (notify == nullptr || notify->pContext == nullptr) return;
+    ::InterlockedExchange(&static_cast<WinServiceStartMonitor*>(notify->pContext)->pending_, 0);
     if (notify->ServiceStatus.dwCurrentState != SERVICE_RUNNING) return;
     auto* monitor = static_cast<WinServiceStartMonitor*>(notify->pContext);
     monitor->running_ = true;
@@ -85,21 +94,31 @@ DWORD WinServiceStartMonitor::Run() {
   auto notifyChange = reinterpret_cast<decltype(&::NotifyServiceStatusChangeW)>(
       reinterpret_cast<void*>(::GetProcAddress(advapi, kNotifyFunction)));
   if (notifyChange == nullptr) return ::GetLastError();
-  notify_ = SERVICE_NOTIFYW{};
-  notify_.dwVersion = SERVICE_NOTIFY_STATUS_CHANGE;
-  notify_.pfnNotifyCallback = &OnNotify;
-  notify_.pContext = this;
+  SERVICE_NOTIFYW& notify = *notify_;
+  notify.dwVersion = SERVICE_NOTIFY_STATUS_CHANGE;
+  notify.pfnNotifyCallback = &OnNotify;
+  notify.pContext = this;
   running_ = false;
-  DWORD result = notifyChange(threadService_, SERVICE_NOTIFY_RUNNING, &notify_);
-  if (result != 0) return result;
+  ::InterlockedExchange(&pending_, 1);
+  DWORD result = notifyChange(threadService_, SERVICE_NOTIFY_RUNNING, &notify);
+  if (result != 0) {
+    ::InterlockedExchange(&pending_, 0);
+    return result;
+  }
   for (;;) {
+    // A stop request queued before the thread ran has already run its procedure call.
+    if (::InterlockedCompareExchange(&stop_, 0, 1) == 1) return 0;
     if (::SleepEx(INFINITE, TRUE) != WAIT_IO_COMPLETION) continue;
     if (::InterlockedCompareExchange(&stop_, 0, 1) == 1) return 0;
     // Registering again for a service that already runs is answered at once, every time,
     // which would turn this wait into a busy loop.
     if (running_) continue;
-    result = notifyChange(threadService_, SERVICE_NOTIFY_RUNNING, &notify_);
-    if (result != 0) return result;
+    ::InterlockedExchange(&pending_, 1);
+    result = notifyChange(threadService_, SERVICE_NOTIFY_RUNNING, &notify);
+    if (result != 0) {
+      ::InterlockedExchange(&pending_, 0);
+      return result;
+    }
   }
 }
 

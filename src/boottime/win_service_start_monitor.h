@@ -6,6 +6,7 @@
 #include <windows.h>
 #include <winsvc.h>
 
+#include <memory>
 #include <string>
 
 #include "common/unique_handle.h"
@@ -54,7 +55,9 @@ class WinServiceStartMonitor {
   ky::unique_handle thread_;
   volatile LONG stop_ = 0;
   bool running_ = false;  // set by the notification callback, on the thread itself
-  SERVICE_NOTIFYW notify_{};
+  // The record the system fills when it notifies; see Stop for why it is held apart.
+  std::unique_ptr<SERVICE_NOTIFYW> notify_;
+  volatile LONG pending_ = 0;  // a registration not yet answered by a callback
 };
 
 }  // namespace boottime

@@ -4,9 +4,12 @@
 
 #include <windows.h>
 
+#include <atomic>
+
 #include "boottime/boot_time_data.h"
 #include "boottime/boot_time_monitor.h"
 #include "boottime/win_boot_event.h"
+#include "boottime/win_service_start_monitor.h"
 #include "common/unique_handle.h"
 #include "fake_wevtapi/fake_wevtapi.h"
 #include "fakes.h"
@@ -146,6 +149,28 @@ TEST_F(BootEventTest, ALibraryWithoutOneOfTheEightFunctionsFailsAtOnce) {
   EXPECT_EQ(event.ResultState(), Event::kResultFailed);
   EXPECT_TRUE(Logged(log, L"BootTimeMonitor::WinBootEvent::Start", L"WinBootEvents init failed"));
   EXPECT_TRUE(log.contains(L"EvtUpdateBookmark missing"));
+}
+
+class CountingObserver final : public IWinServiceStartMonitorObserver {
+ public:
+  void OnServiceStarted(const wchar_t*) override { ++calls; }
+  std::atomic<int> calls{0};
+};
+
+TEST(WinServiceStartMonitor, StopsWhileStartingOrWaitingAndRefusesAServiceThatIsNotThere) {
+  CountingObserver observer;
+  for (int i = 0; i < 10; ++i) {
+    WinServiceStartMonitor stopped(L"MSIServer", &observer);  // installed, not running
+    ASSERT_TRUE(stopped.Start()) << i;
+    stopped.Stop();
+    WinServiceStartMonitor running(L"RpcSs", nullptr);  // stopped before or after its answer
+    ASSERT_TRUE(running.Start()) << i;
+    running.Stop();
+  }
+  EXPECT_EQ(observer.calls, 0);
+  WinServiceStartMonitor missing(L"NoSuchService.Lumera", &observer);
+  EXPECT_FALSE(missing.Start());
+  EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_SERVICE_DOES_NOT_EXIST));
 }
 
 TEST_F(BootEventTest, TheMonitorStopsAtThisBootsEventButKeepsItsOwnMeasure) {

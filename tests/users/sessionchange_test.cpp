@@ -10,6 +10,7 @@
 
 #include "common/unique_handle.h"
 #include "component_manager.h"
+#include "plugins/sessionchange.h"
 #include "lumera/dev_console_session.h"
 #include "lumera/interface_ids.h"
 #include "lumera/kyusers.h"
@@ -105,6 +106,27 @@ TEST(SessionChange, TheStagedConsoleLogsOnAndOffForTheHostAndTheUsersLibrary) {
   EXPECT_EQ(plugin->UnregisterEventsHandler(&recorder), 1168u);
   EXPECT_EQ(host.ReleasePlugin(L"sessionchange"), 0u);
   host.Shutdown();
+}
+
+TEST(SessionChange, AsAServiceItDeliversWhatTheControlHandlerRelaysAndNothingElse) {
+  StagedConsole console;
+  console.Set(1);
+  host::SetSessionChangesFromService(true);
+  host::HostConfig config;
+  host::ComponentManager host(config);
+  void* object = nullptr;
+  ASSERT_EQ(host.GetPlugin(L"sessionchange", lumera::ids::SessionChangePlugin, &object), 0u);
+  Recorder recorder;
+  ASSERT_EQ(static_cast<ISessionChangePlugin*>(object)->RegisterEventsHandler(&recorder), 0u);
+  console.Set(0);  // not followed as a service
+  WTSSESSION_NOTIFICATION notification{sizeof notification, 1};
+  host::RelaySessionChange(WTS_SESSION_LOCK, &notification);
+  host::RelaySessionChange(WTS_SESSION_LOGOFF, &notification);
+  EXPECT_EQ(recorder.WaitFor(2), (std::vector<std::wstring>{L"event 7", L"event 6"}));
+  (void)host.ReleasePlugin(L"sessionchange");
+  host.Shutdown();
+  host::SetSessionChangesFromService(false);
+  host::RelaySessionChange(WTS_SESSION_LOGON, &notification);  // no plug-in any more: dropped
 }
 
 TEST(SessionChange, TheLogonTrackerReportsTheStagedLogonWithTheUsersName) {

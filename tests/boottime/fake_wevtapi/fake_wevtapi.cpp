@@ -81,6 +81,7 @@ std::vector<Record> g_channel;
 std::set<Object*> g_objects;
 Object* g_subscription = nullptr;
 fakewevt::Stats g_stats{0, 0, -1, 0, 0};
+bool g_queryFails = false;
 
 // The object behind a handle this library handed out, or null (counted) for any other.
 Object* Find(EVT_HANDLE handle, Kind kind) {
@@ -159,6 +160,7 @@ extern "C" {
 
 EVT_HANDLE WINAPI EvtQuery(EVT_HANDLE session, LPCWSTR path, LPCWSTR query, DWORD flags) {
   std::lock_guard hold(g_lock);
+  if (g_queryFails) return nullptr;
   if (session != nullptr || path == nullptr || query == nullptr || std::wcscmp(path, kChannel) != 0 ||
       std::wcscmp(query, kQuery) != 0 || flags != (EvtQueryChannelPath | EvtQueryReverseDirection)) {
     ::SetLastError(ERROR_INVALID_PARAMETER);
@@ -317,6 +319,7 @@ WINBOOL WINAPI EvtClose(EVT_HANDLE handle) {
 void __cdecl FakeWevtReset() {
   std::lock_guard hold(g_lock);
   g_channel.clear();
+  g_queryFails = false;
   g_stats = fakewevt::Stats{0, 0, -1, g_stats.openHandles, 0};
 }
 
@@ -333,6 +336,11 @@ void __cdecl FakeWevtAddEvent(std::uint64_t createdFileTime, std::uint32_t bootT
 void __cdecl FakeWevtGetStats(fakewevt::Stats* stats) {
   std::lock_guard hold(g_lock);
   if (stats != nullptr) *stats = g_stats;
+}
+
+void __cdecl FakeWevtSetQueryFails(bool fails) {
+  std::lock_guard hold(g_lock);
+  g_queryFails = fails;
 }
 
 bool __cdecl FakeWevtWaitDelivered(std::uint32_t count, std::uint32_t ms) {

@@ -25,6 +25,8 @@ using ResetFn = void(__cdecl*)();
 // its own thread.
 using AddEventFn = void(__cdecl*)(std::uint64_t createdFileTime, std::uint32_t bootTime, std::uint32_t kind);
 using GetStatsFn = void(__cdecl*)(Stats* stats);
+// While set, EvtQuery returns null and leaves the last error alone, as Wine's own does.
+using SetQueryFailsFn = void(__cdecl*)(bool fails);
 // Waits up to `ms` until `count` deliveries have returned; true when they have.
 using WaitDeliveredFn = bool(__cdecl*)(std::uint32_t count, std::uint32_t ms);
 

@@ -5,6 +5,7 @@
 
 #include <windows.h>
 
+#include <cwchar>
 #include <map>
 #include <mutex>
 #include <string>
@@ -89,7 +90,7 @@ class FakeSessionChange final : public ISessionChangePlugin {
 class FakeHost final : public IServMain, public IPlgComponentManager {
  public:
   const wchar_t* GetHostName() override { return L"test"; }
-  IPlgComponentManager* GetComponentManager() override { return this; }
+  IPlgComponentManager* GetComponentManager() override { return withManager ? this : nullptr; }
   IEventQueue* GetEventQueue() override { return withQueue ? &queue : nullptr; }
   std::uint32_t GetPlugin(const wchar_t* name, const GUID& iid, void** out) override {
     if (!withPlugin || std::wstring(name) != L"sessionchange" || !KyIsEqualId(iid, lumera::ids::SessionChangePlugin)) {
@@ -103,6 +104,7 @@ class FakeHost final : public IServMain, public IPlgComponentManager {
     ++releases;
     return 0;
   }
+  bool withManager = true;
   bool withPlugin = true;
   bool withQueue = true;
   int gets = 0;
@@ -227,8 +229,13 @@ TEST(UserLogonStart, EachMissingHostPartIsLoggedAndUndone) {
     EXPECT_TRUE(log.contains(L"ServMain NULL"));
 
     FakeHost host;
-    host.withPlugin = false;
+    host.withManager = false;
     EXPECT_EQ(tracker.Init(&host), 1);
+    EXPECT_FALSE(tracker.Start());
+    EXPECT_TRUE(log.contains(L"Component Manager is null!"));
+
+    host.withManager = true;
+    host.withPlugin = false;
     EXPECT_FALSE(tracker.Start());
     EXPECT_TRUE(log.contains(L"Error getting plugin: sessionchange"));
 
@@ -243,7 +250,7 @@ TEST(UserLogonStart, EachMissingHostPartIsLoggedAndUndone) {
     EXPECT_TRUE(tracker.Start()) << "a failed Start leaves the count where it was";
     tracker.Stop();
     tracker.Uninit();
-    EXPECT_GE(log.count(L"failed"), 3u);
+    EXPECT_GE(log.count(L"failed"), 4u);
   }
   EXPECT_EQ(&CUserLogon::Instance(), global) << "the override restores the process-wide tracker";
 }

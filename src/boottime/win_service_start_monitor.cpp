@@ -57,12 +57,6 @@ void WinServiceStartMonitor::Stop() {
   notify_.reset();
 }
 
-DWORD WinServiceStartMonitor::ThreadResult() const {
-  DWORD code = STILL_ACTIVE;
-  if (thread_) ::GetExitCodeThread(thread_.get(), &code);
-  return code;
-}
-
 DWORD WINAPI WinServiceStartMonitor::ThreadProc(void* self) {
   DWORD result = ERROR_GEN_FAILURE;
   ky::GuardedVoid(L"boottime::WinServiceStartMonitor::ThreadProc",

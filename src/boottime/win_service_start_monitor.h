@@ -36,10 +36,8 @@ class WinServiceStartMonitor {
   // Opens the manager and the service and starts the thread; false (last error set) when
   // either cannot be opened or the thread cannot start.
   [[nodiscard]] bool Start();
-  // Closes the handles, ends the thread and waits for it; no observer call follows.
+  // Ends the thread and waits for it, then closes the handles; no observer call follows.
   void Stop();
-  // The thread's exit code once it has ended (STILL_ACTIVE before).
-  DWORD ThreadResult() const;
 
  private:
   static DWORD WINAPI ThreadProc(void* self);

@@ -11,7 +11,7 @@ up=$(cut -d. -f1 /proc/uptime)
 back=$((up - 2))
 unshare --user --map-root-user --time --fork --monotonic=-$back --boottime=-$back sh -c '
   export WINEPREFIX="$1" WINEDEBUG=-all
-  wineserver -p </dev/null >/dev/null 2>&1
+  wineserver -p3 </dev/null >/dev/null 2>&1
   rc=0
   wine "$2" --gtest_brief=1 || rc=$?
   wineserver -k 2>/dev/null || true

@@ -18,6 +18,7 @@
 #include "host_config.h"
 #include "lumera/logcore.h"
 #include "module_runner.h"
+#include "plugins/sessionchange.h"
 
 namespace {
 
@@ -122,13 +123,18 @@ void ReportServiceStatus(DWORD state, DWORD exitCode = 0) {
   SERVICE_STATUS status{};
   status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
   status.dwCurrentState = state;
-  status.dwControlsAccepted = state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN : 0;
+  status.dwControlsAccepted =
+      state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN | SERVICE_ACCEPT_SESSIONCHANGE : 0;
   status.dwWin32ExitCode = exitCode;
   status.dwWaitHint = 5000;
   ::SetServiceStatus(g_statusHandle, &status);
 }
 
-DWORD WINAPI OnServiceControl(DWORD control, DWORD, LPVOID, LPVOID) {
+DWORD WINAPI OnServiceControl(DWORD control, DWORD eventType, LPVOID eventData, LPVOID) {
+  if (control == SERVICE_CONTROL_SESSIONCHANGE) {
+    host::RelaySessionChange(eventType, static_cast<const WTSSESSION_NOTIFICATION*>(eventData));
+    return NO_ERROR;
+  }
   if (control == SERVICE_CONTROL_STOP || control == SERVICE_CONTROL_SHUTDOWN) {
     ReportServiceStatus(SERVICE_STOP_PENDING);
     ::SetEvent(g_stopEvent);
@@ -140,6 +146,7 @@ void WINAPI ServiceMain(DWORD, LPWSTR*) {
   g_statusHandle = ::RegisterServiceCtrlHandlerExW(kServiceName, &OnServiceControl, nullptr);
   if (g_statusHandle == nullptr) return;
   ReportServiceStatus(SERVICE_START_PENDING);
+  host::SetSessionChangesFromService(true);
   host::HostConfig config;
   if (!LoadConfig(config)) {
     ReportServiceStatus(SERVICE_STOPPED, ERROR_BAD_CONFIGURATION);

@@ -10,6 +10,7 @@
 
 #include "common/module_library.h"
 #include "common/unique_handle.h"
+#include "lumera/dev_console_session.h"
 
 namespace {
 
@@ -60,6 +61,8 @@ struct ConsoleUser {
 
 ConsoleUser FindConsoleUser() {
   ConsoleUser user;
+  // A staged boot under Wine: nobody is at the console until the switch says so.
+  if (lumera::dev::StagedConsoleSession() == lumera::dev::ConsoleSession::kLoggedOff) return user;
   user.session = ::WTSGetActiveConsoleSessionId();
   user.userName = QuerySession(user.session, WTSUserName);
   user.fromSession = !user.userName.empty();

@@ -1,0 +1,168 @@
+// The host's "sessionchange" and kyusers.dll under the development switch for the console
+// session, and the logon tracker fed by them through the host's real event queue.
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "common/unique_handle.h"
+#include "component_manager.h"
+#include "plugins/sessionchange.h"
+#include "lumera/dev_console_session.h"
+#include "lumera/interface_ids.h"
+#include "lumera/kyusers.h"
+#include "support/captured_log.h"
+#include "support/scratch_folder.h"
+#include "users/ky_users.h"
+#include "users/user_logon.h"
+
+namespace {
+
+constexpr DWORD kDeadlineMs = 10000;
+
+// Stages this process's own console value and deletes it afterwards.
+class StagedConsole {
+ public:
+  StagedConsole() : name_(L"ConsoleSession.test" + std::to_wstring(::GetCurrentProcessId())) {
+    ::SetEnvironmentVariableW(lumera::dev::kValueOverride, name_.c_str());
+  }
+  ~StagedConsole() {
+    ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, lumera::dev::kDevelopmentKey, name_.c_str());
+    ::SetEnvironmentVariableW(lumera::dev::kValueOverride, nullptr);
+  }
+  void Set(DWORD loggedOn) {
+    ASSERT_EQ(::RegSetKeyValueW(HKEY_LOCAL_MACHINE, lumera::dev::kDevelopmentKey, name_.c_str(), REG_DWORD, &loggedOn,
+                                sizeof loggedOn),
+              ERROR_SUCCESS);
+  }
+
+ private:
+  std::wstring name_;
+};
+
+class Recorder final : public ISessionChangeEvents, public IUserLogonObserver {
+ public:
+  std::uint32_t OnSessionChange(std::uint32_t, std::uint32_t event, WTSSESSION_NOTIFICATION* n) override {
+    Add(L"event " + std::to_wstring(event) + (n != nullptr && n->cbSize == sizeof *n ? L"" : L" bad"));
+    return 0;
+  }
+  void OnLogon(std::uint32_t, const wchar_t* user) override { Add(std::wstring(L"logon ") + user); }
+  void OnLogoff(std::uint32_t, const wchar_t* user) override { Add(std::wstring(L"logoff ") + user); }
+  // Waits (bounded) until `n` records exist; returns them.
+  std::vector<std::wstring> WaitFor(std::size_t n) {
+    const DWORD start = ::GetTickCount();
+    for (;;) {
+      {
+        std::lock_guard hold(lock_);
+        if (records_.size() >= n || ::GetTickCount() - start > kDeadlineMs) return records_;
+      }
+      ::WaitForSingleObject(changed_.get(), 50);
+    }
+  }
+
+ private:
+  void Add(std::wstring record) {
+    std::lock_guard hold(lock_);
+    records_.push_back(std::move(record));
+    ::SetEvent(changed_.get());
+  }
+  std::mutex lock_;
+  std::vector<std::wstring> records_;
+  ky::unique_handle changed_{::CreateEventW(nullptr, FALSE, FALSE, nullptr)};
+};
+
+TEST(SessionChange, TheStagedConsoleLogsOnAndOffForTheHostAndTheUsersLibrary) {
+  StagedConsole console;
+  console.Set(0);
+  ky::unique_module users(::LoadLibraryW((testsupport::ExeFolder() + L"kyusers.dll").c_str()));
+  ASSERT_TRUE(users);
+  auto advanced = reinterpret_cast<kyusers::SrvGetCurrentUserInfoAdvancedFn>(
+      reinterpret_cast<void*>(::GetProcAddress(users.get(), kyusers::kGetCurrentUserInfoAdvanced)));
+  ASSERT_NE(advanced, nullptr);
+  kyusers::UserInfoAdvanced info{};
+  info.size = sizeof info;
+  EXPECT_EQ(advanced(&info), static_cast<std::uint32_t>(ERROR_NO_TOKEN)) << "nobody at the console yet";
+
+  host::HostConfig config;
+  host::ComponentManager host(config);
+  void* object = nullptr;
+  ASSERT_EQ(host.GetPlugin(L"sessionchange", lumera::ids::SessionChangePlugin, &object), 0u);
+  auto* plugin = static_cast<ISessionChangePlugin*>(object);
+  Recorder recorder;
+  ASSERT_EQ(plugin->RegisterEventsHandler(&recorder), 0u);
+  EXPECT_EQ(plugin->RegisterEventsHandler(&recorder), 183u);
+
+  console.Set(1);
+  EXPECT_EQ(recorder.WaitFor(1), std::vector<std::wstring>{L"event 5"});
+  EXPECT_EQ(advanced(&info), 0u);
+  EXPECT_NE(info.userName[0], L'\0') << "the Wine user is at the console";
+  console.Set(0);
+  EXPECT_EQ(recorder.WaitFor(2), (std::vector<std::wstring>{L"event 5", L"event 6"}));
+
+  EXPECT_EQ(plugin->UnregisterEventsHandler(&recorder), 0u);
+  EXPECT_EQ(plugin->UnregisterEventsHandler(&recorder), 1168u);
+  EXPECT_EQ(host.ReleasePlugin(L"sessionchange"), 0u);
+  host.Shutdown();
+}
+
+TEST(SessionChange, AsAServiceItDeliversWhatTheControlHandlerRelaysAndNothingElse) {
+  StagedConsole console;
+  console.Set(1);
+  host::SetSessionChangesFromService(true);
+  host::HostConfig config;
+  host::ComponentManager host(config);
+  void* object = nullptr;
+  ASSERT_EQ(host.GetPlugin(L"sessionchange", lumera::ids::SessionChangePlugin, &object), 0u);
+  Recorder recorder;
+  ASSERT_EQ(static_cast<ISessionChangePlugin*>(object)->RegisterEventsHandler(&recorder), 0u);
+  console.Set(0);  // not followed as a service
+  WTSSESSION_NOTIFICATION notification{sizeof notification, 1};
+  host::RelaySessionChange(WTS_SESSION_LOCK, &notification);
+  host::RelaySessionChange(WTS_SESSION_LOGOFF, &notification);
+  EXPECT_EQ(recorder.WaitFor(2), (std::vector<std::wstring>{L"event 7", L"event 6"}));
+  (void)host.ReleasePlugin(L"sessionchange");
+  host.Shutdown();
+  host::SetSessionChangesFromService(false);
+  host::RelaySessionChange(WTS_SESSION_LOGON, &notification);  // no plug-in any more: dropped
+}
+
+TEST(SessionChange, TheLogonTrackerReportsTheStagedLogonWithTheUsersName) {
+  testsupport::CapturedLog log;
+  StagedConsole console;
+  console.Set(0);
+  ky::unique_module users(::LoadLibraryW((testsupport::ExeFolder() + L"kyusers.dll").c_str()));
+  ASSERT_TRUE(users);
+  ASSERT_TRUE(velora::utils::CKYUsers::Instance().ReloadDll());
+  host::HostConfig config;
+  host::ComponentManager host(config);
+  {
+    CUserLogon tracker;
+    CUserLogon::ScopedOverride override(tracker);
+    ASSERT_EQ(tracker.Init(&host), 1);
+    EXPECT_TRUE(tracker.UserName().empty()) << "nobody logged on at Init";
+    EXPECT_FALSE(CUserLogon::IsUserLogged());
+    ASSERT_TRUE(tracker.Start());
+    Recorder recorder;
+    ASSERT_EQ(tracker.RegisterObserver(&recorder), 0u);
+    console.Set(1);
+    const std::vector<std::wstring> logon = recorder.WaitFor(1);
+    ASSERT_EQ(logon.size(), 1u);
+    EXPECT_EQ(logon[0].rfind(L"logon ", 0), 0u) << logon[0];
+    EXPECT_GT(logon[0].size(), 6u) << "with the name read from the session";
+    EXPECT_TRUE(CUserLogon::IsUserLogged());
+    console.Set(0);
+    const std::vector<std::wstring> both = recorder.WaitFor(2);
+    ASSERT_EQ(both.size(), 2u);
+    EXPECT_EQ(both[1], L"logoff " + logon[0].substr(6)) << "the name stored at logon";
+    tracker.Stop();
+    tracker.Uninit();
+  }
+  EXPECT_EQ(host.OutstandingCount(L"sessionchange"), 0);
+  host.Shutdown();
+  velora::utils::CKYUsers::Instance().UnloadDll();
+}
+
+}  // namespace

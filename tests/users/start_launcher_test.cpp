@@ -1,0 +1,147 @@
+// The check started at logoff: the command lines the module builds, and StartLauncher.exe
+// dropping stale records of a user's backup store while keeping live ones.
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "startup/startup_storage.h"
+#include "support/captured_log.h"
+#include "support/programs.h"
+#include "support/scratch_folder.h"
+#include "users/ky_users.h"
+#include "users/start_launcher_check.h"
+#include "users/user_logon.h"
+
+namespace {
+
+bool LoggedUnder(const testsupport::CapturedLog& log, std::wstring_view function, std::wstring_view text) {
+  for (const auto& entry : log.entriesFor(function)) {
+    if (entry.text == text) return true;
+  }
+  return false;
+}
+
+TEST(StartLauncherCheckExec, ALogoffStartsTheCheckForTheKnownFolderOrTheConsoleUser) {
+  testsupport::CapturedLog log;
+  CStartLauncherCheckExec check;
+  CUserLogon tracker;
+  CUserLogon::ScopedOverride override(tracker);
+  check.OnLogon(1, L"user");
+  EXPECT_EQ(log.count(L"Process = "), 0u) << "a logon starts nothing";
+
+  check.OnLogoff(2, L"user");  // no folder known: the users library is not loaded
+  EXPECT_TRUE(LoggedUnder(log, L"CStartLauncherCheckExec::Run",
+                          L"Process = 'StartLauncher.exe /checkcrtuser' could not be created. Error = 2"))
+      << "StartLauncher.exe is not beside the test program";
+
+  ky::unique_module users(::LoadLibraryW((testsupport::ExeFolder() + L"kyusers.dll").c_str()));
+  ASSERT_TRUE(velora::utils::CKYUsers::Instance().ReloadDll());
+  tracker.GetCurrentUser();
+  const std::wstring folder = tracker.AppDataFolder();
+  ASSERT_FALSE(folder.empty()) << "the Wine user has a roaming folder";
+  check.OnLogoff(3, L"user");
+  EXPECT_TRUE(LoggedUnder(log, L"CStartLauncherCheckExec::Run",
+                          L"Process = 'StartLauncher.exe \"/checkuser:" + folder + L"\"' could not be created. Error = 2"));
+  velora::utils::CKYUsers::Instance().UnloadDll();
+}
+
+startup::StartupItemPtr Item(const wchar_t* name, const std::wstring& location, const std::wstring& path) {
+  auto item = std::make_shared<startup::StartupItem>();
+  item->name = name;
+  item->location = location;
+  item->path = path;
+  item->isUser = 1;
+  return item;
+}
+
+class StartLauncherProgram : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::filesystem::create_directories(std::filesystem::path(folder.path()) / L"Nexalon" / L"Lumera");
+    ::SetEnvironmentVariableW(L"LUMERA_LOG_CONSOLE", L"1");
+    ::SetEnvironmentVariableW(L"LUMERA_LOG_DIR", folder.path().c_str());
+  }
+  void TearDown() override {
+    ::SetEnvironmentVariableW(L"LUMERA_LOG_CONSOLE", nullptr);
+    ::SetEnvironmentVariableW(L"LUMERA_LOG_DIR", nullptr);
+  }
+  testsupport::ProgramRun Launch(const std::wstring& arguments) {
+    return testsupport::RunProgram(testsupport::Quoted(testsupport::BinFolder() / L"StartLauncher.exe") + L" " +
+                                   arguments);
+  }
+  std::wstring Names(const char* category) {
+    startup::storage::CStartupItemsStorage store;
+    store.Init(storePath);
+    startup::StartupItemList items;
+    if (store.LoadStartupItems(category, items) != 0) return L"unreadable";
+    std::wstring names;
+    for (const auto& item : items) names += item->name + L";";
+    return names;
+  }
+
+  testsupport::ScratchFolder folder;
+  std::wstring storePath = folder.file(L"Nexalon\\Lumera\\Storage.json");
+};
+
+TEST_F(StartLauncherProgram, DropsStaleRecordsAndKeepsLiveOnes) {
+  const std::wstring run = L"HKCU\\Software\\Microsoft\\Windows\\CurrentVersion\\Run";
+  const std::wstring live = folder.file(L"live.exe");
+  std::ofstream(std::filesystem::path(live)) << "x";
+  startup::storage::CStartupItemsStorage store;
+  store.Init(storePath);
+  ASSERT_EQ(store.SaveStartupItems({Item(L"LiveRun", run, L"\"" + live + L"\" /min"),
+                                    Item(L"StaleRun", run, L"C:\\nowhere\\gone.exe")},
+                                   startup::kCategoryDisabled),
+            0u);
+  ASSERT_EQ(store.SaveStartupItems({Item(L"StaleLink.lnk", folder.path(), folder.file(L"gone.lnk")),
+                                    Item(L"live.exe", folder.path(), live)},
+                                   startup::kCategoryStartupDelayed),
+            0u);
+
+  const auto result = Launch(L"\"/checkuser:" + folder.path() + L"\"");
+  EXPECT_EQ(result.exitCode, 0u) << result.output;
+  EXPECT_EQ(Names(startup::kCategoryDisabled), L"LiveRun;");
+  EXPECT_EQ(Names(startup::kCategoryStartupDelayed), L"live.exe;");
+  EXPECT_NE(result.output.find("kept 2, dropped 2"), std::string::npos) << result.output;
+}
+
+TEST_F(StartLauncherProgram, AMissingOrUnreadableStoreChangesNothing) {
+  auto result = Launch(L"/checkuser:" + folder.path());
+  EXPECT_EQ(result.exitCode, 0u) << result.output;
+  EXPECT_NE(result.output.find("no store to check at"), std::string::npos) << result.output;
+  EXPECT_FALSE(std::filesystem::exists(std::filesystem::path(storePath)));
+
+  std::ofstream(std::filesystem::path(storePath), std::ios::binary) << "{\"user\":";
+  result = Launch(L"/checkuser:" + folder.path());
+  EXPECT_EQ(result.exitCode, 0u) << result.output;
+  EXPECT_NE(result.output.find("cannot be read; nothing changed"), std::string::npos) << result.output;
+  EXPECT_EQ(testsupport::ReadFileBytes(storePath), "{\"user\":");
+}
+
+TEST_F(StartLauncherProgram, ABadCommandLineGetsTheUsageAndTwo) {
+  for (const wchar_t* arguments : {L"", L"/checkuser:", L"/checkuser", L"/checkcrtuser extra", L"/CHECKCRTUSER"}) {
+    const auto result = Launch(arguments);
+    EXPECT_EQ(result.exitCode, 2u) << arguments;
+    EXPECT_NE(result.output.find("usage: StartLauncher.exe"), std::string::npos) << arguments;
+  }
+}
+
+TEST_F(StartLauncherProgram, TheConsoleUsersCheckWithNobodyAtTheConsoleChangesNothing) {
+  const std::wstring value = L"ConsoleSession.launcher" + std::to_wstring(::GetCurrentProcessId());
+  const DWORD loggedOff = 0;
+  ASSERT_EQ(::RegSetKeyValueW(HKEY_LOCAL_MACHINE, L"Software\\Nexalon\\Lumera\\Development", value.c_str(), REG_DWORD,
+                              &loggedOff, sizeof loggedOff),
+            ERROR_SUCCESS);
+  ::SetEnvironmentVariableW(L"LUMERA_DEV_CONSOLE_VALUE", value.c_str());
+  const auto result = Launch(L"/checkcrtuser");
+  ::SetEnvironmentVariableW(L"LUMERA_DEV_CONSOLE_VALUE", nullptr);
+  ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, L"Software\\Nexalon\\Lumera\\Development", value.c_str());
+  EXPECT_EQ(result.exitCode, 0u) << result.output;
+  EXPECT_NE(result.output.find("no console user folder to check 0x3f0"), std::string::npos) << result.output;
+}
+
+}  // namespace

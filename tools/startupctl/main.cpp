@@ -61,6 +61,7 @@ int List(startupctl::CStartupCatalog& catalog, bool json) {
       object["command"] = picojson::value(ky::WideToUtf8(entry.item->path));
       object["scope"] = picojson::value(ky::WideToUtf8(Scope(*entry.item)));
       object["state"] = picojson::value(ky::WideToUtf8(entry.state));
+      if (entry.kind == startup::kSourceStoreApp) object["package"] = picojson::value(ky::WideToUtf8(entry.package));
       list.push_back(picojson::value(std::move(object)));
     }
     const std::string text = picojson::value(std::move(list)).serialize(true) + "\n";
@@ -70,7 +71,8 @@ int List(startupctl::CStartupCatalog& catalog, bool json) {
   }
   for (const auto& entry : entries) {
     Print(stdout, entry.item->name + L"\t" + startupctl::KindName(entry.kind) + L"\t" + Scope(*entry.item) + L"\t" +
-                      entry.state + L"\t" + entry.item->location + L"\t" + entry.item->path);
+                      entry.state + L"\t" + entry.item->location + L"\t" + entry.item->path +
+                      (entry.package.empty() ? L"" : L"\t" + entry.package));
   }
   return 0;
 }

@@ -5,6 +5,9 @@
 #include <algorithm>
 #include <cwctype>
 
+#include "startup/store_apps_actions.h"
+#include "startup/store_apps_enumerator.h"
+#include "startup/store_startup_item.h"
 #include "startup/win8_startup_item.h"
 
 namespace startupctl {
@@ -48,10 +51,25 @@ void CStartupCatalog::AddStored(std::vector<Entry>& entries, const char* categor
   for (const StartupItemPtr& item : stored) {
     auto same = std::find_if(entries.begin(), entries.end(), [&](const Entry& e) { return SameEntry(e, kind, *item); });
     if (same == entries.end()) {
-      entries.push_back(Entry{item, kind, state, true});
+      entries.push_back(Entry{item, kind, state, true, {}});
     } else {
       same->state = state;
       same->stored = true;
+    }
+  }
+}
+
+void CStartupCatalog::AddStoreTasks(std::vector<Entry>& entries) {
+  for (const auto& [enumerator, path] : sources_.StoreSources()) {
+    auto* store = dynamic_cast<startup::MicrosoftStoreAppsEnumerator*>(enumerator.get());
+    if (store == nullptr) continue;
+    std::vector<startup::MicrosoftStoreTask> tasks;
+    (void)store->GetStoreTasks(path, tasks);  // a missing library is logged and lists nothing
+    for (const auto& task : tasks) {
+      bool enabled = false;
+      const std::uint32_t read = startup::MicrosoftStoreStartupItem::IsEnabled(*task.item, enabled, *store);
+      const wchar_t* state = read != 0 ? L"unknown" : enabled ? kStateEnabled : kStateDisabled;
+      entries.push_back(Entry{task.item, startup::kSourceStoreApp, state, false, task.packageFullName});
     }
   }
 }
@@ -66,14 +84,17 @@ std::vector<Entry> CStartupCatalog::List() {
       const auto kind = enumerator->GetSourceKind();
       for (const StartupItemPtr& item : items) {
         const bool enabled = !win8 || startup::Win8StartupItem::IsEnabled(*item, kind);
-        entries.push_back(Entry{item, kind, enabled ? kStateEnabled : kStateDisabled, false});
+        entries.push_back(Entry{item, kind, enabled ? kStateEnabled : kStateDisabled, false, {}});
       }
     }
   }
+  AddStoreTasks(entries);
   AddStored(entries, startup::kCategoryDisabled, startup::kSourceRunKey, kStateDisabled);
   AddStored(entries, startup::kCategoryStartupDisabled, startup::kSourceStartupFolder, kStateDisabled);
   AddStored(entries, startup::kCategoryDelayed, startup::kSourceRunKey, kStateDelayed);
   AddStored(entries, startup::kCategoryStartupDelayed, startup::kSourceStartupFolder, kStateDelayed);
+  AddStored(entries, startup::kCategoryStoreDisabled, startup::kSourceStoreApp, kStateDisabled);
+  AddStored(entries, startup::kCategoryStoreDelayed, startup::kSourceStoreApp, kStateDelayed);
   return entries;
 }
 

@@ -21,6 +21,7 @@ struct Entry {
   startup::StartupSourceKind kind = startup::kSourceRunKey;
   std::wstring state;      // kStateEnabled, kStateDisabled or kStateDelayed
   bool stored = false;     // the store holds it as disabled or delayed
+  std::wstring package;    // a Store task's package full name; empty for other kinds
 };
 
 const wchar_t* KindName(startup::StartupSourceKind kind);
@@ -42,6 +43,7 @@ class CStartupCatalog {
   [[nodiscard]] std::uint32_t Apply(const Entry& entry, const std::wstring& verb, std::wstring& message);
 
  private:
+  void AddStoreTasks(std::vector<Entry>& entries);
   void AddStored(std::vector<Entry>& entries, const char* category, startup::StartupSourceKind kind,
                  const wchar_t* state);
 

@@ -36,9 +36,16 @@ testsupport::ProgramRun RunTool(const std::wstring& arguments) {
 
 std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
 
+std::wstring StoragePath() {
+  wchar_t folder[MAX_PATH] = {};
+  ::SHGetSpecialFolderPathW(nullptr, folder, CSIDL_APPDATA, FALSE);
+  return std::wstring(folder) + L"\\Nexalon\\Lumera\\Storage.json";
+}
+
 class StoreStartupCtl : public ::testing::Test {
  protected:
   void SetUp() override {
+    storageExisted_ = ::GetFileAttributesW(StoragePath().c_str()) != INVALID_FILE_ATTRIBUTES;
     const std::wstring suffix = std::to_wstring(::GetCurrentProcessId());
     name_ = L"LumeraStaged" + suffix;
     fullName_ = name_ + L"_1.21.0.0_x64__8wekyb3d8bbwe";
@@ -65,6 +72,7 @@ class StoreStartupCtl : public ::testing::Test {
   void TearDown() override {
     ::RegDeleteTreeW(HKEY_CLASSES_ROOT, (std::wstring(kPackages) + L"\\" + fullName_).c_str());
     ::RegDeleteTreeW(HKEY_CLASSES_ROOT, (std::wstring(kSystemAppData) + L"\\" + family_).c_str());
+    if (!storageExisted_) ::DeleteFileW(StoragePath().c_str());
   }
 
   // The JSON listing's entry for the staged task; null when it is not listed.
@@ -89,9 +97,10 @@ class StoreStartupCtl : public ::testing::Test {
 
   testsupport::ScratchFolder package_;
   std::wstring name_, fullName_, family_, folder_;
+  bool storageExisted_ = false;
 };
 
-TEST_F(StoreStartupCtl, ListsDisablesAndEnablesAStagedPackagesTask) {
+TEST_F(StoreStartupCtl, ListsDisablesDelaysAndEnablesAStagedPackagesTask) {
   const std::wstring task(kTask, kTask + sizeof(kTask) - 1);
   if (!Win10()) {
     EXPECT_TRUE(Listed().is<picojson::null>()) << "no Store tasks below Windows 8";
@@ -119,9 +128,15 @@ TEST_F(StoreStartupCtl, ListsDisablesAndEnablesAStagedPackagesTask) {
   EXPECT_EQ(entry.get("state").to_str(), "disabled");
   EXPECT_EQ(entry.get("package").to_str(), Narrow(fullName_)) << "still one entry, merged with its stored record";
 
+  run = RunTool(L"delay " + task);
+  ASSERT_EQ(run.exitCode, 0u) << run.output;
+  EXPECT_EQ(State(), 1) << "a delayed task is marked as a disabled one";
+  EXPECT_EQ(Listed().get("state").to_str(), "delayed");
+
   run = RunTool(L"enable " + task);
   ASSERT_EQ(run.exitCode, 0u) << run.output;
   EXPECT_EQ(State(), 2);
+  EXPECT_EQ(Listed().get("state").to_str(), "enabled") << "no stored record left behind";
 }
 
 }  // namespace

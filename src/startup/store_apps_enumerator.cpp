@@ -17,10 +17,10 @@ bool IsResourceReference(const std::wstring& text) {
   return text.rfind(L"@{", 0) == 0 || text.rfind(L"ms-resource:", 0) == 0;
 }
 
-std::wstring FirstReadable(const std::wstring& first, const std::wstring& second, const std::wstring& fallback) {
+std::wstring FirstReadable(const std::wstring& first, const std::wstring& second) {
   if (!first.empty() && !IsResourceReference(first)) return first;
   if (!second.empty() && !IsResourceReference(second)) return second;
-  return fallback;
+  return {};
 }
 
 // The tasks of one package, or none (logged) when its manifest cannot be read.
@@ -33,7 +33,6 @@ void AddTasksOfPackage(const MicrosoftStoreApp& app, const std::wstring& path, s
     return;
   }
   const std::wstring family = app.familyName;
-  const std::wstring name = family.substr(0, family.find(L'_'));
   for (StoreStartupTask& declared : manifest.tasks) {
     auto item = std::make_shared<StartupItem>();
     item->name = declared.taskId;
@@ -44,8 +43,8 @@ void AddTasksOfPackage(const MicrosoftStoreApp& app, const std::wstring& path, s
     task.item = std::move(item);
     task.packageFullName = app.fullName;
     task.familyName = family;
-    task.displayName = FirstReadable(app.displayName, manifest.displayName, name);
-    task.publisherDisplayName = FirstReadable(app.publisherDisplayName, manifest.publisherDisplayName, L"");
+    task.displayName = FirstReadable(app.displayName, manifest.displayName);
+    task.publisherDisplayName = FirstReadable(app.publisherDisplayName, manifest.publisherDisplayName);
     task.manifestEnabled = declared.enabled;
     tasks.push_back(std::move(task));
   }

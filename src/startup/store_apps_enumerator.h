@@ -19,8 +19,10 @@ struct MicrosoftStoreTask {
   StartupItemPtr item;
   std::wstring packageFullName;
   std::wstring familyName;
-  std::wstring displayName;           // the package's, from the repository or the manifest
-  std::wstring publisherDisplayName;  // likewise
+  // The package's, from the repository or else the manifest; empty when both hold only a
+  // resource reference, which only Windows' resource loader can resolve.
+  std::wstring displayName;
+  std::wstring publisherDisplayName;
   bool manifestEnabled = false;
 };
 

@@ -7,17 +7,16 @@
 namespace startup {
 
 CStoreAppsLibrary& CStoreAppsLibrary::Instance() {
-  static CStoreAppsLibrary instance;
+  static CStoreAppsLibrary instance(ky::ThisModuleFolder() + storeapps::kLibraryName);
   return instance;
 }
 
 bool CStoreAppsLibrary::EnsureLoaded() {
   KY_TRACE(L"CStoreAppsLibrary::EnsureLoaded");
   if (getStoreApps_ != nullptr) return true;
-  const std::wstring path = ky::ThisModuleFolder() + storeapps::kLibraryName;
-  const std::uint32_t loaded = library_.Load(path);
+  const std::uint32_t loaded = library_.Load(path_);
   if (loaded != 0) {
-    KY_LOG(logging::kLevelError, L"Failed LoadLibrary %s 0x%x", path.c_str(), loaded);
+    KY_LOG(logging::kLevelError, L"Failed LoadLibrary %s 0x%x", path_.c_str(), loaded);
     return false;
   }
   const char* missing = nullptr;

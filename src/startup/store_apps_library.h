@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "common/critical_section.h"
@@ -15,8 +17,11 @@ inline constexpr std::uint32_t kStoreAppsUnavailable = 1157;  // ERROR_DLL_NOT_F
 
 class CStoreAppsLibrary {
  public:
-  // The process-wide instance.
+  // The process-wide instance, which loads the library from the module's own folder.
   static CStoreAppsLibrary& Instance();
+
+  // Loads the library from `path` instead (tests give a missing or a wrong one).
+  explicit CStoreAppsLibrary(std::wstring path) : path_(std::move(path)) {}
 
   // Appends the user's packages; 0, the library's error, or kStoreAppsUnavailable (logged)
   // when the library or its export cannot be had. `apps` keeps what it held on failure.
@@ -25,6 +30,7 @@ class CStoreAppsLibrary {
  private:
   bool EnsureLoaded();
 
+  std::wstring path_;
   ky::CriticalSection lock_;
   ky::ModuleLibrary library_;
   storeapps::GetStoreAppsFn getStoreApps_ = nullptr;

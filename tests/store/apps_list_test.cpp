@@ -8,6 +8,8 @@
 #include "startup/store_apps_library.h"
 #include "startup/store_startup_item.h"
 #include "store_scratch.h"
+#include "support/captured_log.h"
+#include "support/scratch_folder.h"
 
 namespace {
 
@@ -90,6 +92,18 @@ TEST(StoreAppsList, TheModulesEnumeratorFindsAStagedTaskUntilItsManifestGoes) {
   EXPECT_EQ(actions.Check(item), 0);
   ::DeleteFileW((package.Folder() + L"\\AppxManifest.xml").c_str());
   EXPECT_EQ(actions.Check(item), 31) << "the task is no longer declared";
+}
+
+TEST(StoreAppsList, AMissingOrWrongLibraryIsLoggedAndListsNothing) {
+  testsupport::CapturedLog log;
+  std::vector<MicrosoftStoreApp> apps;
+  startup::CStoreAppsLibrary missing(testsupport::ExeFolder() + L"NoSuchStoreAppsList.dll");
+  EXPECT_EQ(missing.GetStoreApps(apps), startup::kStoreAppsUnavailable);
+  EXPECT_TRUE(log.contains(L"Failed LoadLibrary " + testsupport::ExeFolder() + L"NoSuchStoreAppsList.dll"));
+  startup::CStoreAppsLibrary wrong(testsupport::ExeFolder() + L"kyusers.dll");
+  EXPECT_EQ(wrong.GetStoreApps(apps), startup::kStoreAppsUnavailable);
+  EXPECT_TRUE(log.contains(L"Failed GetProcAddress GetStoreApps"));
+  EXPECT_TRUE(apps.empty());
 }
 
 }  // namespace

@@ -60,12 +60,13 @@ class ProductInfo final : public IProductInfo {
     wchar_t programData[MAX_PATH] = {};
     if (::SHGetSpecialFolderPathW(nullptr, programData, CSIDL_COMMON_APPDATA, FALSE)) {
       folders_[lumera::ProductInfoKey(lumera::kFolderKindCommon, L"common")] = std::wstring(programData) + L"\\Nexalon\\Lumera";
+      items_[lumera::ProductInfoKey(lumera::kItemAgentPath, L"Desktop")] = std::wstring(programData) + L"\\Nexalon\\Lumera\\Agent";
     }
     picojson::value root;
     std::string error;
     if (ky::ReadJsonFile(LibraryFolder() + L"hostconfig.json", root, error, kMaxConfigBytes) != ky::JsonReadResult::kOk) return;
     for (const auto& [key, value] : ky::StringMembers(root.get("folders"))) folders_[key] = value;
-    items_ = ky::StringMembers(root.get("items"));
+    for (const auto& [key, value] : ky::StringMembers(root.get("items"))) items_[key] = value;
   }
 
   std::map<std::wstring, std::wstring> folders_;

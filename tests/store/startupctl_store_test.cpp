@@ -1,6 +1,6 @@
 // startupctl.exe on a staged package: a Repository key, a package folder with its manifest
-// and an executable carrying a version resource. Listed, disabled and enabled on Windows 10;
-// not there at all on Windows 7.
+// and an executable carrying a version resource. Listed, disabled, delayed, enabled and
+// reported on Windows 10; not there at all on Windows 7.
 #include <gtest/gtest.h>
 
 #include <windows.h>
@@ -56,6 +56,8 @@ class StoreStartupCtl : public ::testing::Test {
     std::ofstream(std::filesystem::path(package_.file(L"AppxManifest.xml")), std::ios::binary)
         << "<Package xmlns=\"http://schemas.microsoft.com/appx/manifest/foundation/windows10\"\n"
            "  xmlns:uap5=\"http://schemas.microsoft.com/appx/manifest/uap/windows10/5\">\n"
+           "  <Properties><DisplayName>Staged Terminal</DisplayName>\n"
+           "    <PublisherDisplayName>Staged Publisher</PublisherDisplayName></Properties>\n"
            "  <Applications>\n"
            "    <Application Id=\"App\" Executable=\"StagedTerminal.exe\" EntryPoint=\"Windows.FullTrustApplication\">\n"
            "      <Extensions><uap5:Extension Category=\"windows.startupTask\">\n"
@@ -100,12 +102,15 @@ class StoreStartupCtl : public ::testing::Test {
   bool storageExisted_ = false;
 };
 
-TEST_F(StoreStartupCtl, ListsDisablesDelaysAndEnablesAStagedPackagesTask) {
+TEST_F(StoreStartupCtl, ListsSwitchesAndReportsAStagedPackagesTask) {
   const std::wstring task(kTask, kTask + sizeof(kTask) - 1);
   if (!Win10()) {
     EXPECT_TRUE(Listed().is<picojson::null>()) << "no Store tasks below Windows 8";
     EXPECT_EQ(RunTool(L"disable " + task).exitCode, static_cast<DWORD>(ERROR_NOT_FOUND));
     EXPECT_EQ(State(), -1);
+    const auto run = RunTool(L"report");
+    EXPECT_NE(run.output.find("\"apps\""), std::string::npos) << run.output;
+    EXPECT_EQ(run.output.find("isStore"), std::string::npos) << run.output;
     return;
   }
   picojson::value entry = Listed();
@@ -137,6 +142,20 @@ TEST_F(StoreStartupCtl, ListsDisablesDelaysAndEnablesAStagedPackagesTask) {
   ASSERT_EQ(run.exitCode, 0u) << run.output;
   EXPECT_EQ(State(), 2);
   EXPECT_EQ(Listed().get("state").to_str(), "enabled") << "no stored record left behind";
+  // Without a central component the report is still built and printed.
+  run = RunTool(L"report");
+  picojson::value report;
+  std::string error;
+  picojson::parse(report, run.output.begin(), run.output.end(), &error);
+  ASSERT_TRUE(error.empty() && report.get("apps").is<picojson::array>()) << run.output;
+  const picojson::value* app = nullptr;
+  for (const auto& each : report.get("apps").get<picojson::array>()) {
+    if (each.get("name").to_str() == "Staged Terminal") app = &each;
+  }
+  ASSERT_NE(app, nullptr) << "named as its package presents itself: " << run.output;
+  EXPECT_EQ(app->get("owner").to_str(), "Staged Publisher");
+  EXPECT_TRUE(app->get("isStore").is<bool>() && app->get("isStore").get<bool>());
+  EXPECT_EQ(app->get("status").to_str(), "enabled");
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // startupctl.exe list [--json]
 // startupctl.exe disable|enable|delay NAME [--location TEXT]
+// startupctl.exe report [--boot-time MS]
 #include <windows.h>
 #include <shellapi.h>
 #include <shlobj.h>
@@ -13,7 +14,9 @@
 #include "common/log.h"
 #include "common/text_convert.h"
 #include "common/unique_handle.h"
+#include "app_details.h"
 #include "picojson.h"
+#include "report_command.h"
 #include "startup_catalog.h"
 
 namespace {
@@ -29,7 +32,8 @@ void Print(FILE* stream, const std::wstring& text) {
 
 int Usage() {
   Print(stderr, L"usage: startupctl list [--json]\n"
-                L"       startupctl disable|enable|delay NAME [--location TEXT]");
+                L"       startupctl disable|enable|delay NAME [--location TEXT]\n"
+                L"       startupctl report [--boot-time MS]");
   return kUsageError;
 }
 
@@ -61,6 +65,12 @@ int List(startupctl::CStartupCatalog& catalog, bool json) {
       object["command"] = picojson::value(ky::WideToUtf8(entry.item->path));
       object["scope"] = picojson::value(ky::WideToUtf8(Scope(*entry.item)));
       object["state"] = picojson::value(ky::WideToUtf8(entry.state));
+      const startupctl::AppDetails details = startupctl::DetailsOf(entry);
+      object["description"] = picojson::value(ky::WideToUtf8(details.description));
+      object["company"] = picojson::value(ky::WideToUtf8(details.company));
+      object["product"] = picojson::value(ky::WideToUtf8(details.product));
+      object["qid"] = picojson::value(ky::WideToUtf8(details.qid));
+      object["disabledBySystem"] = picojson::value(details.disabledBySystem);
       if (entry.kind == startup::kSourceStoreApp) object["package"] = picojson::value(ky::WideToUtf8(entry.package));
       list.push_back(picojson::value(std::move(object)));
     }
@@ -70,8 +80,10 @@ int List(startupctl::CStartupCatalog& catalog, bool json) {
     return 0;
   }
   for (const auto& entry : entries) {
+    const startupctl::AppDetails details = startupctl::DetailsOf(entry);
     Print(stdout, entry.item->name + L"\t" + startupctl::KindName(entry.kind) + L"\t" + Scope(*entry.item) + L"\t" +
-                      entry.state + L"\t" + entry.item->location + L"\t" + entry.item->path +
+                      entry.state + L"\t" + entry.item->location + L"\t" + entry.item->path + L"\t" +
+                      details.description + L"\t" + details.company + L"\t" + details.qid +
                       (entry.package.empty() ? L"" : L"\t" + entry.package));
   }
   return 0;
@@ -105,6 +117,7 @@ int Act(startupctl::CStartupCatalog& catalog, const std::wstring& verb, const st
 int Run(const std::vector<std::wstring>& args) {
   if (args.size() < 2) return Usage();
   const std::wstring& command = args[1];
+  if (command == L"report") return startupctl::Report(args);
   const bool list = command == L"list";
   if (list && !(args.size() == 2 || (args.size() == 3 && args[2] == L"--json"))) return Usage();
   if (!list && command != L"disable" && command != L"enable" && command != L"delay") return Usage();

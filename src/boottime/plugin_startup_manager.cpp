@@ -1,0 +1,209 @@
+#include "boottime/plugin_startup_manager.h"
+
+#include <windows.h>
+#include <shlobj.h>
+
+#include <vector>
+
+#include "common/log.h"
+#include "startup/application.h"
+#include "startup/startup_storage.h"
+#include "startup/store_apps_actions.h"
+#include "startup/store_apps_enumerator.h"
+#include "users/ky_users.h"
+
+namespace boottime {
+namespace {
+
+using startup::kStatusDelayed;
+using startup::kStatusDisabled;
+using startup::kStatusEnabled;
+using startup::StartupItemEx;
+
+constexpr DWORD kFolderChars = 32767;
+
+struct StoreSection {
+  const char* name;
+  startup::StartupSourceKind kind;
+  std::int32_t status;
+};
+constexpr StoreSection kStoreSections[] = {
+    {startup::kCategoryDisabled, startup::kSourceRunKey, kStatusDisabled},
+    {startup::kCategoryStartupDisabled, startup::kSourceStartupFolder, kStatusDisabled},
+    {startup::kCategoryDelayed, startup::kSourceRunKey, kStatusDelayed},
+    {startup::kCategoryStartupDelayed, startup::kSourceStartupFolder, kStatusDelayed},
+    {startup::kCategoryStoreDisabled, startup::kSourceStoreApp, kStatusDisabled},
+    {startup::kCategoryStoreDelayed, startup::kSourceStoreApp, kStatusDelayed},
+};
+
+std::wstring FileNameOf(const std::wstring& path) {
+  const std::size_t slash = path.find_last_of(L"\\/");
+  return slash == std::wstring::npos ? path : path.substr(slash + 1);
+}
+
+// A Store app is named and owned as its package presents itself, where the package's texts
+// are readable; otherwise as its executable's version resource says.
+void NameStoreApp(const startup::StartupItem& item, StartupItemEx& entry) {
+  startup::MicrosoftStoreAppsEnumerator packages;
+  startup::MicrosoftStoreTask task;
+  if (packages.FindTask(item, task) != 0) return;
+  if (!task.displayName.empty()) entry.name = task.displayName;
+  if (!task.publisherDisplayName.empty()) entry.owner = task.publisherDisplayName;
+}
+
+std::wstring HostProgramFolder() {
+  std::vector<wchar_t> path(kFolderChars, L'\0');
+  const DWORD length = ::GetModuleFileNameW(nullptr, path.data(), kFolderChars);
+  std::wstring folder(path.data(), length < kFolderChars ? length : 0);
+  const std::size_t slash = folder.find_last_of(L'\\');
+  folder.resize(slash == std::wstring::npos ? 0 : slash + 1);
+  return folder;
+}
+
+}  // namespace
+
+std::unique_ptr<CConnectorLibrary> CPluginStartupManager::LoadConnector(const std::wstring& path) {
+  auto connector = std::make_unique<CConnectorLibrary>();
+  if (connector->Load(path) != 0 || connector->Client()->Init(0) != 0 || connector->Client()->Start() != 0) {
+    return nullptr;
+  }
+  return connector;
+}
+
+CPluginStartupManager::CPluginStartupManager(startup::CAppsFilter::ProductInfoSource productInfo,
+                                             const std::wstring& connectorPath, std::wstring agentLibrary)
+    : CPluginStartupManager(LoadConnector(connectorPath), std::move(productInfo), std::move(agentLibrary)) {}
+
+CPluginStartupManager::CPluginStartupManager(std::unique_ptr<CConnectorLibrary> connector,
+                                             startup::CAppsFilter::ProductInfoSource productInfo,
+                                             std::wstring agentLibrary)
+    : CBaseStartupManager(connector ? connector->Client() : nullptr),
+      connector_(std::move(connector)),
+      filter_(std::move(productInfo), std::move(agentLibrary)) {}
+
+CPluginStartupManager::~CPluginStartupManager() {
+  // The connection goes before the connector library that made it.
+  Uninit();
+  if (connector_) (void)connector_->Client()->Stop();
+}
+
+bool CPluginStartupManager::Init() {
+  KY_TRACE(L"boottime::CPluginStartupManager::Init");
+  (void)CBaseStartupManager::Init();
+  {
+    velora::utils::CUserImpersonation impersonation;
+    std::vector<wchar_t> folder(kFolderChars, L'\0');
+    if (::SHGetSpecialFolderPathW(nullptr, folder.data(), CSIDL_APPDATA, FALSE) && folder[0] != L'\0') {
+      storageFolder_ = folder.data();
+      if (storageFolder_.back() != L'\\') storageFolder_.push_back(L'\\');
+      storageFolder_ += kLumeraDataFolder;
+      (void)::SHCreateDirectoryExW(nullptr, storageFolder_.c_str(), nullptr);
+    } else {
+      storageFolder_ = HostProgramFolder();
+    }
+  }
+  startup::storage::CStartupItemsStorage::Instance().Init(storageFolder_ + startup::storage::kStorageFileName);
+  sources_ = std::make_unique<startup::CStartupItems>();
+  exec_ = std::make_unique<startup::StartupAppsActionExec>();
+  return true;
+}
+
+// Attribution: an item belongs to the app of the file it starts, keyed by that file's full
+// path, so every entry that starts one program is one app. An item whose file has no version
+// resource (or cannot be found) belongs to no app and is left out of the report, as unknown
+// files are; its store record, if any, is kept. The app is named by the file's description,
+// else its product name, else its file name, and owned by its company (empty when absent).
+// Its status is that of the last item filed under it: enumerated entries come first as
+// enabled, then the store's disabled sections, then its delayed ones.
+bool CPluginStartupManager::AddApp(const startup::StartupItemPtr& item, startup::StartupSourceKind kind,
+                                   std::int32_t status) {
+  KY_TRACE(L"boottime::CPluginStartupManager::AddApp");
+  // The command of a stored item names the moved file itself, so no state is passed.
+  startup::Application app;
+  if (!app.Init(*item, kind, 0)) {
+    KY_LOG(logging::kLevelInfo, L"no application for %s %s", item->location.c_str(), item->name.c_str());
+    return false;
+  }
+  auto& entry = apps_[app.path];
+  if (!entry) {
+    entry = std::make_shared<StartupItemEx>();
+    entry->name = !app.description.empty() ? app.description : !app.product.empty() ? app.product : FileNameOf(app.path);
+    entry->owner = app.company;
+    entry->qid = app.qid;
+    entry->location = app.location;
+    entry->path = app.path;
+    entry->isUser = item->isUser;
+    entry->isStore = app.isStore;
+    if (app.isStore) NameStoreApp(*item, *entry);
+  }
+  entry->status = status;
+  entry->items.emplace_back(item, kind);
+  return true;
+}
+
+void CPluginStartupManager::Enumerate(const startup::StartupSourceList& sources) {
+  KY_TRACE(L"boottime::CPluginStartupManager::Enumerate");
+  for (const auto& [enumerator, path] : sources) {
+    startup::StartupItemList items;
+    const std::uint32_t result = enumerator->GetStartupApps(path, items);
+    if (result != 0) KY_LOG(logging::kLevelDebug, L"GetStartupApps %s 0x%x", path.c_str(), result);
+    for (const auto& item : items) (void)AddApp(item, enumerator->GetSourceKind(), kStatusEnabled);
+  }
+}
+
+void CPluginStartupManager::ReadBackStore() {
+  auto& store = startup::storage::CStartupItemsStorage::Instance();
+  for (const auto& section : kStoreSections) {
+    startup::StartupItemList stored;
+    if (store.LoadStartupItems(section.name, stored) != 0) continue;
+    startup::IStartupAppsActions* actions = exec_->Find(section.kind);
+    if (actions == nullptr) continue;
+    startup::StartupItemList gone;
+    for (const auto& item : stored) {
+      if (actions->Check(*item) != 0) {
+        gone.push_back(item);
+        continue;
+      }
+      (void)AddApp(item, section.kind, section.status);
+    }
+    if (!gone.empty()) (void)store.RemoveStartupItems(gone, section.name);
+  }
+  // The maker's own apps stay out even when the store names them.
+  FilterApps(filter_);
+}
+
+// Boot times: a (path, time) record belongs to the app whose key is that path, compared
+// without regard to ASCII case; when several records name one app, the last one counts.
+void CPluginStartupManager::ApplyBootTimes(const std::vector<startup::storage::BootTimeRecord>& records) {
+  for (auto& [key, app] : apps_) {
+    const std::wstring lowerKey = startup::LowerAscii(key);
+    for (const auto& record : records) {
+      if (startup::LowerAscii(record.path) == lowerKey) app->time = record.time;
+    }
+  }
+}
+
+std::uint32_t CPluginStartupManager::BuildAndReport() {
+  KY_TRACE(L"boottime::CPluginStartupManager::BuildAndReport");
+  if (!sources_ || !exec_) return ERROR_NOT_READY;
+  apps_.clear();
+  {
+    velora::utils::CUserImpersonation impersonation;
+    Enumerate(sources_->RunKeySources());
+    Enumerate(sources_->FolderSources());
+    Enumerate(sources_->StoreSources());
+    filter_.Init();
+    FilterApps(filter_);
+  }
+  ReadBackStore();
+  std::vector<startup::storage::BootTimeRecord> records;
+  (void)startup::storage::CStartupItemsStorage::Instance().LoadBootTime(records);
+  ApplyBootTimes(records);
+
+  startup::AppList list;
+  list.reserve(apps_.size());
+  for (const auto& [key, app] : apps_) list.push_back(app);
+  return SendReportToCentral(list);
+}
+
+}  // namespace boottime

@@ -1,0 +1,63 @@
+// boottime::CPluginStartupManager: the plug-in's startup manager. It places the backup store
+// in the user's roaming folder, builds the list of startup apps of the machine with their
+// state and boot times, leaves out the maker's own apps, and reports the list to the central
+// component. Built, initialised and used on one thread (the plug-in's processing thread or a
+// tool's main thread); only the base's pipe callback runs elsewhere.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "boottime/comm/connector_loader.h"
+#include "startup/action_exec.h"
+#include "startup/apps_filter.h"
+#include "startup/startup_items.h"
+#include "startup/startup_manager.h"
+#include "startup/storage_document.h"
+
+namespace boottime {
+
+inline constexpr wchar_t kLumeraDataFolder[] = L"Nexalon\\Lumera\\";
+
+class CPluginStartupManager final : public startup::CBaseStartupManager {
+ public:
+  // Loads pipelink.dll from `connectorPath` for the connection; `productInfo` gives the host's
+  // product-information object for the apps filter; `agentLibrary` names AppAgentDP.dll.
+  explicit CPluginStartupManager(startup::CAppsFilter::ProductInfoSource productInfo,
+                                 const std::wstring& connectorPath = CConnectorLibrary::DefaultPath(),
+                                 std::wstring agentLibrary = appagentdp::kLibraryName);
+  ~CPluginStartupManager() override;
+
+  // Received lists are parsed and validated by the base, then dropped: nothing uses them yet.
+  void AppListReceived(const startup::AppList&) override {}
+  // Connects, places the store ("Storage.json" in the user's roaming Nexalon\Lumera folder, or
+  // beside the host program) and chooses the sources and actions; always true.
+  bool Init() override;
+  // Enumerates, filters, reads the store back (dropping records whose entry is gone), takes
+  // the boot times and posts the report; 0, the post's code, or 31 without a connection.
+  [[nodiscard]] std::uint32_t BuildAndReport() override;
+
+  // The boot time reported as "boot_total_time".
+  void SetBootTime(std::uint32_t bootTime) { bootTime_ = bootTime; }
+  const std::wstring& StorageFolder() const { return storageFolder_; }
+
+ private:
+  CPluginStartupManager(std::unique_ptr<CConnectorLibrary> connector,
+                        startup::CAppsFilter::ProductInfoSource productInfo, std::wstring agentLibrary);
+  static std::unique_ptr<CConnectorLibrary> LoadConnector(const std::wstring& path);
+
+  void Enumerate(const startup::StartupSourceList& sources);
+  bool AddApp(const startup::StartupItemPtr& item, startup::StartupSourceKind kind, std::int32_t status);
+  void ReadBackStore();
+  void ApplyBootTimes(const std::vector<startup::storage::BootTimeRecord>& records);
+
+  std::unique_ptr<CConnectorLibrary> connector_;
+  startup::CAppsFilter filter_;
+  std::unique_ptr<startup::CStartupItems> sources_;
+  std::unique_ptr<startup::StartupAppsActionExec> exec_;
+  std::wstring storageFolder_;
+};
+
+}  // namespace boottime

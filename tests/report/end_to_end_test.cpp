@@ -1,0 +1,159 @@
+// The startup report end to end, as a person drives it: entries made and changed with
+// startupctl.exe, the report built and sent by "startupctl report", received and printed by
+// lumeracentral.exe.
+#include <gtest/gtest.h>
+
+#include <windows.h>
+#include <shlobj.h>
+
+#include <map>
+
+#include "central_process.h"
+#include "picojson.h"
+#include "report_files.h"
+#include "startup/scratch.h"
+#include "support/test_thread.h"
+
+namespace {
+
+using testing_report::Fixture;
+
+constexpr wchar_t kRunKey[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Run";
+constexpr wchar_t kApprovedRun[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\StartupApproved\\Run";
+constexpr const wchar_t* kRunNames[] = {L"LumeraE2ETray", L"LumeraE2ESync", L"LumeraE2ELater", L"LumeraE2EOwn"};
+constexpr wchar_t kFolderEntry[] = L"LumeraE2ENameless.exe";
+
+std::wstring SpecialFolder(int csidl) {
+  wchar_t path[MAX_PATH] = {};
+  ::SHGetSpecialFolderPathW(nullptr, path, csidl, FALSE);
+  return std::wstring(path) + L"\\";
+}
+
+std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
+
+testsupport::ProgramRun Startupctl(const std::wstring& arguments) {
+  return testsupport::RunProgram(testsupport::Quoted(testsupport::BinFolder() / L"startupctl.exe") + L" " + arguments,
+                                 60000);
+}
+
+// Everything the test adds to the user's startup and to the agent's store, taken away again,
+// and the store put back as it was.
+class Cleanup {
+ public:
+  Cleanup(std::wstring store, std::wstring agentApp) : store_(std::move(store)), agentApp_(std::move(agentApp)) {
+    hadStore_ = ::GetFileAttributesW(store_.c_str()) != INVALID_FILE_ATTRIBUTES;
+    storeBytes_ = testsupport::ReadFileBytes(store_);
+  }
+  ~Cleanup() {
+    for (const wchar_t* name : kRunNames) {
+      ::RegDeleteKeyValueW(HKEY_CURRENT_USER, kRunKey, name);
+      ::RegDeleteKeyValueW(HKEY_CURRENT_USER, kApprovedRun, name);
+    }
+    ::DeleteFileW((SpecialFolder(CSIDL_STARTUP) + kFolderEntry).c_str());
+    ::DeleteFileW((agentApp_ + L"\\app_paths").c_str());
+    ::RemoveDirectoryW(agentApp_.c_str());
+    if (hadStore_) {
+      testing_startup::WriteFile(store_, storeBytes_);
+    } else {
+      ::DeleteFileW(store_.c_str());
+    }
+  }
+
+ private:
+  std::wstring store_, agentApp_;
+  std::string storeBytes_;
+  bool hadStore_ = false;
+};
+
+void SetRun(const std::wstring& name, const std::wstring& command) {
+  ASSERT_EQ(::RegSetKeyValueW(HKEY_CURRENT_USER, kRunKey, name.c_str(), REG_SZ, command.c_str(),
+                              static_cast<DWORD>((command.size() + 1) * sizeof(wchar_t))),
+            ERROR_SUCCESS);
+}
+
+TEST(StartupReportEndToEnd, StartupctlReportReachesTheCentralComponentWithEveryEntryButTheAgentsOwn) {
+  testsupport::ScratchFolder apps;
+  testsupport::ScratchFolder own;
+  ASSERT_TRUE(testing_report::CopyTo(Fixture(L"full"), apps.file(L"Tray.exe")));
+  ASSERT_TRUE(testing_report::CopyTo(Fixture(L"german"), apps.file(L"Sync.exe")));
+  ASSERT_TRUE(testing_report::CopyTo(Fixture(L"fallback"), apps.file(L"Later.exe")));
+  ASSERT_TRUE(testing_report::CopyTo(Fixture(L"own"), own.file(L"Agent.exe")));
+
+  // The agent's store under ProgramData, where hostconfig.dll points the module by default.
+  const std::wstring agentRoot = SpecialFolder(CSIDL_COMMON_APPDATA) + L"Nexalon\\Lumera\\Agent\\";
+  ASSERT_EQ(::SHCreateDirectoryExW(nullptr, agentRoot.c_str(), nullptr) == ERROR_SUCCESS ||
+                ::GetFileAttributesW(agentRoot.c_str()) != INVALID_FILE_ATTRIBUTES,
+            true);
+  const std::wstring agentApp = agentRoot + L"LumeraE2E" + std::to_wstring(::GetCurrentProcessId());
+  Cleanup cleanup(SpecialFolder(CSIDL_APPDATA) + L"Nexalon\\Lumera\\Storage.json", agentApp);
+  ASSERT_TRUE(::CreateDirectoryW(agentApp.c_str(), nullptr));
+  picojson::array ownPaths{picojson::value(Narrow(own.path()))};
+  testing_startup::WriteFile(agentApp + L"\\app_paths", picojson::value(ownPaths).serialize());
+
+  SetRun(L"LumeraE2ETray", L"\"" + apps.file(L"Tray.exe") + L"\" --tray");
+  SetRun(L"LumeraE2ESync", apps.file(L"Sync.exe"));
+  SetRun(L"LumeraE2ELater", apps.file(L"Later.exe"));
+  SetRun(L"LumeraE2EOwn", own.file(L"Agent.exe"));
+  ASSERT_TRUE(testing_report::CopyTo(Fixture(L"nocompany"), SpecialFolder(CSIDL_STARTUP) + kFolderEntry));
+  ASSERT_EQ(Startupctl(L"disable LumeraE2ESync").exitCode, 0u);
+  ASSERT_EQ(Startupctl(L"delay LumeraE2ELater").exitCode, 0u);
+
+  // list shows the same application details the report is built from.
+  const auto listed = Startupctl(L"list --json");
+  ASSERT_EQ(listed.exitCode, 0u) << listed.output;
+  picojson::value entries;
+  ASSERT_TRUE(picojson::parse(entries, listed.output).empty()) << listed.output;
+  bool sawTray = false;
+  for (const auto& entry : entries.get<picojson::array>()) {
+    if (entry.get("name").to_str() != "LumeraE2ETray") continue;
+    sawTray = true;
+    EXPECT_EQ(entry.get("description").to_str(), "Fixture Tray Helper");
+    EXPECT_EQ(entry.get("company").to_str(), "Fixture Works Ltd");
+    EXPECT_EQ(entry.get("product").to_str(), "Fixture Suite");
+    EXPECT_EQ(entry.get("qid").to_str(), Narrow(testing_report::Sha256sumOf(L"full")));
+    EXPECT_TRUE(entry.get("disabledBySystem").is<bool>());
+  }
+  EXPECT_TRUE(sawTray) << listed.output;
+
+  const auto unsent = Startupctl(L"report");
+  EXPECT_EQ(unsent.exitCode, 3u) << "no central component listens yet";
+  EXPECT_NE(unsent.output.find("\"apps\":["), std::string::npos) << "the report is printed all the same";
+
+  testsupport::ScratchFolder output;
+  testing_report::Background central(L"--json --count 1 --out " + testsupport::Quoted(output.file(L"kept.jsonl")),
+                                     output.file(L"central.txt"));
+  ASSERT_TRUE(central.Started());
+  ASSERT_TRUE(testing_report::PipeListening(testsupport::kLongWait));
+
+  const auto sent = Startupctl(L"report --boot-time 42000");
+  ASSERT_EQ(sent.exitCode, 0u) << sent.output;
+  ASSERT_EQ(central.Wait(testsupport::kLongWait), 0u);
+  const std::string kept = testsupport::ReadFileBytes(output.file(L"kept.jsonl"));
+  ASSERT_FALSE(kept.empty());
+  EXPECT_NE(sent.output.find(kept.substr(0, kept.size() - 1)), std::string::npos)
+      << "startupctl prints exactly what the central component received";
+
+  picojson::value report;
+  ASSERT_TRUE(picojson::parse(report, kept).empty()) << kept;
+  std::map<std::string, picojson::value> byName;
+  double enabledTotal = 0, optimizedTotal = 0;
+  for (const auto& app : report.get("apps").get<picojson::array>()) {
+    byName[app.get("name").to_str()] = app;
+    (app.get("status").to_str() == "enabled" ? enabledTotal : optimizedTotal) += app.get("time").get<double>();
+  }
+  ASSERT_TRUE(byName.count("Fixture Tray Helper")) << kept;
+  EXPECT_EQ(byName["Fixture Tray Helper"].get("owner").to_str(), "Fixture Works Ltd");
+  EXPECT_EQ(byName["Fixture Tray Helper"].get("status").to_str(), "enabled");
+  EXPECT_EQ(byName["Fixture Tray Helper"].get("qid").to_str(), Narrow(testing_report::Sha256sumOf(L"full")));
+  EXPECT_EQ(byName["Deutsche Beschreibung"].get("status").to_str(), "disabled") << kept;
+  EXPECT_EQ(byName["Deutsche Beschreibung"].get("owner").to_str(), "Deutsche Tabelle");
+  EXPECT_EQ(byName["Ansi Table Tool"].get("status").to_str(), "delayed") << kept;
+  ASSERT_TRUE(byName.count("Nameless Updater")) << kept;
+  EXPECT_EQ(byName["Nameless Updater"].get("owner").to_str(), "");
+  EXPECT_EQ(byName.count("Own Suite Agent"), 0u) << "the agent's own installation folder is filtered out";
+  EXPECT_EQ(report.get("boot_total_time").get<double>(), 42000);
+  EXPECT_EQ(report.get("apps_total_time").get<double>(), enabledTotal);
+  EXPECT_EQ(report.get("optimized_total_time").get<double>(), optimizedTotal);
+}
+
+}  // namespace

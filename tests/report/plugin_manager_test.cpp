@@ -1,0 +1,197 @@
+// A whole build of boottime::CPluginStartupManager against the prefix's real user Run key,
+// user Startup folder and backup store, reported to a stand-in central component.
+#include <gtest/gtest.h>
+
+#include <windows.h>
+#include <shlobj.h>
+
+#include <map>
+
+#include "agent_fixture.h"
+#include "boottime/plugin_startup_manager.h"
+#include "central_server.h"
+#include "common/windows_version.h"
+#include "picojson.h"
+#include "report_files.h"
+#include "startup/action_exec.h"
+#include "startup/startup_items.h"
+#include "support/captured_log.h"
+
+namespace {
+
+using testing_report::CentralServer;
+using testing_report::Fixture;
+
+constexpr wchar_t kRunKey[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Run";
+constexpr wchar_t kApprovedRun[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\StartupApproved\\Run";
+constexpr const wchar_t* kRunNames[] = {L"LumeraRptTray", L"LumeraRptSync", L"LumeraRptLater", L"LumeraRptGone",
+                                        L"LumeraRptOwn", L"LumeraRptPlain"};
+constexpr wchar_t kFolderEntry[] = L"LumeraRptNameless.exe";
+
+std::wstring UserStartupFolder() {
+  wchar_t path[MAX_PATH] = {};
+  ::SHGetSpecialFolderPathW(nullptr, path, CSIDL_STARTUP, FALSE);
+  return std::wstring(path) + L"\\";
+}
+
+std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
+
+// The user's Run values, Startup file, StartupApproved values and store as the test found
+// them, put back when it ends.
+class UserStartupState {
+ public:
+  explicit UserStartupState(std::wstring storePath) : storePath_(std::move(storePath)) {
+    storeBytes_ = testsupport::ReadFileBytes(storePath_);
+    hadStore_ = ::GetFileAttributesW(storePath_.c_str()) != INVALID_FILE_ATTRIBUTES;
+  }
+  ~UserStartupState() {
+    for (const wchar_t* name : kRunNames) {
+      ::RegDeleteKeyValueW(HKEY_CURRENT_USER, kRunKey, name);
+      ::RegDeleteKeyValueW(HKEY_CURRENT_USER, kApprovedRun, name);
+    }
+    ::DeleteFileW((UserStartupFolder() + kFolderEntry).c_str());
+    if (hadStore_) {
+      testing_startup::WriteFile(storePath_, storeBytes_);
+    } else {
+      ::DeleteFileW(storePath_.c_str());
+    }
+  }
+
+ private:
+  std::wstring storePath_;
+  std::string storeBytes_;
+  bool hadStore_ = false;
+};
+
+void SetRun(const std::wstring& name, const std::wstring& command) {
+  ASSERT_EQ(::RegSetKeyValueW(HKEY_CURRENT_USER, kRunKey, name.c_str(), REG_SZ, command.c_str(),
+                              static_cast<DWORD>((command.size() + 1) * sizeof(wchar_t))),
+            ERROR_SUCCESS);
+}
+
+// The user Run key's item of that name, as the manager's own sources list it.
+startup::StartupItemPtr RunItem(const std::wstring& name) {
+  startup::CStartupItems sources;
+  const auto& [enumerator, path] = sources.RunKeySources().front();
+  startup::StartupItemList items;
+  (void)enumerator->GetStartupApps(path, items);
+  for (const auto& item : items) {
+    if (item->name == name) return item;
+  }
+  return nullptr;
+}
+
+TEST(PluginStartupManager, ReportsEveryReportableEntryWithOwnerStatusIdentityAndBootTime) {
+  testsupport::ScratchFolder apps;
+  testsupport::ScratchFolder own;
+  const std::wstring tray = apps.file(L"Tray.exe"), sync = apps.file(L"Sync.exe"), later = apps.file(L"Later.exe"),
+                     gone = apps.file(L"Gone.exe"), plain = apps.file(L"Plain.exe"), ownExe = own.file(L"Own.exe");
+  ASSERT_TRUE(testing_report::CopyTo(Fixture(L"full"), tray));
+  ASSERT_TRUE(testing_report::CopyTo(Fixture(L"german"), sync));
+  ASSERT_TRUE(testing_report::CopyTo(Fixture(L"fallback"), later));
+  ASSERT_TRUE(testing_report::CopyTo(Fixture(L"nocompany"), gone));
+  ASSERT_TRUE(testing_report::CopyTo(Fixture(L"plain"), plain));
+  ASSERT_TRUE(testing_report::CopyTo(Fixture(L"full"), ownExe));
+
+  testing_report::AgentStore agent;
+  picojson::array ownPaths{picojson::value(Narrow(own.path().substr(0, own.path().size() - 1)))};
+  agent.SetAppPaths(L"OwnSuite", picojson::value(ownPaths).serialize());
+  testing_report::FakeProductInfo info(agent.Path());
+
+  CentralServer central;
+  ASSERT_TRUE(central.Listening());
+  testsupport::CapturedLog log;
+  boottime::CPluginStartupManager manager([&] { return static_cast<IProductInfo*>(&info); });
+  ASSERT_TRUE(manager.Init());
+  ASSERT_TRUE(manager.Connected());
+  const std::wstring storePath = manager.StorageFolder() + L"Storage.json";
+  UserStartupState restore(storePath);
+
+  // The store starts with boot times only; the actions add their records to it.
+  std::string upperTray = Narrow(tray);
+  for (auto& c : upperTray) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  picojson::array times;
+  for (const auto& [path, time] : std::map<std::string, double>{{upperTray, 1500}, {Narrow(later), 700}}) {
+    picojson::object record;
+    record["path"] = picojson::value(path);
+    record["time"] = picojson::value(time);
+    times.emplace_back(std::move(record));
+  }
+  picojson::object document;
+  document["boot_time"] = picojson::value(std::move(times));
+  testing_startup::WriteFile(storePath, picojson::value(std::move(document)).serialize());
+
+  SetRun(L"LumeraRptTray", L"\"" + tray + L"\" /min");
+  SetRun(L"LumeraRptSync", sync);
+  SetRun(L"LumeraRptLater", later);
+  SetRun(L"LumeraRptGone", gone);
+  SetRun(L"LumeraRptOwn", ownExe);
+  SetRun(L"LumeraRptPlain", plain);
+  ASSERT_TRUE(testing_report::CopyTo(Fixture(L"nocompany"), UserStartupFolder() + kFolderEntry));
+
+  startup::StartupAppsActionExec exec;
+  startup::IStartupAppsActions* runActions = exec.Find(startup::kSourceRunKey);
+  ASSERT_NE(runActions, nullptr);
+  ASSERT_EQ(runActions->Disable({RunItem(L"LumeraRptSync"), RunItem(L"LumeraRptGone")}, true), 0);
+  ASSERT_EQ(runActions->Delay({RunItem(L"LumeraRptLater")}, true), 0);
+  // The user takes the disabled Gone entry away: its value from Windows 8 on (it stays in
+  // place there), its program below (the value is already gone).
+  if (ky::IsWindows8OrGreater()) {
+    ASSERT_EQ(::RegDeleteKeyValueW(HKEY_CURRENT_USER, kRunKey, L"LumeraRptGone"), ERROR_SUCCESS);
+  } else {
+    ASSERT_TRUE(::DeleteFileW(gone.c_str()));
+  }
+  ASSERT_NE(testsupport::ReadFileBytes(storePath).find("LumeraRptGone"), std::string::npos);
+
+  manager.SetBootTime(42000);
+  ASSERT_EQ(manager.BuildAndReport(), 0u);
+  testing_report::ReceivedMessage message;
+  ASSERT_TRUE(central.Take(startup::kMsgReport, message));
+  picojson::value report;
+  ASSERT_TRUE(picojson::parse(report, message.payload.c_str()).empty());
+
+  std::map<std::string, picojson::value> byName;
+  double enabledTotal = 0, optimizedTotal = 0;
+  for (const auto& app : report.get("apps").get<picojson::array>()) {
+    byName[app.get("name").to_str()] = app;
+    (app.get("status").to_str() == "enabled" ? enabledTotal : optimizedTotal) += app.get("time").get<double>();
+  }
+  ASSERT_TRUE(byName.count("Fixture Tray Helper")) << message.payload;
+  const auto& trayApp = byName["Fixture Tray Helper"];
+  EXPECT_EQ(trayApp.get("owner").to_str(), "Fixture Works Ltd");
+  EXPECT_EQ(trayApp.get("status").to_str(), "enabled");
+  EXPECT_EQ(trayApp.get("time").get<double>(), 1500) << "boot times match paths without regard to case\n"
+                                                     << testsupport::ReadFileBytes(storePath) << "\n" << message.payload;
+  EXPECT_EQ(trayApp.get("qid").to_str(), Narrow(testing_report::Sha256sumOf(L"full")));
+  EXPECT_EQ(byName["Deutsche Beschreibung"].get("status").to_str(), "disabled");
+  EXPECT_EQ(byName["Ansi Table Tool"].get("status").to_str(), "delayed");
+  EXPECT_EQ(byName["Ansi Table Tool"].get("time").get<double>(), 700);
+  ASSERT_TRUE(byName.count("Nameless Updater")) << "the Startup-folder program";
+  EXPECT_EQ(byName["Nameless Updater"].get("owner").to_str(), "");
+  EXPECT_EQ(report.get("boot_total_time").get<double>(), 42000);
+  EXPECT_EQ(report.get("apps_total_time").get<double>(), enabledTotal);
+  EXPECT_EQ(report.get("optimized_total_time").get<double>(), optimizedTotal);
+  EXPECT_GE(optimizedTotal, 700);
+
+  EXPECT_EQ(message.payload.find("Gone"), std::string::npos);
+  EXPECT_EQ(message.payload.find("Plain"), std::string::npos);
+  EXPECT_EQ(log.count(L"remove " + ownExe), 1u) << "the agent's own installation folder is filtered";
+  EXPECT_EQ(log.count(L"FAILED get file info for " + plain), 1u);
+  const std::string store = testsupport::ReadFileBytes(storePath);
+  EXPECT_EQ(store.find("LumeraRptGone"), std::string::npos) << "the stale record left the store";
+  EXPECT_NE(store.find("LumeraRptSync"), std::string::npos);
+}
+
+TEST(PluginStartupManager, WithoutPipelinkTheBuildRunsAndNothingIsSent) {
+  testsupport::CapturedLog log;
+  boottime::CPluginStartupManager manager([] { return static_cast<IProductInfo*>(nullptr); },
+                                          L"C:\\no-such-folder-lumera\\pipelink.dll");
+  ASSERT_TRUE(manager.Init());
+  EXPECT_EQ(log.count(L"Could not load pipelink.dll"), 1u);
+  EXPECT_EQ(manager.SendUpdateListRequest(), 31u);
+  EXPECT_EQ(manager.BuildAndReport(), 31u);
+  EXPECT_EQ(log.count(L"Report JSON: {\"apps\":"), 1u) << "built and logged, not posted";
+  EXPECT_EQ(log.count(L"Could not post report message"), 0u);
+}
+
+}  // namespace

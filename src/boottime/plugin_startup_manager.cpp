@@ -8,6 +8,8 @@
 #include "common/log.h"
 #include "startup/application.h"
 #include "startup/startup_storage.h"
+#include "startup/store_apps_actions.h"
+#include "startup/store_apps_enumerator.h"
 #include "users/ky_users.h"
 
 namespace boottime {
@@ -30,11 +32,23 @@ constexpr StoreSection kStoreSections[] = {
     {startup::kCategoryStartupDisabled, startup::kSourceStartupFolder, kStatusDisabled},
     {startup::kCategoryDelayed, startup::kSourceRunKey, kStatusDelayed},
     {startup::kCategoryStartupDelayed, startup::kSourceStartupFolder, kStatusDelayed},
+    {startup::kCategoryStoreDisabled, startup::kSourceStoreApp, kStatusDisabled},
+    {startup::kCategoryStoreDelayed, startup::kSourceStoreApp, kStatusDelayed},
 };
 
 std::wstring FileNameOf(const std::wstring& path) {
   const std::size_t slash = path.find_last_of(L"\\/");
   return slash == std::wstring::npos ? path : path.substr(slash + 1);
+}
+
+// A Store app is named and owned as its package presents itself, where the package's texts
+// are readable; otherwise as its executable's version resource says.
+void NameStoreApp(const startup::StartupItem& item, StartupItemEx& entry) {
+  startup::MicrosoftStoreAppsEnumerator packages;
+  startup::MicrosoftStoreTask task;
+  if (packages.FindTask(item, task) != 0) return;
+  if (!task.displayName.empty()) entry.name = task.displayName;
+  if (!task.publisherDisplayName.empty()) entry.owner = task.publisherDisplayName;
 }
 
 std::wstring HostProgramFolder() {
@@ -119,6 +133,8 @@ bool CPluginStartupManager::AddApp(const startup::StartupItemPtr& item, startup:
     entry->location = app.location;
     entry->path = app.path;
     entry->isUser = item->isUser;
+    entry->isStore = app.isStore;
+    if (app.isStore) NameStoreApp(*item, *entry);
   }
   entry->status = status;
   entry->items.emplace_back(item, kind);
@@ -175,6 +191,7 @@ std::uint32_t CPluginStartupManager::BuildAndReport() {
     velora::utils::CUserImpersonation impersonation;
     Enumerate(sources_->RunKeySources());
     Enumerate(sources_->FolderSources());
+    Enumerate(sources_->StoreSources());
     filter_.Init();
     FilterApps(filter_);
   }

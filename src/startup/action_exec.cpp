@@ -6,6 +6,7 @@
 #include "common/windows_version.h"
 #include "startup/run_key_apps.h"
 #include "startup/startup_folder_apps.h"
+#include "startup/store_apps_actions.h"
 #include "startup/win8_actions.h"
 
 namespace startup {
@@ -22,7 +23,7 @@ void StartupAppsActionExec::Choose() {
     KY_LOG(logging::kLevelInfo, L"Windows8OrGreater");
     Set(kSourceStartupFolder, std::make_unique<CWin8StartupFolderActions>());
     Set(kSourceRunKey, std::make_unique<CWin8RunKeyAppsActions>());
-    KY_LOG(logging::kLevelWarning, L"no actions for Microsoft Store startup tasks");
+    Set(kSourceStoreApp, std::make_unique<MicrosoftStoreAppsActions>());
   } else {
     KY_LOG(logging::kLevelInfo, L"bellow Windows8");
     Set(kSourceStartupFolder, std::make_unique<CStartupFolderActions>(kBackupFolderName));

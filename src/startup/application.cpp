@@ -13,6 +13,7 @@
 #include "startup/command_target.h"
 #include "startup/long_path.h"
 #include "startup/file_qid.h"
+#include "startup/store_startup_item.h"
 #include "startup/win8_startup_item.h"
 
 namespace startup {
@@ -20,7 +21,6 @@ namespace {
 
 constexpr DWORD kPathChars = 32767;
 constexpr wchar_t kShortcutExtension[] = L".lnk";
-constexpr std::uint32_t kStoreStateUnsupported = ERROR_NOT_SUPPORTED;
 
 bool EndsWithShortcut(const std::wstring& name) {
   constexpr std::size_t kLength = 4;
@@ -169,9 +169,15 @@ void Application::CheckSystemState(const StartupItem& item, StartupSourceKind ki
     return;
   }
   if (kind == kSourceStoreApp) {
-    // No Store source is built, so the state of a Store task cannot be read.
-    KY_LOG(logging::kLevelError, L"MicrosoftStoreStartupItem::IsEnabled %s %s failed 0x%x", item.location.c_str(),
-           item.name.c_str(), kStoreStateUnsupported);
+    bool enabled = true;
+    const std::uint32_t read = MicrosoftStoreStartupItem::IsEnabled(item, enabled);
+    if (read != 0) {
+      KY_LOG(logging::kLevelError, L"MicrosoftStoreStartupItem::IsEnabled %s %s failed 0x%x", item.location.c_str(),
+             item.name.c_str(), read);
+    } else if (!enabled) {
+      KY_LOG(logging::kLevelInfo, L"Registry says is disabled %s %s", item.location.c_str(), item.name.c_str());
+      disabledBySystem = true;
+    }
   }
 }
 

@@ -113,6 +113,7 @@ std::string BuildReportJson(const AppList& apps, std::uint32_t bootTotalTime) {
     entry["status"] = picojson::value(std::string(StatusWord(app->status)));
     entry["qid"] = Text(app->qid);
     entry["time"] = Number(app->time);
+    if (app->isStore) entry["isStore"] = picojson::value(true);
     entries.emplace_back(std::move(entry));
     (app->status == kStatusEnabled ? appsTotal : optimizedTotal) += app->time;
   }

@@ -40,6 +40,7 @@ struct StartupItemEx : StartupItem {
   std::wstring qid;
   std::int32_t status = kStatusEnabled;
   std::uint32_t time = 0;  // the app's boot time
+  bool isStore = false;    // a Microsoft Store startup task's app; reported as "isStore"
   std::vector<std::pair<StartupItemPtr, StartupSourceKind>> items;
 };
 

@@ -7,8 +7,10 @@
 
 #include "common/log.h"
 #include "common/unique_handle.h"
+#include "common/windows_version.h"
 #include "startup/run_key_apps.h"
 #include "startup/startup_folder_apps.h"
+#include "startup/store_apps_enumerator.h"
 #include "users/ky_users.h"
 
 namespace startup {
@@ -45,7 +47,7 @@ bool SidOfAccount(const wchar_t* account, std::wstring& sid) {
 
 }  // namespace
 
-CStartupItems::CStartupItems() : storeSource_{HKEY_CLASSES_ROOT, kStoreAppsKeyPath} {
+CStartupItems::CStartupItems() {
   KY_TRACE(L"CStartupItems::CStartupItems");
   std::wstring sid;
   if (GetCrtUserSid(sid)) {
@@ -55,6 +57,9 @@ CStartupItems::CStartupItems() : storeSource_{HKEY_CLASSES_ROOT, kStoreAppsKeyPa
   }
   runKeySources_.emplace_back(std::make_shared<CRunKeyAppsEnumerator>(HKEY_LOCAL_MACHINE, 0), kRunKeyPath);
   runKeySources_.emplace_back(std::make_shared<CRunKeyAppsEnumerator>(HKEY_LOCAL_MACHINE, 0), kRunKeyPathWow);
+  if (ky::IsWindows8OrGreater()) {
+    storeSources_.emplace_back(std::make_shared<MicrosoftStoreAppsEnumerator>(), kStoreAppsKeyPath);
+  }
 
   const std::pair<const wchar_t*, std::uint8_t> folders[] = {{kUserStartupFolder, 1}, {kCommonStartupFolder, 0}};
   for (const auto& [folder, isUser] : folders) {

@@ -27,18 +27,14 @@ inline constexpr wchar_t kCommonStartupFolder[] =
 using StartupSource = std::pair<std::shared_ptr<IStartupAppsEnumerator>, std::wstring>;
 using StartupSourceList = std::vector<StartupSource>;
 
-// The Store key: no enumerator of it is built yet, so it is a root and a path only.
-struct StoreKeySource {
-  HKEY root;
-  std::wstring path;
-};
-
 class CStartupItems {
  public:
   CStartupItems();
 
   const StartupSourceList& RunKeySources() const { return runKeySources_; }
-  const StoreKeySource& StoreSource() const { return storeSource_; }
+  // The Store enumerator with the SystemAppData key below HKEY_CLASSES_ROOT, on Windows 8 and
+  // later only: older Windows has no Store startup tasks.
+  const StartupSourceList& StoreSources() const { return storeSources_; }
   const StartupSourceList& FolderSources() const { return folderSources_; }
 
   // The console user's SID as a string, through kyusers.dll and LookupAccountNameW; false,
@@ -47,7 +43,7 @@ class CStartupItems {
 
  private:
   StartupSourceList runKeySources_;
-  StoreKeySource storeSource_;
+  StartupSourceList storeSources_;
   StartupSourceList folderSources_;
 };
 

@@ -71,6 +71,7 @@ int List(startupctl::CStartupCatalog& catalog, bool json) {
       object["product"] = picojson::value(ky::WideToUtf8(details.product));
       object["qid"] = picojson::value(ky::WideToUtf8(details.qid));
       object["disabledBySystem"] = picojson::value(details.disabledBySystem);
+      if (entry.kind == startup::kSourceStoreApp) object["package"] = picojson::value(ky::WideToUtf8(entry.package));
       list.push_back(picojson::value(std::move(object)));
     }
     const std::string text = picojson::value(std::move(list)).serialize(true) + "\n";
@@ -84,7 +85,8 @@ int List(startupctl::CStartupCatalog& catalog, bool json) {
     const startupctl::AppDetails details = startupctl::DetailsOf(entry);
     table += entry.item->name + L"\t" + startupctl::KindName(entry.kind) + L"\t" + Scope(*entry.item) + L"\t" +
              entry.state + L"\t" + entry.item->location + L"\t" + entry.item->path + L"\t" + details.description +
-             L"\t" + details.company + L"\t" + details.qid + L"\n";
+             L"\t" + details.company + L"\t" + details.qid + (entry.package.empty() ? L"" : L"\t" + entry.package) +
+             L"\n";
   }
   if (!table.empty()) {
     table.pop_back();

@@ -5,6 +5,9 @@
 #include <algorithm>
 #include <cwctype>
 
+#include "startup/store_apps_actions.h"
+#include "startup/store_apps_enumerator.h"
+#include "startup/store_startup_item.h"
 #include "startup/win8_startup_item.h"
 
 namespace startupctl {
@@ -48,10 +51,25 @@ void CStartupCatalog::AddStored(std::vector<Entry>& entries, EntryIndex& index, 
   for (const StartupItemPtr& item : stored) {
     const auto [at, added] = index.emplace(EntryKey(kind, *item), entries.size());
     if (added) {
-      entries.push_back(Entry{item, kind, state, true});
+      entries.push_back(Entry{item, kind, state, true, {}});
     } else {
       entries[at->second].state = state;
       entries[at->second].stored = true;
+    }
+  }
+}
+
+void CStartupCatalog::AddStoreTasks(std::vector<Entry>& entries) {
+  for (const auto& [enumerator, path] : sources_.StoreSources()) {
+    auto* store = dynamic_cast<startup::MicrosoftStoreAppsEnumerator*>(enumerator.get());
+    if (store == nullptr) continue;
+    std::vector<startup::MicrosoftStoreTask> tasks;
+    (void)store->GetStoreTasks(path, tasks);  // a missing library is logged and lists nothing
+    for (const auto& task : tasks) {
+      bool enabled = false;
+      const std::uint32_t read = startup::MicrosoftStoreStartupItem::IsEnabled(*task.item, enabled, *store);
+      const wchar_t* state = read != 0 ? L"unknown" : enabled ? kStateEnabled : kStateDisabled;
+      entries.push_back(Entry{task.item, startup::kSourceStoreApp, state, false, task.packageFullName});
     }
   }
 }
@@ -66,10 +84,11 @@ std::vector<Entry> CStartupCatalog::List() {
       const auto kind = enumerator->GetSourceKind();
       for (const StartupItemPtr& item : items) {
         const bool enabled = !win8 || startup::Win8StartupItem::IsEnabled(*item, kind);
-        entries.push_back(Entry{item, kind, enabled ? kStateEnabled : kStateDisabled, false});
+        entries.push_back(Entry{item, kind, enabled ? kStateEnabled : kStateDisabled, false, {}});
       }
     }
   }
+  AddStoreTasks(entries);
   // Only the first of several equal entries found in the sources takes the stored state.
   EntryIndex index;
   for (std::size_t i = entries.size(); i-- > 0;) index[EntryKey(entries[i].kind, *entries[i].item)] = i;
@@ -77,6 +96,8 @@ std::vector<Entry> CStartupCatalog::List() {
   AddStored(entries, index, startup::kCategoryStartupDisabled, startup::kSourceStartupFolder, kStateDisabled);
   AddStored(entries, index, startup::kCategoryDelayed, startup::kSourceRunKey, kStateDelayed);
   AddStored(entries, index, startup::kCategoryStartupDelayed, startup::kSourceStartupFolder, kStateDelayed);
+  AddStored(entries, index, startup::kCategoryStoreDisabled, startup::kSourceStoreApp, kStateDisabled);
+  AddStored(entries, index, startup::kCategoryStoreDelayed, startup::kSourceStoreApp, kStateDelayed);
   return entries;
 }
 

@@ -22,6 +22,7 @@ struct Entry {
   startup::StartupSourceKind kind = startup::kSourceRunKey;
   std::wstring state;      // kStateEnabled, kStateDisabled or kStateDelayed
   bool stored = false;     // the store holds it as disabled or delayed
+  std::wstring package;    // a Store task's package full name; empty for other kinds
 };
 
 const wchar_t* KindName(startup::StartupSourceKind kind);
@@ -43,7 +44,8 @@ class CStartupCatalog {
   [[nodiscard]] std::uint32_t Apply(const Entry& entry, const std::wstring& verb, std::wstring& message);
 
  private:
-  // Entries by kind, name and location, compared as SameEntry does.
+  void AddStoreTasks(std::vector<Entry>& entries);
+  // Entries by kind, name and location (see EntryKey).
   using EntryIndex = std::unordered_map<std::wstring, std::size_t>;
   void AddStored(std::vector<Entry>& entries, EntryIndex& index, const char* category,
                  startup::StartupSourceKind kind, const wchar_t* state);

@@ -1,0 +1,128 @@
+// Staged packages for the Store tests: a package folder with its manifest, the record the
+// package list gives for it, and the family's SystemAppData key, removed afterwards.
+#pragma once
+
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <cwchar>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "lumera/storeappslist.h"
+#include "startup/startup_items.h"
+#include "startup/store_apps_enumerator.h"
+#include "support/scratch_folder.h"
+
+namespace testing_store {
+
+constexpr char kManifestHead[] =
+    "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
+    "<Package xmlns=\"http://schemas.microsoft.com/appx/manifest/foundation/windows10\"\n"
+    "  xmlns:uap=\"http://schemas.microsoft.com/appx/manifest/uap/windows10\"\n"
+    "  xmlns:uap5=\"http://schemas.microsoft.com/appx/manifest/uap/windows10/5\"\n"
+    "  xmlns:desktop=\"http://schemas.microsoft.com/appx/manifest/desktop/windows10\"\n"
+    "  IgnorableNamespaces=\"uap uap5 desktop\">\n"
+    "  <Identity Name=\"Example.Terminal\" Publisher=\"CN=Example Corporation\" Version=\"1.21.0.0\"/>\n"
+    "  <Properties>\n"
+    "    <DisplayName>Example Terminal</DisplayName>\n"
+    "    <PublisherDisplayName>Example Corporation</PublisherDisplayName>\n"
+    "  </Properties>\n"
+    "  <Applications>\n";
+constexpr char kManifestTail[] = "  </Applications>\n</Package>\n";
+
+inline std::string Manifest(const std::string& applications) { return kManifestHead + applications + kManifestTail; }
+
+// An application whose uap5 extension declares one startup task, as Windows' own samples do.
+inline std::string Uap5Application(const std::string& id, const std::string& executable, const std::string& taskId,
+                                   const std::string& enabled = "false") {
+  return "    <Application Id=\"" + id + "\" Executable=\"" + executable +
+         "\" EntryPoint=\"Windows.FullTrustApplication\">\n"
+         "      <Extensions>\n"
+         "        <uap5:Extension Category=\"windows.startupTask\">\n"
+         "          <uap5:StartupTask TaskId=\"" + taskId + "\" Enabled=\"" + enabled +
+         "\" DisplayName=\"ms-resource:AppName\"/>\n"
+         "        </uap5:Extension>\n"
+         "      </Extensions>\n"
+         "    </Application>\n";
+}
+
+inline std::wstring Unique() {
+  static LONG counter = 0;
+  return std::to_wstring(::GetCurrentProcessId()) + L"x" + std::to_wstring(::InterlockedIncrement(&counter));
+}
+
+template <std::size_t N>
+void Copy(wchar_t (&target)[N], const std::wstring& text) {
+  wcsncpy_s(target, N, text.c_str(), _TRUNCATE);
+}
+
+inline std::wstring StateKeyOf(const std::wstring& family) {
+  return std::wstring(startup::kStoreAppsKeyPath) + L"\\" + family;
+}
+
+// A package folder holding a manifest (or none), with a unique family name; the family's
+// SystemAppData key is deleted when it goes.
+class StagedPackage {
+ public:
+  StagedPackage() {
+    name_ = L"LumeraTest" + Unique();
+    fullName_ = name_ + L"_1.21.0.0_x64__8wekyb3d8bbwe";
+    family_ = name_ + L"_8wekyb3d8bbwe";
+  }
+  ~StagedPackage() { ::RegDeleteTreeW(HKEY_CLASSES_ROOT, StateKeyOf(family_).c_str()); }
+  StagedPackage(const StagedPackage&) = delete;
+  StagedPackage& operator=(const StagedPackage&) = delete;
+
+  void WriteManifest(const std::string& text) const {
+    std::ofstream(std::filesystem::path(folder_.file(L"AppxManifest.xml")), std::ios::binary) << text;
+  }
+  MicrosoftStoreApp Record() const {
+    MicrosoftStoreApp app{};
+    Copy(app.fullName, fullName_);
+    Copy(app.familyName, family_);
+    Copy(app.rootFolder, Folder());
+    return app;
+  }
+  // The folder without its trailing backslash, as Windows records it.
+  std::wstring Folder() const { return folder_.path().substr(0, folder_.path().size() - 1); }
+  const std::wstring& Family() const { return family_; }
+  const std::wstring& FullName() const { return fullName_; }
+  std::wstring Location() const { return L"HKEY_CLASSES_ROOT\\" + StateKeyOf(family_); }
+
+  // The task's State, or -1 when it has none.
+  long long State(const std::wstring& taskId) const {
+    DWORD value = 0;
+    DWORD bytes = sizeof(value);
+    const std::wstring key = StateKeyOf(family_) + L"\\" + taskId;
+    if (::RegGetValueW(HKEY_CLASSES_ROOT, key.c_str(), L"State", RRF_RT_REG_DWORD, nullptr, &value, &bytes) !=
+        ERROR_SUCCESS) {
+      return -1;
+    }
+    return value;
+  }
+  void SetState(const std::wstring& taskId, DWORD value) const {
+    const std::wstring key = StateKeyOf(family_) + L"\\" + taskId;
+    ASSERT_EQ(::RegSetKeyValueW(HKEY_CLASSES_ROOT, key.c_str(), L"State", REG_DWORD, &value, sizeof(value)),
+              ERROR_SUCCESS);
+  }
+
+ private:
+  testsupport::ScratchFolder folder_;
+  std::wstring name_;
+  std::wstring fullName_;
+  std::wstring family_;
+};
+
+// An enumerator whose package list is the given packages.
+inline startup::MicrosoftStoreAppsEnumerator EnumeratorOf(std::vector<const StagedPackage*> packages) {
+  return startup::MicrosoftStoreAppsEnumerator([packages](std::vector<MicrosoftStoreApp>& apps) {
+    for (const StagedPackage* package : packages) apps.push_back(package->Record());
+    return std::uint32_t{0};
+  });
+}
+
+}  // namespace testing_store

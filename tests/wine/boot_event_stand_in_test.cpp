@@ -126,7 +126,7 @@ TEST_F(BootEventStandInTest, TheModuleTakesTheEventTheWriterWritesAfterLogonAndS
   const BootEventRecord& written = records.back();
   EXPECT_EQ(written.bootTime, written.mainPathBootTime + written.postBootTime);
   EXPECT_GE(written.mainPathBootTime, logonTick);
-  EXPECT_LE(written.mainPathBootTime, logonTick + 1000);
+  EXPECT_LE(written.mainPathBootTime, logonTick + 10000) << "the writer notices the logon within its polls";
 
   ASSERT_EQ(::WaitForSingleObject(event.DoneEvent(), kDeadlineMs), WAIT_OBJECT_0);
   EXPECT_EQ(event.ResultState(), Event::kResultFound);

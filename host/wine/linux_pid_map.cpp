@@ -38,7 +38,7 @@ std::int64_t SinceLinuxBootMs(std::uint64_t created) {
 
 }  // namespace
 
-std::uint32_t LinuxPidMap::Find(DWORD windowsPid, std::uint64_t created, const std::wstring& image) {
+std::uint32_t LinuxPidMap::Find(DWORD windowsPid, std::uint64_t created, const std::function<std::wstring()>& image) {
   std::lock_guard hold(lock_);
   const DWORD now = ::GetTickCount();
   auto it = cache_.find(windowsPid);
@@ -46,7 +46,7 @@ std::uint32_t LinuxPidMap::Find(DWORD windowsPid, std::uint64_t created, const s
     if (it->second.linuxPid != 0 || now - it->second.triedTick < kRetryMs) return it->second.linuxPid;
   }
   if (cache_.size() >= kMaxCached) cache_.clear();
-  Entry entry{created, Search(created, image), now};
+  Entry entry{created, Search(created, image ? image() : std::wstring()), now};
   cache_[windowsPid] = entry;
   return entry.linuxPid;
 }

@@ -1,5 +1,6 @@
 #include "wine/process_accounting_shims.h"
 
+#include <iterator>
 #include <map>
 #include <mutex>
 #include <string>

@@ -138,6 +138,14 @@ TEST_F(BootEventStandInTest, TheModuleTakesTheEventTheWriterWritesAfterLogonAndS
   ASSERT_TRUE(again);
   ASSERT_EQ(::WaitForSingleObject(again.get(), kDeadlineMs), WAIT_OBJECT_0);
   EXPECT_EQ(Stored().size(), 3u);
+
+  for (const wchar_t* bad : {L"--idle-percent 101", L"--poll-ms 0", L"--max-seconds", L"--unknown 1"}) {
+    ky::unique_handle refused = StartWriter(bad);
+    ASSERT_TRUE(refused);
+    ASSERT_EQ(::WaitForSingleObject(refused.get(), kDeadlineMs), WAIT_OBJECT_0);
+    ASSERT_TRUE(::GetExitCodeProcess(refused.get(), &code));
+    EXPECT_EQ(code, 2u) << bad;
+  }
 }
 
 TEST_F(BootEventStandInTest, TheLibraryServesItsOneChannelAndRefusesWhatItDoesNotServe) {

@@ -26,9 +26,15 @@ fuzz::Outcome AddPaths(const std::uint8_t* data, std::size_t size) {
   startup::CAppsFilter filter([] { return static_cast<IProductInfo*>(nullptr); });
   filter.AddPaths(Widen(data, size));
   std::size_t empty = 0;
+  std::size_t longest = 0;
+  bool wide = false;
+  bool surrogate = false;
   for (const std::wstring& path : filter.Paths()) {
+    longest = path.size() > longest ? path.size() : longest;
     for (wchar_t c : path) {
       if (c >= L'A' && c <= L'Z') fuzz::Fail("a path kept an upper-case letter");
+      wide = wide || c >= 0x80;
+      surrogate = surrogate || (c >= 0xD800 && c <= 0xDFFF);
     }
     // Keys are compared lower-cased, so a path matches itself however it is spelt.
     std::wstring upper = path;
@@ -39,7 +45,8 @@ fuzz::Outcome AddPaths(const std::uint8_t* data, std::size_t size) {
     if (path.empty()) ++empty;
   }
   if (empty != 0 && !filter.Matches(L"anything")) fuzz::Fail("an empty path did not match every key");
-  return 1 + (fuzz::Bucket(filter.Paths().size()) << 1 | fuzz::Bucket(empty) << 4);
+  return 1 + (fuzz::Bucket(filter.Paths().size()) << 1 | fuzz::Bucket(empty) << 4 | fuzz::Bucket(longest) << 7 |
+              (wide ? 1u : 0u) << 10 | (surrogate ? 1u : 0u) << 11);
 }
 
 }  // namespace

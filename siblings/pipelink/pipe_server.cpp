@@ -15,6 +15,7 @@ constexpr std::size_t kMaxPipeNameChars = 200;
 constexpr wchar_t kPipeSddl[] = L"D:(A;;GA;;;SY)(A;;GA;;;BA)(A;;GRGW;;;IU)";
 constexpr DWORD kPipeBufferBytes = 64 * 1024;
 constexpr DWORD kRetryCreateMs = 100;
+constexpr DWORD kServedProbeMs = 1;  // 0 would mean the pipe's default wait
 
 }  // namespace
 
@@ -119,6 +120,11 @@ std::uint32_t PipeServer::Open() {
     return ::GetLastError();
   }
   securityDescriptor_.reset(descriptor);
+  // Wine creates another instance despite the first-instance flag when the name is served
+  // elsewhere, so a name that answers a wait is refused before creating anything.
+  if (::WaitNamedPipeW(path_.c_str(), kServedProbeMs) || ::GetLastError() == ERROR_SEM_TIMEOUT) {
+    return ERROR_ACCESS_DENIED;
+  }
   pending_.reset(CreateInstance(true));
   if (!pending_) return ::GetLastError();
   try {
@@ -292,8 +298,7 @@ std::uint32_t ConnServer::CreatePipeServer(const wchar_t* name, std::uint32_t, I
     const std::wstring path = PipePath(name);
     if (path.empty()) return ERROR_INVALID_NAME;
     std::lock_guard hold(lock_);
-    // The first-instance flag already refuses a name owned elsewhere; this also covers
-    // systems that do not enforce it within one process.
+    // Open refuses a name served by another process; this covers the ones served by this one.
     for (const auto& existing : pipes_) {
       if (_wcsicmp(existing->Path().c_str(), path.c_str()) == 0) return ERROR_ACCESS_DENIED;
     }

@@ -35,11 +35,11 @@ bool NestingWithin(const char* first, const char* last, std::size_t limit) {
 
 }  // namespace
 
-bool ParseJsonText(const char* first, const char* last, picojson::value& out, std::string& error) {
+bool ParseJsonText(const char* first, const char* last, picojson::value& out, std::string& error, std::size_t maxDepth) {
   out = picojson::value();
   error.clear();
-  if (!NestingWithin(first, last, kMaxJsonDepth)) {
-    error = "nested deeper than " + std::to_string(kMaxJsonDepth) + " levels";
+  if (!NestingWithin(first, last, maxDepth)) {
+    error = "nested deeper than " + std::to_string(maxDepth) + " levels";
     return false;
   }
   picojson::value parsed;

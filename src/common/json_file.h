@@ -18,9 +18,10 @@ inline constexpr std::size_t kMaxJsonDepth = 100;
 enum class JsonReadResult { kOk, kCannotOpen, kTooLarge, kParseError };
 
 // Parses JSON text as every reader does: false, with the message in `error` and `out` null,
-// for text that is not a document, nests deeper than kMaxJsonDepth, or holds a number beyond
+// for text that is not a document, nests deeper than `maxDepth`, or holds a number beyond
 // the double range.
-[[nodiscard]] bool ParseJsonText(const char* first, const char* last, picojson::value& out, std::string& error);
+[[nodiscard]] bool ParseJsonText(const char* first, const char* last, picojson::value& out, std::string& error,
+                                 std::size_t maxDepth = kMaxJsonDepth);
 
 // Reads the whole file (what it holds, never more than `maxBytes`) and parses it into `out`
 // with ParseJsonText. On kParseError `error` holds the message; on any failure `out` is null.

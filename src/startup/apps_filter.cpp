@@ -2,6 +2,7 @@
 
 #include <cctype>
 
+#include "common/json_file.h"
 #include "common/log.h"
 #include "common/text_convert.h"
 #include "picojson.h"
@@ -84,7 +85,7 @@ void CAppsFilter::AddPaths(const std::wstring& text) {
     error = "too long";
   } else {
     const std::string utf8 = ky::WideToUtf8(text);
-    picojson::parse(root, utf8.begin(), utf8.end(), &error);
+    (void)ky::ParseJsonText(utf8.data(), utf8.data() + utf8.size(), root, error);
   }
   if (!error.empty()) {
     KY_LOG(logging::kLevelError, L"invalid json: %s", ForLog(text).c_str());

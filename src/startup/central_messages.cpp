@@ -1,5 +1,6 @@
 #include "startup/central_messages.h"
 
+#include "common/json_file.h"
 #include "common/log.h"
 #include "common/text_convert.h"
 #include "picojson.h"
@@ -50,8 +51,7 @@ std::uint32_t BuildAppList(std::string_view text, AppList& list) {
   if (text.size() > kMaxAppListBytes) {
     error = "longer than " + std::to_string(kMaxAppListBytes) + " bytes";
   } else {
-    picojson::default_parse_context context(&root, kMaxAppListDepth);
-    picojson::_parse(context, text.begin(), text.end(), &error);
+    (void)ky::ParseJsonText(text.data(), text.data() + text.size(), root, error, kMaxAppListDepth);
   }
   if (!error.empty()) {
     const std::string shown = ForLog(text);

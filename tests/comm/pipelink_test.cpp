@@ -225,4 +225,26 @@ TEST_F(PipeLink, OneNameOneServerAndReleaseDisconnectsClients) {
   EXPECT_EQ(none, nullptr);
 }
 
+// A name another process already serves is refused rather than shared: a second server would
+// otherwise wait unnoticed beside the first and take some of its clients.
+TEST(PipeLinkFirstInstance, NameServedElsewhereIsRefused) {
+  Library lib;
+  ASSERT_TRUE(lib.Ready());
+  const std::wstring name = UniqueName("first-instance");
+  const std::wstring path = L"\\\\.\\pipe\\" + name;
+  for (const DWORD instances : {DWORD{PIPE_UNLIMITED_INSTANCES}, DWORD{1}}) {
+    SCOPED_TRACE(instances);
+    ky::unique_handle foreign(::CreateNamedPipeW(path.c_str(), PIPE_ACCESS_DUPLEX, PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE,
+                                                 instances, 4096, 4096, 0, nullptr));
+    ASSERT_TRUE(foreign.valid()) << ::GetLastError();
+    pipelink::IConnPipeServer* second = nullptr;
+    EXPECT_EQ(lib.Server()->CreatePipeServer(name.c_str(), 0, &second), static_cast<std::uint32_t>(ERROR_ACCESS_DENIED));
+    EXPECT_EQ(second, nullptr);
+    if (second) lib.Server()->ReleasePipeServer(second);
+  }
+  pipelink::IConnPipeServer* served = nullptr;
+  EXPECT_EQ(lib.Server()->CreatePipeServer(name.c_str(), 0, &served), 0u) << "the name is free again";
+  if (served) lib.Server()->ReleasePipeServer(served);
+}
+
 }  // namespace

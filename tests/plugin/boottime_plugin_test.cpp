@@ -93,9 +93,15 @@ std::size_t ThreadCount() {
   return count;
 }
 
+// Wine answers GetProcessHandleCount with 0, so there the handle table is probed instead.
 DWORD HandleCount() {
   DWORD count = 0;
-  ::GetProcessHandleCount(::GetCurrentProcess(), &count);
+  if (::GetProcessHandleCount(::GetCurrentProcess(), &count) && count != 0) return count;
+  constexpr std::uintptr_t kProbedValues = 0x40000;
+  for (std::uintptr_t value = 4; value < kProbedValues; value += 4) {
+    DWORD flags = 0;
+    if (::GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags)) ++count;
+  }
   return count;
 }
 
@@ -259,7 +265,6 @@ TEST_F(PluginRun, StopDuringMonitoringEndsAtOnceWritesNothingAndASecondStartRelo
   ASSERT_TRUE(StageLogon(false));
   HybridClock clock(0);
   CBootTimePlugin plugin(clock);
-  const DWORD handlesBefore = HandleCount();
   ASSERT_EQ(plugin.Init(host_.get()), 0u);
   ASSERT_EQ(plugin.AddListener(&listener_), 0u);
   const std::size_t threadsBefore = ThreadCount();
@@ -296,7 +301,6 @@ TEST_F(PluginRun, StopDuringMonitoringEndsAtOnceWritesNothingAndASecondStartRelo
   EXPECT_TRUE(log_.entriesFor(L"boottime::CBootTimePlugin::SendReportToCentral").empty());
   EXPECT_EQ(plugin.UnInit(), 0u);
   EXPECT_LE(ThreadCount(), threadsBefore);
-  EXPECT_LE(HandleCount(), handlesBefore + 8) << "handles of the run outlived UnInit";
 }
 
 TEST_F(PluginRun, StopDuringTheDiskMeasurementEndsAtOnceWithRunStatusTwo) {
@@ -322,6 +326,31 @@ TEST_F(PluginRun, StopDuringTheDiskMeasurementEndsAtOnceWithRunStatusTwo) {
   std::uint32_t ms = 0;
   EXPECT_EQ(plugin.GetBootTime(&ms), 2u) << "a stopped run has no results to give";
   EXPECT_EQ(plugin.UnInit(), 0u);
+}
+
+TEST_F(PluginRun, RunsStoppedWhileMonitoringLeaveNoHandleOrThreadBehind) {
+  WarmUpHost();
+  ASSERT_TRUE(StageLogon(false));
+  // Wine opens a few handles of its own on first use, so leaks are counted over several runs.
+  constexpr int kRuns = 4;
+  DWORD handlesBefore = 0;
+  std::size_t threadsBefore = 0;
+  for (int run = 0; run < kRuns; ++run) {
+    if (run == 1) {
+      handlesBefore = HandleCount();
+      threadsBefore = ThreadCount();
+    }
+    HybridClock clock(0);
+    CBootTimePlugin plugin(clock);
+    ASSERT_EQ(plugin.Init(host_.get()), 0u);
+    ASSERT_EQ(plugin.Start(), 0u);
+    log_.clear();
+    ASSERT_TRUE(Eventually([&] { return Logged(L"User logged = FALSE") > 0; }));
+    EXPECT_EQ(plugin.Stop(), 0u);
+    EXPECT_EQ(plugin.UnInit(), 0u);
+  }
+  EXPECT_LE(HandleCount(), handlesBefore + 1) << "handles outlive the plug-in's runs";
+  EXPECT_LE(ThreadCount(), threadsBefore);
 }
 
 }  // namespace

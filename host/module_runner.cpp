@@ -2,6 +2,7 @@
 
 #include "common/log.h"
 #include "lumera/interface_ids.h"
+#include "wine/process_accounting_shims.h"
 
 namespace host {
 
@@ -20,6 +21,9 @@ bool ModuleRunner::Start() {
       KY_LOG(logging::kLevelError, L"LoadLibrary %s failed 0x%x", path.c_str(), loaded);
     }
     return false;
+  }
+  if (const int redirected = wine::InstallProcessAccounting(module_.Library().get()); redirected > 0) {
+    KY_LOG(logging::kLevelInfo, L"process accounting from Linux for %d imports", redirected);
   }
   for (const std::wstring& name : config_.objects) {
     Object object{name};

@@ -1,7 +1,8 @@
 // "LoadUsage": samples the processors' busy share (GetSystemTimes) and the physical disks'
 // busy share (IOCTL_DISK_PERFORMANCE) once a second on its own thread and answers the
-// minimum, maximum and average of the last kWindowSeconds. Where the system keeps no disk
-// counters (Wine among them) disk queries answer the system's error code.
+// minimum, maximum and average of the last kWindowSeconds. Under Wine, which keeps no disk
+// counters, the disks' busy share comes from the Linux side's /proc/diskstats instead;
+// elsewhere, without counters, disk queries answer the system's error code.
 #include <windows.h>
 #include <winioctl.h>
 
@@ -16,7 +17,9 @@
 #include "host_plugin.h"
 #include "loadusage_window.h"
 #include "lumera/interface_ids.h"
+#include "lumera/dev_console_session.h"
 #include "lumera/loadusage.h"
+#include "wine/linux_disk_busy.h"
 
 namespace host {
 namespace {
@@ -52,7 +55,15 @@ class DiskCounters {
     }
     if (!drives_.empty()) error_ = 0;
     if (error_ == 0 && drives_.empty()) error_ = ERROR_NOT_SUPPORTED;
+    wine::LinuxDiskBusy busy;
+    if (error_ != 0 && lumera::dev::RunningUnderWine() && wine::ReadLinuxDiskBusy(busy)) {
+      linux_ = true;
+      error_ = 0;
+    }
   }
+
+  // True when the figures come from the Linux disk statistics.
+  bool FromLinux() const { return linux_; }
 
   // 0, or the code for which the system has no disk counters.
   std::uint32_t Error() const { return error_; }
@@ -60,6 +71,7 @@ class DiskCounters {
   // Sums the idle and query times of every drive; false when a drive stopped answering.
   bool Read(Reading& reading) {
     reading = Reading{};
+    if (linux_) return ReadLinux(reading);
     for (const auto& drive : drives_) {
       DISK_PERFORMANCE performance{};
       if (Query(drive.get(), performance) != 0) return false;
@@ -80,8 +92,18 @@ class DiskCounters {
     return code != 0 ? code : ERROR_NOT_SUPPORTED;
   }
 
+  // Elapsed time for every disk against the time they spent on I/O, in milliseconds.
+  static bool ReadLinux(Reading& reading) {
+    wine::LinuxDiskBusy busy;
+    if (!wine::ReadLinuxDiskBusy(busy)) return false;
+    reading.total = ::GetTickCount64() * busy.disks;
+    reading.idle = reading.total > busy.busyMs ? reading.total - busy.busyMs : 0;
+    return true;
+  }
+
   std::vector<ky::unique_file> drives_;
   std::uint32_t error_ = ERROR_NOT_SUPPORTED;
+  bool linux_ = false;
 };
 
 bool ReadProcessors(Reading& reading) {
@@ -98,6 +120,9 @@ class LoadUsagePlugin final : public HostPlugin, public ILoadUsage {
     if (disks_.Error() != 0) {
       logging::Write(logging::kLevelWarning, L"host::LoadUsagePlugin::LoadUsagePlugin",
                      L"disk performance counters unavailable 0x%x", disks_.Error());
+    } else if (disks_.FromLinux()) {
+      logging::Write(logging::kLevelInfo, L"host::LoadUsagePlugin::LoadUsagePlugin",
+                     L"disk usage from the Linux disk statistics");
     }
     if (stopEvent_) sampler_ = std::thread([this] { Sample(); });
   }

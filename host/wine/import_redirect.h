@@ -1,0 +1,18 @@
+// Points a loaded module's imports of one function at another function, by patching the
+// module's import address table, the way Windows' own compatibility shims redirect calls.
+// The development host uses it under Wine only, to give LumeraPlg.dll process figures that
+// Wine does not keep (see process_accounting_shims.h); the module's code stays as it is.
+#pragma once
+
+#include <windows.h>
+
+namespace host::wine {
+
+// Redirects every import of `function` from the library `dll` (compared without case, with
+// or without ".dll") in `module` to `replacement`. Returns how many table slots were patched;
+// 0 when the module does not import it by name. `*original`, when given and a slot was
+// patched, receives the address the slot held before.
+[[nodiscard]] int RedirectImport(HMODULE module, const char* dll, const char* function, void* replacement,
+                                 void** original = nullptr);
+
+}  // namespace host::wine

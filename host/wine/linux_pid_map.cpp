@@ -1,0 +1,76 @@
+#include "wine/linux_pid_map.h"
+
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "wine/linux_proc.h"
+
+namespace host::wine {
+namespace {
+
+constexpr std::size_t kMaxCached = 4096;
+constexpr std::size_t kCmdlineLimit = 4096;
+
+std::string Utf8(const std::wstring& text) {
+  if (text.empty()) return {};
+  const int size = ::WideCharToMultiByte(CP_UTF8, 0, text.c_str(), static_cast<int>(text.size()), nullptr, 0, nullptr,
+                                         nullptr);
+  if (size <= 0) return {};
+  std::string out(static_cast<std::size_t>(size), '\0');
+  ::WideCharToMultiByte(CP_UTF8, 0, text.c_str(), static_cast<int>(text.size()), out.data(), size, nullptr, nullptr);
+  return out;
+}
+
+// Milliseconds since the machine started at which a process created at `created` started.
+std::int64_t SinceBootMs(std::uint64_t created) {
+  FILETIME now{};
+  ::GetSystemTimeAsFileTime(&now);
+  const std::uint64_t nowMs = ((static_cast<std::uint64_t>(now.dwHighDateTime) << 32) | now.dwLowDateTime) / 10000;
+  const std::uint64_t bootMs = nowMs - ::GetTickCount64();
+  return static_cast<std::int64_t>(created / 10000) - static_cast<std::int64_t>(bootMs);
+}
+
+}  // namespace
+
+std::uint32_t LinuxPidMap::Find(DWORD windowsPid, std::uint64_t created, const std::wstring& image) {
+  std::lock_guard hold(lock_);
+  const DWORD now = ::GetTickCount();
+  auto it = cache_.find(windowsPid);
+  if (it != cache_.end() && it->second.created == created) {
+    if (it->second.linuxPid != 0 || now - it->second.triedTick < kRetryMs) return it->second.linuxPid;
+  }
+  if (cache_.size() >= kMaxCached) cache_.clear();
+  Entry entry{created, Search(created, image), now};
+  cache_[windowsPid] = entry;
+  return entry.linuxPid;
+}
+
+void LinuxPidMap::Forget(DWORD windowsPid) {
+  std::lock_guard hold(lock_);
+  cache_.erase(windowsPid);
+}
+
+std::uint32_t LinuxPidMap::Search(std::uint64_t created, const std::wstring& image) const {
+  const std::string wanted = Utf8(image);
+  if (wanted.empty()) return 0;
+  const std::int64_t startMs = created != 0 ? SinceBootMs(created) : 0;
+  std::uint32_t best = 0;
+  std::int64_t bestDistance = std::numeric_limits<std::int64_t>::max();
+  std::string text;
+  for (const std::uint32_t pid : LinuxPids()) {
+    const std::wstring folder = L"Z:\\proc\\" + std::to_wstring(pid) + L"\\";
+    if (!ReadLinuxFile(folder + L"cmdline", text, kCmdlineLimit) || !CommandLineStartsWith(text, wanted)) continue;
+    LinuxStat stat;
+    if (!ReadLinuxFile(folder + L"stat", text) || !ParseStat(text, stat)) continue;
+    const std::int64_t linuxStartMs = static_cast<std::int64_t>(stat.startTicks * 1000 / kClockTicksPerSecond);
+    const std::int64_t distance = linuxStartMs > startMs ? linuxStartMs - startMs : startMs - linuxStartMs;
+    if (distance < bestDistance) {
+      best = pid;
+      bestDistance = distance;
+    }
+  }
+  return best;
+}
+
+}  // namespace host::wine

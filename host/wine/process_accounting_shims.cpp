@@ -1,0 +1,161 @@
+#include "wine/process_accounting_shims.h"
+
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "lumera/dev_console_session.h"
+#include "wine/import_redirect.h"
+#include "wine/linux_pid_map.h"
+#include "wine/linux_proc.h"
+#include "wine/process_times_snapshot.h"
+
+namespace host::wine {
+namespace {
+
+constexpr std::size_t kMaxRemembered = 4096;
+
+struct Remembered {
+  std::uint64_t created = 0;
+  ProcessTimesSnapshot::Times times;
+  IO_COUNTERS io{};
+  bool haveTimes = false;
+  bool haveIo = false;
+};
+
+struct State {
+  std::mutex lock;
+  std::map<DWORD, Remembered> last;
+  ProcessTimesSnapshot snapshot;
+  LinuxPidMap pids;
+};
+
+State& Shared() {
+  static State state;
+  return state;
+}
+
+FILETIME ToFileTime(std::uint64_t value) {
+  return FILETIME{static_cast<DWORD>(value), static_cast<DWORD>(value >> 32)};
+}
+
+std::uint64_t FromFileTime(const FILETIME& value) {
+  return (static_cast<std::uint64_t>(value.dwHighDateTime) << 32) | value.dwLowDateTime;
+}
+
+// The entry for `pid`, emptied when it belonged to an earlier process of the same pid.
+Remembered& Entry(State& state, DWORD pid, std::uint64_t created) {
+  if (state.last.size() >= kMaxRemembered && state.last.count(pid) == 0) state.last.clear();
+  Remembered& entry = state.last[pid];
+  if (entry.created != created) {
+    entry = Remembered();
+    entry.created = created;
+  }
+  return entry;
+}
+
+using TimesFn = BOOL(WINAPI*)(HANDLE, LPFILETIME, LPFILETIME, LPFILETIME, LPFILETIME);
+using IoFn = BOOL(WINAPI*)(HANDLE, PIO_COUNTERS);
+
+// Kernel32's own functions, taken by name: an import of the caller's may be the one redirected.
+template <class Fn>
+Fn Kernel32(const char* name) {
+  return reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), name)));
+}
+
+BOOL OriginalTimes(HANDLE process, LPFILETIME creation, LPFILETIME exit, LPFILETIME kernel, LPFILETIME user) {
+  static const TimesFn original = Kernel32<TimesFn>("GetProcessTimes");
+  if (original == nullptr) {
+    ::SetLastError(ERROR_PROC_NOT_FOUND);
+    return FALSE;
+  }
+  return original(process, creation, exit, kernel, user);
+}
+
+BOOL OriginalIo(HANDLE process, PIO_COUNTERS counters) {
+  static const IoFn original = Kernel32<IoFn>("GetProcessIoCounters");
+  if (original == nullptr) {
+    ::SetLastError(ERROR_PROC_NOT_FOUND);
+    return FALSE;
+  }
+  return original(process, counters);
+}
+
+std::wstring ImagePath(HANDLE process) {
+  wchar_t path[MAX_PATH * 2] = {};
+  DWORD size = static_cast<DWORD>(std::size(path));
+  if (!::QueryFullProcessImageNameW(process, 0, path, &size)) return {};
+  return std::wstring(path, size);
+}
+
+}  // namespace
+
+BOOL WINAPI AccountedGetProcessTimes(HANDLE process, LPFILETIME creation, LPFILETIME exit, LPFILETIME kernel,
+                                     LPFILETIME user) {
+  if (!OriginalTimes(process, creation, exit, kernel, user)) return FALSE;
+  const DWORD pid = ::GetProcessId(process);
+  if (pid == 0 || pid == ::GetCurrentProcessId() || creation == nullptr || kernel == nullptr || user == nullptr) {
+    return TRUE;
+  }
+  const std::uint64_t created = FromFileTime(*creation);
+  State& state = Shared();
+  ProcessTimesSnapshot::Times times;
+  const bool listed = state.snapshot.Get(pid, times);
+  std::lock_guard hold(state.lock);
+  Remembered& entry = Entry(state, pid, created);
+  if (listed) {
+    entry.times = times;
+    entry.haveTimes = true;
+  }
+  if (entry.haveTimes) {
+    *kernel = ToFileTime(entry.times.kernel);
+    *user = ToFileTime(entry.times.user);
+  }
+  return TRUE;
+}
+
+BOOL WINAPI AccountedGetProcessIoCounters(HANDLE process, PIO_COUNTERS counters) {
+  if (!OriginalIo(process, counters)) return FALSE;
+  const DWORD pid = ::GetProcessId(process);
+  if (pid == 0 || counters == nullptr) return TRUE;
+  FILETIME creation{}, exit{}, kernel{}, user{};
+  const std::uint64_t created =
+      OriginalTimes(process, &creation, &exit, &kernel, &user) ? FromFileTime(creation) : 0;
+  State& state = Shared();
+  ProcessTimesSnapshot::Times times;
+  const std::uint64_t started = state.snapshot.Get(pid, times) && times.created != 0 ? times.created : created;
+  IO_COUNTERS io{};
+  bool read = false;
+  const std::uint32_t linuxPid = state.pids.Find(pid, started, ImagePath(process));
+  if (linuxPid != 0) {
+    std::string text;
+    LinuxIo linuxIo;
+    read = ReadLinuxFile(L"Z:\\proc\\" + std::to_wstring(linuxPid) + L"\\io", text) && ParseIo(text, linuxIo);
+    if (read) {
+      io.ReadOperationCount = linuxIo.syscr;
+      io.WriteOperationCount = linuxIo.syscw;
+      // A kernel without task I/O accounting lists only the call counts.
+      io.ReadTransferCount = linuxIo.hasStorage ? linuxIo.readBytes : linuxIo.rchar;
+      io.WriteTransferCount = linuxIo.hasStorage ? linuxIo.writeBytes : linuxIo.wchar;
+    } else {
+      state.pids.Forget(pid);
+    }
+  }
+  std::lock_guard hold(state.lock);
+  Remembered& entry = Entry(state, pid, created);
+  if (read) {
+    entry.io = io;
+    entry.haveIo = true;
+  }
+  if (entry.haveIo) *counters = entry.io;
+  return TRUE;
+}
+
+int InstallProcessAccounting(HMODULE module) {
+  if (!lumera::dev::RunningUnderWine()) return 0;
+  return RedirectImport(module, "kernel32.dll", "GetProcessTimes", reinterpret_cast<void*>(&AccountedGetProcessTimes)) +
+         RedirectImport(module, "kernel32.dll", "GetProcessIoCounters",
+                        reinterpret_cast<void*>(&AccountedGetProcessIoCounters));
+}
+
+}  // namespace host::wine

@@ -1,0 +1,40 @@
+// Processor times of every process by Windows pid, from
+// NtQuerySystemInformation(SystemProcessInformation): under Wine this sums the Linux
+// accounting of each process's threads, while GetProcessTimes of another process answers
+// constants. One snapshot serves the calls of kMaxAgeMs.
+#pragma once
+
+#include <windows.h>
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <vector>
+
+namespace host::wine {
+
+class ProcessTimesSnapshot {
+ public:
+  struct Times {
+    std::uint64_t created = 0;  // file time
+    std::uint64_t kernel = 0;   // 100-ns units
+    std::uint64_t user = 0;
+  };
+
+  // The times of `pid`; false when no process of that pid is listed (or the query failed).
+  // Thread-safe.
+  [[nodiscard]] bool Get(DWORD pid, Times& out);
+
+  static constexpr DWORD kMaxAgeMs = 200;
+
+ private:
+  bool Refresh();
+
+  std::mutex lock_;
+  std::map<DWORD, Times> times_;
+  std::vector<BYTE> buffer_;
+  DWORD takenTick_ = 0;
+  bool taken_ = false;
+};
+
+}  // namespace host::wine

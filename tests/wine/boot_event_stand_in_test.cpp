@@ -1,0 +1,215 @@
+// The stand-in event log with its writer, as the module sees them: the module's own
+// WinBootEvent binds the stand-in wevtapi.dll, skips the events of earlier boots in the
+// store, and takes the one diagperf.exe writes once the staged user has logged on and the
+// machine is idle.
+#include <gtest/gtest.h>
+
+#include <windows.h>
+#include <winevt.h>
+
+#include <string>
+#include <vector>
+
+#include "boottime/win_boot_event.h"
+#include "common/boot_event_store.h"
+#include "common/unique_handle.h"
+#include "lumera/dev_console_session.h"
+#include "support/captured_log.h"
+#include "support/scratch_folder.h"
+
+namespace {
+
+using Event = boottime::BootTimeMonitor::WinBootEvent;
+using winestandins::BootEventRecord;
+constexpr DWORD kDeadlineMs = 20000;
+constexpr wchar_t kConsoleValue[] = L"ConsoleSessionWineStandInTest";
+
+template <class Fn>
+Fn Bind(HMODULE module, const char* name) {
+  return reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
+}
+
+std::wstring StandInFolder() { return testsupport::ExeFolder() + L"..\\winestandins\\"; }
+
+std::uint64_t Now() {
+  FILETIME now{};
+  ::GetSystemTimeAsFileTime(&now);
+  return (static_cast<std::uint64_t>(now.dwHighDateTime) << 32) | now.dwLowDateTime;
+}
+
+void SetConsole(DWORD value) {
+  ASSERT_EQ(::RegSetKeyValueW(HKEY_LOCAL_MACHINE, lumera::dev::kDevelopmentKey, kConsoleValue, REG_DWORD, &value,
+                              sizeof value),
+            ERROR_SUCCESS);
+}
+
+class BootEventStandInTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    store = scratch.file(L"events.jsonl");
+    ASSERT_TRUE(::SetEnvironmentVariableW(winestandins::kStoreOverride, store.c_str()));
+    ASSERT_TRUE(::SetEnvironmentVariableW(lumera::dev::kValueOverride, kConsoleValue));
+  }
+  void TearDown() override {
+    ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, lumera::dev::kDevelopmentKey, kConsoleValue);
+    ::SetEnvironmentVariableW(winestandins::kStoreOverride, nullptr);
+    ::SetEnvironmentVariableW(lumera::dev::kValueOverride, nullptr);
+  }
+  // An event of the boot before this one, as an earlier run of the writer left it.
+  void AddEarlierBoot(std::uint32_t bootTime) {
+    BootEventRecord earlier;
+    earlier.created = Now() - (::GetTickCount64() + 60000) * 10000;
+    earlier.mainPathBootTime = bootTime / 2;
+    earlier.postBootTime = bootTime - bootTime / 2;
+    earlier.bootTime = bootTime;
+    ASSERT_EQ(winestandins::AppendBootEvent(store, earlier), 0u);
+  }
+  ky::unique_handle StartWriter(const std::wstring& arguments) {
+    std::wstring command = L"\"" + StandInFolder() + L"diagperf.exe\" " + arguments;
+    STARTUPINFOW startup{};
+  startup.cb = sizeof startup;
+    PROCESS_INFORMATION info{};
+    if (!::CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info)) {
+      return ky::unique_handle();
+    }
+    ky::unique_handle thread(info.hThread);
+    return ky::unique_handle(info.hProcess);
+  }
+  bool WaitLogged(const wchar_t* text) {
+    const ULONGLONG start = ::GetTickCount64();
+    while (!log.contains(text)) {
+      if (::GetTickCount64() - start > kDeadlineMs) return false;
+      ::WaitForSingleObject(never.get(), 20);
+    }
+    return true;
+  }
+  std::vector<BootEventRecord> Stored() {
+    std::vector<BootEventRecord> records;
+    EXPECT_TRUE(winestandins::ReadBootEvents(store, records));
+    return records;
+  }
+
+  testsupport::CapturedLog log;
+  testsupport::ScratchFolder scratch;
+  std::wstring store;
+  ky::unique_handle never{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+};
+
+TEST_F(BootEventStandInTest, TheModuleTakesTheEventTheWriterWritesAfterLogonAndSkipsEarlierBoots) {
+  if (!lumera::dev::RunningUnderWine()) GTEST_SKIP() << "the stand-ins are for Wine prefixes only";
+  AddEarlierBoot(61000);
+  SetConsole(0);
+
+  Event event(boottime::SystemClock::Instance(), StandInFolder() + L"wevtapi.dll");
+  ASSERT_TRUE(event.Start());
+  ASSERT_TRUE(WaitLogged(L"<- boottime::CWinBootEvents::Subscription::Init")) << "no subscription after RpcSs";
+  ASSERT_FALSE(log.contains(L"EvtSubscribe failed"));
+
+  // Delivered but of an earlier boot: the wait stays open.
+  AddEarlierBoot(72000);
+  ASSERT_TRUE(WaitLogged(L"bootTime=72000"));
+  EXPECT_FALSE(event.Done());
+
+  ky::unique_handle writer = StartWriter(L"--idle-seconds 1 --idle-percent 0 --poll-ms 100 --max-seconds 30");
+  ASSERT_TRUE(writer);
+  EXPECT_EQ(::WaitForSingleObject(writer.get(), 1500), static_cast<DWORD>(WAIT_TIMEOUT))
+      << "the writer must wait for the logon";
+  const auto logonTick = static_cast<std::uint32_t>(::GetTickCount64());
+  SetConsole(1);
+  ASSERT_EQ(::WaitForSingleObject(writer.get(), kDeadlineMs), WAIT_OBJECT_0);
+  DWORD code = 99;
+  ASSERT_TRUE(::GetExitCodeProcess(writer.get(), &code));
+  ASSERT_EQ(code, 0u);
+
+  const std::vector<BootEventRecord> records = Stored();
+  ASSERT_EQ(records.size(), 3u) << "earlier boots' events stay in the store";
+  const BootEventRecord& written = records.back();
+  EXPECT_EQ(written.bootTime, written.mainPathBootTime + written.postBootTime);
+  EXPECT_GE(written.mainPathBootTime, logonTick);
+  EXPECT_LE(written.mainPathBootTime, logonTick + 1000);
+
+  ASSERT_EQ(::WaitForSingleObject(event.DoneEvent(), kDeadlineMs), WAIT_OBJECT_0);
+  EXPECT_EQ(event.ResultState(), Event::kResultFound);
+  EXPECT_EQ(event.BootTime(), written.bootTime);
+  event.Stop();
+
+  // A second writer in the same boot adds nothing.
+  ky::unique_handle again = StartWriter(L"--max-seconds 5");
+  ASSERT_TRUE(again);
+  ASSERT_EQ(::WaitForSingleObject(again.get(), kDeadlineMs), WAIT_OBJECT_0);
+  EXPECT_EQ(Stored().size(), 3u);
+}
+
+TEST_F(BootEventStandInTest, TheLibraryServesItsOneChannelAndRefusesWhatItDoesNotServe) {
+  AddEarlierBoot(1000);
+  AddEarlierBoot(2000);
+  ky::unique_module library(::LoadLibraryW((StandInFolder() + L"wevtapi.dll").c_str()));
+  ASSERT_TRUE(library);
+  const auto query = Bind<decltype(&::EvtQuery)>(library.get(), "EvtQuery");
+  const auto next = Bind<decltype(&::EvtNext)>(library.get(), "EvtNext");
+  const auto close = Bind<decltype(&::EvtClose)>(library.get(), "EvtClose");
+  const auto context =
+      Bind<decltype(&::EvtCreateRenderContext)>(library.get(), "EvtCreateRenderContext");
+  const auto render = Bind<decltype(&::EvtRender)>(library.get(), "EvtRender");
+  ASSERT_TRUE(query && next && close && context && render);
+  constexpr wchar_t kChannel[] = L"Microsoft-Windows-Diagnostics-Performance/Operational";
+
+  ::SetLastError(0);
+  EXPECT_EQ(query(nullptr, L"System", L"*", EvtQueryChannelPath), nullptr);
+  EXPECT_EQ(::GetLastError(), 15007u);
+  int notAHandle = 0;
+  EXPECT_FALSE(close(reinterpret_cast<EVT_HANDLE>(&notAHandle)));
+  EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+
+  EVT_HANDLE results = query(nullptr, kChannel, L"Event/System[EventID=100]", 0x201);
+  ASSERT_NE(results, nullptr);
+  LPCWSTR paths[] = {L"Event/EventData/Data[@Name=\"BootTime\"]", L"Event/EventData/Data[@Name=\"Unknown\"]",
+                     L"Event/System/EventRecordID"};
+  EVT_HANDLE values = context(3, paths, EvtRenderContextValues);
+  ASSERT_NE(values, nullptr);
+  std::vector<std::uint32_t> bootTimes;
+  EVT_HANDLE event = nullptr;
+  DWORD returned = 0;
+  while (next(results, 1, &event, INFINITE, 0, &returned)) {
+    DWORD used = 0, count = 0;
+    EXPECT_FALSE(render(values, event, EvtRenderEventValues, 0, nullptr, &used, &count));
+    EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
+    std::vector<BYTE> buffer(used);
+    ASSERT_TRUE(render(values, event, EvtRenderEventValues, used, buffer.data(), &used, &count));
+    const auto* rendered = reinterpret_cast<const EVT_VARIANT*>(buffer.data());
+    ASSERT_EQ(count, 3u);
+    EXPECT_EQ(rendered[0].Type, static_cast<DWORD>(EvtVarTypeUInt32));
+    EXPECT_EQ(rendered[1].Type, static_cast<DWORD>(EvtVarTypeNull));
+    bootTimes.push_back(rendered[0].UInt32Val);
+    EXPECT_TRUE(close(event));
+  }
+  EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_NO_MORE_ITEMS));
+  EXPECT_EQ(bootTimes, (std::vector<std::uint32_t>{2000, 1000})) << "newest first";
+  EXPECT_TRUE(close(values));
+  EXPECT_TRUE(close(results));
+}
+
+TEST(BootEventStore, MalformedAndOversizedLinesAreSkipped) {
+  testsupport::ScratchFolder scratch;
+  const std::wstring path = scratch.file(L"store.jsonl");
+  BootEventRecord good;
+  good.created = 133000000000000000ull;
+  good.bootTime = 3;
+  const std::string text = winestandins::FormatBootEvent(good) + "\n" + "{\"id\":\"2\"}\n" + "not json\n" +
+                           std::string(10000, '{') + "\n" +
+                           "{\"id\":\"3\",\"created\":\"1\",\"BootTime\":\"4294967296\",\"MainPathBootTime\":\"0\","
+                           "\"BootPostBootTime\":\"0\"}\n" +
+                           winestandins::FormatBootEvent(good);  // no line end yet: still being written
+  ky::unique_file file(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+  DWORD written = 0;
+  ASSERT_TRUE(::WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr));
+  file.reset();
+  std::vector<BootEventRecord> records;
+  ASSERT_TRUE(winestandins::ReadBootEvents(path, records));
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].created, good.created);
+  ASSERT_TRUE(winestandins::ReadBootEvents(scratch.file(L"missing.jsonl"), records));
+  EXPECT_TRUE(records.empty());
+}
+
+}  // namespace

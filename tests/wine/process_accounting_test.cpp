@@ -1,0 +1,94 @@
+// Under Wine the module's own counter path, with its imports redirected as the development
+// host does, follows a real child: its processor time and the bytes it wrote.
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include <string>
+
+#include "boottime/boot_time_data.h"
+#include "boottime/processes.h"
+#include "common/unique_handle.h"
+#include "lumera/dev_console_session.h"
+#include "support/scratch_folder.h"
+#include "wine/process_accounting_shims.h"
+
+namespace {
+
+using Processes = boottime::BootTimeMonitor::Processes;
+constexpr DWORD kBurnMs = 1500;
+constexpr DWORD kWriteKb = 4096;
+constexpr DWORD kDeadlineMs = 60000;
+
+struct Child {
+  ky::unique_handle process;
+  ky::unique_handle ready;
+  ky::unique_handle quit;
+};
+
+Child StartChild(const std::wstring& file) {
+  Child child;
+  const std::wstring suffix = std::to_wstring(::GetCurrentProcessId());
+  const std::wstring readyName = L"wine_accounting_ready_" + suffix;
+  const std::wstring quitName = L"wine_accounting_quit_" + suffix;
+  child.ready.reset(::CreateEventW(nullptr, TRUE, FALSE, readyName.c_str()));
+  child.quit.reset(::CreateEventW(nullptr, TRUE, FALSE, quitName.c_str()));
+  std::wstring command = L"\"" + testsupport::ExeFolder() + L"wine_workload_child.exe\" " + std::to_wstring(kBurnMs) +
+                         L" " + std::to_wstring(kWriteKb) + L" \"" + file + L"\" " + readyName + L" " + quitName;
+  STARTUPINFOW startup{};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION info{};
+  if (::CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info)) {
+    ky::unique_handle thread(info.hThread);
+    child.process.reset(info.hProcess);
+  }
+  return child;
+}
+
+TEST(ProcessAccounting, TheModulesCountersFollowAChildThatBurnsAndWrites) {
+  if (!lumera::dev::RunningUnderWine()) GTEST_SKIP() << "Windows keeps these figures itself";
+  ASSERT_EQ(host::wine::InstallProcessAccounting(::GetModuleHandleW(nullptr)), 2);
+  testsupport::ScratchFolder scratch;
+  Child child = StartChild(scratch.file(L"written.bin"));
+  ASSERT_TRUE(child.process);
+  const HANDLE waits[] = {child.ready.get(), child.process.get()};
+  ASSERT_EQ(::WaitForMultipleObjects(2, waits, FALSE, kDeadlineMs), WAIT_OBJECT_0);
+
+  ky::unique_handle opened(::OpenProcess(Processes::kAccess, FALSE, ::GetProcessId(child.process.get())));
+  ASSERT_TRUE(opened);
+  boottime::BootTimeData data;
+  Processes processes(&data);
+  boottime::ProcessCounters running;
+  ASSERT_TRUE(processes.GetProcessCounters(opened.get(), running));
+
+  ::SetEvent(child.quit.get());
+  ASSERT_EQ(::WaitForSingleObject(child.process.get(), kDeadlineMs), WAIT_OBJECT_0);
+  DWORD burned = 0;
+  ASSERT_TRUE(::GetExitCodeProcess(child.process.get(), &burned));
+  ASSERT_GE(burned, kBurnMs);
+
+  const double cpu = static_cast<double>(running.kernel) + running.user;
+  std::printf("child burned %lu ms, counted %u+%u ms; wrote %lu bytes, counted %u written, %u read\n", burned,
+              running.kernel, running.user, kWriteKb * 1024ul, running.write, running.read);
+  EXPECT_GE(cpu, burned * 0.75);
+  EXPECT_LE(cpu, burned * 1.25);
+  EXPECT_GE(running.write, kWriteKb * 1024u);
+
+  // An ended process keeps its last figures, as on Windows.
+  boottime::ProcessCounters ended;
+  ASSERT_TRUE(processes.GetProcessCounters(opened.get(), ended));
+  EXPECT_GE(ended.kernel + ended.user, running.kernel + running.user);
+  EXPECT_GE(ended.write, running.write);
+}
+
+TEST(ProcessAccounting, ABadHandleStillFailsAsTheSystemDoes) {
+  if (!lumera::dev::RunningUnderWine()) GTEST_SKIP() << "Windows keeps these figures itself";
+  FILETIME a{}, b{}, c{}, d{};
+  IO_COUNTERS io{};
+  ::SetLastError(0);
+  EXPECT_FALSE(host::wine::AccountedGetProcessTimes(nullptr, &a, &b, &c, &d));
+  EXPECT_NE(::GetLastError(), 0u);
+  EXPECT_FALSE(host::wine::AccountedGetProcessIoCounters(nullptr, &io));
+}
+
+}  // namespace

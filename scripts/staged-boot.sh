@@ -108,10 +108,15 @@ staged_start() {
   trap 'exit 130' INT TERM
   wineserver -p3 </dev/null >/dev/null 2>&1
   staged_note start
+  staged_watch_monitor_cost &
   # The first program of the session boots the prefix, which starts the auto-start services.
   wine "$STAGED_BIN/lumeracentral.exe" --out "$(staged_winpath "$STAGED_CENTRAL_JSON")" \
     </dev/null >"$STAGED_CENTRAL" 2>&1 &
   STAGED_CENTRAL_PID=$!
+  # What Windows' diagnostics service does: event 100 once the machine is idle after the logon.
+  if [ -f "$STAGED_PREFIX/drive_c/windows/system32/diagperf.exe" ]; then
+    wine diagperf.exe --max-seconds 170 </dev/null >"$STAGED_OUT/diagperf.txt" 2>&1 &
+  fi
   staged_wait 'host running' 30 || { echo "staged boot: the host service did not start" >&2; return 1; }
   staged_note host
 }
@@ -167,4 +172,18 @@ staged_cleanup() {
   for job in $(jobs -p); do kill "$job" 2>/dev/null || true; done
   wineserver -k 2>/dev/null || true
   wait 2>/dev/null || true
+}
+
+# Writes "cpu_ms wall_ms" of the host process between the start and the end of the monitor's
+# loop to $STAGED_OUT/monitor-cost.txt (run in the background during a staged boot).
+staged_watch_monitor_cost() {
+  local pid='' cpu0 t0 cpu1 t1 tck
+  tck=$(getconf CLK_TCK)
+  until grep -q 'BootTimeMonitor::Start: -> ' "$STAGED_LOG" 2>/dev/null; do sleep 0.1; done
+  until pid=$(staged_linux_pid lumerahost.exe); do sleep 0.1; done
+  cpu0=$(staged_cpu_ticks "$pid"); t0=$(staged_uptime)
+  until grep -q '<- boottime::BootTimeMonitor::Start' "$STAGED_LOG" 2>/dev/null; do sleep 0.1; done
+  cpu1=$(staged_cpu_ticks "$pid"); t1=$(staged_uptime)
+  awk -v c="$((cpu1 - cpu0))" -v a="$t0" -v b="$t1" -v tck="$tck" \
+    'BEGIN { printf "%d %d\n", c * 1000 / tck, (b - a) * 1000 }' > "$STAGED_OUT/monitor-cost.txt"
 }

@@ -51,6 +51,7 @@ class BootTimeAnalyser {
   BootCounters GetTotal() const;
 
   bool Empty() const { return impacts_.empty(); }
+  void Clear() { impacts_.clear(); }
   const std::map<std::uint64_t, ProcessImpact>& Impacts() const { return impacts_; }
 
  private:

@@ -2,7 +2,6 @@
 
 #include <shlwapi.h>
 
-#include <mutex>
 #include <vector>
 
 #include "common/guard.h"
@@ -10,6 +9,8 @@
 #include "common/module_library.h"
 #include "lumera/interface_ids.h"
 #include "lumera/productinfo.h"
+#include "users/ky_users.h"
+#include "users/user_logon.h"
 
 namespace boottime {
 namespace {
@@ -17,11 +18,20 @@ namespace {
 constexpr std::uint32_t kHostMissing = 0xFFFFFFFF;
 constexpr wchar_t kLoadUsage[] = L"LoadUsage";
 constexpr wchar_t kProductInfo[] = L"productinfo";
+constexpr wchar_t kSettingsSubfolder[] = L"velora\\";
+constexpr wchar_t kFallbackSubfolder[] = L"settings\\velora\\";
 
 }  // namespace
 
-CBootTimePlugin::CBootTimePlugin() = default;
-CBootTimePlugin::~CBootTimePlugin() = default;
+CBootTimePlugin::CBootTimePlugin(IClock& clock, IProcessCountersSource& counters)
+    : clock_(clock), monitor_(clock, counters), diskPerformance_(clock, counters) {}
+
+CBootTimePlugin::~CBootTimePlugin() {
+  ky::GuardedVoid(L"boottime::CBootTimePlugin::~CBootTimePlugin", [&] {
+    EndProcessingThread();
+    JoinReportThread();
+  });
+}
 
 void* CBootTimePlugin::GetInterface(const GUID& iid) {
   if (KyIsEqualId(iid, lumera::ids::IKyBaseInterface) || KyIsEqualId(iid, lumera::ids::IServPlugin) ||
@@ -34,99 +44,132 @@ void* CBootTimePlugin::GetInterface(const GUID& iid) {
 std::uint32_t CBootTimePlugin::Init(IServMain* host) {
   KY_TRACE(L"boottime::CBootTimePlugin::Init");
   return ky::Guarded(L"boottime::CBootTimePlugin::Init", ky::kGeneralFailure, [&]() -> std::uint32_t {
-    if (host == nullptr) {
-      KY_LOG(logging::kLevelError, L"IServMain is null!");
-      UnInit();
-      return kHostMissing;
-    }
-    componentManager_ = host->GetComponentManager();
-    if (componentManager_ == nullptr) {
-      KY_LOG(logging::kLevelError, L"IPlgComponentManager is null");
-      UnInit();
-      return kHostMissing;
-    }
+    const std::uint32_t result = InitSteps(host);
+    diskPerformance_.SetLoadUsage(static_cast<ILoadUsage*>(loadUsage_));
+    return result;
+  });
+}
+
+std::uint32_t CBootTimePlugin::InitSteps(IServMain* host) {
+  KY_TRACE(L"boottime::CBootTimePlugin::InitSteps");
+  if (host == nullptr) {
+    KY_LOG(logging::kLevelError, L"IServMain is null!");
+    UnInit();
+    return kHostMissing;
+  }
+  if (!velora::utils::CKYUsers::Instance().ReloadDll()) KY_LOG(logging::kLevelError, L"kyusers.dll not loaded");
+  if (!logonInitialised_) logonInitialised_ = CUserLogon::Instance().Init(host) != 0;
+  componentManager_ = host->GetComponentManager();
+  if (componentManager_ == nullptr) {
+    KY_LOG(logging::kLevelError, L"IPlgComponentManager is null");
+    UnInit();
+    return kHostMissing;
+  }
+  if (loadUsage_ == nullptr) {
     const std::uint32_t result = componentManager_->GetPlugin(kLoadUsage, lumera::ids::LoadUsagePlugin, &loadUsage_);
     if (result != 0) {
-      KY_LOG(logging::kLevelWarning, L"GetPlugin %s failed 0x%x", kLoadUsage, result);
+      KY_LOG(logging::kLevelError, L"GetPlugin %s failed 0x%x", kLoadUsage, result);
       loadUsage_ = nullptr;
       UnInit();
       return result;
     }
+  }
+  if (!monitorEvent_) {
     monitorEvent_.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     if (!monitorEvent_) KY_LOG(logging::kLevelError, L"CreateEvent failed");
-    GetSettingsFolderPath();
-    return 0;
-  });
-}
-
-std::uint32_t CBootTimePlugin::UnInit() {
-  KY_TRACE(L"boottime::CBootTimePlugin::UnInit");
-  if (loadUsage_ != nullptr && componentManager_ != nullptr) componentManager_->ReleasePlugin(kLoadUsage);
-  loadUsage_ = nullptr;
-  monitorEvent_.reset();
-  return 0;
-}
-
-std::uint32_t CBootTimePlugin::Start() {
-  KY_TRACE(L"boottime::CBootTimePlugin::Start");
-  // The processing run (monitor, analyser, result files, report) is not part of this build yet.
-  KY_LOG(logging::kLevelError, L"boot-time processing is not available in this build 0x%x", ERROR_NOT_SUPPORTED);
-  return ERROR_NOT_SUPPORTED;
-}
-
-std::uint32_t CBootTimePlugin::Stop() {
-  KY_TRACE(L"boottime::CBootTimePlugin::Stop");
-  if (monitorEvent_ && !::SetEvent(monitorEvent_.get())) {
-    KY_LOG(logging::kLevelError, L"SetEvent MonitorEvent failed error code %lu", ::GetLastError());
+  }
+  if (!checker_) checker_ = std::make_unique<CStartLauncherCheckExec>();
+  if (CUserLogon::Instance().RegisterObserver(checker_.get()) != 0) {
+    KY_LOG(logging::kLevelDebug, L"current-user checker already registered");
+  }
+  GetSettingsFolderPath();
+  const std::uint32_t result = monitor_.Init(host, &data_);
+  if (result != 0) {
+    KY_LOG(logging::kLevelError, L"BootTimeMonitor init err=%0x%x", result);
+    UnInit();
+    return result;
   }
   return 0;
 }
 
-std::uint32_t CBootTimePlugin::OverallStatus() {
-  std::lock_guard hold(statusLock_);
-  return overallStatus_;
+std::uint32_t CBootTimePlugin::UnInit() {
+  KY_TRACE(L"boottime::CBootTimePlugin::UnInit");
+  return ky::Guarded(L"boottime::CBootTimePlugin::UnInit", ky::kGeneralFailure, [&]() -> std::uint32_t {
+    // The threads end first: the monitor's members they use are freed just after.
+    EndProcessingThread();
+    JoinReportThread();
+    monitor_.UnInit();
+    diskPerformance_.SetLoadUsage(nullptr);
+    if (loadUsage_ != nullptr && componentManager_ != nullptr) (void)componentManager_->ReleasePlugin(kLoadUsage);
+    loadUsage_ = nullptr;
+    monitorEvent_.reset();
+    if (checker_) {
+      (void)CUserLogon::Instance().Observers().Unregister(checker_.get());
+      checker_.reset();
+    }
+    if (logonInitialised_) {
+      CUserLogon::Instance().Uninit();
+      logonInitialised_ = false;
+    }
+    velora::utils::CKYUsers::Instance().UnloadDll();
+    return 0;
+  });
 }
 
-std::uint32_t CBootTimePlugin::GetBootTime(std::uint32_t* milliseconds) {
-  KY_TRACE(L"boottime::CBootTimePlugin::GetBootTime");
-  if (milliseconds == nullptr) return ERROR_INVALID_DATA;
-  return OverallStatus();
+void CBootTimePlugin::EndProcessingThread() {
+  if (!processingThread_) return;
+  if (monitorEvent_) (void)::SetEvent(monitorEvent_.get());
+  (void)::WaitForSingleObject(processingThread_.get(), INFINITE);
+  processingThread_.reset();
 }
 
-std::uint32_t CBootTimePlugin::GetTotalBootImpact(BootCounters* total) {
-  KY_TRACE(L"boottime::CBootTimePlugin::GetTotalBootImpact");
-  if (total == nullptr) return ERROR_INVALID_DATA;
-  return OverallStatus();
+void CBootTimePlugin::JoinReportThread() {
+  std::thread report;
+  {
+    std::lock_guard hold(reportLock_);
+    report = std::move(reportThread_);
+  }
+  if (report.joinable()) report.join();
 }
 
-std::uint32_t CBootTimePlugin::GetBootImpact(ky::IList<ProcessImpact>* impacts, const ProcessKey*) {
-  KY_TRACE(L"boottime::CBootTimePlugin::GetBootImpact");
-  if (impacts == nullptr) return ERROR_INVALID_DATA;
-  return OverallStatus();
+std::uint32_t CBootTimePlugin::Start() {
+  KY_TRACE(L"boottime::CBootTimePlugin::Start");
+  return ky::Guarded(L"boottime::CBootTimePlugin::Start", ky::kGeneralFailure, [&]() -> std::uint32_t {
+    // The monitor event is deliberately never reset: a Start after a Stop may reload the
+    // files but ends a new measurement at its first wait and sends no report.
+    EndProcessingThread();
+    if (!logonStarted_) logonStarted_ = CUserLogon::Instance().Start();
+    StartProcessingThread();
+    return 0;
+  });
 }
 
-std::uint32_t CBootTimePlugin::GetDiskSpeed(DiskSpeed* speed) {
-  KY_TRACE(L"boottime::CBootTimePlugin::GetDiskSpeed");
-  if (speed == nullptr) return ERROR_INVALID_DATA;
-  return kStatusNotYetKnown;
+void CBootTimePlugin::StartProcessingThread() {
+  KY_TRACE(L"boottime::CBootTimePlugin::StartProcessingThread");
+  processingThread_.reset(::CreateThread(nullptr, 0, &CBootTimePlugin::ProcessingThreadProc, this, 0, nullptr));
+  if (!processingThread_) KY_LOG(logging::kLevelError, L"Error creating monitor thread");
 }
 
-std::uint32_t CBootTimePlugin::AddListener(IBootTimeEvents* listener) {
-  KY_TRACE(L"boottime::CBootTimePlugin::AddListener");
-  if (listener == nullptr) return ERROR_INVALID_DATA;
-  return ky::Guarded(L"boottime::CBootTimePlugin::AddListener", ky::kGeneralFailure,
-                     [&] { return listeners_.Register(listener); });
-}
-
-std::uint32_t CBootTimePlugin::RemoveListener(IBootTimeEvents* listener) {
-  KY_TRACE(L"boottime::CBootTimePlugin::RemoveListener");
-  return listeners_.Unregister(listener);
-}
-
-void CBootTimePlugin::OnDataAnalysed(std::uint32_t status) {
-  KY_TRACE(L"boottime::CBootTimePlugin::OnDataAnalysed");
-  KY_LOG(logging::kLevelInfo, L"OnDataAnalysed error code %d", status);
-  listeners_.ForEach([status](IBootTimeEvents* listener) { listener->OnDataAnalysed(status); });
+std::uint32_t CBootTimePlugin::Stop() {
+  KY_TRACE(L"boottime::CBootTimePlugin::Stop");
+  return ky::Guarded(L"boottime::CBootTimePlugin::Stop", ky::kGeneralFailure, [&]() -> std::uint32_t {
+    JoinReportThread();
+    if (!::SetEvent(monitorEvent_.get())) {
+      KY_LOG(logging::kLevelError, L"SetEvent MonitorEvent failed error code %lu", ::GetLastError());
+    }
+    monitor_.StopWatchers();
+    if (processingThread_) {
+      (void)::WaitForSingleObject(processingThread_.get(), INFINITE);
+      processingThread_.reset();
+    }
+    // A run that ended between the first join and the event may have started another.
+    JoinReportThread();
+    if (logonStarted_) {
+      CUserLogon::Instance().Stop();
+      logonStarted_ = false;
+    }
+    return 0;
+  });
 }
 
 void CBootTimePlugin::GetSettingsFolderPath() {
@@ -141,15 +184,17 @@ void CBootTimePlugin::GetSettingsFolderPath() {
     } else {
       const wchar_t* common = static_cast<IProductInfo*>(object)->GetFolder(lumera::kFolderKindCommon, L"common");
       if (common != nullptr) folder = common;
-      componentManager_->ReleasePlugin(kProductInfo);
+      (void)componentManager_->ReleasePlugin(kProductInfo);
     }
   }
   if (!folder.empty()) {
     if (folder.back() != L'\\') folder += L'\\';
-    folder += L"velora\\";
+    folder += kSettingsSubfolder;
     if (::PathIsRelativeW(folder.c_str())) folder = ky::ThisModuleFolder() + folder;
   } else {
-    folder = ky::ModuleFolder(nullptr) + L"settings\\velora\\";
+    folder = ky::ModuleFolder(nullptr);
+    if (!folder.empty() && folder.back() != L'\\' && folder.back() != L'/') folder += L'\\';
+    folder += kFallbackSubfolder;
   }
   ::CreateDirectoryW(folder.c_str(), nullptr);
   settingsFolder_ = folder;

@@ -1,31 +1,49 @@
 // The "boottime" object: owns the boot-time measurement of the host's current run and
 // answers the IBootTime queries. Queries return 1 until a processing run has finished.
+//
+// Threads: the host's thread calls the lifecycle methods; Start runs one processing thread,
+// which at its end may start one report thread; pipe threads call the queries at any time.
+// Stop (and UnInit) end and join both threads; the monitor event is their one stop signal.
 #pragma once
 
 #include <windows.h>
 
 #include <cstdint>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 
+#include "boottime/analyser_state.h"
+#include "boottime/boot_time_data.h"
+#include "boottime/boot_time_disk_performance.h"
+#include "boottime/boot_time_monitor.h"
+#include "boottime/clock.h"
+#include "boottime/process_counters_source.h"
 #include "common/callback_list.h"
 #include "common/critical_section.h"
 #include "common/unique_handle.h"
 #include "lumera/boottime.h"
 #include "plugin/startup_manager_observer.h"
+#include "users/start_launcher_check.h"
 
 namespace boottime {
 
 class CBootTimePlugin final : public IBootTime, public IStartupManagerObserver {
  public:
-  CBootTimePlugin();
+  explicit CBootTimePlugin(IClock& clock = SystemClock::Instance(),
+                           IProcessCountersSource& counters = SystemCountersSource::Instance());
   ~CBootTimePlugin();
   CBootTimePlugin(const CBootTimePlugin&) = delete;
   CBootTimePlugin& operator=(const CBootTimePlugin&) = delete;
 
   void* GetInterface(const GUID& iid) override;
+  // 0, 0xFFFFFFFF without a host or component manager, or the failing GetPlugin's code.
   std::uint32_t Init(IServMain* host) override;
   std::uint32_t UnInit() override;
+  // Starts one processing run; always 0.
   std::uint32_t Start() override;
+  // Ends the run and the report thread and waits for both; always 0.
   std::uint32_t Stop() override;
 
   std::uint32_t GetBootTime(std::uint32_t* milliseconds) override;
@@ -42,18 +60,42 @@ class CBootTimePlugin final : public IBootTime, public IStartupManagerObserver {
   void OnUpdateRequested(std::uint32_t) override {}
 
   const std::wstring& SettingsFolder() const { return settingsFolder_; }
+  // The stored start of the system (ms since 1601) from the last boot time file, 0 when unknown.
+  std::int64_t GetLastSystemStartTime();
+  // Wall clock minus the 32-bit tick count, in ms since 1601.
+  std::int64_t CurrentSystemStartTime();
 
  private:
+  std::uint32_t InitSteps(IServMain* host);
   void GetSettingsFolderPath();
+  void StartProcessingThread();
+  static DWORD WINAPI ProcessingThreadProc(LPVOID context);
+  void ProcessingThread();
+  void SendReportToCentral();
+  void DumpRun();
+  bool StopRequested() const;
+  void EndProcessingThread();
+  void JoinReportThread();
   std::uint32_t OverallStatus();
 
+  IClock& clock_;
   std::wstring settingsFolder_;
+  ky::unique_handle processingThread_;
   ky::unique_handle monitorEvent_;
+  BootTimeMonitor monitor_;  // owns its logon observer and its processes
+  BootTimeData data_;
+  BootTimeDiskPerformance diskPerformance_;
+  AnalyserState analyser_;
+  CallbackList<IBootTimeEvents*> listeners_;
   IPlgComponentManager* componentManager_ = nullptr;  // the host's; never released
   void* loadUsage_ = nullptr;
   std::uint32_t overallStatus_ = kStatusNotYetKnown;
   ky::CriticalSection statusLock_;
-  CallbackList<IBootTimeEvents*> listeners_;
+  std::unique_ptr<CStartLauncherCheckExec> checker_;
+  std::mutex reportLock_;  // guards reportThread_ between the processing thread and Stop
+  std::thread reportThread_;
+  bool logonInitialised_ = false;
+  bool logonStarted_ = false;
 };
 
 }  // namespace boottime

@@ -1,0 +1,198 @@
+// The processing run and what follows it: the decision to measure or reload, the result
+// files, the listeners and the report to the central component.
+#include <sstream>
+
+#include "boottime/plugin_startup_manager.h"
+#include "boottime/processes.h"
+#include "common/guard.h"
+#include "common/json_file.h"
+#include "common/log.h"
+#include "common/stop_wait.h"
+#include "lumera/interface_ids.h"
+#include "lumera/productinfo.h"
+#include "plugin/boottime_plugin.h"
+#include "users/user_logon.h"
+
+namespace boottime {
+namespace {
+
+constexpr std::int64_t kSameBootMs = 2000;
+constexpr char kSystemStartKey[] = "systemStartTimestamp";
+constexpr wchar_t kProductInfo[] = L"productinfo";
+
+// A whole signed 64-bit decimal number, else nothing.
+bool ParseInt64(const std::string& text, std::int64_t& out) {
+  if (text.empty()) return false;
+  std::size_t i = text[0] == '-' || text[0] == '+' ? 1 : 0;
+  if (i == text.size()) return false;
+  std::uint64_t magnitude = 0;
+  for (; i < text.size(); ++i) {
+    if (text[i] < '0' || text[i] > '9') return false;
+    if (magnitude > (static_cast<std::uint64_t>(INT64_MAX) - (text[i] - '0')) / 10) return false;
+    magnitude = magnitude * 10 + static_cast<std::uint64_t>(text[i] - '0');
+  }
+  out = text[0] == '-' ? -static_cast<std::int64_t>(magnitude) : static_cast<std::int64_t>(magnitude);
+  return true;
+}
+
+}  // namespace
+
+DWORD WINAPI CBootTimePlugin::ProcessingThreadProc(LPVOID context) {
+  KY_TRACE(L"boottime::CBootTimePlugin::ProcessingThreadProc");
+  if (context == nullptr) {
+    KY_LOG(logging::kLevelError, L"null context pointer");
+    return 0;
+  }
+  ky::GuardedVoid(L"boottime::CBootTimePlugin::ProcessingThread",
+                  [context] { static_cast<CBootTimePlugin*>(context)->ProcessingThread(); });
+  return 0;
+}
+
+bool CBootTimePlugin::StopRequested() const {
+  // A missing event counts as set, so a plug-in without one never waits or reports.
+  return ky::WaitForStop(monitorEvent_.get(), 0);
+}
+
+std::int64_t CBootTimePlugin::CurrentSystemStartTime() {
+  return static_cast<std::int64_t>(clock_.WallClock()) - static_cast<std::int64_t>(clock_.TickCount());
+}
+
+std::int64_t CBootTimePlugin::GetLastSystemStartTime() {
+  KY_TRACE(L"boottime::CBootTimePlugin::GetLastSystemStartTime");
+  picojson::value document;
+  std::string error;
+  if (ky::ReadJsonFile(settingsFolder_ + BootTimeMonitor::kFileName, document, error) != ky::JsonReadResult::kOk) {
+    return 0;
+  }
+  if (!document.is<picojson::object>() || !document.contains(kSystemStartKey)) return 0;
+  const picojson::value& value = document.get(kSystemStartKey);
+  std::int64_t start = 0;
+  if (!value.is<std::string>() || !ParseInt64(value.get<std::string>(), start)) return 0;
+  return start;
+}
+
+void CBootTimePlugin::ProcessingThread() {
+  KY_TRACE(L"boottime::CBootTimePlugin::ProcessingThread");
+  const bool userLogged = CUserLogon::IsUserLogged();
+  std::uint32_t status = kStatusNoResults;
+  bool stopped = false;
+  enum class Next { kMonitor, kReload, kDone } next = Next::kMonitor;
+
+  const std::int64_t lastStart = GetLastSystemStartTime();
+  if (lastStart == 0) {
+    KY_LOG(logging::kLevelInfo, L"last system boot time is 0");
+    if (!userLogged) {
+      KY_LOG(logging::kLevelInfo, L"must start processes monitor (user not logged)");
+    } else {
+      // A boot that is already over cannot be measured, and there is nothing to reload.
+      KY_LOG(logging::kLevelInfo, L"no boot time (user logged)");
+      next = Next::kDone;
+    }
+  } else {
+    const std::int64_t currentStart = CurrentSystemStartTime();
+    KY_LOG(logging::kLevelInfo, L"lastSystemStartTime=%lld ; currentSystemStartTime=%lld", lastStart, currentStart);
+    const std::int64_t diff = lastStart > currentStart ? lastStart - currentStart : currentStart - lastStart;
+    if (diff >= kSameBootMs) {
+      KY_LOG(logging::kLevelInfo, L"must start processes monitor (diff system start time)");
+    } else {
+      KY_LOG(logging::kLevelInfo, L"load data from file");
+      next = Next::kReload;
+    }
+  }
+
+  if (next == Next::kMonitor) {
+    monitor_.Start(monitorEvent_.get());
+    if (StopRequested()) {
+      stopped = true;
+      next = Next::kDone;
+    } else if (monitor_.Result() != kStatusAvailable) {
+      KY_LOG(logging::kLevelInfo, L"Monitor did not detect boot time; Trying to load last boot time data");
+      next = Next::kReload;
+    } else {
+      std::wostringstream dump;
+      data_.Dump(dump);
+      KY_LOG(logging::kLevelInfo, L"BOOT DATA:\n%s", dump.str().c_str());
+      analyser_.Analyse(&data_);
+      diskPerformance_.Start(monitorEvent_.get());
+      stopped = StopRequested();
+      next = Next::kDone;
+    }
+  }
+  if (next == Next::kReload) {
+    monitor_.LoadLastBootTimeFromDisk(settingsFolder_);
+    analyser_.Load(settingsFolder_ + kProcessImpactFileName);
+  }
+  if (!stopped && monitor_.Result() == kStatusAvailable && analyser_.Status() == kStatusAvailable) {
+    status = kStatusAvailable;
+  }
+  {
+    std::lock_guard hold(statusLock_);
+    overallStatus_ = status;
+  }
+  OnDataAnalysed(status);
+}
+
+void CBootTimePlugin::DumpRun() {
+  KY_TRACE(L"boottime::CBootTimePlugin::DumpRun");
+  std::wostringstream out;
+  out << L"Listing processes\n";
+  if (const BootTimeMonitor::Processes* processes = monitor_.ProcessList()) {
+    for (const TrackedProcess& process : processes->List()) {
+      out << process.pid << L',' << process.ppid << L',' << process.name << L'\n';
+    }
+  }
+  out << L"Done\n";
+  data_.Dump(out);
+  analyser_.WriteListing(out);
+  KY_LOG(logging::kLevelDebug, L"%s", out.str().c_str());
+}
+
+void CBootTimePlugin::OnDataAnalysed(std::uint32_t status) {
+  KY_TRACE(L"boottime::CBootTimePlugin::OnDataAnalysed");
+  ky::GuardedVoid(L"boottime::CBootTimePlugin::OnDataAnalysed", [&] {
+    KY_LOG(logging::kLevelInfo, L"OnDataAnalysed error code %d", status);
+    DumpRun();
+    if (monitor_.Result() == kStatusAvailable && analyser_.Status() == kStatusAvailable) {
+      monitor_.StoreBootTimeOnDisk(settingsFolder_);
+      (void)analyser_.Store(settingsFolder_ + kProcessImpactFileName);
+    }
+    JoinReportThread();
+    {
+      // Checked under the lock Stop joins under, so a report started here is always joined.
+      std::lock_guard hold(reportLock_);
+      if (!StopRequested()) reportThread_ = std::thread([this] { SendReportToCentral(); });
+    }
+    listeners_.ForEach([status](IBootTimeEvents* listener) { listener->OnDataAnalysed(status); });
+  });
+}
+
+void CBootTimePlugin::SendReportToCentral() {
+  KY_TRACE(L"boottime::CBootTimePlugin::SendReportToCentral");
+  ky::GuardedVoid(L"boottime::CBootTimePlugin::SendReportToCentral", [&] {
+    void* object = nullptr;
+    IProductInfo* info = nullptr;
+    if (componentManager_ != nullptr &&
+        componentManager_->GetPlugin(kProductInfo, lumera::ids::ProductInfoPlugin, &object) == 0) {
+      info = static_cast<IProductInfo*>(object);
+    }
+    {
+      CPluginStartupManager manager([info] { return info; });
+      (void)manager.Init();
+      ky::List<ProcessImpact> impacts;
+      if (!StopRequested() && GetBootImpact(&impacts, nullptr) == kStatusAvailable) {
+        const std::uint32_t sent = manager.SendImpactReportToCentral(impacts.Items());
+        if (sent != 0) KY_LOG(logging::kLevelWarning, L"process impact report not sent 0x%x", sent);
+      }
+      std::uint32_t bootTime = 0;
+      if (GetBootTime(&bootTime) == kStatusAvailable) manager.SetBootTime(bootTime);
+      if (!StopRequested()) {
+        const std::uint32_t sent = manager.BuildAndReport();
+        if (sent != 0) KY_LOG(logging::kLevelWarning, L"startup apps report not sent 0x%x", sent);
+      }
+      manager.Uninit();
+    }
+    if (info != nullptr) (void)componentManager_->ReleasePlugin(kProductInfo);
+  });
+}
+
+}  // namespace boottime

@@ -94,7 +94,7 @@ staged_note() { printf '%s %s\n' "$1" "$(staged_uptime)" >> "$STAGED_TIMES"; }
 staged_linux_pid() {
   local p first
   for p in /proc/[0-9]*; do
-    first=$(tr '\0' '\n' < "$p/cmdline" 2>/dev/null | head -n1) || continue
+    first=$( { tr '\0' '\n' < "$p/cmdline" | head -n1; } 2>/dev/null) || continue
     case "$first" in *"\\$1"|*"/$1") echo "${p#/proc/}"; return 0 ;; esac
   done
   return 1

@@ -59,13 +59,13 @@ summary_disk() {
 summary_startup_apps() {
   local impacts
   impacts=$(summary_impacts)
-  summary_tool startupctl list | awk -F'\t' -v impacts="$impacts" "$summary_rating_awk"'
+  summary_tool startupctl list | IMPACTS="$impacts" awk -F'\t' "$summary_rating_awk"'
     function target(command,   t) {
       if (substr(command, 1, 1) == "\"") { t = substr(command, 2); sub(/".*/, "", t); return t }
       t = command; sub(/\.[Ee][Xx][Ee]( .*)?$/, ".exe", t); return t
     }
     BEGIN {
-      n = split(impacts, rows, "\n")
+      n = split(ENVIRON["IMPACTS"], rows, "\n")
       for (i = 1; i <= n; ++i) {
         split(rows[i], f, "\t"); key = tolower(f[4])
         cpu[key] += f[1]; io[key] += f[2] + f[3]; seen[key] = 1
@@ -81,7 +81,7 @@ summary_startup_apps() {
 
 summary_central() {
   if [ -s "$STAGED_CENTRAL_JSON" ]; then
-    sed -n '2,$p' "$STAGED_CENTRAL" | head -n 30 | sed 's/^/  /'
+    tr -d '\r' < "$STAGED_CENTRAL" | sed -n '2,$p' | grep -v '^$' | head -n 30 | sed 's/^/  /'
   else
     echo "  no report reached lumeracentral.exe"
   fi

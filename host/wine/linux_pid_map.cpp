@@ -22,18 +22,23 @@ std::string Utf8(const std::wstring& text) {
   return out;
 }
 
-// Milliseconds since the machine started at which a process created at `created` started.
-std::int64_t SinceBootMs(std::uint64_t created) {
+// Milliseconds since the Linux machine started at which a process created at `created`
+// started, on the clock of /proc/<pid>/stat; Wine's tick count runs a few hundred ms apart
+// from it (measured: 242-252 ms), enough to swap two instances started in quick succession.
+std::int64_t SinceLinuxBootMs(std::uint64_t created) {
+  std::string text;
+  std::uint64_t uptimeMs = 0;
+  if (ReadLinuxFile(L"Z:\\proc\\uptime", text, 256)) uptimeMs = ParseUptimeMs(text);
+  if (uptimeMs == 0) uptimeMs = ::GetTickCount64();
   FILETIME now{};
   ::GetSystemTimeAsFileTime(&now);
   const std::uint64_t nowMs = ((static_cast<std::uint64_t>(now.dwHighDateTime) << 32) | now.dwLowDateTime) / 10000;
-  const std::uint64_t bootMs = nowMs - ::GetTickCount64();
-  return static_cast<std::int64_t>(created / 10000) - static_cast<std::int64_t>(bootMs);
+  return static_cast<std::int64_t>(created / 10000) - static_cast<std::int64_t>(nowMs - uptimeMs);
 }
 
 }  // namespace
 
-std::uint32_t LinuxPidMap::Find(DWORD windowsPid, std::uint64_t created, const std::wstring& image) {
+std::uint32_t LinuxPidMap::Find(DWORD windowsPid, std::uint64_t created, const std::function<std::wstring()>& image) {
   std::lock_guard hold(lock_);
   const DWORD now = ::GetTickCount();
   auto it = cache_.find(windowsPid);
@@ -41,7 +46,7 @@ std::uint32_t LinuxPidMap::Find(DWORD windowsPid, std::uint64_t created, const s
     if (it->second.linuxPid != 0 || now - it->second.triedTick < kRetryMs) return it->second.linuxPid;
   }
   if (cache_.size() >= kMaxCached) cache_.clear();
-  Entry entry{created, Search(created, image), now};
+  Entry entry{created, Search(created, image ? image() : std::wstring()), now};
   cache_[windowsPid] = entry;
   return entry.linuxPid;
 }
@@ -54,7 +59,7 @@ void LinuxPidMap::Forget(DWORD windowsPid) {
 std::uint32_t LinuxPidMap::Search(std::uint64_t created, const std::wstring& image) const {
   const std::string wanted = Utf8(image);
   if (wanted.empty()) return 0;
-  const std::int64_t startMs = created != 0 ? SinceBootMs(created) : 0;
+  const std::int64_t startMs = created != 0 ? SinceLinuxBootMs(created) : 0;
   std::uint32_t best = 0;
   std::int64_t bestDistance = std::numeric_limits<std::int64_t>::max();
   std::string text;

@@ -7,6 +7,7 @@
 #include <windows.h>
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -15,10 +16,11 @@ namespace host::wine {
 
 class LinuxPidMap {
  public:
-  // The Linux pid for the Windows process `windowsPid`, created at `created` (file time) from
-  // the image `image` (a Windows path); 0 when none matches. Results are cached per Windows
-  // pid and creation time; a miss is retried after kRetryMs. Thread-safe.
-  [[nodiscard]] std::uint32_t Find(DWORD windowsPid, std::uint64_t created, const std::wstring& image);
+  // The Linux pid for the Windows process `windowsPid`, created at `created` (file time);
+  // `image` gives its image path (a Windows path) and is called only when the cache has no
+  // answer. 0 when none matches. Results are cached per Windows pid and creation time; a
+  // miss is retried after kRetryMs. Thread-safe.
+  [[nodiscard]] std::uint32_t Find(DWORD windowsPid, std::uint64_t created, const std::function<std::wstring()>& image);
   // Forgets a mapping whose Linux process can no longer be read.
   void Forget(DWORD windowsPid);
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdint>
 
 #include "common/unique_handle.h"
 
@@ -104,6 +105,24 @@ bool ParseIo(std::string_view text, LinuxIo& out) {
   io.hasStorage = haveReadBytes && haveWriteBytes;
   out = io;
   return true;
+}
+
+std::uint64_t ParseUptimeMs(std::string_view text) {
+  const std::vector<std::string_view> fields = Fields(text.substr(0, text.find('\n')), 1);
+  if (fields.empty()) return 0;
+  const std::string_view figure = fields[0];
+  const std::size_t dot = figure.find('.');
+  std::uint64_t seconds = 0;
+  if (!ParseNumber(figure.substr(0, dot), seconds) || seconds > UINT64_MAX / 1000) return 0;
+  std::uint64_t ms = seconds * 1000;
+  if (dot != std::string_view::npos) {
+    const std::string_view fraction = figure.substr(dot + 1, 3);
+    std::uint64_t digits = 0;
+    if (!ParseNumber(fraction, digits)) return 0;
+    for (std::size_t i = fraction.size(); i < 3; ++i) digits *= 10;
+    ms += digits;
+  }
+  return ms;
 }
 
 std::vector<LinuxDisk> ParseDiskStats(std::string_view text) {

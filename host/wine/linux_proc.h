@@ -41,6 +41,9 @@ struct LinuxDisk {
 [[nodiscard]] bool ParseStat(std::string_view text, LinuxStat& out);
 // Needs rchar and wchar; the other fields stay 0 when absent.
 [[nodiscard]] bool ParseIo(std::string_view text, LinuxIo& out);
+// The first figure of /proc/uptime (seconds since the machine started, on the clock of
+// /proc/<pid>/stat's start times) in milliseconds; 0 when malformed.
+[[nodiscard]] std::uint64_t ParseUptimeMs(std::string_view text);
 // Every line of /proc/diskstats with its device name and io_ticks; malformed lines skipped.
 [[nodiscard]] std::vector<LinuxDisk> ParseDiskStats(std::string_view text);
 // True when the NUL-separated command line starts with the UTF-8 image path (ASCII letters

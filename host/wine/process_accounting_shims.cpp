@@ -1,5 +1,6 @@
 #include "wine/process_accounting_shims.h"
 
+#include <iterator>
 #include <map>
 #include <mutex>
 #include <string>
@@ -126,7 +127,7 @@ BOOL WINAPI AccountedGetProcessIoCounters(HANDLE process, PIO_COUNTERS counters)
   const std::uint64_t started = state.snapshot.Get(pid, times) && times.created != 0 ? times.created : created;
   IO_COUNTERS io{};
   bool read = false;
-  const std::uint32_t linuxPid = state.pids.Find(pid, started, ImagePath(process));
+  const std::uint32_t linuxPid = state.pids.Find(pid, started, [process] { return ImagePath(process); });
   if (linuxPid != 0) {
     std::string text;
     LinuxIo linuxIo;

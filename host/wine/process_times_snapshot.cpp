@@ -13,6 +13,20 @@ constexpr NTSTATUS kInfoLengthMismatch = static_cast<NTSTATUS>(0xC0000004L);
 
 using QueryFn = NTSTATUS(NTAPI*)(SYSTEM_INFORMATION_CLASS, PVOID, ULONG, PULONG);
 
+// The leading fields of a SystemProcessInformation entry; the SDK's own declaration hides
+// the times among reserved bytes.
+struct ProcessEntry {
+  ULONG NextEntryOffset;
+  ULONG NumberOfThreads;
+  LARGE_INTEGER Reserved[3];
+  LARGE_INTEGER CreateTime;
+  LARGE_INTEGER UserTime;
+  LARGE_INTEGER KernelTime;
+  UNICODE_STRING ImageName;
+  LONG BasePriority;
+  HANDLE UniqueProcessId;
+};
+
 QueryFn Query() {
   static const QueryFn query = reinterpret_cast<QueryFn>(
       reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation")));
@@ -52,8 +66,8 @@ bool ProcessTimesSnapshot::Refresh() {
   times_.clear();
   std::size_t offset = 0;
   for (;;) {
-    if (offset + sizeof(SYSTEM_PROCESS_INFORMATION) > buffer_.size()) break;
-    const auto* entry = reinterpret_cast<const SYSTEM_PROCESS_INFORMATION*>(buffer_.data() + offset);
+    if (offset + sizeof(ProcessEntry) > buffer_.size()) break;
+    const auto* entry = reinterpret_cast<const ProcessEntry*>(buffer_.data() + offset);
     const auto pid = static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(entry->UniqueProcessId));
     times_[pid] = Times{U64(entry->CreateTime), U64(entry->KernelTime), U64(entry->UserTime)};
     if (entry->NextEntryOffset == 0) break;

@@ -36,6 +36,14 @@ TEST(LinuxProc, IoNeedsBothCharacterCounts) {
   EXPECT_FALSE(ParseIo(std::string(100000, ':'), io));
 }
 
+TEST(LinuxProc, UptimeInMilliseconds) {
+  EXPECT_EQ(ParseUptimeMs("4737.11 1229.82\n"), 4737110u);
+  EXPECT_EQ(ParseUptimeMs("12.5 1.0"), 12500u);
+  EXPECT_EQ(ParseUptimeMs("7"), 7000u);
+  EXPECT_EQ(ParseUptimeMs("x.1 2"), 0u);
+  EXPECT_EQ(ParseUptimeMs(""), 0u);
+}
+
 TEST(LinuxProc, DiskStatsSkipsMalformedLines) {
   const auto disks = ParseDiskStats(
       " 253 0 vda 1 2 3 4 5 6 7 8 9 223480 11\n"

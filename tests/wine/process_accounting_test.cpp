@@ -26,15 +26,16 @@ struct Child {
   ky::unique_handle quit;
 };
 
-Child StartChild(const std::wstring& file) {
+Child StartChild(const std::wstring& file, DWORD burnMs = kBurnMs, DWORD writeKb = kWriteKb) {
   Child child;
-  const std::wstring suffix = std::to_wstring(::GetCurrentProcessId());
+  static int started = 0;
+  const std::wstring suffix = std::to_wstring(::GetCurrentProcessId()) + L"_" + std::to_wstring(++started);
   const std::wstring readyName = L"wine_accounting_ready_" + suffix;
   const std::wstring quitName = L"wine_accounting_quit_" + suffix;
   child.ready.reset(::CreateEventW(nullptr, TRUE, FALSE, readyName.c_str()));
   child.quit.reset(::CreateEventW(nullptr, TRUE, FALSE, quitName.c_str()));
-  std::wstring command = L"\"" + testsupport::ExeFolder() + L"wine_workload_child.exe\" " + std::to_wstring(kBurnMs) +
-                         L" " + std::to_wstring(kWriteKb) + L" \"" + file + L"\" " + readyName + L" " + quitName;
+  std::wstring command = L"\"" + testsupport::ExeFolder() + L"wine_workload_child.exe\" " + std::to_wstring(burnMs) +
+                         L" " + std::to_wstring(writeKb) + L" \"" + file + L"\" " + readyName + L" " + quitName;
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
   PROCESS_INFORMATION info{};
@@ -79,6 +80,32 @@ TEST(ProcessAccounting, TheModulesCountersFollowAChildThatBurnsAndWrites) {
   ASSERT_TRUE(processes.GetProcessCounters(opened.get(), ended));
   EXPECT_GE(ended.kernel + ended.user, running.kernel + running.user);
   EXPECT_GE(ended.write, running.write);
+}
+
+bool WaitReady(const Child& child) {
+  const HANDLE waits[] = {child.ready.get(), child.process.get()};
+  return ::WaitForMultipleObjects(2, waits, FALSE, kDeadlineMs) == WAIT_OBJECT_0;
+}
+
+TEST(ProcessAccounting, TwoInstancesOfOneProgramEachGetTheirOwnFigures) {
+  if (!lumera::dev::RunningUnderWine()) GTEST_SKIP() << "Windows keeps these figures itself";
+  testsupport::ScratchFolder scratch;
+  Child writer = StartChild(scratch.file(L"a.bin"), 100, kWriteKb);
+  ASSERT_TRUE(writer.process);
+  ASSERT_TRUE(WaitReady(writer));
+  Child idle = StartChild(scratch.file(L"b.bin"), 0, 0);
+  ASSERT_TRUE(idle.process);
+  ASSERT_TRUE(WaitReady(idle));
+
+  IO_COUNTERS written{}, quiet{};
+  EXPECT_TRUE(host::wine::AccountedGetProcessIoCounters(writer.process.get(), &written));
+  EXPECT_TRUE(host::wine::AccountedGetProcessIoCounters(idle.process.get(), &quiet));
+  ::SetEvent(writer.quit.get());
+  ::SetEvent(idle.quit.get());
+  ::WaitForSingleObject(writer.process.get(), kDeadlineMs);
+  ::WaitForSingleObject(idle.process.get(), kDeadlineMs);
+  EXPECT_GE(written.WriteTransferCount, kWriteKb * 1024ull);
+  EXPECT_LT(quiet.WriteTransferCount, kWriteKb * 1024ull / 4) << "the later instance was given the earlier's figures";
 }
 
 TEST(ProcessAccounting, ABadHandleStillFailsAsTheSystemDoes) {

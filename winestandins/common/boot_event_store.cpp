@@ -2,7 +2,9 @@
 
 #include <picojson.h>
 
+#include <algorithm>
 #include <charconv>
+#include <cstdint>
 #include <filesystem>
 
 #include "common/unique_handle.h"

@@ -52,7 +52,7 @@ bool Parse(Options& options) {
   wchar_t** argv = ::CommandLineToArgvW(::GetCommandLineW(), &argc);
   memory.reset(argv);
   if (argv == nullptr) return false;
-  for (int i = 1; i < argc; ++i) {
+  for (int i = 1; i < argc; i += 2) {
     const std::wstring arg = argv[i];
     const wchar_t* value = i + 1 < argc ? argv[i + 1] : nullptr;
     bool ok = false;
@@ -61,7 +61,6 @@ bool Parse(Options& options) {
     else if (arg == L"--poll-ms") ok = Number(value, 60000, options.pollMs) && options.pollMs > 0;
     else if (arg == L"--max-seconds") ok = Number(value, kMaxSecondsLimit, options.maxSeconds);
     if (!ok) return false;
-    ++i;
   }
   return true;
 }

@@ -22,6 +22,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <cwchar>
 #include <memory>
 #include <mutex>
 #include <set>

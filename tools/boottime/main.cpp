@@ -1,7 +1,7 @@
 // boottime.exe: asks the boot-time plug-in's pipe for its results.
 //
-//   boottime.exe time | total | impact [--pid N] [--name TEXT] | disk | watch [--count N]
-//                [--async] [--json]
+//   boottime.exe time | total | impact [--pid N] [--name TEXT] | disk | blame | summary
+//                | watch [--count N] [--async] [--json] | --help
 //
 // Exit codes: 0 answered, 1 the query failed (code and meaning printed), 2 bad command line,
 // 3 the module or the pipe could not be reached.
@@ -26,6 +26,27 @@ namespace {
 
 constexpr DWORD kAnswerWaitMs = 6000;  // the client's own 5000 ms plus the trip back
 constexpr wchar_t kObjectName[] = L"boottimecommclient";
+constexpr char kUsage[] =
+    "usage: boottime.exe time | total | impact [--pid N] [--name TEXT] | disk | blame | summary\n"
+    "                    | watch [--count N]  [--async] [--json]   (boottime.exe --help)\n";
+constexpr char kHelp[] =
+    "boottime.exe: the boot-time results of LumeraPlg.dll, asked over \"boottimepipe\".\n"
+    "\n"
+    "commands:\n"
+    "  time                 the last boot's time in ms\n"
+    "  total                the boot's CPU time and I/O summed over every process\n"
+    "  impact [--pid N] [--name TEXT]   each process's boot impact, by pid\n"
+    "  disk                 the disk usage measured after boot\n"
+    "  blame [--pid N] [--name TEXT]    processes by impact, most first, rated High / Medium / Low\n"
+    "                       (High: CPU > 1 s or I/O > 3 MB; Medium: from 300 ms or 300 KB; Low: below)\n"
+    "  summary              boot time, totals, disk usage and the top five processes\n"
+    "  watch [--count N]    print each new-results broadcast (until Ctrl+C or N of them)\n"
+    "\n"
+    "options:\n"
+    "  --json               one JSON object per answer\n"
+    "  --async              time, total, impact and disk through the asynchronous client\n"
+    "\n"
+    "exit codes: 0 answered, 1 the query failed, 2 bad command line, 3 module or pipe unreachable\n";
 
 struct Options {
   std::wstring command;
@@ -66,7 +87,7 @@ bool Parse(int argc, wchar_t** argv, Options& options) {
       options.count = static_cast<unsigned long>(number);
       ++i;
     } else if (options.command.empty() && (arg == L"time" || arg == L"total" || arg == L"impact" || arg == L"disk" ||
-                                           arg == L"watch")) {
+                                           arg == L"blame" || arg == L"summary" || arg == L"watch")) {
       options.command = arg;
     } else {
       return false;
@@ -134,6 +155,20 @@ int RunSync(const Options& o, boottime::IBootTimeCommClient* client, const tool:
   } else if (o.command == L"impact") {
     ky::List<boottime::ProcessImpact> impacts;
     if ((code = client->GetBootImpact(&impacts, &o.key)) == 0) printer.Impacts(impacts.Items());
+  } else if (o.command == L"blame") {
+    ky::List<boottime::ProcessImpact> impacts;
+    if ((code = client->GetBootImpact(&impacts, &o.key)) == 0) printer.Blame(impacts.Items());
+  } else if (o.command == L"summary") {
+    std::uint32_t ms = 0;
+    boottime::BootCounters total;
+    ky::List<boottime::ProcessImpact> impacts;
+    boottime::DiskSpeed speed;
+    const boottime::ProcessKey every;
+    if ((code = client->GetBootTime(&ms)) == 0 && (code = client->GetTotalBootImpact(&total)) == 0 &&
+        (code = client->GetBootImpact(&impacts, &every)) == 0) {
+      const bool measured = client->GetDiskSpeed(&speed) == 0;
+      printer.Summary(ms, total, measured ? &speed : nullptr, impacts.Items(), impacts.Count());
+    }
   } else {
     boottime::DiskSpeed speed;
     if ((code = client->GetDiskSpeed(&speed)) == 0) printer.Disk(speed);
@@ -150,6 +185,10 @@ int RunAsync(const Options& o, boottime::IBootTimeCommClientAsync* client, Liste
   if (o.command == L"total") posted = client->GetTotalBootImpactAsync();
   if (o.command == L"impact") posted = client->GetBootImpactAsync(&o.key);
   if (o.command == L"disk") posted = client->GetDiskSpeedAsync();
+  if (o.command == L"blame" || o.command == L"summary") {
+    std::fprintf(stderr, "boottime: %ls has no --async form\n", o.command.c_str());
+    return 2;
+  }
   if (posted != 0) {
     printer.Failure("posting the query", posted);
     return 1;
@@ -221,10 +260,12 @@ int main() {
   wchar_t** argv = ::CommandLineToArgvW(::GetCommandLineW(), &argc);
   argvMemory.reset(argv);
   Options options;
+  if (argv != nullptr && argc >= 2 && (std::wcscmp(argv[1], L"--help") == 0 || std::wcscmp(argv[1], L"help") == 0)) {
+    std::fputs(kHelp, stdout);
+    return 0;
+  }
   if (argv == nullptr || !Parse(argc, argv, options)) {
-    std::fprintf(stderr,
-                 "usage: boottime.exe time | total | impact [--pid N] [--name TEXT] | disk | watch [--count N]\n"
-                 "                    [--async] [--json]\n");
+    std::fputs(kUsage, stderr);
     return 2;
   }
   g_stop.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));

@@ -4,9 +4,38 @@
 
 #include <cstdio>
 
+#include "boottime/impact_rating.h"
 #include "common/text_convert.h"
 
 namespace tool {
+namespace {
+
+constexpr std::size_t kSummaryTop = 5;
+constexpr double kBytesPerMb = 1024.0 * 1024.0;
+
+double Mb(std::uint64_t bytes) { return static_cast<double>(bytes) / kBytesPerMb; }
+
+std::string JsonImpact(const boottime::ProcessImpact& p) {
+  char numbers[256];
+  std::snprintf(numbers, sizeof numbers,
+                "{\"pid\":%llu,\"ppid\":%llu,\"cpu_ms\":%llu,\"kernel_ms\":%u,\"user_ms\":%u,\"read_bytes\":%u,"
+                "\"write_bytes\":%u,\"other_bytes\":%u,\"rating\":\"%s\",\"name\":",
+                static_cast<unsigned long long>(p.pid), static_cast<unsigned long long>(p.ppid),
+                static_cast<unsigned long long>(boottime::CpuMs(p)), p.kernel, p.user, p.read, p.write, p.other,
+                boottime::RatingName(boottime::RateImpact(p)));
+  return numbers + JsonString(p.name) + "}";
+}
+
+void ImpactRows(const std::vector<boottime::ProcessImpact>& impacts, std::size_t limit) {
+  std::printf("%9s %9s %9s  %-6s  %s\n", "CPU ms", "read MB", "write MB", "impact", "image");
+  for (std::size_t i = 0; i < impacts.size() && i < limit; ++i) {
+    const auto& p = impacts[i];
+    std::printf("%9llu %9.1f %9.1f  %-6s  %s\n", static_cast<unsigned long long>(boottime::CpuMs(p)), Mb(p.read),
+                Mb(p.write), boottime::RatingName(boottime::RateImpact(p)), ky::WideToUtf8(p.name).c_str());
+  }
+}
+
+}  // namespace
 
 const char* Meaning(std::uint32_t code) {
   switch (code) {
@@ -92,6 +121,50 @@ void Printer::DataAnalysed(std::uint32_t status) const {
     std::printf("data analysed: status %u (%s)\n", status, status == 0 ? "results available" : Meaning(status));
   }
   std::fflush(stdout);
+}
+
+void Printer::Blame(std::vector<boottime::ProcessImpact> impacts) const {
+  boottime::SortByImpact(impacts);
+  if (json_) {
+    std::printf("{\"processes\":[");
+    for (std::size_t i = 0; i < impacts.size(); ++i) std::printf("%s%s", i ? "," : "", JsonImpact(impacts[i]).c_str());
+    std::printf("]}\n");
+    return;
+  }
+  ImpactRows(impacts, impacts.size());
+  std::printf("%zu process(es)\n", impacts.size());
+}
+
+void Printer::Summary(std::uint32_t bootTimeMs, const boottime::BootCounters& t, const boottime::DiskSpeed* disk,
+                      std::vector<boottime::ProcessImpact> impacts, std::size_t processCount) const {
+  boottime::SortByImpact(impacts);
+  if (impacts.size() > kSummaryTop) impacts.resize(kSummaryTop);
+  if (json_) {
+    std::printf("{\"boot_time_ms\":%u,\"processes\":%zu,\"total\":{\"kernel_ms\":%u,\"user_ms\":%u,"
+                "\"read_bytes\":%u,\"write_bytes\":%u,\"other_bytes\":%u},\"disk\":",
+                bootTimeMs, processCount, t.kernel, t.user, t.read, t.write, t.other);
+    if (disk != nullptr) {
+      std::printf("{\"min_hddUsage\":%.6g,\"max_hddUsage\":%.6g,\"average_hddUsage\":%.6g}", disk->minimum,
+                  disk->maximum, disk->average);
+    } else {
+      std::printf("null");
+    }
+    std::printf(",\"top\":[");
+    for (std::size_t i = 0; i < impacts.size(); ++i) std::printf("%s%s", i ? "," : "", JsonImpact(impacts[i]).c_str());
+    std::printf("]}\n");
+    return;
+  }
+  std::printf("boot time:   %.1f s (%u ms)\n", bootTimeMs / 1000.0, bootTimeMs);
+  std::printf("processes:   %zu followed, CPU %llu ms (kernel %u, user %u), read %.1f MB, written %.1f MB, other %.1f MB\n",
+              processCount, static_cast<unsigned long long>(std::uint64_t{t.kernel} + t.user), t.kernel, t.user,
+              Mb(t.read), Mb(t.write), Mb(t.other));
+  if (disk != nullptr) {
+    std::printf("disk usage:  min %.6g, max %.6g, average %.6g\n", disk->minimum, disk->maximum, disk->average);
+  } else {
+    std::printf("disk usage:  not measured\n");
+  }
+  std::printf("top %zu by impact:\n", impacts.size());
+  ImpactRows(impacts, impacts.size());
 }
 
 void Printer::Failure(const char* what, std::uint32_t code) const {

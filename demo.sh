@@ -42,7 +42,11 @@ for _ in $(seq 40); do [ -s "$STAGED_CENTRAL_JSON" ] && break; sleep 0.25; done
 step "boot time"
 summary_boot_time
 if [ -s "$STAGED_WORKLOAD_REPORT" ]; then
-  echo "  (workload.exe: $(sed 's/[{}"]//g' "$STAGED_WORKLOAD_REPORT"))"
+  echo "  workload.exe     $(sed 's/[{}"]//g' "$STAGED_WORKLOAD_REPORT")"
+fi
+if [ -s "$STAGED_OUT/monitor-cost.txt" ]; then
+  awk '{ printf "  monitor cost     %d ms of host CPU in %.1f s of monitoring (%.2f %% of one core)\n", $1, $2 / 1000, $2 ? 100 * $1 / $2 : 0 }' \
+    "$STAGED_OUT/monitor-cost.txt"
 fi
 step "boot impact, heaviest first"
 summary_blame
@@ -62,7 +66,7 @@ before=$(staged_count 'OnDataAnalysed error code')
 staged_restart_service
 for _ in $(seq 80); do [ "$(staged_count 'OnDataAnalysed error code')" -gt "$before" ] && break; sleep 0.25; done
 if grep -q 'load data from file' "$STAGED_LOG"; then
-  grep 'lastSystemStartTime=\|load data from file\|Loaded boot time' "$STAGED_LOG" | tail -n 3 | sed 's/^/  /'
+  grep 'lastSystemStartTime=\|load data from file\|Loaded boot time' "$STAGED_LOG" | tail -n 3 | tr -d '\r' | sed 's/^/  /'
 else
   echo "  the restarted module did not reload its files" >&2
   exit 1

@@ -5,8 +5,8 @@ SUMMARY_TOP=${SUMMARY_TOP:-8}
 
 summary_tool() { wine "$STAGED_BIN/$1.exe" "${@:2}" </dev/null 2>/dev/null | tr -d '\r'; }
 
-# Whether boottime.exe knows a command (it exits 2 for an unknown one).
-summary_has_command() { wine "$STAGED_BIN/boottime.exe" help "$1" </dev/null >/dev/null 2>&1; }
+# Whether boottime.exe knows a command.
+summary_has_command() { summary_tool boottime --help | grep -q "^ *$1 "; }
 
 # The Task Manager's startup impact: High above 1 s of CPU or 3 MB of disk, Medium from 300 ms
 # or 300 KB, Low below both.
@@ -35,8 +35,7 @@ summary_boot_time() {
   printf '  boot time        %d.%03d s\n' $((boot / 1000)) $((boot % 1000))
   printf '  machine started  %s (%s ms since 1601)\n' "$(date -d "@$((start / 1000 - 11644473600))" '+%F %T %Z')" "$start"
   if summary_has_command summary; then
-    echo
-    summary_tool boottime summary | sed 's/^/  /'
+    summary_tool boottime summary | grep '^processes:' | sed 's/^processes: */  processes        /'
   fi
 }
 
@@ -70,12 +69,12 @@ summary_startup_apps() {
         split(rows[i], f, "\t"); key = tolower(f[4])
         cpu[key] += f[1]; io[key] += f[2] + f[3]; seen[key] = 1
       }
-      printf "  %-20s %-10s %-9s %-14s  %s\n", "app", "publisher", "state", "impact", "program"
+      printf "  %-20s %-10s %-9s %-24s  %s\n", "app", "publisher", "state", "impact", "program"
     }
     NF >= 8 {
       t = tolower(target($6))
       impact = (t in seen) ? sprintf("%s (%d ms, %.1f MB)", rating(cpu[t], io[t]), cpu[t], io[t] / 1048576) : "not measured"
-      printf "  %-20s %-10s %-9s %-14s  %s\n", $1, $8, $4, impact, target($6)
+      printf "  %-20s %-10s %-9s %-24s  %s\n", $1, $8, $4, impact, target($6)
     }'
 }
 

@@ -12,9 +12,12 @@
 #   staged_enter CMD [ARG...]      runs CMD in the time namespace (the rest of the session)
 #   staged_start                   inside: wineserver, central stand-in, waits for the host
 #   staged_logon_at SECONDS        inside: the staged logon once the machine is that old
-#   staged_wait PATTERN SECONDS    inside: progress line until the log holds PATTERN
+#   staged_wait PATTERN SECONDS    inside: progress line until the log holds PATTERN (processes
+#                                  followed so far, from the module's log)
 #   staged_restart_service         inside: stops and starts the host service in the same boot
 #   staged_cleanup                 inside: ends every process of the session
+#   staged_watch_monitor_cost      inside, started by staged_start: the host's CPU during the
+#                                  monitor's loop, into monitor-cost.txt
 
 STAGED_BOOT_AGE=${STAGED_BOOT_AGE:-3}
 STAGED_PROGRESS=${STAGED_PROGRESS:-1}
@@ -152,8 +155,7 @@ staged_wait() {
       return 1
     fi
     if [ "$STAGED_PROGRESS" = 1 ]; then
-      followed=$(($(staged_count ": ADD \|: Add ") - $(staged_count ": REM \|: remove ")))
-      [ "$followed" -lt 0 ] && followed=0
+      followed=$(staged_count ": ADD \|: Add ")
       printf '\r  %5.1f s since boot | %3d processes followed | %-34s' "$(staged_uptime)" "$followed" "$(staged_phase)"
     fi
     sleep 0.5

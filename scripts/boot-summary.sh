@@ -34,10 +34,8 @@ summary_boot_time() {
   # Milliseconds since 1601-01-01 to a Unix date.
   printf '  boot time        %d.%03d s\n' $((boot / 1000)) $((boot % 1000))
   printf '  machine started  %s (%s ms since 1601)\n' "$(date -d "@$((start / 1000 - 11644473600))" '+%F %T %Z')" "$start"
-  summary_tool boottime total | awk -F': *' '{ v[$1] = $2 + 0 } END {
-    if (length(v) == 0) exit
-    printf "  all processes    CPU %d ms (kernel %d, user %d), read %.1f MB, written %.1f MB\n",
-      v["kernel"] + v["user"], v["kernel"], v["user"], v["read"] / 1048576, v["written"] / 1048576 }'
+  summary_impacts | awk -F'\t' '{ cpu += $1; read += $2; written += $3 } END {
+    printf "  all processes    %d, CPU %d ms, read %.1f MB, written %.1f MB\n", NR, cpu, read / 1048576, written / 1048576 }'
 }
 
 summary_blame() {

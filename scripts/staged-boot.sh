@@ -125,7 +125,11 @@ staged_start() {
 }
 
 staged_logon_at() {
-  while [ "$(staged_uptime | cut -d. -f1)" -lt "$1" ]; do sleep 0.2; done
+  while [ "$(staged_uptime | cut -d. -f1)" -lt "$1" ]; do
+    staged_progress
+    sleep 0.2
+  done
+  [ "$STAGED_PROGRESS" = 1 ] && printf '\r%-80s\r' ''
   staged_note logon
   wine reg add "$STAGED_DEV_KEY" /v ConsoleSession /t REG_DWORD /d 1 /f >/dev/null 2>&1
   # Without arguments wineboot does what a logon does: it starts the Run-key and Startup-folder programs.
@@ -145,19 +149,23 @@ staged_phase() {
   fi
 }
 
+# The progress line, rewritten in place: seconds since boot, processes followed so far, phase.
+staged_progress() {
+  [ "$STAGED_PROGRESS" = 1 ] || return 0
+  printf '\r  %5.1f s since boot | %3d processes followed | %-34s' "$(staged_uptime)" \
+    "$(staged_count ": ADD \\|: Add ")" "$(staged_phase)"
+}
+
 # One progress line, rewritten in place, until the log holds PATTERN (1 when SECONDS pass first).
 staged_wait() {
-  local pattern=$1 limit=$2 start followed
+  local pattern=$1 limit=$2 start
   start=$(date +%s)
   while ! grep -q "$pattern" "$STAGED_LOG" 2>/dev/null; do
     if [ $(($(date +%s) - start)) -ge "$limit" ]; then
       [ "$STAGED_PROGRESS" = 1 ] && printf '\n'
       return 1
     fi
-    if [ "$STAGED_PROGRESS" = 1 ]; then
-      followed=$(staged_count ": ADD \|: Add ")
-      printf '\r  %5.1f s since boot | %3d processes followed | %-34s' "$(staged_uptime)" "$followed" "$(staged_phase)"
-    fi
+    staged_progress
     sleep 0.5
   done
   [ "$STAGED_PROGRESS" = 1 ] && printf '\r%-80s\r' ''

@@ -35,4 +35,6 @@ build=$(cd "${1:-$here/../../build}" && pwd)
 STAGED_PROGRESS=0
 staged_init "$build/bench-monitor" "$build/bin"
 staged_prepare --busy-ms 3000 --write-mb 8 --quiet-ms 3000
+# The prefix is a 700 MB copy; the log and the results stay.
+trap 'rm -rf "$STAGED_PREFIX"' EXIT
 staged_enter "$0" --inside

@@ -44,6 +44,7 @@ summary_boot_time
 if [ -s "$STAGED_WORKLOAD_REPORT" ]; then
   echo "  workload.exe     $(sed 's/[{}"]//g' "$STAGED_WORKLOAD_REPORT")"
 fi
+for _ in $(seq 20); do [ -s "$STAGED_OUT/monitor-cost.txt" ] && break; sleep 0.1; done
 if [ -s "$STAGED_OUT/monitor-cost.txt" ]; then
   awk '{ printf "  monitor cost     %d ms of host CPU in %.1f s of monitoring (%.2f %% of one core)\n", $1, $2 / 1000, $2 ? 100 * $1 / $2 : 0 }' \
     "$STAGED_OUT/monitor-cost.txt"

@@ -93,12 +93,16 @@ staged_enter() {
 
 staged_note() { printf '%s %s\n' "$1" "$(staged_uptime)" >> "$STAGED_TIMES"; }
 
-# The Linux pid of the Wine process whose image is $1 (its command line starts with the image path).
+# The Linux pid of the Wine process of this session (same time namespace) whose image is
+# $STAGED_BIN/$1: a Wine process's command line starts with its Windows image path.
 staged_linux_pid() {
-  local p first
+  local p first wanted ns
+  wanted=$(staged_winpath "$STAGED_BIN/$1")
+  ns=$(readlink /proc/self/ns/time)
   for p in /proc/[0-9]*; do
+    [ "$(readlink "$p/ns/time" 2>/dev/null)" = "$ns" ] || continue
     first=$( { tr '\0' '\n' < "$p/cmdline" | head -n1; } 2>/dev/null) || continue
-    case "$first" in *"\\$1"|*"/$1") echo "${p#/proc/}"; return 0 ;; esac
+    [ "${first,,}" = "${wanted,,}" ] && { echo "${p#/proc/}"; return 0; }
   done
   return 1
 }
@@ -194,6 +198,7 @@ staged_watch_monitor_cost() {
   cpu0=$(staged_cpu_ticks "$pid"); t0=$(staged_uptime)
   until grep -q '<- boottime::BootTimeMonitor::Start' "$STAGED_LOG" 2>/dev/null; do sleep 0.1; done
   cpu1=$(staged_cpu_ticks "$pid"); t1=$(staged_uptime)
+  [ -n "$cpu0" ] && [ -n "$cpu1" ] || return 0
   awk -v c="$((cpu1 - cpu0))" -v a="$t0" -v b="$t1" -v tck="$tck" \
     'BEGIN { printf "%d %d\n", c * 1000 / tck, (b - a) * 1000 }' > "$STAGED_OUT/monitor-cost.txt"
 }

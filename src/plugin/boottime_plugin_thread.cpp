@@ -35,6 +35,17 @@ bool ParseInt64(const std::string& text, std::int64_t& out) {
   return true;
 }
 
+// The log takes messages of about 4000 characters, so a dump goes out one line at a time.
+void LogLines(const wchar_t* function, std::uint32_t level, const std::wstring& text) {
+  std::size_t start = 0;
+  while (start < text.size()) {
+    std::size_t end = text.find(L'\n', start);
+    if (end == std::wstring::npos) end = text.size();
+    if (end > start) logging::Write(level, function, L"%s", text.substr(start, end - start).c_str());
+    start = end + 1;
+  }
+}
+
 }  // namespace
 
 DWORD WINAPI CBootTimePlugin::ProcessingThreadProc(LPVOID context) {
@@ -111,7 +122,8 @@ void CBootTimePlugin::ProcessingThread() {
     } else {
       std::wostringstream dump;
       data_.Dump(dump);
-      KY_LOG(logging::kLevelInfo, L"BOOT DATA:\n%s", dump.str().c_str());
+      KY_LOG(logging::kLevelInfo, L"BOOT DATA:");
+      LogLines(kyTrace_.Name(), logging::kLevelDebug, dump.str());
       analyser_.Analyse(&data_);
       diskPerformance_.Start(monitorEvent_.get());
       stopped = StopRequested();
@@ -144,7 +156,7 @@ void CBootTimePlugin::DumpRun() {
   out << L"Done\n";
   data_.Dump(out);
   analyser_.WriteListing(out);
-  KY_LOG(logging::kLevelDebug, L"%s", out.str().c_str());
+  LogLines(kyTrace_.Name(), logging::kLevelDebug, out.str());
 }
 
 void CBootTimePlugin::OnDataAnalysed(std::uint32_t status) {

@@ -159,15 +159,14 @@ int RunSync(const Options& o, boottime::IBootTimeCommClient* client, const tool:
     ky::List<boottime::ProcessImpact> impacts;
     if ((code = client->GetBootImpact(&impacts, &o.key)) == 0) printer.Blame(impacts.Items());
   } else if (o.command == L"summary") {
+    // The totals are summed here: the synchronous client's total query answers the boot time.
     std::uint32_t ms = 0;
-    boottime::BootCounters total;
     ky::List<boottime::ProcessImpact> impacts;
     boottime::DiskSpeed speed;
     const boottime::ProcessKey every;
-    if ((code = client->GetBootTime(&ms)) == 0 && (code = client->GetTotalBootImpact(&total)) == 0 &&
-        (code = client->GetBootImpact(&impacts, &every)) == 0) {
+    if ((code = client->GetBootTime(&ms)) == 0 && (code = client->GetBootImpact(&impacts, &every)) == 0) {
       const bool measured = client->GetDiskSpeed(&speed) == 0;
-      printer.Summary(ms, total, measured ? &speed : nullptr, impacts.Items(), impacts.Count());
+      printer.Summary(ms, measured ? &speed : nullptr, impacts.Items());
     }
   } else {
     boottime::DiskSpeed speed;

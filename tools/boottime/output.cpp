@@ -135,14 +135,25 @@ void Printer::Blame(std::vector<boottime::ProcessImpact> impacts) const {
   std::printf("%zu process(es)\n", impacts.size());
 }
 
-void Printer::Summary(std::uint32_t bootTimeMs, const boottime::BootCounters& t, const boottime::DiskSpeed* disk,
-                      std::vector<boottime::ProcessImpact> impacts, std::size_t processCount) const {
+void Printer::Summary(std::uint32_t bootTimeMs, const boottime::DiskSpeed* disk,
+                      std::vector<boottime::ProcessImpact> impacts) const {
+  const std::size_t processCount = impacts.size();
+  std::uint64_t kernel = 0, user = 0, read = 0, write = 0, other = 0;
+  for (const auto& p : impacts) {
+    kernel += p.kernel;
+    user += p.user;
+    read += p.read;
+    write += p.write;
+    other += p.other;
+  }
   boottime::SortByImpact(impacts);
   if (impacts.size() > kSummaryTop) impacts.resize(kSummaryTop);
   if (json_) {
-    std::printf("{\"boot_time_ms\":%u,\"processes\":%zu,\"total\":{\"kernel_ms\":%u,\"user_ms\":%u,"
-                "\"read_bytes\":%u,\"write_bytes\":%u,\"other_bytes\":%u},\"disk\":",
-                bootTimeMs, processCount, t.kernel, t.user, t.read, t.write, t.other);
+    std::printf("{\"boot_time_ms\":%u,\"processes\":%zu,\"total\":{\"kernel_ms\":%llu,\"user_ms\":%llu,"
+                "\"read_bytes\":%llu,\"write_bytes\":%llu,\"other_bytes\":%llu},\"disk\":",
+                bootTimeMs, processCount, static_cast<unsigned long long>(kernel), static_cast<unsigned long long>(user),
+                static_cast<unsigned long long>(read), static_cast<unsigned long long>(write),
+                static_cast<unsigned long long>(other));
     if (disk != nullptr) {
       std::printf("{\"min_hddUsage\":%.6g,\"max_hddUsage\":%.6g,\"average_hddUsage\":%.6g}", disk->minimum,
                   disk->maximum, disk->average);
@@ -155,9 +166,10 @@ void Printer::Summary(std::uint32_t bootTimeMs, const boottime::BootCounters& t,
     return;
   }
   std::printf("boot time:   %.1f s (%u ms)\n", bootTimeMs / 1000.0, bootTimeMs);
-  std::printf("processes:   %zu followed, CPU %llu ms (kernel %u, user %u), read %.1f MB, written %.1f MB, other %.1f MB\n",
-              processCount, static_cast<unsigned long long>(std::uint64_t{t.kernel} + t.user), t.kernel, t.user,
-              Mb(t.read), Mb(t.write), Mb(t.other));
+  std::printf("processes:   %zu followed, CPU %llu ms (kernel %llu, user %llu), read %.1f MB, written %.1f MB, "
+              "other %.1f MB\n",
+              processCount, static_cast<unsigned long long>(kernel + user), static_cast<unsigned long long>(kernel),
+              static_cast<unsigned long long>(user), Mb(read), Mb(write), Mb(other));
   if (disk != nullptr) {
     std::printf("disk usage:  min %.6g, max %.6g, average %.6g\n", disk->minimum, disk->maximum, disk->average);
   } else {

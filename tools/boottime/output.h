@@ -21,8 +21,8 @@ class Printer {
   // Every process by impact, descending, with its Task Manager rating.
   void Blame(std::vector<boottime::ProcessImpact> impacts) const;
   // Boot time, totals, disk speed (null: not measured) and the five processes of most impact.
-  void Summary(std::uint32_t bootTimeMs, const boottime::BootCounters& total, const boottime::DiskSpeed* disk,
-               std::vector<boottime::ProcessImpact> impacts, std::size_t processCount) const;
+  void Summary(std::uint32_t bootTimeMs, const boottime::DiskSpeed* disk,
+               std::vector<boottime::ProcessImpact> impacts) const;
   // The code and its meaning, on stderr (and as JSON on stdout with --json).
   void Failure(const char* what, std::uint32_t code) const;
 

@@ -1,0 +1,357 @@
+// The boot-time plug-in driven like the host drives it (the host's real component manager,
+// event queue and host plug-ins): the choice between measuring and reloading, what reaches
+// listeners and the result files, and how promptly Stop ends every thread it started.
+#include <gtest/gtest.h>
+
+#include <windows.h>
+#include <tlhelp32.h>
+
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "../boottime/fakes.h"
+#include "boottime/boot_time_analyser.h"
+#include "boottime/processes_monitor.h"
+#include "common/unique_handle.h"
+#include "component_manager.h"
+#include "lumera/dev_console_session.h"
+#include "plugin/boottime_plugin.h"
+#include "support/captured_log.h"
+#include "support/scratch_folder.h"
+#include "users/ky_users.h"
+#include "users/user_logon.h"
+
+namespace boottime {
+namespace {
+
+using testing::FakeClock;
+using testing::FakeCounters;
+
+constexpr DWORD kDeadlineMs = 20000;
+constexpr std::int64_t kFakeSystemStart = 13'000'000'000'000;
+constexpr char kImpactFile[] =
+    R"({"processes":[{"ppid":"4","pid":"1200","name":"C:\\w\\workload.exe","counters":["100","2500","4096","3145728","0"]}]})";
+
+// Real waits on the stop event, with a tick count that starts near zero so the monitor
+// believes the machine has just started; from `virtualUntil` on, waits are real.
+class HybridClock final : public IClock {
+ public:
+  explicit HybridClock(std::uint32_t virtualUntil) : virtualUntil_(virtualUntil) {}
+  std::uint32_t TickCount() override {
+    std::lock_guard hold(lock_);
+    return tick_ + static_cast<std::uint32_t>(::GetTickCount() - started_);
+  }
+  std::uint64_t WallClock() override { return kFakeSystemStart + TickCount(); }
+  DWORD WaitForStop(HANDLE stopEvent, DWORD milliseconds) override {
+    {
+      std::lock_guard hold(lock_);
+      if (tick_ < virtualUntil_) {
+        tick_ += milliseconds;
+        return ::WaitForSingleObject(stopEvent, 0);
+      }
+    }
+    return ::WaitForSingleObject(stopEvent, milliseconds);
+  }
+
+ private:
+  std::mutex lock_;
+  std::uint32_t tick_ = 0;
+  std::uint32_t virtualUntil_;
+  DWORD started_ = ::GetTickCount();
+};
+
+class Listener final : public IBootTimeEvents {
+ public:
+  void OnDataAnalysed(std::uint32_t status) override {
+    std::lock_guard hold(lock_);
+    statuses.push_back(status);
+    ::SetEvent(heard_.get());
+  }
+  bool Heard() { return ::WaitForSingleObject(heard_.get(), kDeadlineMs) == WAIT_OBJECT_0; }
+  std::vector<std::uint32_t> Statuses() {
+    std::lock_guard hold(lock_);
+    return statuses;
+  }
+
+ private:
+  std::mutex lock_;
+  std::vector<std::uint32_t> statuses;
+  ky::unique_handle heard_{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+};
+
+std::size_t ThreadCount() {
+  ky::unique_handle snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
+  THREADENTRY32 entry{};
+  entry.dwSize = sizeof entry;
+  std::size_t count = 0;
+  for (BOOL more = ::Thread32First(snapshot.get(), &entry); more; more = ::Thread32Next(snapshot.get(), &entry)) {
+    if (entry.th32OwnerProcessID == ::GetCurrentProcessId()) ++count;
+  }
+  return count;
+}
+
+// Wine answers GetProcessHandleCount with 0, so there the handle table is probed instead.
+DWORD HandleCount() {
+  DWORD count = 0;
+  if (::GetProcessHandleCount(::GetCurrentProcess(), &count) && count != 0) return count;
+  constexpr std::uintptr_t kProbedValues = 0x40000;
+  for (std::uintptr_t value = 4; value < kProbedValues; value += 4) {
+    DWORD flags = 0;
+    if (::GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags)) ++count;
+  }
+  return count;
+}
+
+bool Eventually(const std::function<bool()>& condition) {
+  const DWORD start = ::GetTickCount();
+  while (!condition()) {
+    if (::GetTickCount() - start > kDeadlineMs) return false;
+    ::Sleep(10);
+  }
+  return true;
+}
+
+bool WriteFile(const std::wstring& path, const std::string& text) {
+  ky::unique_file file(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+  DWORD written = 0;
+  return file && ::WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) &&
+         written == text.size();
+}
+
+bool Exists(const std::wstring& path) { return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
+
+class PluginRun : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const std::wstring value = L"ConsoleSession.plugin" + std::to_wstring(::GetCurrentProcessId());
+    ::SetEnvironmentVariableW(lumera::dev::kValueOverride, value.c_str());
+    valueName_ = value;
+    config_.folders[L"2:common"] = scratch_.path();
+    host_ = std::make_unique<host::ComponentManager>(config_);
+  }
+  void TearDown() override {
+    host_->Shutdown();
+    ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, lumera::dev::kDevelopmentKey, valueName_.c_str());
+  }
+  bool StageLogon(bool loggedOn) {
+    DWORD value = loggedOn ? 1 : 0;
+    return ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, lumera::dev::kDevelopmentKey, valueName_.c_str(), REG_DWORD, &value,
+                             sizeof value) == ERROR_SUCCESS;
+  }
+  std::wstring Folder() const { return scratch_.path() + L"velora\\"; }
+  std::wstring BootFile() const { return Folder() + BootTimeMonitor::kFileName; }
+  std::wstring ImpactFile() const { return Folder() + kProcessImpactFileName; }
+  bool StoreResults(std::int64_t systemStart, std::uint32_t bootTime) {
+    ::CreateDirectoryW(Folder().c_str(), nullptr);
+    return WriteFile(BootFile(), "{\"bootTime\":\"" + std::to_string(bootTime) + "\",\"systemStartTimestamp\":\"" +
+                                     std::to_string(systemStart) + "\"}") &&
+           WriteFile(ImpactFile(), kImpactFile);
+  }
+  std::size_t Logged(std::wstring_view text) const { return log_.count(text); }
+
+  // Lets the host make the plug-ins and threads it keeps for its whole life, so that what
+  // remains after a Stop is the module's.
+  void WarmUpHost() {
+    ASSERT_TRUE(StageLogon(true));
+    FakeClock clock;
+    FakeCounters counters(&clock);
+    {
+      CBootTimePlugin plugin(clock, counters);
+      Listener listener;
+      ASSERT_EQ(plugin.Init(host_.get()), 0u);
+      ASSERT_EQ(plugin.AddListener(&listener), 0u);
+      ASSERT_EQ(plugin.Start(), 0u);
+      ASSERT_TRUE(listener.Heard());
+      EXPECT_EQ(plugin.Stop(), 0u);
+      EXPECT_EQ(plugin.UnInit(), 0u);
+    }
+    BootTimeMonitor::ProcessesMonitor processes(host_.get());
+    ASSERT_TRUE(processes.Start());
+    processes.Stop();
+    log_.clear();
+  }
+
+  testsupport::CapturedLog log_;
+  testsupport::ScratchFolder scratch_;
+  host::HostConfig config_;
+  std::unique_ptr<host::ComponentManager> host_;
+  CUserLogon tracker_;
+  CUserLogon::ScopedOverride override_{tracker_};
+  Listener listener_;
+  std::wstring valueName_;
+};
+
+TEST_F(PluginRun, FirstStartWithAUserLoggedOnMeasuresNothingAndTellsTwo) {
+  WarmUpHost();
+  ASSERT_TRUE(StageLogon(true));
+  FakeClock clock;
+  FakeCounters counters(&clock);
+  CBootTimePlugin plugin(clock, counters);
+  ASSERT_EQ(plugin.Init(host_.get()), 0u);
+  EXPECT_EQ(plugin.SettingsFolder(), Folder());
+  ASSERT_EQ(plugin.AddListener(&listener_), 0u);
+  EXPECT_EQ(plugin.AddListener(&listener_), 183u);
+  std::uint32_t ms = 0;
+  EXPECT_EQ(plugin.GetBootTime(&ms), 1u) << "nothing is known before the first run ends";
+
+  const std::size_t threadsBefore = ThreadCount();
+  ASSERT_EQ(plugin.Start(), 0u);
+  ASSERT_TRUE(listener_.Heard());
+  EXPECT_EQ(listener_.Statuses(), std::vector<std::uint32_t>{2});
+  EXPECT_EQ(Logged(L"no boot time (user logged)"), 1u);
+  EXPECT_EQ(Logged(L"must start processes monitor (user not logged)"), 0u);
+  EXPECT_EQ(plugin.GetBootTime(&ms), 2u);
+  BootCounters total;
+  EXPECT_EQ(plugin.GetTotalBootImpact(&total), 2u);
+
+  // The report thread was started by the run; Stop must end and join it.
+  const auto stopAt = std::chrono::steady_clock::now();
+  EXPECT_EQ(plugin.Stop(), 0u);
+  EXPECT_LT(std::chrono::steady_clock::now() - stopAt, std::chrono::milliseconds(1000));
+  EXPECT_EQ(log_.entriesFor(L"boottime::CBootTimePlugin::SendReportToCentral").empty(), false)
+      << "the run started a report";
+  EXPECT_LE(ThreadCount(), threadsBefore) << "a thread of the run outlived Stop";
+  EXPECT_FALSE(Exists(BootFile()));
+  EXPECT_FALSE(Exists(ImpactFile()));
+  EXPECT_EQ(plugin.UnInit(), 0u);
+}
+
+TEST_F(PluginRun, AStoredStartWithinTwoSecondsReloadsAndExactlyTwoSecondsMeasures) {
+  ASSERT_TRUE(StageLogon(false));
+  struct Case {
+    std::int64_t difference;
+    bool reloads;
+  };
+  for (const Case c : {Case{1999, true}, Case{-1999, true}, Case{2000, false}}) {
+    SCOPED_TRACE(c.difference);
+    log_.clear();
+    ASSERT_TRUE(StoreResults(kFakeSystemStart + c.difference, 4321));
+    FakeClock clock;
+    clock.stopAtWait = 3;  // a measurement gives up early and falls back to the files
+    FakeCounters counters(&clock);
+    CBootTimePlugin plugin(clock, counters);
+    Listener listener;
+    ASSERT_EQ(plugin.Init(host_.get()), 0u);
+    ASSERT_EQ(plugin.AddListener(&listener), 0u);
+    ASSERT_EQ(plugin.Start(), 0u);
+    ASSERT_TRUE(listener.Heard());
+    EXPECT_EQ(Logged(L"load data from file"), c.reloads ? 1u : 0u);
+    EXPECT_EQ(Logged(L"must start processes monitor (diff system start time)"), c.reloads ? 0u : 1u);
+    EXPECT_EQ(Logged(L"Monitor did not detect boot time; Trying to load last boot time data"), c.reloads ? 0u : 1u);
+    EXPECT_EQ(listener.Statuses(), std::vector<std::uint32_t>{0});
+    std::uint32_t ms = 0;
+    EXPECT_EQ(plugin.GetBootTime(&ms), 0u);
+    EXPECT_EQ(ms, 4321u);
+    ky::List<ProcessImpact> impacts;
+    ASSERT_EQ(plugin.GetBootImpact(&impacts, nullptr), 0u);
+    ASSERT_EQ(impacts.Count(), 1u);
+    EXPECT_EQ(impacts.Items()[0].write, 3145728u);
+    BootCounters total;
+    EXPECT_EQ(plugin.GetTotalBootImpact(&total), 0u);
+    EXPECT_EQ(total.user, 2500u);
+    EXPECT_EQ(plugin.Stop(), 0u);
+    EXPECT_EQ(plugin.UnInit(), 0u);
+    // Reloaded results are written back unchanged.
+    EXPECT_NE(testsupport::ReadFileBytes(BootFile()).find("\"4321\""), std::string::npos);
+    EXPECT_NE(testsupport::ReadFileBytes(ImpactFile()).find("\"3145728\""), std::string::npos);
+  }
+}
+
+TEST_F(PluginRun, StopDuringMonitoringEndsAtOnceWritesNothingAndASecondStartReloadsWithoutReport) {
+  WarmUpHost();
+  ASSERT_TRUE(StageLogon(false));
+  HybridClock clock(0);
+  CBootTimePlugin plugin(clock);
+  ASSERT_EQ(plugin.Init(host_.get()), 0u);
+  ASSERT_EQ(plugin.AddListener(&listener_), 0u);
+  const std::size_t threadsBefore = ThreadCount();
+  ASSERT_EQ(plugin.Start(), 0u);
+  ASSERT_TRUE(Eventually([&] { return Logged(L"User logged = FALSE") > 0; })) << "the monitor did not start";
+
+  std::uint32_t ms = 0;
+  BootCounters total;
+  ky::List<ProcessImpact> impacts;
+  DiskSpeed disk;
+  EXPECT_EQ(plugin.GetBootTime(&ms), 1u);
+  EXPECT_EQ(plugin.GetTotalBootImpact(&total), 1u);
+  EXPECT_EQ(plugin.GetBootImpact(&impacts, nullptr), 1u);
+  EXPECT_EQ(plugin.GetDiskSpeed(&disk), 1u);
+
+  const auto stopAt = std::chrono::steady_clock::now();
+  EXPECT_EQ(plugin.Stop(), 0u);
+  EXPECT_LT(std::chrono::steady_clock::now() - stopAt, std::chrono::milliseconds(1000));
+  EXPECT_LE(ThreadCount(), threadsBefore);
+  EXPECT_EQ(listener_.Statuses(), std::vector<std::uint32_t>{2});
+  EXPECT_EQ(plugin.GetBootTime(&ms), 2u);
+  EXPECT_FALSE(Exists(BootFile()));
+  EXPECT_FALSE(Exists(ImpactFile()));
+  EXPECT_TRUE(log_.entriesFor(L"boottime::CBootTimePlugin::SendReportToCentral").empty()) << "a stopped run reports";
+
+  // The stop event stays set: the files of this boot still load, and nothing is reported.
+  ASSERT_TRUE(StoreResults(kFakeSystemStart, 777));
+  ASSERT_EQ(plugin.Start(), 0u);
+  ASSERT_TRUE(Eventually([&] { return listener_.Statuses().size() == 2; }));
+  EXPECT_EQ(listener_.Statuses()[1], 0u);
+  EXPECT_EQ(plugin.GetBootTime(&ms), 0u);
+  EXPECT_EQ(ms, 777u);
+  EXPECT_EQ(plugin.Stop(), 0u);
+  EXPECT_TRUE(log_.entriesFor(L"boottime::CBootTimePlugin::SendReportToCentral").empty());
+  EXPECT_EQ(plugin.UnInit(), 0u);
+  EXPECT_LE(ThreadCount(), threadsBefore);
+}
+
+TEST_F(PluginRun, StopDuringTheDiskMeasurementEndsAtOnceWithRunStatusTwo) {
+  WarmUpHost();
+  ASSERT_TRUE(StageLogon(true));
+  ASSERT_TRUE(StoreResults(kFakeSystemStart - 60000, 999));  // an earlier boot's results
+  // The monitor's minute after logon passes in virtual time; the disk's waits are real.
+  HybridClock clock(BootTimeMonitor::kAfterLogonMs + 1000);
+  CBootTimePlugin plugin(clock);
+  ASSERT_EQ(plugin.Init(host_.get()), 0u);
+  ASSERT_EQ(plugin.AddListener(&listener_), 0u);
+  const std::size_t threadsBefore = ThreadCount();
+  ASSERT_EQ(plugin.Start(), 0u);
+  ASSERT_TRUE(Eventually([&] { return log_.contains(L"BOOT DATA:") || listener_.Statuses().size() > 0; }));
+  ASSERT_TRUE(listener_.Statuses().empty()) << "the run ended before its disk measurement";
+  const auto stopAt = std::chrono::steady_clock::now();
+  EXPECT_EQ(plugin.Stop(), 0u);
+  EXPECT_LT(std::chrono::steady_clock::now() - stopAt, std::chrono::milliseconds(1000));
+  EXPECT_LE(ThreadCount(), threadsBefore);
+  EXPECT_EQ(listener_.Statuses(), std::vector<std::uint32_t>{2});
+  // The boot itself was measured, so its results replace the earlier boot's.
+  EXPECT_NE(testsupport::ReadFileBytes(ImpactFile()), std::string(kImpactFile));
+  std::uint32_t ms = 0;
+  EXPECT_EQ(plugin.GetBootTime(&ms), 2u) << "a stopped run has no results to give";
+  EXPECT_EQ(plugin.UnInit(), 0u);
+}
+
+TEST_F(PluginRun, RunsStoppedWhileMonitoringLeaveNoHandleOrThreadBehind) {
+  WarmUpHost();
+  ASSERT_TRUE(StageLogon(false));
+  // Wine opens a few handles of its own on first use, so leaks are counted over several runs.
+  constexpr int kRuns = 4;
+  DWORD handlesBefore = 0;
+  std::size_t threadsBefore = 0;
+  for (int run = 0; run < kRuns; ++run) {
+    if (run == 1) {
+      handlesBefore = HandleCount();
+      threadsBefore = ThreadCount();
+    }
+    HybridClock clock(0);
+    CBootTimePlugin plugin(clock);
+    ASSERT_EQ(plugin.Init(host_.get()), 0u);
+    ASSERT_EQ(plugin.Start(), 0u);
+    log_.clear();
+    ASSERT_TRUE(Eventually([&] { return Logged(L"User logged = FALSE") > 0; }));
+    EXPECT_EQ(plugin.Stop(), 0u);
+    EXPECT_EQ(plugin.UnInit(), 0u);
+  }
+  EXPECT_LE(HandleCount(), handlesBefore + 1) << "handles outlive the plug-in's runs";
+  EXPECT_LE(ThreadCount(), threadsBefore);
+}
+
+}  // namespace
+}  // namespace boottime

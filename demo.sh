@@ -1,54 +1,74 @@
 #!/usr/bin/env bash
-# Builds everything, then under Wine: runs the module in the development host, queries it
-# over "boottimepipe" with boottime.exe, manages a startup entry with startupctl.exe, and
-# shows the module's log.
+# A whole Windows boot staged under Wine and measured by the module: the development host is an
+# auto-start service of a fresh prefix whose machine started seconds ago; nobody is logged on
+# until a logon at about 10 s starts the Run-key and Startup-folder programs (among them
+# workload.exe: CPU, then disk, then quiet). The module decides when the boot is over, analyses,
+# measures the disk, stores its two files and reports to lumeracentral.exe; the demo then shows
+# the results and restarts the service in the same boot, which reloads them from the files.
 set -euo pipefail
 cd "$(dirname "$0")"
-scripts/build.sh
+source scripts/staged-boot.sh
+source scripts/boot-summary.sh
 
-root=build/wine
-cmake/wine-prefix.sh setup "$root"
-trap 'cmake/wine-prefix.sh teardown "$root" >/dev/null' EXIT
-export LUMERA_WINE_ROOT="$PWD/$root" LUMERA_WINE_FLAVOUR=win10
-run() { cmake/wine-run.sh "$@"; }
+LOGON_AT=10
+WORKLOAD=(--busy-ms 3000 --write-mb 8 --quiet-ms 5000)
 step() { printf '\n== %s\n' "$*"; }
 
-logs=build/demo-logs
-rm -rf "$logs" && mkdir -p "$logs"
-# Windows sees the Linux file system as drive Z:.
-winpath() { printf 'Z:%s' "$1" | sed 's|/|\\\\|g'; }
-cat > build/bin/lumerahost.json <<JSON
-{
-  "objects": ["boottime", "boottimecomm", "boottimecommclient"],
-  "folders": {"2:common": "$(winpath "$PWD/build/demo-data")"},
-  "log": {"folder": "$(winpath "$PWD/$logs")", "level": 32, "console": false}
-}
-JSON
+if [ "${1:-}" != --inside ]; then
+  scripts/build.sh
+  began=$(date +%s)
+  staged_init build/demo build/bin
+  step "a fresh prefix: lumerahost.exe installed as an auto-start service, workload.exe in the Run key, a light one in the Startup folder"
+  staged_prepare "${WORKLOAD[@]}"
+  staged_enter "$0" --inside
+  step "done in $(($(date +%s) - began)) s; nothing of the demo is left running"
+  exit 0
+fi
 
-step "lumerahost.exe loads LumeraPlg.dll and runs its three objects for 12 seconds"
-run build/bin/lumerahost.exe --seconds 12 &
-host=$!
-for _ in $(seq 50); do grep -q 'boottimecommclient created' "$logs/lumera.log" 2>/dev/null && break; sleep 0.2; done
+step "the machine starts; the service host loads LumeraPlg.dll; nobody is logged on"
+staged_start
+staged_logon_at "$LOGON_AT"
+step "$(awk '$1 == "logon" {print $2}' "$STAGED_TIMES") s: the user logs on; wineboot starts the Run-key and Startup-folder programs"
+if ! staged_wait 'OnDataAnalysed error code' 150; then
+  echo "the module did not finish measuring the boot; the end of its log:" >&2
+  tail -n 20 "$STAGED_LOG" >&2
+  exit 1
+fi
+status=$(grep -o 'OnDataAnalysed error code [0-9]*' "$STAGED_LOG" | tail -n1 | awk '{print $4}')
+echo "  the module finished at $(staged_uptime) s since boot with status $status"
+# The report thread starts after the files are stored; give it a bounded moment to arrive.
+for _ in $(seq 40); do [ -s "$STAGED_CENTRAL_JSON" ] && break; sleep 0.25; done
 
-step "boottime.exe asks the module over \"boottimepipe\" (no boot has been measured in this prefix)"
-for query in time total impact disk; do
-  echo "\$ boottime.exe $query"
-  run build/bin/boottime.exe "$query" || true
-done
-echo "\$ boottime.exe disk --json --async"
-run build/bin/boottime.exe disk --json --async || true
+step "boot time"
+summary_boot_time
+if [ -s "$STAGED_WORKLOAD_REPORT" ]; then
+  echo "  workload.exe     $(sed 's/[{}"]//g' "$STAGED_WORKLOAD_REPORT")"
+fi
+for _ in $(seq 20); do [ -s "$STAGED_OUT/monitor-cost.txt" ] && break; sleep 0.1; done
+if [ -s "$STAGED_OUT/monitor-cost.txt" ]; then
+  awk '{ printf "  monitor cost     %d ms of host CPU in %.1f s of monitoring (%.2f %% of one core)\n", $1, $2 / 1000, $2 ? 100 * $1 / $2 : 0 }' \
+    "$STAGED_OUT/monitor-cost.txt"
+fi
+step "boot impact, heaviest first"
+summary_blame
+step "disk speed"
+summary_disk
+step "startup apps"
+summary_startup_apps
+step "what lumeracentral.exe received"
+summary_central
+step "files"
+echo "  log           $STAGED_LOG"
+echo "  boot time     $STAGED_DATA/velora/last_boot_time_information.json"
+echo "  boot impact   $STAGED_DATA/velora/last_boot_time_process_impact.json"
 
-step "startupctl.exe manages the programs that start with Windows"
-run reg add 'HKCU\Software\Microsoft\Windows\CurrentVersion\Run' /v LumeraDemo /d 'C:\windows\system32\notepad.exe /min' /f >/dev/null 2>&1
-for args in "list" "disable LumeraDemo" "list" "enable LumeraDemo" "list --json"; do
-  echo "\$ startupctl.exe $args"
-  # shellcheck disable=SC2086
-  run build/bin/startupctl.exe $args || true
-done
-run reg delete 'HKCU\Software\Microsoft\Windows\CurrentVersion\Run' /v LumeraDemo /f >/dev/null 2>&1 || true
-
-wait "$host" || true
-step "the module's log ($logs/lumera.log), first and last lines"
-head -n 40 "$logs/lumera.log"
-echo "   ..."
-tail -n 25 "$logs/lumera.log"
+step "the service restarts in the same boot: the results come back from the files, not from a new measurement"
+before=$(staged_count 'OnDataAnalysed error code')
+staged_restart_service
+for _ in $(seq 80); do [ "$(staged_count 'OnDataAnalysed error code')" -gt "$before" ] && break; sleep 0.25; done
+if grep -q 'load data from file' "$STAGED_LOG"; then
+  grep 'lastSystemStartTime=\|load data from file\|Loaded boot time' "$STAGED_LOG" | tail -n 3 | tr -d '\r' | sed 's/^/  /'
+else
+  echo "  the restarted module did not reload its files" >&2
+  exit 1
+fi

@@ -1,8 +1,9 @@
 // "sessionchange": tells registered handlers about session changes on a thread of its own,
 // one at a time in the order they happened. As a service it delivers what the service
-// control handler relays; in the console it compares the console session every kPollMs
-// and reports console connect and disconnect (1, 2) and logon and logoff (5, 6), with the
-// development switch of lumera/dev_console_session.h standing in for a real logon under Wine.
+// control handler relays, and a staged console, which Wine cannot relay; in the console it
+// compares the console session every kPollMs and reports console connect and disconnect
+// (1, 2) and logon and logoff (5, 6), with the development switch of
+// lumera/dev_console_session.h standing in for a real logon under Wine.
 #include "plugins/sessionchange.h"
 
 #include <algorithm>
@@ -142,7 +143,10 @@ class SessionChangePlugin final : public HostPlugin, public ISessionChangePlugin
     for (;;) {
       const DWORD woke = ::WaitForMultipleObjects(2, waits, FALSE, kPollMs);
       if (woke != WAIT_TIMEOUT && woke != WAIT_OBJECT_0 + 1) return;
-      if (!g_fromService) Follow(session, present);
+      // Wine never relays a session change to a service, so a staged console is followed there too.
+      if (!g_fromService || lumera::dev::StagedConsoleSession() != lumera::dev::ConsoleSession::kNotStaged) {
+        Follow(session, present);
+      }
       Deliver();
     }
   }

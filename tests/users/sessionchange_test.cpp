@@ -109,8 +109,7 @@ TEST(SessionChange, TheStagedConsoleLogsOnAndOffForTheHostAndTheUsersLibrary) {
 }
 
 TEST(SessionChange, AsAServiceItDeliversWhatTheControlHandlerRelaysAndNothingElse) {
-  StagedConsole console;
-  console.Set(1);
+  StagedConsole console;  // named but never set: nothing staged to follow
   host::SetSessionChangesFromService(true);
   host::HostConfig config;
   host::ComponentManager host(config);
@@ -118,7 +117,6 @@ TEST(SessionChange, AsAServiceItDeliversWhatTheControlHandlerRelaysAndNothingEls
   ASSERT_EQ(host.GetPlugin(L"sessionchange", lumera::ids::SessionChangePlugin, &object), 0u);
   Recorder recorder;
   ASSERT_EQ(static_cast<ISessionChangePlugin*>(object)->RegisterEventsHandler(&recorder), 0u);
-  console.Set(0);  // not followed as a service
   WTSSESSION_NOTIFICATION notification{sizeof notification, 1};
   host::RelaySessionChange(WTS_SESSION_LOCK, &notification);
   host::RelaySessionChange(WTS_SESSION_LOGOFF, &notification);

@@ -1,0 +1,191 @@
+// workload.exe: a startup program with a known profile, for staged boots. It keeps the
+// processor busy for a given CPU time, then writes a given number of megabytes and flushes
+// them, then stays quiet; with --report it records what it did, on the same clock the
+// boot-time module samples with.
+//
+//   workload.exe [--busy-ms N] [--write-mb N] [--quiet-ms N] [--folder DIR] [--report FILE]
+//
+// Exit codes: 0 done, 1 the file could not be written, 2 bad command line.
+#include <windows.h>
+#include <shellapi.h>
+
+#include <cstdio>
+#include <cwchar>
+#include <string>
+#include <vector>
+
+#include "common/module_library.h"
+#include "common/text_convert.h"
+#include "common/unique_handle.h"
+
+namespace {
+
+constexpr int kExitOk = 0;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+constexpr unsigned long kMaxBusyMs = 60000;
+constexpr unsigned long kMaxWriteMb = 256;
+constexpr unsigned long kMaxQuietMs = 600000;
+constexpr DWORD kChunkBytes = 1024 * 1024;
+
+constexpr char kHelp[] =
+    "usage: workload [--busy-ms N] [--write-mb N] [--quiet-ms N] [--folder DIR] [--report FILE]\n"
+    "\n"
+    "Burns N ms of processor time on one thread, then writes and flushes N MB to a file in DIR,\n"
+    "then stays quiet for N ms and ends.\n"
+    "\n"
+    "  --busy-ms N    processor time to burn, 0-60000 (default 500)\n"
+    "  --write-mb N   megabytes to write, 0-256 (default 2)\n"
+    "  --quiet-ms N   time to stay alive afterwards, 0-600000 (default 3000)\n"
+    "  --folder DIR   where the data file goes (default: the temporary folder)\n"
+    "  --report FILE  write pid, busy start and end (tick count, ms), CPU ms burned and bytes\n"
+    "                 written as one JSON object\n"
+    "  --help         this text\n"
+    "\n"
+    "Exit codes: 0 done, 1 the file could not be written, 2 bad command line.\n";
+
+struct Options {
+  unsigned long busyMs = 500;
+  unsigned long writeMb = 2;
+  unsigned long quietMs = 3000;
+  std::wstring folder;
+  std::wstring report;
+  bool help = false;
+};
+
+struct Outcome {
+  DWORD busyStart = 0;
+  DWORD busyEnd = 0;
+  std::uint64_t cpuMs = 0;
+  std::uint64_t written = 0;
+};
+
+bool ParseNumber(const std::wstring& text, unsigned long limit, unsigned long& out) {
+  if (text.empty() || text.size() > 9 || text.find_first_not_of(L"0123456789") != std::wstring::npos) return false;
+  out = std::wcstoul(text.c_str(), nullptr, 10);
+  return out <= limit;
+}
+
+// Empty reason: parsed.
+std::string Parse(const std::vector<std::wstring>& args, Options& options) {
+  for (std::size_t i = 1; i < args.size(); ++i) {
+    const std::wstring& arg = args[i];
+    if (arg == L"--help" || arg == L"-h") {
+      options.help = true;
+      continue;
+    }
+    if (i + 1 >= args.size()) return "option " + ky::WideToUtf8(arg) + " unknown or without its value";
+    const std::wstring& value = args[++i];
+    if (arg == L"--busy-ms") {
+      if (!ParseNumber(value, kMaxBusyMs, options.busyMs)) return "--busy-ms takes 0-60000";
+    } else if (arg == L"--write-mb") {
+      if (!ParseNumber(value, kMaxWriteMb, options.writeMb)) return "--write-mb takes 0-256";
+    } else if (arg == L"--quiet-ms") {
+      if (!ParseNumber(value, kMaxQuietMs, options.quietMs)) return "--quiet-ms takes 0-600000";
+    } else if (arg == L"--folder") {
+      options.folder = value;
+    } else if (arg == L"--report") {
+      options.report = value;
+    } else {
+      return "unknown option " + ky::WideToUtf8(arg);
+    }
+  }
+  return {};
+}
+
+std::uint64_t ThreadCpuMs() {
+  FILETIME created{}, exited{}, kernel{}, user{};
+  if (!::GetThreadTimes(::GetCurrentThread(), &created, &exited, &kernel, &user)) return 0;
+  return (ky::FileTimeToU64(kernel) + ky::FileTimeToU64(user)) / 10000;
+}
+
+std::uint64_t ProcessCpuMs() {
+  FILETIME created{}, exited{}, kernel{}, user{};
+  if (!::GetProcessTimes(::GetCurrentProcess(), &created, &exited, &kernel, &user)) return 0;
+  return (ky::FileTimeToU64(kernel) + ky::FileTimeToU64(user)) / 10000;
+}
+
+// Spins on this thread until it has used `ms` of processor time, whatever share of a core it gets.
+void Burn(unsigned long ms) {
+  const std::uint64_t until = ThreadCpuMs() + ms;
+  volatile std::uint64_t sink = 0;
+  while (ThreadCpuMs() < until) {
+    for (int i = 0; i < 200000; ++i) sink = sink * 6364136223846793005ull + 1442695040888963407ull;
+  }
+}
+
+bool WriteData(const std::wstring& folder, unsigned long megabytes, std::uint64_t& written) {
+  if (megabytes == 0) return true;
+  std::wstring path = folder;
+  if (!path.empty() && path.back() != L'\\' && path.back() != L'/') path += L'\\';
+  path += L"workload-" + std::to_wstring(::GetCurrentProcessId()) + L".bin";
+  ky::unique_file file(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (!file) return false;
+  std::vector<char> chunk(kChunkBytes);
+  for (std::size_t i = 0; i < chunk.size(); ++i) chunk[i] = static_cast<char>(i * 31 + 7);
+  for (unsigned long i = 0; i < megabytes; ++i) {
+    DWORD done = 0;
+    if (!::WriteFile(file.get(), chunk.data(), kChunkBytes, &done, nullptr) || done != kChunkBytes) return false;
+    written += done;
+  }
+  return ::FlushFileBuffers(file.get()) != FALSE;
+}
+
+bool WriteReport(const std::wstring& path, const Outcome& outcome) {
+  char text[256];
+  const int length = std::snprintf(
+      text, sizeof text, "{\"pid\": %lu, \"busyStartTick\": %lu, \"busyEndTick\": %lu, \"cpuMs\": %llu, \"writtenBytes\": %llu}\n",
+      static_cast<unsigned long>(::GetCurrentProcessId()), static_cast<unsigned long>(outcome.busyStart),
+      static_cast<unsigned long>(outcome.busyEnd), static_cast<unsigned long long>(outcome.cpuMs),
+      static_cast<unsigned long long>(outcome.written));
+  if (length <= 0 || length >= static_cast<int>(sizeof text)) return false;
+  // Written beside itself and renamed so a reader never sees half a report.
+  const std::wstring partial = path + L".partial";
+  {
+    ky::unique_file file(::CreateFileW(partial.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    DWORD done = 0;
+    if (!file || !::WriteFile(file.get(), text, static_cast<DWORD>(length), &done, nullptr)) return false;
+  }
+  return ::MoveFileExW(partial.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING) != FALSE;
+}
+
+}  // namespace
+
+int main() {
+  int argc = 0;
+  ky::unique_local argvMemory;
+  LPWSTR* argv = ::CommandLineToArgvW(::GetCommandLineW(), &argc);
+  argvMemory.reset(argv);
+  std::vector<std::wstring> args;
+  for (int i = 0; argv != nullptr && i < argc; ++i) args.emplace_back(argv[i]);
+
+  Options options;
+  const std::string reason = Parse(args, options);
+  if (!reason.empty()) {
+    std::fprintf(stderr, "workload: %s (see --help)\n", reason.c_str());
+    return kExitUsage;
+  }
+  if (options.help) {
+    std::fputs(kHelp, stdout);
+    return kExitOk;
+  }
+  if (options.folder.empty()) {
+    wchar_t temp[MAX_PATH + 1] = {};
+    const DWORD chars = ::GetTempPathW(MAX_PATH + 1, temp);
+    if (chars > 0 && chars <= MAX_PATH) options.folder = temp;
+  }
+
+  Outcome outcome;
+  outcome.busyStart = ::GetTickCount();
+  Burn(options.busyMs);
+  outcome.busyEnd = ::GetTickCount();
+  const bool wrote = WriteData(options.folder, options.writeMb, outcome.written);
+  outcome.cpuMs = ProcessCpuMs();
+  if (!wrote) std::fprintf(stderr, "workload: writing in %s failed %lu\n", ky::WideToUtf8(options.folder).c_str(), ::GetLastError());
+  if (!options.report.empty() && !WriteReport(options.report, outcome)) {
+    std::fprintf(stderr, "workload: the report could not be written %lu\n", ::GetLastError());
+    return kExitFailed;
+  }
+  ::Sleep(options.quietMs);
+  return wrote ? kExitOk : kExitFailed;
+}

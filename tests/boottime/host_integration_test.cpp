@@ -18,28 +18,22 @@
 #include "lumera/loadusage.h"
 #include "lumera/wmiprocessdp.h"
 #include "plugins/loadusage_window.h"
+#include "support/programs.h"
 #include "support/scratch_folder.h"
+#include "support/test_thread.h"
 
 namespace boottime {
 namespace {
 
 constexpr DWORD kDeadlineMs = 10000;
-constexpr DWORD kPollMs = 50;
 
 class Child {
  public:
   Child() {
     eventName_ = L"boottime_child_" + std::to_wstring(::GetCurrentProcessId()) + L"_" + std::to_wstring(++count_);
     done_.reset(::CreateEventW(nullptr, TRUE, FALSE, eventName_.c_str()));
-    std::wstring line = L"\"" + testsupport::ExeFolder() + L"boottime_child.exe\" " + eventName_;
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION info{};
-    if (::CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info)) {
-      process_.reset(info.hProcess);
-      ::CloseHandle(info.hThread);
-      pid_ = info.dwProcessId;
-    }
+    process_ = testsupport::StartProgram(L"\"" + testsupport::ExeFolder() + L"boottime_child.exe\" " + eventName_);
+    pid_ = process_ ? ::GetProcessId(process_.get()) : 0;
   }
   ~Child() { End(); }
   std::uint32_t Pid() const { return pid_; }
@@ -67,17 +61,13 @@ const TrackedProcess* Find(const BootTimeMonitor::Processes& processes, std::uin
   return nullptr;
 }
 
-// Applies queued notifications every kPollMs until `done` holds or the deadline passes.
+// Applies queued notifications until `done` holds or the deadline passes.
 template <class Done>
 bool ApplyUntil(BootTimeMonitor::ProcessesMonitor& monitor, BootTimeMonitor::Processes& processes, Done done) {
-  ky::unique_handle never(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
-  const DWORD start = ::GetTickCount();
-  for (;;) {
+  return testsupport::WaitUntil([&] {
     monitor.ApplyEvents(processes);
-    if (done()) return true;
-    if (::GetTickCount() - start > kDeadlineMs) return false;
-    ::WaitForSingleObject(never.get(), kPollMs);
-  }
+    return done();
+  }, kDeadlineMs);
 }
 
 TEST(HostProcessTracking, ChildProcessesAreFollowedFromStartToEnd) {

@@ -6,13 +6,13 @@
 
 #include <mutex>
 
+#include "central_process.h"
 #include "comm/pipelink_fixture.h"
 #include "picojson.h"
 #include "startup/scratch.h"
 #include "startup/startup_manager.h"
 #include "support/programs.h"
 #include "support/test_thread.h"
-#include "central_process.h"
 
 namespace {
 
@@ -72,7 +72,7 @@ TEST(CentralTool, CommandLineHelpAndFailures) {
 
 TEST(CentralTool, AnswersAnUpdateRequestAndPrintsEachReportUntilTheCount) {
   testsupport::ScratchFolder folder;
-  const std::wstring apps = testing_startup::WriteFile(
+  const std::wstring apps = testsupport::WriteFileBytes(
       folder.file(L"apps.json"), R"({"apps":[{"name":"Tray","owner":"Maker","qid":"ab","status":"disabled"}]})");
   Background central(L"--count 2 --out " + testsupport::Quoted(folder.file(L"reports.jsonl")) + L" --apps " +
                          testsupport::Quoted(apps),

@@ -12,9 +12,12 @@
 #include "picojson.h"
 #include "report_files.h"
 #include "startup/scratch.h"
+#include "support/programs.h"
 #include "support/test_thread.h"
 
 namespace {
+
+using testsupport::Narrow;
 
 using testing_report::Fixture;
 
@@ -23,18 +26,9 @@ constexpr wchar_t kApprovedRun[] = L"Software\\Microsoft\\Windows\\CurrentVersio
 constexpr const wchar_t* kRunNames[] = {L"LumeraE2ETray", L"LumeraE2ESync", L"LumeraE2ELater", L"LumeraE2EOwn"};
 constexpr wchar_t kFolderEntry[] = L"LumeraE2ENameless.exe";
 
-std::wstring SpecialFolder(int csidl) {
-  wchar_t path[MAX_PATH] = {};
-  ::SHGetSpecialFolderPathW(nullptr, path, csidl, FALSE);
-  return std::wstring(path) + L"\\";
-}
+std::wstring SpecialFolder(int csidl) { return testsupport::SpecialFolder(csidl) + L"\\"; }
 
-std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
-
-testsupport::ProgramRun Startupctl(const std::wstring& arguments) {
-  return testsupport::RunProgram(testsupport::Quoted(testsupport::BinFolder() / L"startupctl.exe") + L" " + arguments,
-                                 60000);
-}
+testsupport::ProgramRun Startupctl(const std::wstring& arguments) { return testsupport::RunBinProgram(L"startupctl.exe", arguments); }
 
 // Everything the test adds to the user's startup and to the agent's store, taken away again,
 // and the store put back as it was.
@@ -53,7 +47,7 @@ class Cleanup {
     ::DeleteFileW((agentApp_ + L"\\app_paths").c_str());
     ::RemoveDirectoryW(agentApp_.c_str());
     if (hadStore_) {
-      testing_startup::WriteFile(store_, storeBytes_);
+      testsupport::WriteFileBytes(store_, storeBytes_);
     } else {
       ::DeleteFileW(store_.c_str());
     }
@@ -88,7 +82,7 @@ TEST(StartupReportEndToEnd, StartupctlReportReachesTheCentralComponentWithEveryE
   Cleanup cleanup(SpecialFolder(CSIDL_APPDATA) + L"Nexalon\\Lumera\\Storage.json", agentApp);
   ASSERT_TRUE(::CreateDirectoryW(agentApp.c_str(), nullptr));
   picojson::array ownPaths{picojson::value(Narrow(own.path()))};
-  testing_startup::WriteFile(agentApp + L"\\app_paths", picojson::value(ownPaths).serialize());
+  testsupport::WriteFileBytes(agentApp + L"\\app_paths", picojson::value(ownPaths).serialize());
 
   SetRun(L"LumeraE2ETray", L"\"" + apps.file(L"Tray.exe") + L"\" --tray");
   SetRun(L"LumeraE2ESync", apps.file(L"Sync.exe"));

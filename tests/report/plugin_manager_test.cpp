@@ -16,8 +16,11 @@
 #include "startup/action_exec.h"
 #include "startup/startup_items.h"
 #include "support/captured_log.h"
+#include "support/programs.h"
 
 namespace {
+
+using testsupport::Narrow;
 
 using testing_report::CentralServer;
 using testing_report::Fixture;
@@ -28,13 +31,7 @@ constexpr const wchar_t* kRunNames[] = {L"LumeraRptTray", L"LumeraRptSync", L"Lu
                                         L"LumeraRptOwn", L"LumeraRptPlain"};
 constexpr wchar_t kFolderEntry[] = L"LumeraRptNameless.exe";
 
-std::wstring UserStartupFolder() {
-  wchar_t path[MAX_PATH] = {};
-  ::SHGetSpecialFolderPathW(nullptr, path, CSIDL_STARTUP, FALSE);
-  return std::wstring(path) + L"\\";
-}
-
-std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
+std::wstring UserStartupFolder() { return testsupport::SpecialFolder(CSIDL_STARTUP) + L"\\"; }
 
 // The user's Run values, Startup file, StartupApproved values and store as the test found
 // them, put back when it ends.
@@ -51,7 +48,7 @@ class UserStartupState {
     }
     ::DeleteFileW((UserStartupFolder() + kFolderEntry).c_str());
     if (hadStore_) {
-      testing_startup::WriteFile(storePath_, storeBytes_);
+      testsupport::WriteFileBytes(storePath_, storeBytes_);
     } else {
       ::DeleteFileW(storePath_.c_str());
     }
@@ -119,7 +116,7 @@ TEST(PluginStartupManager, ReportsEveryReportableEntryWithOwnerStatusIdentityAnd
   }
   picojson::object document;
   document["boot_time"] = picojson::value(std::move(times));
-  testing_startup::WriteFile(storePath, picojson::value(std::move(document)).serialize());
+  testsupport::WriteFileBytes(storePath, picojson::value(std::move(document)).serialize());
 
   SetRun(L"LumeraRptTray", L"\"" + tray + L"\" /min");
   SetRun(L"LumeraRptSync", sync);

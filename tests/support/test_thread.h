@@ -14,6 +14,9 @@ namespace testsupport {
 inline constexpr DWORD kLongWait = 10000;
 inline constexpr DWORD kShortWait = 200;
 
+// Polls `condition` until it holds (true) or ms have passed (false), for states nothing signals.
+bool WaitUntil(const std::function<bool()>& condition, DWORD ms = kLongWait);
+
 // A manual-reset event.
 class Event {
  public:

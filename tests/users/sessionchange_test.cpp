@@ -10,12 +10,13 @@
 
 #include "common/unique_handle.h"
 #include "component_manager.h"
-#include "plugins/sessionchange.h"
 #include "lumera/dev_console_session.h"
 #include "lumera/interface_ids.h"
 #include "lumera/kyusers.h"
+#include "plugins/sessionchange.h"
 #include "support/captured_log.h"
 #include "support/scratch_folder.h"
+#include "support/test_thread.h"
 #include "users/ky_users.h"
 #include "users/user_logon.h"
 
@@ -53,25 +54,21 @@ class Recorder final : public ISessionChangeEvents, public IUserLogonObserver {
   void OnLogoff(std::uint32_t, const wchar_t* user) override { Add(std::wstring(L"logoff ") + user); }
   // Waits (bounded) until `n` records exist; returns them.
   std::vector<std::wstring> WaitFor(std::size_t n) {
-    const DWORD start = ::GetTickCount();
-    for (;;) {
-      {
-        std::lock_guard hold(lock_);
-        if (records_.size() >= n || ::GetTickCount() - start > kDeadlineMs) return records_;
-      }
-      ::WaitForSingleObject(changed_.get(), 50);
-    }
+    testsupport::WaitUntil([&] {
+      std::lock_guard hold(lock_);
+      return records_.size() >= n;
+    }, kDeadlineMs);
+    std::lock_guard hold(lock_);
+    return records_;
   }
 
  private:
   void Add(std::wstring record) {
     std::lock_guard hold(lock_);
     records_.push_back(std::move(record));
-    ::SetEvent(changed_.get());
   }
   std::mutex lock_;
   std::vector<std::wstring> records_;
-  ky::unique_handle changed_{::CreateEventW(nullptr, FALSE, FALSE, nullptr)};
 };
 
 TEST(SessionChange, TheStagedConsoleLogsOnAndOffForTheHostAndTheUsersLibrary) {

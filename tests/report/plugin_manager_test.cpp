@@ -24,47 +24,14 @@ using testsupport::Narrow;
 
 using testing_report::CentralServer;
 using testing_report::Fixture;
+using testing_report::kRunKey;
+using testing_report::SetRun;
 
-constexpr wchar_t kRunKey[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Run";
-constexpr wchar_t kApprovedRun[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\StartupApproved\\Run";
-constexpr const wchar_t* kRunNames[] = {L"LumeraRptTray", L"LumeraRptSync", L"LumeraRptLater", L"LumeraRptGone",
+const std::vector<std::wstring> kRunNames = {L"LumeraRptTray", L"LumeraRptSync", L"LumeraRptLater", L"LumeraRptGone",
                                         L"LumeraRptOwn", L"LumeraRptPlain"};
 constexpr wchar_t kFolderEntry[] = L"LumeraRptNameless.exe";
 
 std::wstring UserStartupFolder() { return testsupport::SpecialFolder(CSIDL_STARTUP) + L"\\"; }
-
-// The user's Run values, Startup file, StartupApproved values and store as the test found
-// them, put back when it ends.
-class UserStartupState {
- public:
-  explicit UserStartupState(std::wstring storePath) : storePath_(std::move(storePath)) {
-    storeBytes_ = testsupport::ReadFileBytes(storePath_);
-    hadStore_ = ::GetFileAttributesW(storePath_.c_str()) != INVALID_FILE_ATTRIBUTES;
-  }
-  ~UserStartupState() {
-    for (const wchar_t* name : kRunNames) {
-      ::RegDeleteKeyValueW(HKEY_CURRENT_USER, kRunKey, name);
-      ::RegDeleteKeyValueW(HKEY_CURRENT_USER, kApprovedRun, name);
-    }
-    ::DeleteFileW((UserStartupFolder() + kFolderEntry).c_str());
-    if (hadStore_) {
-      testsupport::WriteFileBytes(storePath_, storeBytes_);
-    } else {
-      ::DeleteFileW(storePath_.c_str());
-    }
-  }
-
- private:
-  std::wstring storePath_;
-  std::string storeBytes_;
-  bool hadStore_ = false;
-};
-
-void SetRun(const std::wstring& name, const std::wstring& command) {
-  ASSERT_EQ(::RegSetKeyValueW(HKEY_CURRENT_USER, kRunKey, name.c_str(), REG_SZ, command.c_str(),
-                              static_cast<DWORD>((command.size() + 1) * sizeof(wchar_t))),
-            ERROR_SUCCESS);
-}
 
 // The user Run key's item of that name, as the manager's own sources list it.
 startup::StartupItemPtr RunItem(const std::wstring& name) {
@@ -102,7 +69,7 @@ TEST(PluginStartupManager, ReportsEveryReportableEntryWithOwnerStatusIdentityAnd
   ASSERT_TRUE(manager.Init());
   ASSERT_TRUE(manager.Connected());
   const std::wstring storePath = manager.StorageFolder() + L"Storage.json";
-  UserStartupState restore(storePath);
+  testing_report::UserStartupState restore(kRunNames, kFolderEntry, storePath);
 
   // The store starts with boot times only; the actions add their records to it.
   std::string upperTray = Narrow(tray);
@@ -118,12 +85,12 @@ TEST(PluginStartupManager, ReportsEveryReportableEntryWithOwnerStatusIdentityAnd
   document["boot_time"] = picojson::value(std::move(times));
   testsupport::WriteFileBytes(storePath, picojson::value(std::move(document)).serialize());
 
-  SetRun(L"LumeraRptTray", L"\"" + tray + L"\" /min");
-  SetRun(L"LumeraRptSync", sync);
-  SetRun(L"LumeraRptLater", later);
-  SetRun(L"LumeraRptGone", gone);
-  SetRun(L"LumeraRptOwn", ownExe);
-  SetRun(L"LumeraRptPlain", plain);
+  ASSERT_TRUE(SetRun(L"LumeraRptTray", L"\"" + tray + L"\" /min"));
+  ASSERT_TRUE(SetRun(L"LumeraRptSync", sync));
+  ASSERT_TRUE(SetRun(L"LumeraRptLater", later));
+  ASSERT_TRUE(SetRun(L"LumeraRptGone", gone));
+  ASSERT_TRUE(SetRun(L"LumeraRptOwn", ownExe));
+  ASSERT_TRUE(SetRun(L"LumeraRptPlain", plain));
   ASSERT_TRUE(testing_report::CopyTo(Fixture(L"nocompany"), UserStartupFolder() + kFolderEntry));
 
   startup::StartupAppsActionExec exec;

@@ -52,23 +52,11 @@ class Recorder final : public ISessionChangeEvents, public IUserLogonObserver {
   }
   void OnLogon(std::uint32_t, const wchar_t* user) override { Add(std::wstring(L"logon ") + user); }
   void OnLogoff(std::uint32_t, const wchar_t* user) override { Add(std::wstring(L"logoff ") + user); }
-  // Waits (bounded) until `n` records exist; returns them.
-  std::vector<std::wstring> WaitFor(std::size_t n) {
-    testsupport::WaitUntil([&] {
-      std::lock_guard hold(lock_);
-      return records_.size() >= n;
-    }, kDeadlineMs);
-    std::lock_guard hold(lock_);
-    return records_;
-  }
+  std::vector<std::wstring> WaitFor(std::size_t n) { return records_.WaitFor(n, kDeadlineMs); }
 
  private:
-  void Add(std::wstring record) {
-    std::lock_guard hold(lock_);
-    records_.push_back(std::move(record));
-  }
-  std::mutex lock_;
-  std::vector<std::wstring> records_;
+  void Add(std::wstring record) { records_.Add(std::move(record)); }
+  testsupport::Records<std::wstring> records_;
 };
 
 TEST(SessionChange, TheStagedConsoleLogsOnAndOffForTheHostAndTheUsersLibrary) {

@@ -115,23 +115,11 @@ class RecordingObserver final : public IUserLogonObserver {
   void OnLogon(std::uint32_t time, const wchar_t* user) override { Add(L"on", time, user); }
   void OnLogoff(std::uint32_t time, const wchar_t* user) override { Add(L"off", time, user); }
   using Call = std::tuple<std::wstring, std::uint32_t, std::wstring>;
-  // Waits (bounded) for `n` calls in all and returns them.
-  std::vector<Call> WaitFor(std::size_t n) {
-    testsupport::WaitUntil([&] {
-      std::lock_guard hold(lock_);
-      return calls_.size() >= n;
-    }, kDeadlineMs);
-    std::lock_guard hold(lock_);
-    return calls_;
-  }
+  std::vector<Call> WaitFor(std::size_t n) { return calls_.WaitFor(n, kDeadlineMs); }
 
  private:
-  void Add(const wchar_t* kind, std::uint32_t time, const wchar_t* user) {
-    std::lock_guard hold(lock_);
-    calls_.emplace_back(kind, time, user);
-  }
-  std::mutex lock_;
-  std::vector<Call> calls_;
+  void Add(const wchar_t* kind, std::uint32_t time, const wchar_t* user) { calls_.Add(Call(kind, time, user)); }
+  testsupport::Records<Call> calls_;
 };
 
 class UserLogonTest : public ::testing::Test {

@@ -9,6 +9,7 @@
 #include "central_process.h"
 #include "comm/pipelink_fixture.h"
 #include "picojson.h"
+#include "report_files.h"
 #include "startup/scratch.h"
 #include "startup/startup_manager.h"
 #include "support/programs.h"
@@ -47,13 +48,8 @@ class ListKeeper final : public startup::CBaseStartupManager {
 };
 
 startup::StartupItemExPtr App(const wchar_t* name, std::int32_t status, std::uint32_t time) {
-  auto app = std::make_shared<startup::StartupItemEx>();
-  app->name = name;
-  app->owner = L"Maker Ltd";
-  app->qid = L"0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef";
-  app->status = status;
-  app->time = time;
-  return app;
+  return testing_report::App(name, status, time, L"Maker Ltd",
+                             L"0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef");
 }
 
 TEST(CentralTool, CommandLineHelpAndFailures) {

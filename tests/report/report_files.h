@@ -5,9 +5,11 @@
 #include <windows.h>
 #include <shlobj.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "startup/central_messages.h"
 #include "support/programs.h"
 #include "support/scratch_folder.h"
 
@@ -25,6 +27,18 @@ inline std::wstring Sha256sumOf(const std::wstring& name) {
 }
 
 inline bool CopyTo(const std::wstring& from, const std::wstring& to) { return ::CopyFileW(from.c_str(), to.c_str(), FALSE) != FALSE; }
+
+// A reportable application as the startup manager hands it over.
+inline startup::StartupItemExPtr App(const wchar_t* name, std::int32_t status, std::uint32_t time,
+                                     const wchar_t* owner = L"Owner", const wchar_t* qid = L"ab") {
+  auto app = std::make_shared<startup::StartupItemEx>();
+  app->name = name;
+  app->owner = owner;
+  app->qid = qid;
+  app->status = status;
+  app->time = time;
+  return app;
+}
 
 inline constexpr wchar_t kRunKey[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Run";
 inline constexpr wchar_t kApprovedRun[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\StartupApproved\\Run";

@@ -18,6 +18,7 @@
 #include "lumera/loadusage.h"
 #include "lumera/wmiprocessdp.h"
 #include "plugins/loadusage_window.h"
+#include "support/plugin_stub.h"
 #include "support/programs.h"
 #include "support/scratch_folder.h"
 #include "support/test_thread.h"
@@ -132,9 +133,8 @@ class CountingHandler final : public IWMIProcessDPEvents {
 TEST(HostProcessTracking, HandlersAreRegisteredOnceAndANotificationCarriesEveryField) {
   host::HostConfig config;
   host::ComponentManager host(config);
-  void* object = nullptr;
-  ASSERT_EQ(host.GetPlugin(L"wmiprocessdp", lumera::ids::WmiProcessDPPlugin, &object), 0u);
-  auto* plugin = static_cast<IWMIProcessDP*>(object);
+  auto* plugin = testsupport::GetPlugin<IWMIProcessDP>(host, L"wmiprocessdp", lumera::ids::WmiProcessDPPlugin);
+  ASSERT_NE(plugin, nullptr);
   CountingHandler handler;
   EXPECT_EQ(plugin->RegisterEventsHandler(nullptr), 13u);
   EXPECT_EQ(plugin->UnregisterEventsHandler(&handler), 1168u);
@@ -186,9 +186,8 @@ TEST(HostLoadUsage, BusyShareComesFromIdleAndTotalTimes) {
 TEST(HostLoadUsage, DiskFiguresAreRealOrAnErrorAndTheMeasurementFollowsThem) {
   host::HostConfig config;
   host::ComponentManager host(config);
-  void* object = nullptr;
-  ASSERT_EQ(host.GetPlugin(L"LoadUsage", lumera::ids::LoadUsagePlugin, &object), 0u);
-  auto* loadUsage = static_cast<ILoadUsage*>(object);
+  auto* loadUsage = testsupport::GetPlugin<ILoadUsage>(host, L"LoadUsage", lumera::ids::LoadUsagePlugin);
+  ASSERT_NE(loadUsage, nullptr);
 
   EXPECT_EQ(loadUsage->GetUsage(99, nullptr), 13u);
   lumera::LoadUsageFigures figures;

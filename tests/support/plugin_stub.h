@@ -18,4 +18,11 @@ class PluginStub : public Interface {
   std::uint32_t Stop() override { return 0; }
 };
 
+// The host's plug-in `name` as its interface, null when the host does not give it.
+template <class Interface, class Host>
+Interface* GetPlugin(Host& host, const wchar_t* name, const GUID& iid) {
+  void* object = nullptr;
+  return host.GetPlugin(name, iid, &object) == 0 ? static_cast<Interface*>(object) : nullptr;
+}
+
 }  // namespace testsupport

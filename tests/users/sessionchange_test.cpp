@@ -15,6 +15,7 @@
 #include "lumera/kyusers.h"
 #include "plugins/sessionchange.h"
 #include "support/captured_log.h"
+#include "support/plugin_stub.h"
 #include "support/scratch_folder.h"
 #include "support/test_thread.h"
 #include "users/ky_users.h"
@@ -73,9 +74,8 @@ TEST(SessionChange, TheStagedConsoleLogsOnAndOffForTheHostAndTheUsersLibrary) {
 
   host::HostConfig config;
   host::ComponentManager host(config);
-  void* object = nullptr;
-  ASSERT_EQ(host.GetPlugin(L"sessionchange", lumera::ids::SessionChangePlugin, &object), 0u);
-  auto* plugin = static_cast<ISessionChangePlugin*>(object);
+  auto* plugin = testsupport::GetPlugin<ISessionChangePlugin>(host, L"sessionchange", lumera::ids::SessionChangePlugin);
+  ASSERT_NE(plugin, nullptr);
   Recorder recorder;
   ASSERT_EQ(plugin->RegisterEventsHandler(&recorder), 0u);
   EXPECT_EQ(plugin->RegisterEventsHandler(&recorder), 183u);
@@ -99,10 +99,10 @@ TEST(SessionChange, AsAServiceItDeliversWhatTheControlHandlerRelaysAndNothingEls
   host::SetSessionChangesFromService(true);
   host::HostConfig config;
   host::ComponentManager host(config);
-  void* object = nullptr;
-  ASSERT_EQ(host.GetPlugin(L"sessionchange", lumera::ids::SessionChangePlugin, &object), 0u);
+  auto* plugin = testsupport::GetPlugin<ISessionChangePlugin>(host, L"sessionchange", lumera::ids::SessionChangePlugin);
+  ASSERT_NE(plugin, nullptr);
   Recorder recorder;
-  ASSERT_EQ(static_cast<ISessionChangePlugin*>(object)->RegisterEventsHandler(&recorder), 0u);
+  ASSERT_EQ(plugin->RegisterEventsHandler(&recorder), 0u);
   console.Set(0);  // not followed as a service
   WTSSESSION_NOTIFICATION notification{sizeof notification, 1};
   host::RelaySessionChange(WTS_SESSION_LOCK, &notification);

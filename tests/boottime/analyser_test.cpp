@@ -26,7 +26,7 @@ class AnalyserTest : public ::testing::Test {
     analyser.Start(&data);
     log.clear();
   }
-  void WriteFile(const std::string& text) { std::ofstream(std::filesystem::path(file), std::ios::binary) << text; }
+  void WriteFile(const std::string& text) { testsupport::WriteFileBytes(file, text); }
   const ProcessImpact& Impact(std::uint64_t pid) { return analyser.Impacts().at(pid); }
   static auto Fields(const ProcessImpact& i) {
     return std::make_tuple(i.ppid, i.name, i.kernel, i.user, i.read, i.write, i.other);

@@ -13,7 +13,6 @@
 #include "common/unique_handle.h"
 #include "fake_wevtapi/fake_wevtapi.h"
 #include "fakes.h"
-#include "staged_clock.h"
 #include "support/scratch_folder.h"
 
 namespace boottime {
@@ -192,7 +191,7 @@ TEST(WinServiceStartMonitor, StopsBeforeOrAfterTheAnswerAndRefusesAServiceThatIs
 
 TEST_F(BootEventTest, TheMonitorStopsAtThisBootsEventButKeepsItsOwnMeasure) {
   add(Created(-3'600'000), 90000, fakewevt::kUInt32);
-  testing::StagedClock staged;
+  testing::FakeClock staged;
   staged.tick = kTick;
   testing::FakeCounters failing;  // every process is dropped at its first sample
   BootTimeData data;

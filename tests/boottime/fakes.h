@@ -13,25 +13,28 @@
 #include "boottime/clock.h"
 #include "boottime/process_counters_source.h"
 #include "support/captured_log.h"
+#include "support/plugin_stub.h"
 
 namespace boottime::testing {
 
 // Each wait lets the time waited for pass at once, unless it is the scripted wait at which
-// the stop event is "set".
+// the stop event is "set"; `onWait` runs after the time has passed (to stage a logon, a new
+// process or a boot event).
 class FakeClock final : public IClock {
  public:
   std::uint32_t TickCount() override { return tick; }
   std::uint64_t WallClock() override { return 13'000'000'000'000ull + tick; }
   DWORD WaitForStop(HANDLE, DWORD milliseconds) override {
-    ++waits;
-    if (waits == stopAtWait) return WAIT_OBJECT_0;
+    if (++waits == stopAtWait) return WAIT_OBJECT_0;
     tick += milliseconds;
+    if (onWait) onWait();
     return WAIT_TIMEOUT;
   }
 
   std::uint32_t tick = 0;
   int waits = 0;
   int stopAtWait = -1;
+  std::function<void()> onWait;
 };
 
 struct ScriptedCounters {
@@ -112,13 +115,8 @@ inline bool Logged(const testsupport::CapturedLog& log, const std::wstring& func
 
 // A "LoadUsage" plug-in answering `code`, or else the scripted figures in turn (the last one
 // repeats), and noting each question with the tick it came at.
-class FakeLoadUsage final : public ILoadUsage {
+class FakeLoadUsage final : public testsupport::PluginStub<ILoadUsage> {
  public:
-  void* GetInterface(const GUID&) override { return this; }
-  std::uint32_t Init(IServMain*) override { return 0; }
-  std::uint32_t UnInit() override { return 0; }
-  std::uint32_t Start() override { return 0; }
-  std::uint32_t Stop() override { return 0; }
   std::uint32_t GetCurrentUsage(std::uint32_t, double*) override { return ERROR_NOT_SUPPORTED; }
   std::uint32_t GetUsage(std::uint32_t kind, lumera::LoadUsageFigures* figures) override {
     kinds.push_back(kind);

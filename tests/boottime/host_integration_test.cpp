@@ -18,28 +18,23 @@
 #include "lumera/loadusage.h"
 #include "lumera/wmiprocessdp.h"
 #include "plugins/loadusage_window.h"
+#include "support/plugin_stub.h"
+#include "support/programs.h"
 #include "support/scratch_folder.h"
+#include "support/test_thread.h"
 
 namespace boottime {
 namespace {
 
 constexpr DWORD kDeadlineMs = 10000;
-constexpr DWORD kPollMs = 50;
 
 class Child {
  public:
   Child() {
     eventName_ = L"boottime_child_" + std::to_wstring(::GetCurrentProcessId()) + L"_" + std::to_wstring(++count_);
     done_.reset(::CreateEventW(nullptr, TRUE, FALSE, eventName_.c_str()));
-    std::wstring line = L"\"" + testsupport::ExeFolder() + L"boottime_child.exe\" " + eventName_;
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION info{};
-    if (::CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info)) {
-      process_.reset(info.hProcess);
-      ::CloseHandle(info.hThread);
-      pid_ = info.dwProcessId;
-    }
+    process_ = testsupport::StartProgram(L"\"" + testsupport::ExeFolder() + L"boottime_child.exe\" " + eventName_);
+    pid_ = process_ ? ::GetProcessId(process_.get()) : 0;
   }
   ~Child() { End(); }
   std::uint32_t Pid() const { return pid_; }
@@ -67,17 +62,13 @@ const TrackedProcess* Find(const BootTimeMonitor::Processes& processes, std::uin
   return nullptr;
 }
 
-// Applies queued notifications every kPollMs until `done` holds or the deadline passes.
+// Applies queued notifications until `done` holds or the deadline passes.
 template <class Done>
 bool ApplyUntil(BootTimeMonitor::ProcessesMonitor& monitor, BootTimeMonitor::Processes& processes, Done done) {
-  ky::unique_handle never(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
-  const DWORD start = ::GetTickCount();
-  for (;;) {
+  return testsupport::WaitUntil([&] {
     monitor.ApplyEvents(processes);
-    if (done()) return true;
-    if (::GetTickCount() - start > kDeadlineMs) return false;
-    ::WaitForSingleObject(never.get(), kPollMs);
-  }
+    return done();
+  }, kDeadlineMs);
 }
 
 TEST(HostProcessTracking, ChildProcessesAreFollowedFromStartToEnd) {
@@ -142,9 +133,8 @@ class CountingHandler final : public IWMIProcessDPEvents {
 TEST(HostProcessTracking, HandlersAreRegisteredOnceAndANotificationCarriesEveryField) {
   host::HostConfig config;
   host::ComponentManager host(config);
-  void* object = nullptr;
-  ASSERT_EQ(host.GetPlugin(L"wmiprocessdp", lumera::ids::WmiProcessDPPlugin, &object), 0u);
-  auto* plugin = static_cast<IWMIProcessDP*>(object);
+  auto* plugin = testsupport::GetPlugin<IWMIProcessDP>(host, L"wmiprocessdp", lumera::ids::WmiProcessDPPlugin);
+  ASSERT_NE(plugin, nullptr);
   CountingHandler handler;
   EXPECT_EQ(plugin->RegisterEventsHandler(nullptr), 13u);
   EXPECT_EQ(plugin->UnregisterEventsHandler(&handler), 1168u);
@@ -196,9 +186,8 @@ TEST(HostLoadUsage, BusyShareComesFromIdleAndTotalTimes) {
 TEST(HostLoadUsage, DiskFiguresAreRealOrAnErrorAndTheMeasurementFollowsThem) {
   host::HostConfig config;
   host::ComponentManager host(config);
-  void* object = nullptr;
-  ASSERT_EQ(host.GetPlugin(L"LoadUsage", lumera::ids::LoadUsagePlugin, &object), 0u);
-  auto* loadUsage = static_cast<ILoadUsage*>(object);
+  auto* loadUsage = testsupport::GetPlugin<ILoadUsage>(host, L"LoadUsage", lumera::ids::LoadUsagePlugin);
+  ASSERT_NE(loadUsage, nullptr);
 
   EXPECT_EQ(loadUsage->GetUsage(99, nullptr), 13u);
   lumera::LoadUsageFigures figures;

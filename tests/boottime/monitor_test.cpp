@@ -6,7 +6,6 @@
 #include <windows.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "boottime/boot_time_data.h"
 #include "boottime/boot_time_monitor.h"
@@ -14,20 +13,19 @@
 #include "boottime/processes_monitor.h"
 #include "common/unique_handle.h"
 #include "fakes.h"
-#include "staged_clock.h"
 #include "support/scratch_folder.h"
 
 namespace boottime {
 namespace {
 
 using testing::Logged;
-using testing::StagedClock;
+using testing::FakeClock;
 
 // Every process reads as busy (50 % of one processor), or every read fails so that each
 // process is dropped at its first sample and the list runs empty.
 class UniformCounters final : public IProcessCountersSource {
  public:
-  UniformCounters(const StagedClock& clock, bool busy) : clock_(clock), busy_(busy) {}
+  UniformCounters(const FakeClock& clock, bool busy) : clock_(clock), busy_(busy) {}
   bool GetProcessTimes(HANDLE, FILETIME* creation, FILETIME* exit, FILETIME* kernel, FILETIME* user) override {
     if (!busy_) {
       ::SetLastError(ERROR_ACCESS_DENIED);
@@ -46,7 +44,7 @@ class UniformCounters final : public IProcessCountersSource {
   std::uint32_t NumberOfProcessors() override { return 1; }
 
  private:
-  const StagedClock& clock_;
+  const FakeClock& clock_;
   bool busy_;
 };
 
@@ -73,7 +71,7 @@ class MonitorTest : public ::testing::Test {
   }
 
   testsupport::CapturedLog log;
-  StagedClock clock;
+  FakeClock clock;
   BootTimeData data;
   std::unique_ptr<UniformCounters> counters;
   std::unique_ptr<BootTimeMonitor> monitor;
@@ -116,7 +114,7 @@ TEST_F(MonitorTest, WithAUserLoggedOnAnEmptyListEndsMonitoringOnlyAfterMoreThanA
   for (const Case& c : {Case{5000, L"now=66000, logon time=5000, system time=0"},
                         Case{4999, L"now=65000, logon time=4999, system time=0"}}) {
     log.clear();
-    clock = StagedClock{};
+    clock = FakeClock{};
     Make(false);
     clock.tick = 5000;
     monitor->LogonObserver()->OnLogon(c.logonTime, L"DOMAIN\\user");
@@ -177,9 +175,7 @@ TEST(MonitorAnalyzeSamples, TheLatestSampleEndingATwentyPercentStepIsTheBusyEnd)
 class LastBootTimeFileTest : public MonitorTest {
  protected:
   void SetUp() override { Make(false); }
-  void Write(const std::string& text) {
-    std::ofstream(std::filesystem::path(folder.file(BootTimeMonitor::kFileName)), std::ios::binary) << text;
-  }
+  void Write(const std::string& text) { testsupport::WriteFileBytes(folder.file(BootTimeMonitor::kFileName), text); }
   testsupport::ScratchFolder folder;
 };
 

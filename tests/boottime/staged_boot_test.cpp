@@ -14,6 +14,7 @@
 #include "component_manager.h"
 #include "lumera/dev_console_session.h"
 #include "support/captured_log.h"
+#include "support/programs.h"
 #include "support/scratch_folder.h"
 #include "users/ky_users.h"
 #include "users/user_logon.h"
@@ -26,15 +27,8 @@ constexpr DWORD kDeadlineMs = 15000;
 class Child {
  public:
   explicit Child(const std::wstring& eventName) : done_(::CreateEventW(nullptr, TRUE, FALSE, eventName.c_str())) {
-    std::wstring line = L"\"" + testsupport::ExeFolder() + L"boottime_child.exe\" " + eventName;
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION info{};
-    if (::CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info)) {
-      process_.reset(info.hProcess);
-      ky::unique_handle thread(info.hThread);
-      pid_ = info.dwProcessId;
-    }
+    process_ = testsupport::StartProgram(L"\"" + testsupport::ExeFolder() + L"boottime_child.exe\" " + eventName);
+    pid_ = process_ ? ::GetProcessId(process_.get()) : 0;
   }
   ~Child() {
     ::SetEvent(done_.get());

@@ -12,9 +12,7 @@
 
 namespace {
 
-testsupport::ProgramRun RunTool(const std::wstring& args) {
-  return testsupport::RunProgram(testsupport::Quoted(testsupport::BinFolder() / L"boottime.exe") + L" " + args, 20000);
-}
+testsupport::ProgramRun RunTool(const std::wstring& args) { return testsupport::RunBinProgram(L"boottime.exe", args, 20000); }
 
 TEST(BootTimeTool, PrintsAnswersFailuresAndBroadcasts) {
   host::HostConfig config;

@@ -18,6 +18,7 @@
 #include "lumera/productinfo.h"
 #include "support/captured_log.h"
 #include "support/failing_allocation.h"
+#include "support/test_thread.h"
 
 namespace {
 
@@ -84,10 +85,8 @@ class RecordingItem final : public EqWorkItem {
   HANDLE gate_;
 };
 
-// Waits up to 5 s for the count to reach the wanted value.
 bool WaitFor(const std::atomic<int>& count, int wanted) {
-  for (int i = 0; i < 1000 && count.load() != wanted; ++i) ::Sleep(5);
-  return count.load() == wanted;
+  return testsupport::WaitUntil([&] { return count.load() == wanted; }, 5000);
 }
 
 TEST(SerialExecution, RunsItemsOneAtATimeInPostingOrderOnOneThread) {

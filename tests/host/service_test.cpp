@@ -12,9 +12,7 @@
 
 namespace {
 
-DWORD RunHostCommand(const std::wstring& arguments) {
-  return testsupport::RunProgram(testsupport::Quoted(testsupport::BinFolder() / L"lumerahost.exe") + L" " + arguments).exitCode;
-}
+DWORD RunHostCommand(const std::wstring& arguments) { return testsupport::RunBinProgram(L"lumerahost.exe", arguments, 30000).exitCode; }
 
 DWORD WaitForState(SC_HANDLE service, DWORD wanted) {
   SERVICE_STATUS status{};

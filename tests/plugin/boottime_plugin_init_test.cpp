@@ -14,18 +14,14 @@
 #include "lumera/productinfo.h"
 #include "plugin/boottime_plugin.h"
 #include "support/captured_log.h"
+#include "support/plugin_stub.h"
 #include "support/scratch_folder.h"
 
 namespace boottime {
 namespace {
 
-class FakeProductInfo final : public IProductInfo {
+class FakeProductInfo final : public testsupport::PluginStub<IProductInfo> {
  public:
-  void* GetInterface(const GUID&) override { return this; }
-  std::uint32_t Init(IServMain*) override { return 0; }
-  std::uint32_t UnInit() override { return 0; }
-  std::uint32_t Start() override { return 0; }
-  std::uint32_t Stop() override { return 0; }
   const wchar_t* GetItem(std::uint32_t, const wchar_t*) override { return nullptr; }
   const wchar_t* GetFolder(std::uint32_t kind, const wchar_t* name) override {
     return kind == lumera::kFolderKindCommon && std::wstring(name) == L"common" ? common.c_str() : nullptr;

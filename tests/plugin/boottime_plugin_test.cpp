@@ -21,6 +21,7 @@
 #include "plugin/boottime_plugin.h"
 #include "support/captured_log.h"
 #include "support/scratch_folder.h"
+#include "support/test_thread.h"
 #include "users/ky_users.h"
 #include "users/user_logon.h"
 
@@ -105,20 +106,11 @@ DWORD HandleCount() {
   return count;
 }
 
-bool Eventually(const std::function<bool()>& condition) {
-  const DWORD start = ::GetTickCount();
-  while (!condition()) {
-    if (::GetTickCount() - start > kDeadlineMs) return false;
-    ::Sleep(10);
-  }
-  return true;
-}
+bool Eventually(const std::function<bool()>& condition) { return testsupport::WaitUntil(condition, kDeadlineMs); }
 
 bool WriteFile(const std::wstring& path, const std::string& text) {
-  ky::unique_file file(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
-  DWORD written = 0;
-  return file && ::WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) &&
-         written == text.size();
+  testsupport::WriteFileBytes(path, text);
+  return testsupport::ReadFileBytes(path) == text;
 }
 
 bool Exists(const std::wstring& path) { return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
@@ -349,7 +341,9 @@ TEST_F(PluginRun, RunsStoppedWhileMonitoringLeaveNoHandleOrThreadBehind) {
     EXPECT_EQ(plugin.Stop(), 0u);
     EXPECT_EQ(plugin.UnInit(), 0u);
   }
-  EXPECT_LE(HandleCount(), handlesBefore + 1) << "handles outlive the plug-in's runs";
+  // A thread that has just ended may still be closing its handles, so a leak is what stays.
+  EXPECT_TRUE(Eventually([&] { return HandleCount() <= handlesBefore + 1; }))
+      << "handles outlive the plug-in's runs: " << HandleCount() << " against " << handlesBefore;
   EXPECT_LE(ThreadCount(), threadsBefore);
 }
 

@@ -182,8 +182,8 @@ TEST(Application, ExpandPathLogsBothFailuresAndKeepsWhatItConverted) {
   testsupport::ScratchFolder scratch;
   const std::wstring longFolder = scratch.file(L"A Long Folder Name");
   ASSERT_TRUE(::CreateDirectoryW(longFolder.c_str(), nullptr));
-  const std::wstring paths[] = {testing_startup::WriteFile(longFolder + L"\\First Program.exe"),
-                                testing_startup::WriteFile(longFolder + L"\\Second Program.exe"), longFolder + L"\\"};
+  const std::wstring paths[] = {testsupport::WriteFileBytes(longFolder + L"\\First Program.exe"),
+                                testsupport::WriteFileBytes(longFolder + L"\\Second Program.exe"), longFolder + L"\\"};
   for (const std::wstring& path : paths) {
     wchar_t shortPath[MAX_PATH] = {};
     wchar_t expected[MAX_PATH] = {};

@@ -6,13 +6,14 @@
 
 #include <mutex>
 
+#include "central_process.h"
 #include "comm/pipelink_fixture.h"
 #include "picojson.h"
+#include "report_files.h"
 #include "startup/scratch.h"
 #include "startup/startup_manager.h"
 #include "support/programs.h"
 #include "support/test_thread.h"
-#include "central_process.h"
 
 namespace {
 
@@ -47,13 +48,8 @@ class ListKeeper final : public startup::CBaseStartupManager {
 };
 
 startup::StartupItemExPtr App(const wchar_t* name, std::int32_t status, std::uint32_t time) {
-  auto app = std::make_shared<startup::StartupItemEx>();
-  app->name = name;
-  app->owner = L"Maker Ltd";
-  app->qid = L"0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef";
-  app->status = status;
-  app->time = time;
-  return app;
+  return testing_report::App(name, status, time, L"Maker Ltd",
+                             L"0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef");
 }
 
 TEST(CentralTool, CommandLineHelpAndFailures) {
@@ -72,7 +68,7 @@ TEST(CentralTool, CommandLineHelpAndFailures) {
 
 TEST(CentralTool, AnswersAnUpdateRequestAndPrintsEachReportUntilTheCount) {
   testsupport::ScratchFolder folder;
-  const std::wstring apps = testing_startup::WriteFile(
+  const std::wstring apps = testsupport::WriteFileBytes(
       folder.file(L"apps.json"), R"({"apps":[{"name":"Tray","owner":"Maker","qid":"ab","status":"disabled"}]})");
   Background central(L"--count 2 --out " + testsupport::Quoted(folder.file(L"reports.jsonl")) + L" --apps " +
                          testsupport::Quoted(apps),

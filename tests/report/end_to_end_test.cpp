@@ -12,64 +12,22 @@
 #include "picojson.h"
 #include "report_files.h"
 #include "startup/scratch.h"
+#include "support/programs.h"
 #include "support/test_thread.h"
 
 namespace {
 
-using testing_report::Fixture;
+using testsupport::Narrow;
 
-constexpr wchar_t kRunKey[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Run";
-constexpr wchar_t kApprovedRun[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\StartupApproved\\Run";
-constexpr const wchar_t* kRunNames[] = {L"LumeraE2ETray", L"LumeraE2ESync", L"LumeraE2ELater", L"LumeraE2EOwn"};
+using testing_report::Fixture;
+using testing_report::SetRun;
+
+const std::vector<std::wstring> kRunNames = {L"LumeraE2ETray", L"LumeraE2ESync", L"LumeraE2ELater", L"LumeraE2EOwn"};
 constexpr wchar_t kFolderEntry[] = L"LumeraE2ENameless.exe";
 
-std::wstring SpecialFolder(int csidl) {
-  wchar_t path[MAX_PATH] = {};
-  ::SHGetSpecialFolderPathW(nullptr, path, csidl, FALSE);
-  return std::wstring(path) + L"\\";
-}
+std::wstring SpecialFolder(int csidl) { return testsupport::SpecialFolder(csidl) + L"\\"; }
 
-std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
-
-testsupport::ProgramRun Startupctl(const std::wstring& arguments) {
-  return testsupport::RunProgram(testsupport::Quoted(testsupport::BinFolder() / L"startupctl.exe") + L" " + arguments,
-                                 60000);
-}
-
-// Everything the test adds to the user's startup and to the agent's store, taken away again,
-// and the store put back as it was.
-class Cleanup {
- public:
-  Cleanup(std::wstring store, std::wstring agentApp) : store_(std::move(store)), agentApp_(std::move(agentApp)) {
-    hadStore_ = ::GetFileAttributesW(store_.c_str()) != INVALID_FILE_ATTRIBUTES;
-    storeBytes_ = testsupport::ReadFileBytes(store_);
-  }
-  ~Cleanup() {
-    for (const wchar_t* name : kRunNames) {
-      ::RegDeleteKeyValueW(HKEY_CURRENT_USER, kRunKey, name);
-      ::RegDeleteKeyValueW(HKEY_CURRENT_USER, kApprovedRun, name);
-    }
-    ::DeleteFileW((SpecialFolder(CSIDL_STARTUP) + kFolderEntry).c_str());
-    ::DeleteFileW((agentApp_ + L"\\app_paths").c_str());
-    ::RemoveDirectoryW(agentApp_.c_str());
-    if (hadStore_) {
-      testing_startup::WriteFile(store_, storeBytes_);
-    } else {
-      ::DeleteFileW(store_.c_str());
-    }
-  }
-
- private:
-  std::wstring store_, agentApp_;
-  std::string storeBytes_;
-  bool hadStore_ = false;
-};
-
-void SetRun(const std::wstring& name, const std::wstring& command) {
-  ASSERT_EQ(::RegSetKeyValueW(HKEY_CURRENT_USER, kRunKey, name.c_str(), REG_SZ, command.c_str(),
-                              static_cast<DWORD>((command.size() + 1) * sizeof(wchar_t))),
-            ERROR_SUCCESS);
-}
+testsupport::ProgramRun Startupctl(const std::wstring& arguments) { return testsupport::RunBinProgram(L"startupctl.exe", arguments); }
 
 TEST(StartupReportEndToEnd, StartupctlReportReachesTheCentralComponentWithEveryEntryButTheAgentsOwn) {
   testsupport::ScratchFolder apps;
@@ -85,15 +43,16 @@ TEST(StartupReportEndToEnd, StartupctlReportReachesTheCentralComponentWithEveryE
                 ::GetFileAttributesW(agentRoot.c_str()) != INVALID_FILE_ATTRIBUTES,
             true);
   const std::wstring agentApp = agentRoot + L"LumeraE2E" + std::to_wstring(::GetCurrentProcessId());
-  Cleanup cleanup(SpecialFolder(CSIDL_APPDATA) + L"Nexalon\\Lumera\\Storage.json", agentApp);
+  const std::wstring store = SpecialFolder(CSIDL_APPDATA) + L"Nexalon\\Lumera\\Storage.json";
+  testing_report::UserStartupState cleanup(kRunNames, kFolderEntry, store, agentApp);
   ASSERT_TRUE(::CreateDirectoryW(agentApp.c_str(), nullptr));
   picojson::array ownPaths{picojson::value(Narrow(own.path()))};
-  testing_startup::WriteFile(agentApp + L"\\app_paths", picojson::value(ownPaths).serialize());
+  testsupport::WriteFileBytes(agentApp + L"\\app_paths", picojson::value(ownPaths).serialize());
 
-  SetRun(L"LumeraE2ETray", L"\"" + apps.file(L"Tray.exe") + L"\" --tray");
-  SetRun(L"LumeraE2ESync", apps.file(L"Sync.exe"));
-  SetRun(L"LumeraE2ELater", apps.file(L"Later.exe"));
-  SetRun(L"LumeraE2EOwn", own.file(L"Agent.exe"));
+  ASSERT_TRUE(SetRun(L"LumeraE2ETray", L"\"" + apps.file(L"Tray.exe") + L"\" --tray"));
+  ASSERT_TRUE(SetRun(L"LumeraE2ESync", apps.file(L"Sync.exe")));
+  ASSERT_TRUE(SetRun(L"LumeraE2ELater", apps.file(L"Later.exe")));
+  ASSERT_TRUE(SetRun(L"LumeraE2EOwn", own.file(L"Agent.exe")));
   ASSERT_TRUE(testing_report::CopyTo(Fixture(L"nocompany"), SpecialFolder(CSIDL_STARTUP) + kFolderEntry));
   ASSERT_EQ(Startupctl(L"disable LumeraE2ESync").exitCode, 0u);
   ASSERT_EQ(Startupctl(L"delay LumeraE2ELater").exitCode, 0u);

@@ -64,8 +64,8 @@ void SetLastWrite(const std::wstring& path, const FILETIME& time) {
 TEST(FastDB, DigestsMatchKnownValuesAndSha256sum) {
   testsupport::ScratchFolder folder;
   FastDB db;
-  EXPECT_EQ(db.Hex(testing_startup::WriteFile(folder.file(L"abc.txt"), "abc")), kAbcDigest);
-  EXPECT_EQ(db.Hex(testing_startup::WriteFile(folder.file(L"empty.txt"), "")), kEmptyDigest);
+  EXPECT_EQ(db.Hex(testsupport::WriteFileBytes(folder.file(L"abc.txt"), "abc")), kAbcDigest);
+  EXPECT_EQ(db.Hex(testsupport::WriteFileBytes(folder.file(L"empty.txt"), "")), kEmptyDigest);
   for (const wchar_t* name : {L"full", L"german"}) {
     const std::wstring expected = testing_report::Sha256sumOf(name);
     if (expected.empty()) continue;  // sha256sum runs in cross builds only
@@ -74,7 +74,7 @@ TEST(FastDB, DigestsMatchKnownValuesAndSha256sum) {
   // Larger than one read, so the chunks must be chained.
   std::string big(3 * 1024 * 1024 + 17, '\0');
   for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>(i * 7 + (i >> 11));
-  const std::wstring bigPath = testing_startup::WriteFile(folder.file(L"big.bin"), big);
+  const std::wstring bigPath = testsupport::WriteFileBytes(folder.file(L"big.bin"), big);
   startup::CFileQID qids;
   ASSERT_TRUE(qids.Init());
   std::wstring viaModule;
@@ -84,7 +84,7 @@ TEST(FastDB, DigestsMatchKnownValuesAndSha256sum) {
 
 TEST(FastDB, FailuresAreWindowsCodesWithTheBufferUntouched) {
   testsupport::ScratchFolder folder;
-  const std::wstring file = testing_startup::WriteFile(folder.file(L"abc.txt"), "abc");
+  const std::wstring file = testsupport::WriteFileBytes(folder.file(L"abc.txt"), "abc");
   FastDB db;
   std::wstring hex;
   EXPECT_EQ(db.Get(folder.file(L"missing.exe"), hex), static_cast<std::uint32_t>(ERROR_FILE_NOT_FOUND));
@@ -101,12 +101,12 @@ TEST(FastDB, FailuresAreWindowsCodesWithTheBufferUntouched) {
 
 TEST(FastDB, AnUnchangedFileIsHashedOnceAcrossLoadsAndACorruptCacheIsDropped) {
   testsupport::ScratchFolder folder;
-  const std::wstring path = testing_startup::WriteFile(folder.file(L"app.exe"), "first content");
+  const std::wstring path = testsupport::WriteFileBytes(folder.file(L"app.exe"), "first content");
   const FILETIME stamp = LastWrite(path);
   const std::wstring first = FastDB().Hex(path);
 
   // Same size and time, other bytes: only a cached answer can still give the first digest.
-  testing_startup::WriteFile(path, "other content");
+  testsupport::WriteFileBytes(path, "other content");
   SetLastWrite(path, stamp);
   EXPECT_EQ(FastDB().Hex(path), first) << "read back from the cache file by a fresh load";
 
@@ -122,8 +122,8 @@ TEST(FastDB, AnUnchangedFileIsHashedOnceAcrossLoadsAndACorruptCacheIsDropped) {
   std::string bytes = testsupport::ReadFileBytes(CacheFile());
   ASSERT_GT(bytes.size(), 40u);
   bytes[bytes.size() - 3] ^= 0x5A;
-  testing_startup::WriteFile(CacheFile(), bytes);
-  EXPECT_EQ(FastDB().Hex(path), FastDB().Hex(testing_startup::WriteFile(folder.file(L"same.exe"), "other content")))
+  testsupport::WriteFileBytes(CacheFile(), bytes);
+  EXPECT_EQ(FastDB().Hex(path), FastDB().Hex(testsupport::WriteFileBytes(folder.file(L"same.exe"), "other content")))
       << "the stale record went with the corrupt file";
 }
 

@@ -16,58 +16,22 @@
 #include "startup/action_exec.h"
 #include "startup/startup_items.h"
 #include "support/captured_log.h"
+#include "support/programs.h"
 
 namespace {
 
+using testsupport::Narrow;
+
 using testing_report::CentralServer;
 using testing_report::Fixture;
+using testing_report::kRunKey;
+using testing_report::SetRun;
 
-constexpr wchar_t kRunKey[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Run";
-constexpr wchar_t kApprovedRun[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\StartupApproved\\Run";
-constexpr const wchar_t* kRunNames[] = {L"LumeraRptTray", L"LumeraRptSync", L"LumeraRptLater", L"LumeraRptGone",
+const std::vector<std::wstring> kRunNames = {L"LumeraRptTray", L"LumeraRptSync", L"LumeraRptLater", L"LumeraRptGone",
                                         L"LumeraRptOwn", L"LumeraRptPlain"};
 constexpr wchar_t kFolderEntry[] = L"LumeraRptNameless.exe";
 
-std::wstring UserStartupFolder() {
-  wchar_t path[MAX_PATH] = {};
-  ::SHGetSpecialFolderPathW(nullptr, path, CSIDL_STARTUP, FALSE);
-  return std::wstring(path) + L"\\";
-}
-
-std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
-
-// The user's Run values, Startup file, StartupApproved values and store as the test found
-// them, put back when it ends.
-class UserStartupState {
- public:
-  explicit UserStartupState(std::wstring storePath) : storePath_(std::move(storePath)) {
-    storeBytes_ = testsupport::ReadFileBytes(storePath_);
-    hadStore_ = ::GetFileAttributesW(storePath_.c_str()) != INVALID_FILE_ATTRIBUTES;
-  }
-  ~UserStartupState() {
-    for (const wchar_t* name : kRunNames) {
-      ::RegDeleteKeyValueW(HKEY_CURRENT_USER, kRunKey, name);
-      ::RegDeleteKeyValueW(HKEY_CURRENT_USER, kApprovedRun, name);
-    }
-    ::DeleteFileW((UserStartupFolder() + kFolderEntry).c_str());
-    if (hadStore_) {
-      testing_startup::WriteFile(storePath_, storeBytes_);
-    } else {
-      ::DeleteFileW(storePath_.c_str());
-    }
-  }
-
- private:
-  std::wstring storePath_;
-  std::string storeBytes_;
-  bool hadStore_ = false;
-};
-
-void SetRun(const std::wstring& name, const std::wstring& command) {
-  ASSERT_EQ(::RegSetKeyValueW(HKEY_CURRENT_USER, kRunKey, name.c_str(), REG_SZ, command.c_str(),
-                              static_cast<DWORD>((command.size() + 1) * sizeof(wchar_t))),
-            ERROR_SUCCESS);
-}
+std::wstring UserStartupFolder() { return testsupport::SpecialFolder(CSIDL_STARTUP) + L"\\"; }
 
 // The user Run key's item of that name, as the manager's own sources list it.
 startup::StartupItemPtr RunItem(const std::wstring& name) {
@@ -105,7 +69,7 @@ TEST(PluginStartupManager, ReportsEveryReportableEntryWithOwnerStatusIdentityAnd
   ASSERT_TRUE(manager.Init());
   ASSERT_TRUE(manager.Connected());
   const std::wstring storePath = manager.StorageFolder() + L"Storage.json";
-  UserStartupState restore(storePath);
+  testing_report::UserStartupState restore(kRunNames, kFolderEntry, storePath);
 
   // The store starts with boot times only; the actions add their records to it.
   std::string upperTray = Narrow(tray);
@@ -119,14 +83,14 @@ TEST(PluginStartupManager, ReportsEveryReportableEntryWithOwnerStatusIdentityAnd
   }
   picojson::object document;
   document["boot_time"] = picojson::value(std::move(times));
-  testing_startup::WriteFile(storePath, picojson::value(std::move(document)).serialize());
+  testsupport::WriteFileBytes(storePath, picojson::value(std::move(document)).serialize());
 
-  SetRun(L"LumeraRptTray", L"\"" + tray + L"\" /min");
-  SetRun(L"LumeraRptSync", sync);
-  SetRun(L"LumeraRptLater", later);
-  SetRun(L"LumeraRptGone", gone);
-  SetRun(L"LumeraRptOwn", ownExe);
-  SetRun(L"LumeraRptPlain", plain);
+  ASSERT_TRUE(SetRun(L"LumeraRptTray", L"\"" + tray + L"\" /min"));
+  ASSERT_TRUE(SetRun(L"LumeraRptSync", sync));
+  ASSERT_TRUE(SetRun(L"LumeraRptLater", later));
+  ASSERT_TRUE(SetRun(L"LumeraRptGone", gone));
+  ASSERT_TRUE(SetRun(L"LumeraRptOwn", ownExe));
+  ASSERT_TRUE(SetRun(L"LumeraRptPlain", plain));
   ASSERT_TRUE(testing_report::CopyTo(Fixture(L"nocompany"), UserStartupFolder() + kFolderEntry));
 
   startup::StartupAppsActionExec exec;

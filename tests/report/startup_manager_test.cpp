@@ -9,6 +9,7 @@
 
 #include "central_server.h"
 #include "picojson.h"
+#include "report_files.h"
 #include "startup/startup_manager.h"
 #include "support/captured_log.h"
 
@@ -18,6 +19,7 @@ using startup::AppList;
 using startup::kStatusDelayed;
 using startup::kStatusDisabled;
 using startup::kStatusEnabled;
+using testing_report::App;
 using testing_report::CentralServer;
 using testing_report::ReceivedMessage;
 
@@ -51,16 +53,6 @@ class ListManager final : public startup::CBaseStartupManager {
   std::vector<AppList> lists_;
   testsupport::Event received_;
 };
-
-startup::StartupItemExPtr App(const wchar_t* name, std::int32_t status, std::uint32_t time) {
-  auto app = std::make_shared<startup::StartupItemEx>();
-  app->name = name;
-  app->owner = L"Owner";
-  app->qid = L"ab";
-  app->status = status;
-  app->time = time;
-  return app;
-}
 
 picojson::value Parse(const std::string& text) {
   picojson::value value;

@@ -20,7 +20,6 @@ using startup::StartupItemList;
 using testing_startup::MakeItem;
 using testing_startup::ScratchRunKey;
 using testing_startup::ScratchStore;
-using testing_startup::WriteFile;
 
 struct Case {
   const char* what;
@@ -40,7 +39,7 @@ TEST(StartupLogTexts, ActionsNameEachDecisionAndFailure) {
   ScratchRunKey run;
   ScratchStore store;
   run.Set(L"App", REG_SZ, L"C:\\apps\\app.exe");
-  const std::wstring notAFolder = WriteFile(folder.file(L"plain.txt"));
+  const std::wstring notAFolder = testsupport::WriteFileBytes(folder.file(L"plain.txt"));
   const std::wstring tooLongKey = L"HKEY_CURRENT_USER\\" + run.Top() + L"\\" + std::wstring(300, L'k') + L"\\Run";
   // The StartupApproved key of the scratch Run key, lower-cased as the module builds it.
   std::wstring lowerApproved = run.Top() + L"\\currentversion\\explorer\\startupapproved\\run";
@@ -74,7 +73,7 @@ TEST(StartupLogTexts, ActionsNameEachDecisionAndFailure) {
        {L"FAILED CreateBackupFolderForStartupItem " + notAFolder}},
       {"unwritable store for a folder entry",
        [&] {
-         const std::wstring file = WriteFile(folder.file(L"keep.exe"));
+         const std::wstring file = testsupport::WriteFileBytes(folder.file(L"keep.exe"));
          const auto unwritable = testing_startup::PointStoreAtUnwritablePath();
          (void)startup::CStartupFolderActions(startup::kBackupFolderName).Disable({MakeItem(L"keep.exe", folder.path(), file)}, true);
        },

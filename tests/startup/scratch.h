@@ -63,12 +63,6 @@ class ScratchRunKey {
   std::wstring subkey_;
 };
 
-// Writes `content` into the file and returns its path.
-inline std::wstring WriteFile(const std::wstring& path, const std::string& content = "x") {
-  std::ofstream(std::filesystem::path(path), std::ios::binary) << content;
-  return path;
-}
-
 // Points the process-wide store at `path` until it goes, then back at the file it used before.
 class StoreOverride : public testsupport::ScopedOverride<std::wstring> {
  public:
@@ -83,7 +77,7 @@ class ScratchStore {
   std::wstring Path() const { return folder_.file(L"Storage.json"); }
   bool Exists() const { return ::GetFileAttributesW(Path().c_str()) != INVALID_FILE_ATTRIBUTES; }
   std::string Text() const { return testsupport::ReadFileBytes(Path()); }
-  void Write(const std::string& text) const { WriteFile(Path(), text); }
+  void Write(const std::string& text) const { testsupport::WriteFileBytes(Path(), text); }
   startup::StartupItemList Load(const char* section) const {
     startup::StartupItemList items;
     (void)startup::storage::CStartupItemsStorage::Instance().LoadStartupItems(section, items);

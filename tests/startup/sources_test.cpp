@@ -9,27 +9,23 @@
 #include "startup/startup_folder_apps.h"
 #include "startup/startup_items.h"
 #include "startup/win8_actions.h"
+#include "support/programs.h"
 #include "support/scoped_override.h"
 #include "users/ky_users.h"
 
 namespace {
 
-bool FlavourIsWin10() {
-  const char* flavour = std::getenv("LUMERA_WINE_FLAVOUR");
-  return flavour != nullptr && std::string(flavour) == "win10";
-}
-
 TEST(StartupActionExec, ChoosesTheActionsOfTheRunningWindows) {
   startup::StartupAppsActionExec exec;
-  ASSERT_EQ(exec.IsWindows8OrGreater(), FlavourIsWin10()) << "the version check must see the prefix's flavour";
-  if (FlavourIsWin10()) {
+  ASSERT_EQ(exec.IsWindows8OrGreater(), testsupport::WineFlavourIsWin10()) << "the version check must see the prefix's flavour";
+  if (testsupport::WineFlavourIsWin10()) {
     EXPECT_NE(dynamic_cast<startup::CWin8RunKeyAppsActions*>(exec.Find(startup::kSourceRunKey)), nullptr);
     EXPECT_NE(dynamic_cast<startup::CWin8StartupFolderActions*>(exec.Find(startup::kSourceStartupFolder)), nullptr);
   } else {
     EXPECT_NE(dynamic_cast<startup::CRunKeyAppsActions*>(exec.Find(startup::kSourceRunKey)), nullptr);
     EXPECT_NE(dynamic_cast<startup::CStartupFolderActions*>(exec.Find(startup::kSourceStartupFolder)), nullptr);
   }
-  EXPECT_EQ(exec.Find(startup::kSourceStoreApp) != nullptr, FlavourIsWin10()) << "Store tasks have actions from Windows 8 on";
+  EXPECT_EQ(exec.Find(startup::kSourceStoreApp) != nullptr, testsupport::WineFlavourIsWin10()) << "Store tasks have actions from Windows 8 on";
   EXPECT_EQ(exec.Find(-1), nullptr);
 }
 

@@ -16,7 +16,6 @@ namespace {
 using startup::CStartupFolderActions;
 using testing_startup::MakeItem;
 using testing_startup::ScratchStore;
-using testing_startup::WriteFile;
 using testsupport::ScratchFolder;
 
 bool Exists(const std::wstring& path) { return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
@@ -39,14 +38,14 @@ bool MakeShortcut(const std::wstring& file, const std::wstring& target) {
 
 TEST(StartupFolderApps, ListsProgramsScriptsAndReadableShortcutsOnly) {
   ScratchFolder folder;
-  const std::wstring target = WriteFile(folder.file(L"target.dat"));
+  const std::wstring target = testsupport::WriteFileBytes(folder.file(L"target.dat"));
   ASSERT_TRUE(MakeShortcut(folder.file(L"App.LNK"), target));
   for (const wchar_t* name : {L"Tool.EXE", L"run.bat", L"notes.txt", L"desktop.ini", L"README"}) {
-    WriteFile(folder.file(name));
+    testsupport::WriteFileBytes(folder.file(name));
   }
-  WriteFile(folder.file(L"broken.lnk"), "not a shortcut");
+  testsupport::WriteFileBytes(folder.file(L"broken.lnk"), "not a shortcut");
   ::CreateDirectoryW(folder.file(L"KyBkpFolder").c_str(), nullptr);
-  WriteFile(folder.file(L"KyBkpFolder\\hidden.exe"));
+  testsupport::WriteFileBytes(folder.file(L"KyBkpFolder\\hidden.exe"));
 
   startup::StartupItemList items;
   const std::wstring noSlash = folder.path().substr(0, folder.path().size() - 1);
@@ -67,7 +66,7 @@ TEST(StartupFolderApps, ListsProgramsScriptsAndReadableShortcutsOnly) {
 TEST(StartupFolderApps, DisableMovesAProgramIntoTheHiddenBackupFolderAndEnableBringsItBack) {
   ScratchFolder folder;
   ScratchStore store;
-  const std::wstring original = WriteFile(folder.file(L"app.exe"));
+  const std::wstring original = testsupport::WriteFileBytes(folder.file(L"app.exe"));
   const std::wstring moved = folder.file(L"KyBkpFolder\\app.exe");
   auto item = MakeItem(L"app.exe", folder.path(), original);
   CStartupFolderActions actions(startup::kBackupFolderName);
@@ -96,7 +95,7 @@ TEST(StartupFolderApps, AShortcutKeepsItsTargetAndAReadOnlyBackupFolderIsMadeWri
   const std::wstring backup = folder.file(L"KyBkpFolder");
   ASSERT_TRUE(::CreateDirectoryW(backup.c_str(), nullptr));
   ASSERT_TRUE(::SetFileAttributesW(backup.c_str(), FILE_ATTRIBUTE_READONLY));
-  WriteFile(folder.file(L"app.lnk"));
+  testsupport::WriteFileBytes(folder.file(L"app.lnk"));
   auto item = MakeItem(L"app.lnk", folder.path(), L"C:\\Program Files\\App\\app.exe");
   ASSERT_EQ(CStartupFolderActions(startup::kBackupFolderName).Delay({item}, true), 0);
   EXPECT_EQ(::GetFileAttributesW(backup.c_str()) & FILE_ATTRIBUTE_READONLY, 0u);
@@ -116,7 +115,7 @@ TEST(StartupFolderApps, MissingFilesAndUnwritableStoresLeaveTheFolderAsItWas) {
     EXPECT_TRUE(log.contains(L"FAILED MoveFile(" + folder.file(L"KyBkpFolder\\gone.exe, ") + folder.file(L"gone.exe)")));
     EXPECT_EQ(actions.Disable({MakeItem(L"gone.exe", folder.path(), L"x")}, true), 31);
   }
-  const std::wstring original = WriteFile(folder.file(L"keep.exe"));
+  const std::wstring original = testsupport::WriteFileBytes(folder.file(L"keep.exe"));
   ASSERT_TRUE(::SetFileAttributesW(original.c_str(), FILE_ATTRIBUTE_READONLY));
   const auto unwritable = testing_startup::PointStoreAtUnwritablePath();
   EXPECT_EQ(actions.Disable({MakeItem(L"keep.exe", folder.path(), original)}, true), 31);
@@ -128,7 +127,7 @@ TEST(StartupFolderApps, MissingFilesAndUnwritableStoresLeaveTheFolderAsItWas) {
 TEST(StartupFolderApps, ItemsLackingANameLocationOrPathAreRefusedByDisableAndDelayAndPassedOverByEnable) {
   ScratchFolder folder;
   ScratchStore store;
-  const std::wstring file = WriteFile(folder.file(L"app.exe"));
+  const std::wstring file = testsupport::WriteFileBytes(folder.file(L"app.exe"));
   const wchar_t kDriveRootBackup[] = L"\\KyBkpFolder";
   const bool rootBackupBefore = Exists(kDriveRootBackup);
   struct Case {

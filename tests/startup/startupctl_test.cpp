@@ -14,28 +14,17 @@
 
 namespace {
 
+using testsupport::Narrow;
+
 constexpr wchar_t kRunKey[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Run";
 constexpr wchar_t kApprovedRun[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\StartupApproved\\Run";
 constexpr wchar_t kApprovedFolder[] =
     L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\StartupApproved\\StartupFolder";
 
-bool Win10() {
-  const char* flavour = std::getenv("LUMERA_WINE_FLAVOUR");
-  return flavour != nullptr && std::string(flavour) == "win10";
-}
+using testsupport::SpecialFolder;
 
-std::wstring SpecialFolder(int csidl) {
-  wchar_t path[MAX_PATH] = {};
-  ::SHGetSpecialFolderPathW(nullptr, path, csidl, FALSE);
-  return path;
-}
+testsupport::ProgramRun RunTool(const std::wstring& arguments) { return testsupport::RunBinProgram(L"startupctl.exe", arguments); }
 
-testsupport::ProgramRun RunTool(const std::wstring& arguments) {
-  return testsupport::RunProgram(testsupport::Quoted(testsupport::BinFolder() / L"startupctl.exe") + L" " + arguments,
-                                 60000);
-}
-
-std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
 bool Exists(const std::wstring& path) { return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 
 // The state the JSON listing gives the named entry; empty when it is not listed.
@@ -102,24 +91,24 @@ TEST_F(StartupCtl, ListsDisablesDelaysAndEnablesARunValue) {
   ASSERT_EQ(run.exitCode, 0u) << run.output;
   EXPECT_NE(run.output.find("enabled -> disabled"), std::string::npos) << run.output;
   EXPECT_EQ(StateOf(value_), "disabled");
-  EXPECT_EQ(RunValueType() != 0, Win10()) << "win10 keeps the value in place, win7 deletes it";
-  EXPECT_EQ(Approved(kApprovedRun, value_), Win10() ? 1 : -1) << "only win10 marks it in StartupApproved";
+  EXPECT_EQ(RunValueType() != 0, testsupport::WineFlavourIsWin10()) << "win10 keeps the value in place, win7 deletes it";
+  EXPECT_EQ(Approved(kApprovedRun, value_), testsupport::WineFlavourIsWin10() ? 1 : -1) << "only win10 marks it in StartupApproved";
 
   ASSERT_EQ(RunTool(L"delay " + value_).exitCode, 0u);
   EXPECT_EQ(StateOf(value_), "delayed");
 
   ASSERT_EQ(RunTool(L"enable " + value_).exitCode, 0u);
   EXPECT_EQ(StateOf(value_), "enabled");
-  EXPECT_EQ(RunValueType(), static_cast<DWORD>(Win10() ? REG_EXPAND_SZ : REG_SZ));
-  EXPECT_EQ(Approved(kApprovedRun, value_), Win10() ? 0 : -1);
+  EXPECT_EQ(RunValueType(), static_cast<DWORD>(testsupport::WineFlavourIsWin10() ? REG_EXPAND_SZ : REG_SZ));
+  EXPECT_EQ(Approved(kApprovedRun, value_), testsupport::WineFlavourIsWin10() ? 0 : -1);
 }
 
 TEST_F(StartupCtl, DisablesAndEnablesAStartupFolderFile) {
   const std::wstring location = folder_.substr(0, folder_.size() - 1);
   ASSERT_EQ(RunTool(L"disable " + file_ + L" --location " + testsupport::Quoted(location)).exitCode, 0u);
   EXPECT_EQ(StateOf(file_), "disabled");
-  EXPECT_EQ(Exists(folder_ + file_), Win10()) << "win10 leaves the file, win7 moves it to the backup folder";
-  EXPECT_TRUE(Win10() ? Approved(kApprovedFolder, file_) == 1 : Exists(folder_ + L"KyBkpFolder\\" + file_))
+  EXPECT_EQ(Exists(folder_ + file_), testsupport::WineFlavourIsWin10()) << "win10 leaves the file, win7 moves it to the backup folder";
+  EXPECT_TRUE(testsupport::WineFlavourIsWin10() ? Approved(kApprovedFolder, file_) == 1 : Exists(folder_ + L"KyBkpFolder\\" + file_))
       << "win10 marks it in StartupApproved, win7 keeps it in the backup folder";
 
   ASSERT_EQ(RunTool(L"enable " + file_).exitCode, 0u);

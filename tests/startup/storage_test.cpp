@@ -142,18 +142,4 @@ TEST(StartupStorage, BootTimesKeepOnlyElementsWithAStringPathAndANumericTime) {
   EXPECT_EQ(records[1].time, 1u) << "truncated, then cut to 32 bits";
 }
 
-TEST(StartupStorage, AScratchOrUnwritableStoreIsUndoneWhenItsScopeEnds) {
-  const std::wstring before = Store().Path();
-  {
-    ScratchStore outer;
-    EXPECT_EQ(Store().Path(), outer.Path());
-    {
-      const auto unwritable = testing_startup::PointStoreAtUnwritablePath();
-      EXPECT_NE(Store().Path(), outer.Path());
-    }
-    EXPECT_EQ(Store().Path(), outer.Path()) << "the inner override gives the outer store back";
-  }
-  EXPECT_EQ(Store().Path(), before) << "no later test inherits a folder that no longer exists";
-}
-
 }  // namespace

@@ -18,29 +18,17 @@
 
 namespace {
 
+using testsupport::Narrow;
+
 constexpr wchar_t kPackages[] =
     L"Local Settings\\Software\\Microsoft\\Windows\\CurrentVersion\\AppModel\\Repository\\Packages";
 constexpr wchar_t kSystemAppData[] =
     L"Local Settings\\Software\\Microsoft\\Windows\\CurrentVersion\\AppModel\\SystemAppData";
 constexpr char kTask[] = "LumeraStagedTerminalTask";
 
-bool Win10() {
-  const char* flavour = std::getenv("LUMERA_WINE_FLAVOUR");
-  return flavour != nullptr && std::string(flavour) == "win10";
-}
+testsupport::ProgramRun RunTool(const std::wstring& arguments) { return testsupport::RunBinProgram(L"startupctl.exe", arguments); }
 
-testsupport::ProgramRun RunTool(const std::wstring& arguments) {
-  return testsupport::RunProgram(testsupport::Quoted(testsupport::BinFolder() / L"startupctl.exe") + L" " + arguments,
-                                 60000);
-}
-
-std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
-
-std::wstring StoragePath() {
-  wchar_t folder[MAX_PATH] = {};
-  ::SHGetSpecialFolderPathW(nullptr, folder, CSIDL_APPDATA, FALSE);
-  return std::wstring(folder) + L"\\Nexalon\\Lumera\\Storage.json";
-}
+std::wstring StoragePath() { return testsupport::SpecialFolder(CSIDL_APPDATA) + L"\\Nexalon\\Lumera\\Storage.json"; }
 
 class StoreStartupCtl : public ::testing::Test {
  protected:
@@ -104,7 +92,7 @@ class StoreStartupCtl : public ::testing::Test {
 
 TEST_F(StoreStartupCtl, ListsSwitchesAndReportsAStagedPackagesTask) {
   const std::wstring task(kTask, kTask + sizeof(kTask) - 1);
-  if (!Win10()) {
+  if (!testsupport::WineFlavourIsWin10()) {
     EXPECT_TRUE(Listed().is<picojson::null>()) << "no Store tasks below Windows 8";
     EXPECT_EQ(RunTool(L"disable " + task).exitCode, static_cast<DWORD>(ERROR_NOT_FOUND));
     EXPECT_EQ(State(), -1);

@@ -5,12 +5,13 @@
 #include <cstdlib>
 
 #include "startup/action_exec.h"
+#include "startup/scratch.h"
 #include "startup/startup_items.h"
 #include "startup/store_apps_actions.h"
 #include "startup/store_startup_item.h"
-#include "startup/scratch.h"
 #include "store_scratch.h"
 #include "support/captured_log.h"
+#include "support/programs.h"
 
 namespace {
 
@@ -20,11 +21,6 @@ using testing_store::StagedPackage;
 using testing_store::Uap5Application;
 
 constexpr wchar_t kTask[] = L"StartOnLogin";
-
-bool FlavourIsWin10() {
-  const char* flavour = std::getenv("LUMERA_WINE_FLAVOUR");
-  return flavour != nullptr && std::string(flavour) == "win10";
-}
 
 startup::StartupItemPtr TaskItem(const StagedPackage& package, const wchar_t* task = kTask) {
   return testing_startup::MakeItem(task, package.Location(), package.Folder() + L"\\App.exe");
@@ -132,7 +128,7 @@ TEST(StoreTaskActions, PolicyStatesFailedSavesAndBadItemsLeaveTheStateAlone) {
 TEST(StoreTaskSources, StoreTasksExistFromWindows8OnOnly) {
   startup::CStartupItems sources;
   startup::StartupAppsActionExec exec;
-  if (FlavourIsWin10()) {
+  if (testsupport::WineFlavourIsWin10()) {
     ASSERT_EQ(sources.StoreSources().size(), 1u);
     EXPECT_EQ(sources.StoreSources()[0].first->GetSourceKind(), startup::kSourceStoreApp);
     EXPECT_EQ(sources.StoreSources()[0].second, startup::kStoreAppsKeyPath);

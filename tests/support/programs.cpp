@@ -1,5 +1,9 @@
 #include "support/programs.h"
 
+#include <shlobj.h>
+
+#include <cstdlib>
+
 #include "common/unique_handle.h"
 #include "support/scratch_folder.h"
 
@@ -8,6 +12,32 @@ namespace testsupport {
 std::filesystem::path BinFolder() { return std::filesystem::path(ExeFolder()).parent_path().parent_path(); }
 
 std::wstring Quoted(const std::filesystem::path& path) { return L"\"" + path.wstring() + L"\""; }
+
+ky::unique_handle StartProgram(std::wstring commandLine) {
+  STARTUPINFOW startup{};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION info{};
+  if (!::CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info)) {
+    return ky::unique_handle();
+  }
+  ky::unique_handle thread(info.hThread);
+  return ky::unique_handle(info.hProcess);
+}
+
+ProgramRun RunBinProgram(const wchar_t* exe, const std::wstring& arguments, DWORD timeoutMs) {
+  return RunProgram(Quoted(BinFolder() / exe) + L" " + arguments, timeoutMs);
+}
+
+bool WineFlavourIsWin10() {
+  const char* flavour = std::getenv("LUMERA_WINE_FLAVOUR");
+  return flavour != nullptr && std::string(flavour) == "win10";
+}
+
+std::wstring SpecialFolder(int csidl) {
+  wchar_t path[MAX_PATH] = {};
+  ::SHGetSpecialFolderPathW(nullptr, path, csidl, FALSE);
+  return path;
+}
 
 ProgramRun RunProgram(const std::wstring& commandLine, DWORD timeoutMs) {
   ProgramRun run;

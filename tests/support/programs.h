@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <string>
 
+#include "common/unique_handle.h"
+
 namespace testsupport {
 
 // build/bin: the folder above the test programs' own.
@@ -21,7 +23,22 @@ struct ProgramRun {
 // timeoutMs; a program still running then is terminated.
 ProgramRun RunProgram(const std::wstring& commandLine, DWORD timeoutMs = 30000);
 
+// Starts the command line without waiting; the process handle, empty when it did not start.
+ky::unique_handle StartProgram(std::wstring commandLine);
+
 // Quotes a path for a command line.
 std::wstring Quoted(const std::filesystem::path& path);
+
+// Runs one of the project's programs in build/bin (`exe`, e.g. L"startupctl.exe") with `arguments`.
+ProgramRun RunBinProgram(const wchar_t* exe, const std::wstring& arguments, DWORD timeoutMs = 60000);
+
+// ASCII-only narrowing, for comparing the project's names with JSON and console output.
+inline std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
+
+// Whether the tests run in the win10 prefix (LUMERA_WINE_FLAVOUR) rather than the win7 one.
+bool WineFlavourIsWin10();
+
+// SHGetSpecialFolderPathW's folder for `csidl`, without a trailing backslash.
+std::wstring SpecialFolder(int csidl);
 
 }  // namespace testsupport

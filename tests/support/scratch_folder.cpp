@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <fstream>
 #include <system_error>
 
 #include "common/module_library.h"
@@ -44,6 +45,11 @@ std::string ReadFileBytes(const std::wstring& path) {
   DWORD read = 0;
   while (::ReadFile(file.get(), chunk, sizeof(chunk), &read, nullptr) && read > 0) bytes.append(chunk, read);
   return bytes;
+}
+
+std::wstring WriteFileBytes(const std::wstring& path, const std::string& content) {
+  std::ofstream(std::filesystem::path(path), std::ios::binary) << content;
+  return path;
 }
 
 }  // namespace testsupport

@@ -28,4 +28,7 @@ std::wstring ExeFolder();
 // The whole file as bytes; empty when it cannot be read.
 std::string ReadFileBytes(const std::wstring& path);
 
+// Writes `content` into the file (replacing it) and returns its path.
+std::wstring WriteFileBytes(const std::wstring& path, const std::string& content = "x");
+
 }  // namespace testsupport

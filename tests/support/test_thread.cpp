@@ -4,6 +4,16 @@
 
 namespace testsupport {
 
+bool WaitUntil(const std::function<bool()>& condition, DWORD ms) {
+  static const Event never;  // one for the process, so that waiting opens no handle a leak count could see
+  const ULONGLONG end = ::GetTickCount64() + ms;
+  while (!condition()) {
+    if (::GetTickCount64() >= end) return false;
+    ::WaitForSingleObject(never.get(), 5);
+  }
+  return true;
+}
+
 TestThread::TestThread(std::function<void()> body) : body_(std::move(body)) {
   thread_.reset(::CreateThread(nullptr, 0, &TestThread::Run, this, 0, &id_));
 }

@@ -4,6 +4,8 @@
 #include <windows.h>
 
 #include <functional>
+#include <mutex>
+#include <vector>
 
 #include "common/unique_handle.h"
 
@@ -13,6 +15,32 @@ namespace testsupport {
 // given this long to show up.
 inline constexpr DWORD kLongWait = 10000;
 inline constexpr DWORD kShortWait = 200;
+
+// Polls `condition` until it holds (true) or ms have passed (false), for states nothing signals.
+bool WaitUntil(const std::function<bool()>& condition, DWORD ms = kLongWait);
+
+// What callbacks on other threads record, in order, and a bounded wait for the first n records.
+template <class T>
+class Records {
+ public:
+  void Add(T record) {
+    std::lock_guard hold(lock_);
+    records_.push_back(std::move(record));
+  }
+  // The records once there are `n` of them, or all there are when ms have passed.
+  std::vector<T> WaitFor(std::size_t n, DWORD ms = kLongWait) {
+    WaitUntil([&] {
+      std::lock_guard hold(lock_);
+      return records_.size() >= n;
+    }, ms);
+    std::lock_guard hold(lock_);
+    return records_;
+  }
+
+ private:
+  std::mutex lock_;
+  std::vector<T> records_;
+};
 
 // A manual-reset event.
 class Event {

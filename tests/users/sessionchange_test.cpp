@@ -10,12 +10,14 @@
 
 #include "common/unique_handle.h"
 #include "component_manager.h"
-#include "plugins/sessionchange.h"
 #include "lumera/dev_console_session.h"
 #include "lumera/interface_ids.h"
 #include "lumera/kyusers.h"
+#include "plugins/sessionchange.h"
 #include "support/captured_log.h"
+#include "support/plugin_stub.h"
 #include "support/scratch_folder.h"
+#include "support/test_thread.h"
 #include "users/ky_users.h"
 #include "users/user_logon.h"
 
@@ -51,27 +53,11 @@ class Recorder final : public ISessionChangeEvents, public IUserLogonObserver {
   }
   void OnLogon(std::uint32_t, const wchar_t* user) override { Add(std::wstring(L"logon ") + user); }
   void OnLogoff(std::uint32_t, const wchar_t* user) override { Add(std::wstring(L"logoff ") + user); }
-  // Waits (bounded) until `n` records exist; returns them.
-  std::vector<std::wstring> WaitFor(std::size_t n) {
-    const DWORD start = ::GetTickCount();
-    for (;;) {
-      {
-        std::lock_guard hold(lock_);
-        if (records_.size() >= n || ::GetTickCount() - start > kDeadlineMs) return records_;
-      }
-      ::WaitForSingleObject(changed_.get(), 50);
-    }
-  }
+  std::vector<std::wstring> WaitFor(std::size_t n) { return records_.WaitFor(n, kDeadlineMs); }
 
  private:
-  void Add(std::wstring record) {
-    std::lock_guard hold(lock_);
-    records_.push_back(std::move(record));
-    ::SetEvent(changed_.get());
-  }
-  std::mutex lock_;
-  std::vector<std::wstring> records_;
-  ky::unique_handle changed_{::CreateEventW(nullptr, FALSE, FALSE, nullptr)};
+  void Add(std::wstring record) { records_.Add(std::move(record)); }
+  testsupport::Records<std::wstring> records_;
 };
 
 TEST(SessionChange, TheStagedConsoleLogsOnAndOffForTheHostAndTheUsersLibrary) {
@@ -88,9 +74,8 @@ TEST(SessionChange, TheStagedConsoleLogsOnAndOffForTheHostAndTheUsersLibrary) {
 
   host::HostConfig config;
   host::ComponentManager host(config);
-  void* object = nullptr;
-  ASSERT_EQ(host.GetPlugin(L"sessionchange", lumera::ids::SessionChangePlugin, &object), 0u);
-  auto* plugin = static_cast<ISessionChangePlugin*>(object);
+  auto* plugin = testsupport::GetPlugin<ISessionChangePlugin>(host, L"sessionchange", lumera::ids::SessionChangePlugin);
+  ASSERT_NE(plugin, nullptr);
   Recorder recorder;
   ASSERT_EQ(plugin->RegisterEventsHandler(&recorder), 0u);
   EXPECT_EQ(plugin->RegisterEventsHandler(&recorder), 183u);
@@ -113,10 +98,10 @@ TEST(SessionChange, AsAServiceItDeliversWhatTheControlHandlerRelaysAndNothingEls
   host::SetSessionChangesFromService(true);
   host::HostConfig config;
   host::ComponentManager host(config);
-  void* object = nullptr;
-  ASSERT_EQ(host.GetPlugin(L"sessionchange", lumera::ids::SessionChangePlugin, &object), 0u);
+  auto* plugin = testsupport::GetPlugin<ISessionChangePlugin>(host, L"sessionchange", lumera::ids::SessionChangePlugin);
+  ASSERT_NE(plugin, nullptr);
   Recorder recorder;
-  ASSERT_EQ(static_cast<ISessionChangePlugin*>(object)->RegisterEventsHandler(&recorder), 0u);
+  ASSERT_EQ(plugin->RegisterEventsHandler(&recorder), 0u);
   WTSSESSION_NOTIFICATION notification{sizeof notification, 1};
   host::RelaySessionChange(WTS_SESSION_LOCK, &notification);
   host::RelaySessionChange(WTS_SESSION_LOGOFF, &notification);

@@ -16,6 +16,8 @@
 #include "event_queue.h"
 #include "lumera/interface_ids.h"
 #include "support/captured_log.h"
+#include "support/plugin_stub.h"
+#include "support/test_thread.h"
 #include "users/user_logon.h"
 
 namespace {
@@ -60,13 +62,8 @@ void Script(DWORD session, const wchar_t* user, const wchar_t* domain) {
       domain != nullptr ? Answer{true, domain, 0} : Answer{false, L"", ERROR_NOT_SUPPORTED};
 }
 
-class FakeSessionChange final : public ISessionChangePlugin {
+class FakeSessionChange final : public testsupport::PluginStub<ISessionChangePlugin> {
  public:
-  void* GetInterface(const GUID&) override { return this; }
-  std::uint32_t Init(IServMain*) override { return 0; }
-  std::uint32_t UnInit() override { return 0; }
-  std::uint32_t Start() override { return 0; }
-  std::uint32_t Stop() override { return 0; }
   std::uint32_t RegisterEventsHandler(ISessionChangeEvents* handler) override {
     handlers.push_back(handler);
     return 0;
@@ -118,27 +115,11 @@ class RecordingObserver final : public IUserLogonObserver {
   void OnLogon(std::uint32_t time, const wchar_t* user) override { Add(L"on", time, user); }
   void OnLogoff(std::uint32_t time, const wchar_t* user) override { Add(L"off", time, user); }
   using Call = std::tuple<std::wstring, std::uint32_t, std::wstring>;
-  // Waits (bounded) for `n` calls in all and returns them.
-  std::vector<Call> WaitFor(std::size_t n) {
-    const DWORD start = ::GetTickCount();
-    for (;;) {
-      {
-        std::lock_guard hold(lock_);
-        if (calls_.size() >= n || ::GetTickCount() - start > kDeadlineMs) return calls_;
-      }
-      ::WaitForSingleObject(changed_.get(), 50);
-    }
-  }
+  std::vector<Call> WaitFor(std::size_t n) { return calls_.WaitFor(n, kDeadlineMs); }
 
  private:
-  void Add(const wchar_t* kind, std::uint32_t time, const wchar_t* user) {
-    std::lock_guard hold(lock_);
-    calls_.emplace_back(kind, time, user);
-    ::SetEvent(changed_.get());
-  }
-  std::mutex lock_;
-  std::vector<Call> calls_;
-  ky::unique_handle changed_{::CreateEventW(nullptr, FALSE, FALSE, nullptr)};
+  void Add(const wchar_t* kind, std::uint32_t time, const wchar_t* user) { calls_.Add(Call(kind, time, user)); }
+  testsupport::Records<Call> calls_;
 };
 
 class UserLogonTest : public ::testing::Test {

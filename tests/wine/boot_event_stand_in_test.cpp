@@ -15,7 +15,9 @@
 #include "common/unique_handle.h"
 #include "lumera/dev_console_session.h"
 #include "support/captured_log.h"
+#include "support/programs.h"
 #include "support/scratch_folder.h"
+#include "support/test_thread.h"
 
 namespace {
 
@@ -65,24 +67,9 @@ class BootEventStandInTest : public ::testing::Test {
     ASSERT_EQ(winestandins::AppendBootEvent(store, earlier), 0u);
   }
   ky::unique_handle StartWriter(const std::wstring& arguments) {
-    std::wstring command = L"\"" + StandInFolder() + L"diagperf.exe\" " + arguments;
-    STARTUPINFOW startup{};
-  startup.cb = sizeof startup;
-    PROCESS_INFORMATION info{};
-    if (!::CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info)) {
-      return ky::unique_handle();
-    }
-    ky::unique_handle thread(info.hThread);
-    return ky::unique_handle(info.hProcess);
+    return testsupport::StartProgram(L"\"" + StandInFolder() + L"diagperf.exe\" " + arguments);
   }
-  bool WaitLogged(const wchar_t* text) {
-    const ULONGLONG start = ::GetTickCount64();
-    while (!log.contains(text)) {
-      if (::GetTickCount64() - start > kDeadlineMs) return false;
-      ::WaitForSingleObject(never.get(), 20);
-    }
-    return true;
-  }
+  bool WaitLogged(const wchar_t* text) { return testsupport::WaitUntil([&] { return log.contains(text); }, kDeadlineMs); }
   std::vector<BootEventRecord> Stored() {
     std::vector<BootEventRecord> records;
     EXPECT_TRUE(winestandins::ReadBootEvents(store, records));
@@ -92,7 +79,6 @@ class BootEventStandInTest : public ::testing::Test {
   testsupport::CapturedLog log;
   testsupport::ScratchFolder scratch;
   std::wstring store;
-  ky::unique_handle never{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
 };
 
 TEST_F(BootEventStandInTest, TheModuleTakesTheEventTheWriterWritesAfterLogonAndSkipsEarlierBoots) {

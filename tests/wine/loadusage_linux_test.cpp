@@ -8,13 +8,14 @@
 #include <thread>
 #include <vector>
 
+#include "common/unique_handle.h"
 #include "component_manager.h"
 #include "host_config.h"
 #include "lumera/dev_console_session.h"
 #include "lumera/interface_ids.h"
 #include "lumera/loadusage.h"
+#include "support/plugin_stub.h"
 #include "support/scratch_folder.h"
-#include "common/unique_handle.h"
 #include "wine/linux_disk_busy.h"
 
 namespace {
@@ -39,9 +40,8 @@ TEST(LinuxDiskBusy, TheHostsDiskFiguresAreInRangeAndMoveUnderAWriteLoad) {
   if (!host::wine::ReadLinuxDiskBusy(busy)) GTEST_SKIP() << "this machine lists no physical disk";
   host::HostConfig config;
   host::ComponentManager host(config);
-  void* object = nullptr;
-  ASSERT_EQ(host.GetPlugin(L"LoadUsage", lumera::ids::LoadUsagePlugin, &object), 0u);
-  auto* loadUsage = static_cast<ILoadUsage*>(object);
+  auto* loadUsage = testsupport::GetPlugin<ILoadUsage>(host, L"LoadUsage", lumera::ids::LoadUsagePlugin);
+  ASSERT_NE(loadUsage, nullptr);
   ky::unique_handle never(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
 
   testsupport::ScratchFolder scratch;

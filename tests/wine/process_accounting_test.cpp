@@ -10,7 +10,9 @@
 #include "boottime/processes.h"
 #include "common/unique_handle.h"
 #include "lumera/dev_console_session.h"
+#include "support/programs.h"
 #include "support/scratch_folder.h"
+#include "support/test_thread.h"
 #include "wine/process_accounting_shims.h"
 
 namespace {
@@ -34,15 +36,9 @@ Child StartChild(const std::wstring& file, DWORD burnMs = kBurnMs, DWORD writeKb
   const std::wstring quitName = L"wine_accounting_quit_" + suffix;
   child.ready.reset(::CreateEventW(nullptr, TRUE, FALSE, readyName.c_str()));
   child.quit.reset(::CreateEventW(nullptr, TRUE, FALSE, quitName.c_str()));
-  std::wstring command = L"\"" + testsupport::ExeFolder() + L"wine_workload_child.exe\" " + std::to_wstring(burnMs) +
-                         L" " + std::to_wstring(writeKb) + L" \"" + file + L"\" " + readyName + L" " + quitName;
-  STARTUPINFOW startup{};
-  startup.cb = sizeof startup;
-  PROCESS_INFORMATION info{};
-  if (::CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info)) {
-    ky::unique_handle thread(info.hThread);
-    child.process.reset(info.hProcess);
-  }
+  child.process = testsupport::StartProgram(L"\"" + testsupport::ExeFolder() + L"wine_workload_child.exe\" " +
+                                            std::to_wstring(burnMs) + L" " + std::to_wstring(writeKb) + L" \"" + file +
+                                            L"\" " + readyName + L" " + quitName);
   return child;
 }
 

@@ -11,6 +11,8 @@ namespace {
 
 constexpr std::size_t kMaxCached = 4096;
 constexpr std::size_t kCmdlineLimit = 4096;
+// Both /proc/<pid>/stat and /proc/uptime count in 10 ms steps, each rounded down.
+constexpr std::int64_t kStartSlackMs = 20;
 
 std::string Utf8(const std::wstring& text) {
   if (text.empty()) return {};
@@ -56,26 +58,40 @@ void LinuxPidMap::Forget(DWORD windowsPid) {
   cache_.erase(windowsPid);
 }
 
+std::uint32_t PickByStart(const std::vector<LinuxStart>& candidates, std::int64_t createdMs) {
+  const LinuxStart* latestBefore = nullptr;
+  const LinuxStart* nearest = nullptr;
+  std::int64_t nearestDistance = std::numeric_limits<std::int64_t>::max();
+  for (const LinuxStart& candidate : candidates) {
+    if (candidate.startMs <= createdMs + kStartSlackMs &&
+        (latestBefore == nullptr || candidate.startMs > latestBefore->startMs)) {
+      latestBefore = &candidate;
+    }
+    const std::int64_t distance =
+        candidate.startMs > createdMs ? candidate.startMs - createdMs : createdMs - candidate.startMs;
+    if (distance < nearestDistance) {
+      nearest = &candidate;
+      nearestDistance = distance;
+    }
+  }
+  if (latestBefore != nullptr) return latestBefore->pid;
+  return nearest != nullptr ? nearest->pid : 0;
+}
+
 std::uint32_t LinuxPidMap::Search(std::uint64_t created, const std::wstring& image) const {
   const std::string wanted = Utf8(image);
   if (wanted.empty()) return 0;
   const std::int64_t startMs = created != 0 ? SinceLinuxBootMs(created) : 0;
-  std::uint32_t best = 0;
-  std::int64_t bestDistance = std::numeric_limits<std::int64_t>::max();
+  std::vector<LinuxStart> candidates;
   std::string text;
   for (const std::uint32_t pid : LinuxPids()) {
     const std::wstring folder = L"Z:\\proc\\" + std::to_wstring(pid) + L"\\";
     if (!ReadLinuxFile(folder + L"cmdline", text, kCmdlineLimit) || !CommandLineStartsWith(text, wanted)) continue;
     LinuxStat stat;
     if (!ReadLinuxFile(folder + L"stat", text) || !ParseStat(text, stat)) continue;
-    const std::int64_t linuxStartMs = static_cast<std::int64_t>(stat.startTicks * 1000 / kClockTicksPerSecond);
-    const std::int64_t distance = linuxStartMs > startMs ? linuxStartMs - startMs : startMs - linuxStartMs;
-    if (distance < bestDistance) {
-      best = pid;
-      bestDistance = distance;
-    }
+    candidates.push_back({pid, static_cast<std::int64_t>(stat.startTicks * 1000 / kClockTicksPerSecond)});
   }
-  return best;
+  return PickByStart(candidates, startMs);
 }
 
 }  // namespace host::wine

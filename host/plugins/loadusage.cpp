@@ -17,7 +17,7 @@
 #include "host_plugin.h"
 #include "loadusage_window.h"
 #include "lumera/interface_ids.h"
-#include "lumera/dev_console_session.h"
+#include "lumera_dev/console_session.h"
 #include "lumera/loadusage.h"
 #include "wine/linux_disk_busy.h"
 

@@ -3,7 +3,7 @@
 // control handler relays, and a staged console, which Wine cannot relay; in the console it
 // compares the console session every kPollMs and reports console connect and disconnect
 // (1, 2) and logon and logoff (5, 6), with the development switch of
-// lumera/dev_console_session.h standing in for a real logon under Wine.
+// dev/lumera_dev/console_session.h standing in for a real logon under Wine.
 #include "plugins/sessionchange.h"
 
 #include <algorithm>
@@ -18,7 +18,7 @@
 #include "common/stop_wait.h"
 #include "common/unique_handle.h"
 #include "host_plugin.h"
-#include "lumera/dev_console_session.h"
+#include "lumera_dev/console_session.h"
 #include "lumera/interface_ids.h"
 #include "lumera/sessionchange.h"
 

@@ -5,7 +5,7 @@
 #include <mutex>
 #include <string>
 
-#include "lumera/dev_console_session.h"
+#include "lumera_dev/console_session.h"
 #include "wine/import_redirect.h"
 #include "wine/linux_pid_map.h"
 #include "wine/linux_proc.h"

@@ -10,7 +10,7 @@
 
 #include "common/module_library.h"
 #include "common/unique_handle.h"
-#include "lumera/dev_console_session.h"
+#include "lumera_dev/console_session.h"
 
 namespace {
 

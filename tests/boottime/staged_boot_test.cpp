@@ -12,7 +12,7 @@
 #include "boottime/boot_time_monitor.h"
 #include "common/unique_handle.h"
 #include "component_manager.h"
-#include "lumera/dev_console_session.h"
+#include "lumera_dev/console_session.h"
 #include "support/captured_log.h"
 #include "support/programs.h"
 #include "support/scratch_folder.h"

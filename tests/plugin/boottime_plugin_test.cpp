@@ -17,7 +17,7 @@
 #include "boottime/processes_monitor.h"
 #include "common/unique_handle.h"
 #include "component_manager.h"
-#include "lumera/dev_console_session.h"
+#include "lumera_dev/console_session.h"
 #include "plugin/boottime_plugin.h"
 #include "support/captured_log.h"
 #include "support/scratch_folder.h"

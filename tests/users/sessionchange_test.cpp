@@ -10,7 +10,7 @@
 
 #include "common/unique_handle.h"
 #include "component_manager.h"
-#include "lumera/dev_console_session.h"
+#include "lumera_dev/console_session.h"
 #include "lumera/interface_ids.h"
 #include "lumera/kyusers.h"
 #include "plugins/sessionchange.h"

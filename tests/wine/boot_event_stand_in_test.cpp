@@ -13,7 +13,7 @@
 #include "boottime/win_boot_event.h"
 #include "common/boot_event_store.h"
 #include "common/unique_handle.h"
-#include "lumera/dev_console_session.h"
+#include "lumera_dev/console_session.h"
 #include "support/captured_log.h"
 #include "support/programs.h"
 #include "support/scratch_folder.h"

@@ -11,7 +11,7 @@
 #include "common/unique_handle.h"
 #include "component_manager.h"
 #include "host_config.h"
-#include "lumera/dev_console_session.h"
+#include "lumera_dev/console_session.h"
 #include "lumera/interface_ids.h"
 #include "lumera/loadusage.h"
 #include "support/plugin_stub.h"

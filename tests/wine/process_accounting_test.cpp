@@ -9,7 +9,7 @@
 #include "boottime/boot_time_data.h"
 #include "boottime/processes.h"
 #include "common/unique_handle.h"
-#include "lumera/dev_console_session.h"
+#include "lumera_dev/console_session.h"
 #include "support/programs.h"
 #include "support/scratch_folder.h"
 #include "support/test_thread.h"

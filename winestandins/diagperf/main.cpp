@@ -1,6 +1,6 @@
 // diagperf.exe: does in a Wine prefix what Windows' diagnostics service does after a boot.
 // Once the user has logged on (the development switch ConsoleSession = 1, see
-// include/lumera/dev_console_session.h; without the switch the user counts as logged on when
+// dev/lumera_dev/console_session.h; without the switch the user counts as logged on when
 // the writer starts) it watches the processors (GetSystemTimes) and, when the machine has
 // been idle enough for the whole window, appends one event 100 for this boot to the stand-in
 // channel's store, with MainPathBootTime = ms from machine start to logon, BootPostBootTime =
@@ -22,7 +22,7 @@
 #include "common/boot_event_store.h"
 #include "common/unique_handle.h"
 #include "idle_watch.h"
-#include "lumera/dev_console_session.h"
+#include "lumera_dev/console_session.h"
 
 namespace {
 

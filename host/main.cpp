@@ -4,13 +4,13 @@
 //   lumerahost.exe --service [--config FILE]                      run under the service manager
 //   lumerahost.exe install [--config FILE] | uninstall            register or remove the service
 #include <windows.h>
-#include <shellapi.h>
 
 #include <cstdio>
 #include <cwchar>
 #include <string>
 #include <vector>
 
+#include "common/command_line.h"
 #include "common/log.h"
 #include "common/module_library.h"
 #include "common/unique_handle.h"
@@ -46,18 +46,16 @@ void Usage() {
 }
 
 bool ParseOptions(Options& options) {
-  int argc = 0;
-  ky::unique_local argvMemory;
-  LPWSTR* argv = ::CommandLineToArgvW(::GetCommandLineW(), &argc);
-  argvMemory.reset(argv);
-  if (argv == nullptr) return false;
+  std::vector<std::wstring> argv;
+  if (!ky::ProcessArguments(argv)) return false;
+  const int argc = static_cast<int>(argv.size());
   for (int i = 1; i < argc; ++i) {
-    const std::wstring arg = argv[i];
+    const std::wstring& arg = argv[i];
     if (arg == L"--config" && i + 1 < argc) {
       options.configPath = argv[++i];
     } else if (arg == L"--seconds" && i + 1 < argc) {
       wchar_t* end = nullptr;
-      const long value = std::wcstol(argv[++i], &end, 10);
+      const long value = std::wcstol(argv[++i].c_str(), &end, 10);
       if (end == nullptr || *end != L'\0' || value < 0 || value > static_cast<long>(kMaxSeconds)) return false;
       options.seconds = value;
     } else if (arg == L"--log-console") {

@@ -5,7 +5,6 @@
 //   bench_report.exe [--entries N] [--size-kb K] [--rounds R]
 #include <windows.h>
 #include <bcrypt.h>
-#include <shellapi.h>
 
 #include <cstdio>
 #include <cwchar>
@@ -14,9 +13,10 @@
 
 #include "bench_timing.h"
 #include "boottime/plugin_startup_manager.h"
-#include "startup/long_path.h"
+#include "common/command_line.h"
 #include "common/module_library.h"
 #include "common/unique_handle.h"
+#include "startup/long_path.h"
 
 namespace {
 
@@ -31,12 +31,12 @@ struct Options {
 };
 
 bool ParseArgs(Options& options) {
-  int count = 0;
-  ky::unique_local argv(reinterpret_cast<HLOCAL>(::CommandLineToArgvW(::GetCommandLineW(), &count)));
-  auto* const* args = reinterpret_cast<LPWSTR*>(argv.get());
+  std::vector<std::wstring> args;
+  (void)ky::ProcessArguments(args);  // an unsplittable command line is refused below: no program name
+  const int count = static_cast<int>(args.size());
   for (int i = 1; i + 1 < count; i += 2) {
-    const std::wstring name = args[i];
-    const unsigned long value = std::wcstoul(args[i + 1], nullptr, 10);
+    const std::wstring& name = args[i];
+    const unsigned long value = std::wcstoul(args[i + 1].c_str(), nullptr, 10);
     if (value == 0 || value > 100000) return false;
     if (name == L"--entries") {
       options.entries = static_cast<unsigned>(value);

@@ -7,12 +7,12 @@
 // Exit codes: 0 when the check ran or there was nothing to check (a missing or unreadable
 // store changes nothing), 1 when the store could not be written, 2 for a bad command line.
 #include <windows.h>
-#include <shellapi.h>
 
 #include <cstdio>
 #include <string>
 #include <vector>
 
+#include "common/command_line.h"
 #include "common/log.h"
 #include "common/unique_handle.h"
 #include "store_check.h"
@@ -68,11 +68,9 @@ int main() {
   // Held for the whole run so the log library stays loaded between messages.
   logging::LogRef keepLog;
   try {
-    int count = 0;
-    ky::unique_local argv(reinterpret_cast<HLOCAL>(::CommandLineToArgvW(::GetCommandLineW(), &count)));
-    if (!argv) return Usage();
-    auto* const* list = reinterpret_cast<LPWSTR*>(argv.get());
-    return Run(std::vector<std::wstring>(list, list + count));
+    std::vector<std::wstring> args;
+    if (!ky::ProcessArguments(args)) return Usage();
+    return Run(args);
   } catch (...) {
     std::fputs("StartLauncher: unexpected failure\n", stderr);
     return 1;

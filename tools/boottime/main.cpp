@@ -6,7 +6,6 @@
 // Exit codes: 0 answered, 1 the query failed (code and meaning printed), 2 bad command line,
 // 3 the module or the pipe could not be reached.
 #include <windows.h>
-#include <shellapi.h>
 
 #include <atomic>
 #include <cstdio>
@@ -14,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "common/command_line.h"
 #include "common/log.h"
 #include "common/module_library.h"
 #include "common/text_convert.h"
@@ -70,20 +70,21 @@ bool ParseNumber(const wchar_t* text, unsigned long long* out) {
   return end != nullptr && *end == L'\0';
 }
 
-bool Parse(int argc, wchar_t** argv, Options& options) {
+bool Parse(const std::vector<std::wstring>& argv, Options& options) {
+  const int argc = static_cast<int>(argv.size());
   for (int i = 1; i < argc; ++i) {
-    const std::wstring arg = argv[i];
+    const std::wstring& arg = argv[i];
     unsigned long long number = 0;
     if (arg == L"--async") {
       options.async = true;
     } else if (arg == L"--json") {
       options.json = true;
-    } else if (arg == L"--pid" && i + 1 < argc && ParseNumber(argv[i + 1], &number)) {
+    } else if (arg == L"--pid" && i + 1 < argc && ParseNumber(argv[i + 1].c_str(), &number)) {
       options.key.pid = number;
       ++i;
     } else if (arg == L"--name" && i + 1 < argc) {
       options.key.name = argv[++i];
-    } else if (arg == L"--count" && i + 1 < argc && ParseNumber(argv[i + 1], &number) && number <= 1000000) {
+    } else if (arg == L"--count" && i + 1 < argc && ParseNumber(argv[i + 1].c_str(), &number) && number <= 1000000) {
       options.count = static_cast<unsigned long>(number);
       ++i;
     } else if (options.command.empty() && (arg == L"time" || arg == L"total" || arg == L"impact" || arg == L"disk" ||
@@ -254,16 +255,14 @@ int Run(const Options& o) {
 int main() {
   // Held for the whole run so the log library stays loaded between the module's messages.
   logging::LogRef keepLog;
-  int argc = 0;
-  ky::unique_local argvMemory;
-  wchar_t** argv = ::CommandLineToArgvW(::GetCommandLineW(), &argc);
-  argvMemory.reset(argv);
+  std::vector<std::wstring> argv;
+  const bool split = ky::ProcessArguments(argv);
   Options options;
-  if (argv != nullptr && argc >= 2 && (std::wcscmp(argv[1], L"--help") == 0 || std::wcscmp(argv[1], L"help") == 0)) {
+  if (argv.size() >= 2 && (argv[1] == L"--help" || argv[1] == L"help")) {
     std::fputs(kHelp, stdout);
     return 0;
   }
-  if (argv == nullptr || !Parse(argc, argv, options)) {
+  if (!split || !Parse(argv, options)) {
     std::fputs(kUsage, stderr);
     return 2;
   }

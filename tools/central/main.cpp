@@ -7,7 +7,6 @@
 // Exit codes: 0 done (N reports or Ctrl+C), 1 a file could not be read or written, 2 bad
 // command line, 3 pipelink.dll or the pipe could not be had.
 #include <windows.h>
-#include <shellapi.h>
 
 #include <cstdio>
 #include <cwchar>
@@ -16,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "common/command_line.h"
 #include "common/module_library.h"
 #include "common/text_convert.h"
 #include "common/unique_handle.h"
@@ -224,12 +224,10 @@ int Run(const Options& options) {
 
 int main() {
   try {
-    int count = 0;
-    ky::unique_local argv(reinterpret_cast<HLOCAL>(::CommandLineToArgvW(::GetCommandLineW(), &count)));
-    if (!argv) return kExitFailed;
-    auto* const* list = reinterpret_cast<LPWSTR*>(argv.get());
+    std::vector<std::wstring> args;
+    if (!ky::ProcessArguments(args)) return kExitFailed;
     Options options;
-    const std::string reason = Parse(std::vector<std::wstring>(list, list + count), options);
+    const std::string reason = Parse(args, options);
     if (!reason.empty()) return Usage(reason);
     if (options.help) {
       Write(stdout, kHelp);

@@ -2,7 +2,6 @@
 // startupctl.exe disable|enable|delay NAME [--location TEXT]
 // startupctl.exe report [--boot-time MS]
 #include <windows.h>
-#include <shellapi.h>
 #include <shlobj.h>
 
 #include <cstdio>
@@ -11,6 +10,7 @@
 #include <system_error>
 #include <vector>
 
+#include "common/command_line.h"
 #include "common/log.h"
 #include "common/text_convert.h"
 #include "common/unique_handle.h"
@@ -147,11 +147,9 @@ int main() {
   // Held for the whole run so the log library stays loaded between messages.
   logging::LogRef keepLog;
   try {
-    int count = 0;
-    ky::unique_local argv(reinterpret_cast<HLOCAL>(::CommandLineToArgvW(::GetCommandLineW(), &count)));
-    if (!argv) return ERROR_OUTOFMEMORY;
-    auto* const* list = reinterpret_cast<LPWSTR*>(argv.get());
-    return Run(std::vector<std::wstring>(list, list + count));
+    std::vector<std::wstring> args;
+    if (!ky::ProcessArguments(args)) return ERROR_OUTOFMEMORY;
+    return Run(args);
   } catch (...) {
     std::fputs("startupctl: unexpected failure\n", stderr);
     return ERROR_GEN_FAILURE;

@@ -7,13 +7,13 @@
 //
 // Exit codes: 0 done, 1 the file could not be written, 2 bad command line.
 #include <windows.h>
-#include <shellapi.h>
 
 #include <cstdio>
 #include <cwchar>
 #include <string>
 #include <vector>
 
+#include "common/command_line.h"
 #include "common/module_library.h"
 #include "common/text_convert.h"
 #include "common/unique_handle.h"
@@ -152,12 +152,8 @@ bool WriteReport(const std::wstring& path, const Outcome& outcome) {
 }  // namespace
 
 int main() {
-  int argc = 0;
-  ky::unique_local argvMemory;
-  LPWSTR* argv = ::CommandLineToArgvW(::GetCommandLineW(), &argc);
-  argvMemory.reset(argv);
   std::vector<std::wstring> args;
-  for (int i = 0; argv != nullptr && i < argc; ++i) args.emplace_back(argv[i]);
+  (void)ky::ProcessArguments(args);  // an unsplittable command line parses as no options
 
   Options options;
   const std::string reason = Parse(args, options);

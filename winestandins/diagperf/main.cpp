@@ -12,7 +12,6 @@
 // Exit codes: 0 written (or already written for this boot), 1 not written within
 // --max-seconds or the store could not be written, 2 bad command line.
 #include <windows.h>
-#include <shellapi.h>
 
 #include <cstdio>
 #include <cwchar>
@@ -20,6 +19,8 @@
 #include <vector>
 
 #include "common/boot_event_store.h"
+#include "common/command_line.h"
+#include "common/module_library.h"
 #include "common/unique_handle.h"
 #include "idle_watch.h"
 #include "lumera_dev/console_session.h"
@@ -47,14 +48,12 @@ bool Number(const wchar_t* text, unsigned long limit, unsigned long& out) {
 }
 
 bool Parse(Options& options) {
-  int argc = 0;
-  ky::unique_local memory;
-  wchar_t** argv = ::CommandLineToArgvW(::GetCommandLineW(), &argc);
-  memory.reset(argv);
-  if (argv == nullptr) return false;
+  std::vector<std::wstring> argv;
+  if (!ky::ProcessArguments(argv)) return false;
+  const int argc = static_cast<int>(argv.size());
   for (int i = 1; i < argc; i += 2) {
-    const std::wstring arg = argv[i];
-    const wchar_t* value = i + 1 < argc ? argv[i + 1] : nullptr;
+    const std::wstring& arg = argv[i];
+    const wchar_t* value = i + 1 < argc ? argv[i + 1].c_str() : nullptr;
     bool ok = false;
     if (arg == L"--idle-seconds") ok = Number(value, 3600, options.idleSeconds);
     else if (arg == L"--idle-percent") ok = Number(value, 100, options.idlePercent);
@@ -68,11 +67,7 @@ bool Parse(Options& options) {
 std::uint64_t Now() {
   FILETIME now{};
   ::GetSystemTimeAsFileTime(&now);
-  return (static_cast<std::uint64_t>(now.dwHighDateTime) << 32) | now.dwLowDateTime;
-}
-
-std::uint64_t U64(const FILETIME& value) {
-  return (static_cast<std::uint64_t>(value.dwHighDateTime) << 32) | value.dwLowDateTime;
+  return ky::FileTimeToU64(now);
 }
 
 // True when the store already holds an event created since this machine started.
@@ -120,7 +115,7 @@ int main() {
     FILETIME idle{}, kernel{}, user{};
     if (::GetSystemTimes(&idle, &kernel, &user)) {
       const auto tick = static_cast<std::uint32_t>(::GetTickCount64());
-      if (const auto idleSince = watch.Feed(tick, U64(idle), U64(kernel), U64(user))) {
+      if (const auto idleSince = watch.Feed(tick, ky::FileTimeToU64(idle), ky::FileTimeToU64(kernel), ky::FileTimeToU64(user))) {
         winestandins::BootEventRecord record;
         record.created = Now();
         record.mainPathBootTime = logonTick;

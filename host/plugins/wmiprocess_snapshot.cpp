@@ -2,7 +2,6 @@
 
 #include <windows.h>
 #include <winternl.h>
-#include <tlhelp32.h>
 
 #include "common/unique_handle.h"
 
@@ -45,19 +44,15 @@ std::wstring ReadCommandLine(HANDLE process) {
 
 }  // namespace
 
-bool TakeProcessSnapshot(ProcessSnapshot& snapshot) {
+bool TakeProcessSnapshot(SystemProcessList& list, ProcessSnapshot& snapshot) {
   snapshot.clear();
-  ky::unique_file list(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
-  if (!list) return false;
-  PROCESSENTRY32W entry{};
-  entry.dwSize = sizeof entry;
-  for (BOOL more = ::Process32FirstW(list.get(), &entry); more; more = ::Process32NextW(list.get(), &entry)) {
-    ProcessEntry& process = snapshot[entry.th32ProcessID];
-    process.pid = entry.th32ProcessID;
-    process.ppid = entry.th32ParentProcessID;
-    entry.szExeFile[MAX_PATH - 1] = L'\0';
-    process.name = entry.szExeFile;
-  }
+  if (!list.Refresh()) return false;
+  list.ForEach([&snapshot](const SystemProcess& listed) {
+    ProcessEntry& process = snapshot[listed.pid];
+    process.pid = listed.pid;
+    process.ppid = listed.ppid;
+    process.name.assign(listed.name.substr(0, MAX_PATH - 1));
+  });
   return !snapshot.empty();
 }
 

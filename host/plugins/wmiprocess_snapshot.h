@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "system_process_list.h"
+
 namespace host {
 
 struct ProcessEntry {
@@ -19,9 +21,10 @@ struct ProcessEntry {
 
 using ProcessSnapshot = std::map<std::uint32_t, ProcessEntry>;
 
-// Fills `snapshot` with every running process (pid, parent pid, file name); false when the
-// system gives no list (snapshot then empty).
-[[nodiscard]] bool TakeProcessSnapshot(ProcessSnapshot& snapshot);
+// Fills `snapshot` with every running process (pid, parent pid, file name) through `list`,
+// whose buffer is kept for the next look; false when the system gives no list (snapshot then
+// empty).
+[[nodiscard]] bool TakeProcessSnapshot(SystemProcessList& list, ProcessSnapshot& snapshot);
 
 // Looks up the image path and command line of a process; what cannot be read stays empty.
 void FillProcessDetails(ProcessEntry& entry);

@@ -18,7 +18,9 @@
 namespace host {
 namespace {
 
-constexpr DWORD kPollMs = 150;
+// The boot-time monitor samples its processes once a second, so a process it can measure lives
+// past a sample; two looks a second lose none of those, and each look lists the whole machine.
+constexpr DWORD kPollMs = 500;
 
 class WmiProcessDPPlugin final : public HostPlugin, public IWMIProcessDP {
  public:
@@ -89,9 +91,10 @@ class WmiProcessDPPlugin final : public HostPlugin, public IWMIProcessDP {
     if (poller_.joinable()) poller_.join();  // a poller that stopped itself from a handler
     if (!stopEvent_) return ERROR_GEN_FAILURE;
     ProcessSnapshot first;
-    if (!TakeProcessSnapshot(first)) {
+    SystemProcessList list;
+    if (!TakeProcessSnapshot(list, first)) {
       logging::Write(logging::kLevelError, L"host::WmiProcessDPPlugin::StartPoller",
-                     L"CreateToolhelp32Snapshot failed 0x%x", ::GetLastError());
+                     L"the process list could not be read 0x%x", ::GetLastError());
       return ERROR_GEN_FAILURE;
     }
     ::ResetEvent(stopEvent_.get());
@@ -113,9 +116,10 @@ class WmiProcessDPPlugin final : public HostPlugin, public IWMIProcessDP {
   void Poll(ProcessSnapshot before) {
     std::vector<std::uint32_t> started;
     std::vector<std::uint32_t> ended;
+    SystemProcessList list;
     while (::WaitForSingleObject(stopEvent_.get(), kPollMs) == WAIT_TIMEOUT) {
       ProcessSnapshot now;
-      if (!TakeProcessSnapshot(now)) continue;
+      if (!TakeProcessSnapshot(list, now)) continue;
       DiffSnapshots(before, now, started, ended);
       for (std::uint32_t pid : ended) Notify(before.at(pid), false);
       for (std::uint32_t pid : started) {

@@ -9,7 +9,8 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
-#include <vector>
+
+#include "system_process_list.h"
 
 namespace host::wine {
 
@@ -32,7 +33,7 @@ class ProcessTimesSnapshot {
 
   std::mutex lock_;
   std::map<DWORD, Times> times_;
-  std::vector<BYTE> buffer_;
+  SystemProcessList list_;
   DWORD takenTick_ = 0;
   bool taken_ = false;
 };

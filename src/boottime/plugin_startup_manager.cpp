@@ -3,10 +3,13 @@
 #include <windows.h>
 #include <shlobj.h>
 
+#include <algorithm>
+#include <map>
 #include <vector>
 
 #include "common/log.h"
 #include "startup/application.h"
+#include "startup/long_path.h"
 #include "startup/startup_storage.h"
 #include "startup/store_apps_actions.h"
 #include "startup/store_apps_enumerator.h"
@@ -172,14 +175,45 @@ void CPluginStartupManager::ReadBackStore() {
   FilterApps(filter_);
 }
 
-// Boot times: a (path, time) record belongs to the app whose key is that path, compared
-// without regard to ASCII case; when several records name one app, the last one counts.
+// Boot times, taken from the store's "boot_time" records: a record belongs to the app whose
+// key is its path, compared without regard to ASCII case; when several name one app, the last
+// one counts. The boot's own measurement replaces them (ApplyBootImpacts).
 void CPluginStartupManager::ApplyBootTimes(const std::vector<startup::storage::BootTimeRecord>& records) {
   for (auto& [key, app] : apps_) {
     const std::wstring lowerKey = startup::LowerAscii(key);
     for (const auto& record : records) {
       if (startup::LowerAscii(record.path) == lowerKey) app->time = record.time;
     }
+  }
+}
+
+// Boot times measured in the last boot: an app's time is the processor time (kernel + user,
+// ms) of every process of that boot whose image is the app's file, summed over its instances.
+// The image path and the app's key (the long form of the file an entry starts) are compared
+// whole and without regard to case, as Windows compares paths: the Startup folder is "Startup"
+// to the shell and "StartUp" in the image paths of what it started. An image path in short
+// (8.3) form is compared in its long form. An app that none of the boot's processes ran keeps
+// the store's time.
+void CPluginStartupManager::ApplyBootImpacts() {
+  if (impacts_.empty()) return;
+  const auto samePath = [](const std::wstring& a, const std::wstring& b) {
+    return a.size() == b.size() &&
+           ::CompareStringOrdinal(a.data(), static_cast<int>(a.size()), b.data(), static_cast<int>(b.size()), TRUE) ==
+               CSTR_EQUAL;
+  };
+  std::map<std::wstring, std::uint64_t> measured;
+  for (const auto& process : impacts_) {
+    std::wstring image = process.name;
+    if (image.empty()) continue;
+    if (image.find(L'~') != std::wstring::npos) (void)startup::LongPathName(process.name, image);
+    for (const auto& [key, app] : apps_) {
+      if (!samePath(key, image)) continue;
+      measured[key] += std::uint64_t{process.kernel} + process.user;
+      break;
+    }
+  }
+  for (const auto& [key, time] : measured) {
+    apps_[key]->time = static_cast<std::uint32_t>(std::min<std::uint64_t>(time, UINT32_MAX));
   }
 }
 
@@ -199,6 +233,7 @@ std::uint32_t CPluginStartupManager::BuildAndReport() {
   std::vector<startup::storage::BootTimeRecord> records;
   (void)startup::storage::CStartupItemsStorage::Instance().LoadBootTime(records);
   ApplyBootTimes(records);
+  ApplyBootImpacts();
 
   startup::AppList list;
   list.reserve(apps_.size());

@@ -8,9 +8,11 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "boottime/comm/connector_loader.h"
+#include "lumera/boottime.h"
 #include "startup/action_exec.h"
 #include "startup/apps_filter.h"
 #include "startup/startup_items.h"
@@ -41,6 +43,8 @@ class CPluginStartupManager final : public startup::CBaseStartupManager {
 
   // The boot time reported as "boot_total_time".
   void SetBootTime(std::uint32_t bootTime) { bootTime_ = bootTime; }
+  // The processes measured in the last boot, from which the apps' boot times are taken.
+  void SetBootImpacts(std::vector<ProcessImpact> impacts) { impacts_ = std::move(impacts); }
   const std::wstring& StorageFolder() const { return storageFolder_; }
 
  private:
@@ -52,12 +56,14 @@ class CPluginStartupManager final : public startup::CBaseStartupManager {
   bool AddApp(const startup::StartupItemPtr& item, startup::StartupSourceKind kind, std::int32_t status);
   void ReadBackStore();
   void ApplyBootTimes(const std::vector<startup::storage::BootTimeRecord>& records);
+  void ApplyBootImpacts();
 
   std::unique_ptr<CConnectorLibrary> connector_;
   startup::CAppsFilter filter_;
   std::unique_ptr<startup::CStartupItems> sources_;
   std::unique_ptr<startup::StartupAppsActionExec> exec_;
   std::wstring storageFolder_;
+  std::vector<ProcessImpact> impacts_;
 };
 
 }  // namespace boottime

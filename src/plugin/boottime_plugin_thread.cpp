@@ -1,6 +1,7 @@
 // The processing run and what follows it: the decision to measure or reload, the result
 // files, the listeners and the report to the central component.
 #include <sstream>
+#include <utility>
 
 #include "boottime/plugin_startup_manager.h"
 #include "boottime/processes.h"
@@ -194,6 +195,7 @@ void CBootTimePlugin::SendReportToCentral() {
       if (!StopRequested() && GetBootImpact(&impacts, nullptr) == kStatusAvailable) {
         const std::uint32_t sent = manager.SendImpactReportToCentral(impacts.Items());
         if (sent != 0) KY_LOG(logging::kLevelWarning, L"process impact report not sent 0x%x", sent);
+        manager.SetBootImpacts(std::move(impacts.Items()));
       }
       std::uint32_t bootTime = 0;
       if (GetBootTime(&bootTime) == kStatusAvailable) manager.SetBootTime(bootTime);

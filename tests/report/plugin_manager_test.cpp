@@ -5,6 +5,7 @@
 #include <windows.h>
 #include <shlobj.h>
 
+#include <cwctype>
 #include <map>
 
 #include "agent_fixture.h"
@@ -144,6 +145,49 @@ TEST(PluginStartupManager, ReportsEveryReportableEntryWithOwnerStatusIdentityAnd
   const std::string store = testsupport::ReadFileBytes(storePath);
   EXPECT_EQ(store.find("LumeraRptGone"), std::string::npos) << "the stale record left the store";
   EXPECT_NE(store.find("LumeraRptSync"), std::string::npos);
+}
+
+// The Startup folder's own name differs in case between Windows' and Wine's folder APIs and
+// the image paths of the processes started from it; two instances of one program both count.
+TEST(PluginStartupManager, AppsTakeTheProcessorTimeOfTheBootsProcessesOfTheirFile) {
+  testsupport::ScratchFolder apps;
+  const std::wstring tray = apps.file(L"Tray.exe");
+  const std::wstring folderProgram = UserStartupFolder() + kFolderEntry;
+  ASSERT_TRUE(testing_report::CopyTo(Fixture(L"full"), tray));
+  CentralServer central;
+  boottime::CPluginStartupManager manager([] { return static_cast<IProductInfo*>(nullptr); });
+  ASSERT_TRUE(manager.Init());
+  const std::wstring storePath = manager.StorageFolder() + L"Storage.json";
+  testing_report::UserStartupState restore(kRunNames, kFolderEntry, storePath);
+  picojson::object record{{"path", picojson::value(Narrow(tray))}, {"time", picojson::value(9999.0)}};
+  picojson::object document{{"boot_time", picojson::value(picojson::array{picojson::value(record)})}};
+  testsupport::WriteFileBytes(storePath, picojson::value(document).serialize());
+  ASSERT_TRUE(SetRun(L"LumeraRptTray", L"\"" + tray + L"\" /min"));
+  ASSERT_TRUE(testing_report::CopyTo(Fixture(L"nocompany"), folderProgram));
+
+  const auto upper = [](std::wstring text) {
+    for (auto& c : text) c = static_cast<wchar_t>(std::towupper(c));
+    return text;
+  };
+  const auto process = [](std::uint64_t pid, std::wstring image, std::uint32_t kernel, std::uint32_t user) {
+    boottime::ProcessImpact impact;
+    impact.pid = pid;
+    impact.name = std::move(image);
+    impact.kernel = kernel;
+    impact.user = user;
+    return impact;
+  };
+  manager.SetBootImpacts({process(8, L"C:\\windows\\system32\\explorer.exe", 600, 400), process(12, upper(tray), 100, 400),
+                          process(16, tray, 50, 950), process(20, upper(folderProgram), 20, 300)});
+  (void)manager.BuildAndReport();
+
+  picojson::value report;
+  ASSERT_TRUE(picojson::parse(report, manager.LastReport()).empty()) << manager.LastReport();
+  std::map<std::string, double> times;
+  for (const auto& app : report.get("apps").get<picojson::array>()) times[app.get("name").to_str()] = app.get("time").get<double>();
+  EXPECT_EQ(times["Fixture Tray Helper"], 1500) << "measured in this boot, ahead of the store's record\n" << manager.LastReport();
+  EXPECT_EQ(times["Nameless Updater"], 320) << manager.LastReport();
+  EXPECT_EQ(report.get("apps_total_time").get<double>(), 1820);
 }
 
 TEST(PluginStartupManager, WithoutPipelinkTheBuildRunsAndNothingIsSent) {

@@ -48,6 +48,9 @@ bool TakeProcessSnapshot(SystemProcessList& list, ProcessSnapshot& snapshot) {
   snapshot.clear();
   if (!list.Refresh()) return false;
   list.ForEach([&snapshot](const SystemProcess& listed) {
+    // Wine lists a process before its image is mapped, without a name; reported then, it would
+    // be followed nameless and its named self taken for a reused pid, so it waits for its name.
+    if (listed.name.empty()) return;
     ProcessEntry& process = snapshot[listed.pid];
     process.pid = listed.pid;
     process.ppid = listed.ppid;

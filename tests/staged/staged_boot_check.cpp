@@ -85,6 +85,19 @@ TEST_F(StagedBoot, TheWorkloadLeadsTheImpactWithWhatItBurnedAndWrote) {
   EXPECT_GE(leaderWritten, Workload("writtenBytes")) << "bytes written by " << leader;
 }
 
+// The light copy in the Startup folder starts while the logon is busy; it must be followed by its
+// image, not as a process without a name.
+TEST_F(StagedBoot, TheStartupFolderProgramIsFollowedByItsName) {
+  const picojson::value impact = ReadJson(Out() / "data" / "velora" / "last_boot_time_process_impact.json");
+  ASSERT_TRUE(impact.get("processes").is<picojson::array>());
+  bool lightFound = false;
+  for (const picojson::value& process : impact.get("processes").get<picojson::array>()) {
+    const std::string name = process.get("name").to_str();
+    lightFound |= name.size() > 19 && name.substr(name.size() - 19) == "\\workload-light.exe";
+  }
+  EXPECT_TRUE(lightFound) << "workload-light.exe of the Startup folder is not in the impact list";
+}
+
 TEST_F(StagedBoot, TheReportReachesTheCentralComponent) {
   std::ifstream received(Out() / "central.jsonl", std::ios::binary);
   bool workloadReported = false;

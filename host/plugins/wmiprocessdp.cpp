@@ -18,9 +18,10 @@
 namespace host {
 namespace {
 
-// The boot-time monitor samples its processes once a second, so a process it can measure lives
-// past a sample; two looks a second lose none of those, and each look lists the whole machine.
-constexpr DWORD kPollMs = 500;
+// The boot-time monitor samples its processes once a second and a process's counters run from
+// its start, so looking as often as it samples loses only processes too short to be sampled,
+// and each look lists the whole machine.
+constexpr DWORD kPollMs = 1000;
 
 class WmiProcessDPPlugin final : public HostPlugin, public IWMIProcessDP {
  public:

@@ -7,6 +7,7 @@
 #include <windows.h>
 #include <winevt.h>
 
+#include <cwchar>
 #include <string>
 #include <vector>
 
@@ -204,6 +205,22 @@ TEST(BootEventStore, MalformedAndOversizedLinesAreSkipped) {
   EXPECT_EQ(records[0].created, good.created);
   ASSERT_TRUE(winestandins::ReadBootEvents(scratch.file(L"missing.jsonl"), records));
   EXPECT_TRUE(records.empty());
+}
+
+// A service under Wine gets another ProgramData variable than a console program; the writer
+// and the subscriber must still meet in one store.
+TEST(BootEventStore, ThePathIsTheMachinesNotTheProcessEnvironments) {
+  testsupport::ScratchFolder scratch;
+  const std::wstring usual = winestandins::BootEventStorePath();
+  ASSERT_FALSE(usual.empty());
+  wchar_t saved[MAX_PATH] = {};
+  const DWORD savedChars = ::GetEnvironmentVariableW(L"ProgramData", saved, MAX_PATH);
+  ASSERT_TRUE(::SetEnvironmentVariableW(L"ProgramData", scratch.file(L"elsewhere").c_str()));
+  const std::wstring asService = winestandins::BootEventStorePath();
+  ::SetEnvironmentVariableW(L"ProgramData", savedChars > 0 && savedChars < MAX_PATH ? saved : nullptr);
+  EXPECT_EQ(asService, usual);
+  constexpr wchar_t kUnderDrive[] = L":\\ProgramData\\WineStandIns\\";
+  EXPECT_EQ(_wcsnicmp(usual.c_str() + 1, kUnderDrive, std::wcslen(kUnderDrive)), 0) << usual;
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cwchar>
 #include <cstdint>
 #include <filesystem>
 
@@ -12,6 +13,7 @@
 namespace winestandins {
 namespace {
 
+constexpr wchar_t kProfileListKey[] = L"Software\\Microsoft\\Windows NT\\CurrentVersion\\ProfileList";
 constexpr wchar_t kStoreFolder[] = L"\\WineStandIns";
 constexpr wchar_t kStoreFile[] = L"\\DiagnosticsPerformance.jsonl";
 constexpr int kLockAttempts = 200;
@@ -44,11 +46,20 @@ ky::unique_file OpenForAppend(const std::wstring& path) {
 
 std::wstring BootEventStorePath() {
   wchar_t buffer[MAX_PATH] = {};
-  DWORD chars = ::GetEnvironmentVariableW(kStoreOverride, buffer, MAX_PATH);
+  const DWORD chars = ::GetEnvironmentVariableW(kStoreOverride, buffer, MAX_PATH);
   if (chars > 0 && chars < MAX_PATH) return buffer;
-  chars = ::GetEnvironmentVariableW(L"ProgramData", buffer, MAX_PATH);
-  if (chars == 0 || chars >= MAX_PATH) chars = ::ExpandEnvironmentStringsW(L"%SystemDrive%\\ProgramData", buffer, MAX_PATH);
-  if (chars == 0 || chars >= MAX_PATH || buffer[0] == L'%') return {};
+  // The machine's ProgramData, not the process's variable: under Wine a service's
+  // environment names C:\users\Public there, so the writer and a subscribing service would
+  // look at different stores.
+  DWORD bytes = sizeof buffer;
+  if (::RegGetValueW(HKEY_LOCAL_MACHINE, kProfileListKey, L"ProgramData", RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ,
+                     nullptr, buffer, &bytes) != ERROR_SUCCESS ||
+      buffer[0] == L'\0' || std::wcschr(buffer, L'%') != nullptr) {
+    const UINT length = ::GetSystemWindowsDirectoryW(buffer, MAX_PATH);
+    if (length < 3 || length >= MAX_PATH || buffer[1] != L':') return {};
+    buffer[2] = L'\0';
+    std::wcscat(buffer, L"\\ProgramData");
+  }
   return std::wstring(buffer) + kStoreFolder + kStoreFile;
 }
 

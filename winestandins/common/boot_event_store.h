@@ -1,6 +1,6 @@
 // The store of the stand-in event channel "Microsoft-Windows-Diagnostics-Performance/
 // Operational" inside a Wine prefix: one JSON object per line, oldest first, in
-//   %ProgramData%\WineStandIns\DiagnosticsPerformance.jsonl
+//   <the machine's ProgramData>\WineStandIns\DiagnosticsPerformance.jsonl
 // (or the file that the environment variable WINESTANDINS_EVENT_STORE names, for tests),
 //   {"id":"1","created":"<file time>","BootTime":"<ms>","MainPathBootTime":"<ms>","BootPostBootTime":"<ms>"}
 // Written by diagperf.exe, read by the stand-in wevtapi.dll; after each append the writer
@@ -28,8 +28,9 @@ struct BootEventRecord {
   std::uint32_t postBootTime = 0;
 };
 
-// The store's path: the override when set, else the prefix's ProgramData folder; empty when
-// neither can be found.
+// The store's path: the override when set, else the machine's ProgramData folder (the
+// ProfileList value, else the system drive's), the same for services and console programs;
+// empty when neither can be found.
 [[nodiscard]] std::wstring BootEventStorePath();
 
 // Every well-formed record of the store, oldest first; lines that cannot be parsed, and

@@ -48,9 +48,6 @@ bool TakeProcessSnapshot(SystemProcessList& list, ProcessSnapshot& snapshot) {
   snapshot.clear();
   if (!list.Refresh()) return false;
   list.ForEach([&snapshot](const SystemProcess& listed) {
-    // Wine lists a process before its image is mapped, without a name; reported then, it would
-    // be followed nameless and its named self taken for a reused pid, so it waits for its name.
-    if (listed.name.empty()) return;
     ProcessEntry& process = snapshot[listed.pid];
     process.pid = listed.pid;
     process.ppid = listed.ppid;
@@ -70,15 +67,20 @@ void FillProcessDetails(ProcessEntry& entry) {
 
 void DiffSnapshots(const ProcessSnapshot& before, const ProcessSnapshot& now, std::vector<std::uint32_t>& started,
                    std::vector<std::uint32_t>& ended) {
+  // Wine lists a process before its image is mapped, without a name: a name that appears is the
+  // same process, and only one name replaced by another means the pid was reused.
+  auto reused = [](const ProcessEntry& old, const ProcessEntry& fresh) {
+    return old.ppid != fresh.ppid || (!old.name.empty() && old.name != fresh.name);
+  };
   started.clear();
   ended.clear();
   for (const auto& [pid, old] : before) {
     auto it = now.find(pid);
-    if (it == now.end() || it->second.ppid != old.ppid || it->second.name != old.name) ended.push_back(pid);
+    if (it == now.end() || reused(old, it->second)) ended.push_back(pid);
   }
   for (const auto& [pid, fresh] : now) {
     auto it = before.find(pid);
-    if (it == before.end() || it->second.ppid != fresh.ppid || it->second.name != fresh.name) started.push_back(pid);
+    if (it == before.end() || reused(it->second, fresh)) started.push_back(pid);
   }
 }
 

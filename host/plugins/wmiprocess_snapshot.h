@@ -30,7 +30,7 @@ using ProcessSnapshot = std::map<std::uint32_t, ProcessEntry>;
 void FillProcessDetails(ProcessEntry& entry);
 
 // Processes in `now` and not in `before` are started, the reverse ended; a pid whose parent
-// or file name changed was reused and counts as both.
+// changed, or whose file name was replaced by another, was reused and counts as both.
 void DiffSnapshots(const ProcessSnapshot& before, const ProcessSnapshot& now, std::vector<std::uint32_t>& started,
                    std::vector<std::uint32_t>& ended);
 

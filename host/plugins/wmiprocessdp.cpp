@@ -125,6 +125,12 @@ class WmiProcessDPPlugin final : public HostPlugin, public IWMIProcessDP {
       for (std::uint32_t pid : ended) Notify(before.at(pid), false);
       for (std::uint32_t pid : started) {
         ProcessEntry& entry = now.at(pid);
+        // A process still without a name is announced once it has one, so it is left out of
+        // this look and found new at the next.
+        if (entry.name.empty()) {
+          now.erase(pid);
+          continue;
+        }
         FillProcessDetails(entry);
         Notify(entry, true);
       }

@@ -24,13 +24,16 @@ std::string Utf8(const std::wstring& text) {
   return out;
 }
 
+std::int64_t LinuxUptimeMs() {
+  std::string text;
+  return ReadLinuxFile(L"Z:\\proc\\uptime", text, 256) ? static_cast<std::int64_t>(ParseUptimeMs(text)) : 0;
+}
+
 // Milliseconds since the Linux machine started at which a process created at `created`
 // started, on the clock of /proc/<pid>/stat; Wine's tick count runs a few hundred ms apart
 // from it (measured: 242-252 ms), enough to swap two instances started in quick succession.
 std::int64_t SinceLinuxBootMs(std::uint64_t created) {
-  std::string text;
-  std::uint64_t uptimeMs = 0;
-  if (ReadLinuxFile(L"Z:\\proc\\uptime", text, 256)) uptimeMs = ParseUptimeMs(text);
+  std::uint64_t uptimeMs = static_cast<std::uint64_t>(LinuxUptimeMs());
   if (uptimeMs == 0) uptimeMs = ::GetTickCount64();
   FILETIME now{};
   ::GetSystemTimeAsFileTime(&now);
@@ -78,18 +81,32 @@ std::uint32_t PickByStart(const std::vector<LinuxStart>& candidates, std::int64_
   return nearest != nullptr ? nearest->pid : 0;
 }
 
-std::uint32_t LinuxPidMap::Search(std::uint64_t created, const std::wstring& image) const {
+std::uint32_t LinuxPidMap::Search(std::uint64_t created, const std::wstring& image) {
   const std::string wanted = Utf8(image);
   if (wanted.empty()) return 0;
   const std::int64_t startMs = created != 0 ? SinceLinuxBootMs(created) : 0;
+  // Reading every Linux process's command line through Wine costs milliseconds, and a logon
+  // starts many programs at once, so one look serves every process that had started before it.
+  if (startMs == 0 || scanMs_ <= startMs + kStartSlackMs) {
+    scanMs_ = LinuxUptimeMs();
+    scan_.clear();
+    std::string text;
+    for (const std::uint32_t pid : LinuxPids()) {
+      if (ReadLinuxFile(L"Z:\\proc\\" + std::to_wstring(pid) + L"\\cmdline", text, kCmdlineLimit)) {
+        scan_.push_back({pid, text});
+      }
+    }
+  }
   std::vector<LinuxStart> candidates;
   std::string text;
-  for (const std::uint32_t pid : LinuxPids()) {
-    const std::wstring folder = L"Z:\\proc\\" + std::to_wstring(pid) + L"\\";
+  for (const ScannedProcess& scanned : scan_) {
+    if (!CommandLineStartsWith(scanned.cmdline, wanted)) continue;
+    // The look may be older than a pid's reuse, so a candidate is read again before it counts.
+    const std::wstring folder = L"Z:\\proc\\" + std::to_wstring(scanned.pid) + L"\\";
     if (!ReadLinuxFile(folder + L"cmdline", text, kCmdlineLimit) || !CommandLineStartsWith(text, wanted)) continue;
     LinuxStat stat;
     if (!ReadLinuxFile(folder + L"stat", text) || !ParseStat(text, stat)) continue;
-    candidates.push_back({pid, static_cast<std::int64_t>(stat.startTicks * 1000 / kClockTicksPerSecond)});
+    candidates.push_back({scanned.pid, static_cast<std::int64_t>(stat.startTicks * 1000 / kClockTicksPerSecond)});
   }
   return PickByStart(candidates, startMs);
 }

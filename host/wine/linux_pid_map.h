@@ -44,7 +44,14 @@ class LinuxPidMap {
     std::uint32_t linuxPid = 0;
     DWORD triedTick = 0;
   };
-  std::uint32_t Search(std::uint64_t created, const std::wstring& image) const;
+  struct ScannedProcess {
+    std::uint32_t pid = 0;
+    std::string cmdline;
+  };
+  std::uint32_t Search(std::uint64_t created, const std::wstring& image);
+
+  std::vector<ScannedProcess> scan_;  // every Linux process's command line, at scanMs_
+  std::int64_t scanMs_ = 0;           // on the Linux clock
 
   std::mutex lock_;
   std::map<DWORD, Entry> cache_;

@@ -16,6 +16,7 @@
 #include "event_queue.h"
 #include "lumera/interface_ids.h"
 #include "lumera/productinfo.h"
+#include "plugins/wmiprocess_snapshot.h"
 #include "support/captured_log.h"
 #include "support/failing_allocation.h"
 #include "support/test_thread.h"
@@ -87,6 +88,25 @@ class RecordingItem final : public EqWorkItem {
 
 bool WaitFor(const std::atomic<int>& count, int wanted) {
   return testsupport::WaitUntil([&] { return count.load() == wanted; }, 5000);
+}
+
+// Wine lists a starting process before its image name is known.
+TEST(ProcessSnapshots, ANameThatAppearsIsTheSameProcessAndAReplacedOneIsAReusedPid) {
+  auto entry = [](std::uint32_t pid, std::uint32_t ppid, const wchar_t* name) {
+    host::ProcessEntry process;
+    process.pid = pid;
+    process.ppid = ppid;
+    process.name = name;
+    return process;
+  };
+  const host::ProcessSnapshot before = {
+      {32, entry(32, 0, L"")}, {40, entry(40, 8, L"a.exe")}, {48, entry(48, 8, L"b.exe")}};
+  const host::ProcessSnapshot now = {{32, entry(32, 0, L"start.exe")}, {40, entry(40, 8, L"c.exe")},
+                                     {48, entry(48, 9, L"b.exe")}, {56, entry(56, 8, L"")}};
+  std::vector<std::uint32_t> started, ended;
+  host::DiffSnapshots(before, now, started, ended);
+  EXPECT_EQ(started, (std::vector<std::uint32_t>{40, 48, 56}));
+  EXPECT_EQ(ended, (std::vector<std::uint32_t>{40, 48}));
 }
 
 TEST(SerialExecution, RunsItemsOneAtATimeInPostingOrderOnOneThread) {

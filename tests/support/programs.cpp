@@ -60,9 +60,16 @@ ProgramRun RunProgram(const std::wstring& commandLine, DWORD timeoutMs) {
   startup.hStdError = writer.get();
   PROCESS_INFORMATION process{};
   std::wstring command = commandLine;
-  if (!::CreateProcessW(nullptr, command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process)) {
+  // Wine answers ERROR_INTERNAL_ERROR when the new process died in Wine's own loader before
+  // initialising, with none of the program's code run (seen under load), so it is started again.
+  constexpr int kStartAttempts = 3;
+  for (int attempt = 1;; ++attempt) {
+    if (::CreateProcessW(nullptr, command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process)) {
+      break;
+    }
     run.exitCode = ::GetLastError();
-    return run;
+    if (run.exitCode != ERROR_INTERNAL_ERROR || attempt == kStartAttempts) return run;
+    command = commandLine;
   }
   ky::unique_handle processHandle(process.hProcess);
   ky::unique_handle threadHandle(process.hThread);

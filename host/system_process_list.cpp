@@ -50,7 +50,8 @@ bool SystemProcessList::Refresh() {
   if (buffer_.empty()) buffer_.resize(kFirstBuffer);
   for (;;) {
     ULONG needed = 0;
-    const NTSTATUS status = query(SystemProcessInformation, buffer_.data(), static_cast<ULONG>(buffer_.size()), &needed);
+    const NTSTATUS status =
+        query(SystemProcessInformation, buffer_.data(), static_cast<ULONG>(buffer_.size()), &needed);
     if (status == kInfoLengthMismatch && buffer_.size() < kMaxBuffer) {
       buffer_.resize(std::min(kMaxBuffer, std::max<std::size_t>(buffer_.size() * 2, needed + 64 * 1024)));
       continue;
@@ -76,7 +77,8 @@ bool SystemProcessList::Read(std::size_t& offset, SystemProcess& out) const {
   const auto* first = reinterpret_cast<const BYTE*>(entry.ImageName.Buffer);
   const BYTE* begin = buffer_.data();
   const std::size_t bytes = entry.ImageName.Length;
-  if (first != nullptr && first >= begin && first <= begin + used_ && bytes <= static_cast<std::size_t>(begin + used_ - first)) {
+  const BYTE* end = begin + used_;
+  if (first != nullptr && first >= begin && first <= end && bytes <= static_cast<std::size_t>(end - first)) {
     out.name = std::wstring_view(reinterpret_cast<const wchar_t*>(first), bytes / sizeof(wchar_t));
   }
   offset = entry.NextEntryOffset == 0 ? kPastEnd : offset + entry.NextEntryOffset;

@@ -1,12 +1,12 @@
 // The machine's processes as NtQuerySystemInformation(SystemProcessInformation) lists them, in
-// one call for the whole machine: a toolhelp snapshot costs that same call and a copy besides,
-// which matters to a poller that looks several times a second.
+// one call for the whole machine: a toolhelp snapshot costs that same call and a copy besides.
 #pragma once
 
 #include <windows.h>
 
 #include <cstdint>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace host {
@@ -29,7 +29,7 @@ class SystemProcessList {
   template <class Visit>
   void ForEach(Visit&& visit) const {
     SystemProcess process;
-    for (std::size_t offset = 0; Read(offset, process);) visit(static_cast<const SystemProcess&>(process));
+    for (std::size_t offset = 0; Read(offset, process);) visit(std::as_const(process));
   }
 
  private:

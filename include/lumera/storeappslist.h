@@ -1,6 +1,7 @@
-// StoreAppsList.dll: the packaged (Microsoft Store) applications installed for the user, as
-// Windows lists them under HKEY_CLASSES_ROOT, kPackagesKeyPath below, one key per package
-// full name.
+// StoreAppsList.dll: the packaged (Microsoft Store) applications installed for a user, as
+// Windows lists them in that user's classes (HKEY_USERS\<SID>_Classes, reached as
+// HKEY_USERS\<SID>\Software\Classes), kPackagesKeyPath below, one key per package full
+// name. A service's HKEY_CLASSES_ROOT shows no user's classes, so the user is named by SID.
 //
 // Loaded at run time; its one export appends a MicrosoftStoreApp record per package to a
 // list the caller owns. A package full name has the form
@@ -44,10 +45,13 @@ struct MicrosoftStoreApp {
 
 namespace storeapps {
 
-// Appends the user's packages to `apps`: 0, 13 (ERROR_INVALID_DATA) for a null list, or the
-// registry error of opening the Packages key (2 when Windows keeps no packages at all).
-using GetStoreAppsFn = std::uint32_t(__cdecl*)(ky::IList<MicrosoftStoreApp>* apps);
-inline constexpr char kGetStoreApps[] = "GetStoreApps";
+// Appends the packages of the user with the string SID `sid` to `apps`: 0, 13
+// (ERROR_INVALID_DATA) for a null list or a null, empty or malformed SID, or the registry error
+// of opening the user's Packages key (2 when the user has no packages at all).
+using GetStoreAppsOfUserFn = std::uint32_t(__cdecl*)(const wchar_t* sid, ky::IList<MicrosoftStoreApp>* apps);
+inline constexpr char kGetStoreAppsOfUser[] = "GetStoreAppsOfUser";
+inline constexpr wchar_t kUserClassesPath[] = L"Software\\Classes\\";
+inline constexpr std::size_t kMaxSidChars = 184;  // SECURITY_MAX_SID_STRING_CHARACTERS
 inline constexpr wchar_t kLibraryName[] = L"StoreAppsList.dll";
 
 }  // namespace storeapps

@@ -1,4 +1,4 @@
-// StoreAppsList.dll: the user's packages from the AppModel repository key.
+// StoreAppsList.dll: a user's packages from the AppModel repository key of the user's classes.
 #include <windows.h>
 
 #include <cwchar>
@@ -67,10 +67,22 @@ void AddPackage(HKEY packages, const std::wstring& fullName, ky::IList<Microsoft
   apps.Add(app);
 }
 
-std::uint32_t ListPackages(ky::IList<MicrosoftStoreApp>& apps) {
+// "S-1-..." with nothing that could lead the key path elsewhere.
+bool IsSidText(const wchar_t* sid) {
+  if (sid == nullptr || std::wcsncmp(sid, L"S-1-", 4) != 0) return false;
+  std::size_t chars = 0;
+  for (; sid[chars] != L'\0'; ++chars) {
+    if (chars >= storeapps::kMaxSidChars) return false;
+    const wchar_t c = sid[chars];
+    if (!(c == L'-' || c == L'S' || (c >= L'0' && c <= L'9'))) return false;
+  }
+  return true;
+}
+
+std::uint32_t ListPackages(const wchar_t* sid, ky::IList<MicrosoftStoreApp>& apps) {
+  const std::wstring keyPath = std::wstring(sid) + L"\\" + storeapps::kUserClassesPath + storeapps::kPackagesKeyPath;
   ky::unique_hkey packages;
-  const LSTATUS opened =
-      ::RegOpenKeyExW(HKEY_CLASSES_ROOT, storeapps::kPackagesKeyPath, 0, KEY_ENUMERATE_SUB_KEYS, packages.put());
+  const LSTATUS opened = ::RegOpenKeyExW(HKEY_USERS, keyPath.c_str(), 0, KEY_ENUMERATE_SUB_KEYS, packages.put());
   if (opened != ERROR_SUCCESS) return static_cast<std::uint32_t>(opened);
   for (DWORD index = 0;; ++index) {
     wchar_t name[kMaxKeyNameChars] = {};
@@ -86,10 +98,10 @@ std::uint32_t ListPackages(ky::IList<MicrosoftStoreApp>& apps) {
 
 }  // namespace
 
-extern "C" std::uint32_t __cdecl GetStoreApps(ky::IList<MicrosoftStoreApp>* apps) {
-  if (apps == nullptr) return ERROR_INVALID_DATA;
+extern "C" std::uint32_t __cdecl GetStoreAppsOfUser(const wchar_t* sid, ky::IList<MicrosoftStoreApp>* apps) {
+  if (apps == nullptr || !IsSidText(sid)) return ERROR_INVALID_DATA;
   try {
-    return ListPackages(*apps);
+    return ListPackages(sid, *apps);
   } catch (const std::bad_alloc&) {
     return ERROR_OUTOFMEMORY;
   }

@@ -23,8 +23,6 @@ using startup::kStatusDisabled;
 using startup::kStatusEnabled;
 using startup::StartupItemEx;
 
-constexpr DWORD kFolderChars = 32767;
-
 struct StoreSection {
   const char* name;
   startup::StartupSourceKind kind;
@@ -47,20 +45,11 @@ std::wstring FileNameOf(const std::wstring& path) {
 // A Store app is named and owned as its package presents itself, where the package's texts
 // are readable; otherwise as its executable's version resource says.
 void NameStoreApp(const startup::StartupItem& item, StartupItemEx& entry) {
-  startup::MicrosoftStoreAppsEnumerator packages;
+  startup::MicrosoftStoreAppsEnumerator packages(startup::SidOfLocation(item.location));
   startup::MicrosoftStoreTask task;
   if (packages.FindTask(item, task) != 0) return;
   if (!task.displayName.empty()) entry.name = task.displayName;
   if (!task.publisherDisplayName.empty()) entry.owner = task.publisherDisplayName;
-}
-
-std::wstring HostProgramFolder() {
-  std::vector<wchar_t> path(kFolderChars, L'\0');
-  const DWORD length = ::GetModuleFileNameW(nullptr, path.data(), kFolderChars);
-  std::wstring folder(path.data(), length < kFolderChars ? length : 0);
-  const std::size_t slash = folder.find_last_of(L'\\');
-  folder.resize(slash == std::wstring::npos ? 0 : slash + 1);
-  return folder;
 }
 
 }  // namespace
@@ -93,22 +82,27 @@ CPluginStartupManager::~CPluginStartupManager() {
 bool CPluginStartupManager::Init() {
   KY_TRACE(L"boottime::CPluginStartupManager::Init");
   (void)CBaseStartupManager::Init();
-  {
-    velora::utils::CUserImpersonation impersonation;
-    std::vector<wchar_t> folder(kFolderChars, L'\0');
-    if (::SHGetSpecialFolderPathW(nullptr, folder.data(), CSIDL_APPDATA, FALSE) && folder[0] != L'\0') {
-      storageFolder_ = folder.data();
-      if (storageFolder_.back() != L'\\') storageFolder_.push_back(L'\\');
-      storageFolder_ += kLumeraDataFolder;
-      (void)::SHCreateDirectoryExW(nullptr, storageFolder_.c_str(), nullptr);
-    } else {
-      storageFolder_ = HostProgramFolder();
-    }
-  }
-  startup::storage::CStartupItemsStorage::Instance().Init(storageFolder_ + startup::storage::kStorageFileName);
   sources_ = std::make_unique<startup::CStartupItems>();
   exec_ = std::make_unique<startup::StartupAppsActionExec>();
+  (void)PlaceStore();
   return true;
+}
+
+// A service's own roaming folder (and the host's folder) is the service's, not the user's: the
+// store is placed only in the user's folder, read through the user's token, and without a user
+// the step fails and is tried again at the next build.
+std::uint32_t CPluginStartupManager::PlaceStore() {
+  KY_TRACE(L"boottime::CPluginStartupManager::PlaceStore");
+  std::wstring folder;
+  std::uint32_t placed = 0;
+  {
+    velora::utils::CUserImpersonation impersonation;
+    placed = startup::storage::UserStorageFolder(sources_ ? sources_->User().get() : nullptr, folder);
+  }
+  storageFolder_ = folder;
+  startup::storage::CStartupItemsStorage::Instance().Init(placed == 0 ? folder + startup::storage::kStorageFileName
+                                                                      : std::wstring());
+  return placed;
 }
 
 // Attribution: an item belongs to the app of the file it starts, keyed by that file's full
@@ -220,6 +214,14 @@ void CPluginStartupManager::ApplyBootImpacts() {
 std::uint32_t CPluginStartupManager::BuildAndReport() {
   KY_TRACE(L"boottime::CPluginStartupManager::BuildAndReport");
   if (!sources_ || !exec_) return ERROR_NOT_READY;
+  // The user may have logged on since the last build: the sources and the store follow them.
+  if (!sources_->User() || storageFolder_.empty()) {
+    sources_ = std::make_unique<startup::CStartupItems>();
+    if (const std::uint32_t placed = PlaceStore(); placed != 0) {
+      KY_LOG(logging::kLevelError, L"no store of the user 0x%x: nothing reported", placed);
+      return placed;
+    }
+  }
   apps_.clear();
   {
     velora::utils::CUserImpersonation impersonation;

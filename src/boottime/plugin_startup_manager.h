@@ -21,8 +21,6 @@
 
 namespace boottime {
 
-inline constexpr wchar_t kLumeraDataFolder[] = L"Nexalon\\Lumera\\";
-
 class CPluginStartupManager final : public startup::CBaseStartupManager {
  public:
   // Loads pipelink.dll from `connectorPath` for the connection; `productInfo` gives the host's
@@ -34,11 +32,13 @@ class CPluginStartupManager final : public startup::CBaseStartupManager {
 
   // Received lists are parsed and validated by the base, then dropped: nothing uses them yet.
   void AppListReceived(const startup::AppList&) override {}
-  // Connects, places the store ("Storage.json" in the user's roaming Nexalon\Lumera folder, or
-  // beside the host program) and chooses the sources and actions; always true.
+  // Connects, chooses the sources (the console user's and the machine's) and the actions, and
+  // places the store ("Storage.json" in the user's roaming Nexalon\Lumera folder; nowhere,
+  // logged, when no user is logged on); always true.
   bool Init() override;
   // Enumerates, filters, reads the store back (dropping records whose entry is gone), takes
-  // the boot times and posts the report; 0, the post's code, or 31 without a connection.
+  // the boot times and posts the report; 0, the post's code, 31 without a connection, or
+  // ERROR_NO_TOKEN (logged, nothing sent) when still no user's store can be placed.
   [[nodiscard]] std::uint32_t BuildAndReport() override;
 
   // The boot time reported as "boot_total_time".
@@ -52,6 +52,7 @@ class CPluginStartupManager final : public startup::CBaseStartupManager {
                         startup::CAppsFilter::ProductInfoSource productInfo, std::wstring agentLibrary);
   static std::unique_ptr<CConnectorLibrary> LoadConnector(const std::wstring& path);
 
+  std::uint32_t PlaceStore();
   void Enumerate(const startup::StartupSourceList& sources);
   bool AddApp(const startup::StartupItemPtr& item, startup::StartupSourceKind kind, std::int32_t status);
   void ReadBackStore();

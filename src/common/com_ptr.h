@@ -1,11 +1,23 @@
 // An owned reference to a COM interface: released exactly once, movable, never copied.
 #pragma once
 
+#include <objbase.h>
 #include <unknwn.h>
 
 #include <utility>
 
+#include "common/unique_handle.h"
+
 namespace ky {
+
+// Memory the shell or COM hands out (SHGetKnownFolderPath's path, say), freed with CoTaskMemFree.
+struct CoTaskMemTraits {
+  using type = wchar_t*;
+  static type invalid() noexcept { return nullptr; }
+  static bool is_valid(type h) noexcept { return h != nullptr; }
+  static void close(type h) noexcept { ::CoTaskMemFree(h); }
+};
+using unique_cotaskmem_string = unique_any<CoTaskMemTraits>;
 
 template <class T>
 class com_ptr {

@@ -15,6 +15,7 @@
 #include "startup/file_qid.h"
 #include "startup/store_startup_item.h"
 #include "startup/win8_startup_item.h"
+#include "users/user_profile.h"
 
 namespace startup {
 namespace {
@@ -33,9 +34,10 @@ bool EndsWithShortcut(const std::wstring& name) {
 
 }  // namespace
 
-bool GetPathFromCmdLine(const std::wstring& commandLine, std::wstring& path) {
+bool GetPathFromCmdLine(const std::wstring& commandLine, std::wstring& path,
+                        const velora::utils::CEnvironment& environment) {
   KY_TRACE(L"GetPathFromCmdLine");
-  if (!ResolveCommandTarget(commandLine, path)) {
+  if (!ResolveCommandTarget(commandLine, path, environment)) {
     KY_LOG(logging::kLevelError, L"FAILED parse cmdline [%s]", commandLine.c_str());
     return false;
   }
@@ -44,18 +46,15 @@ bool GetPathFromCmdLine(const std::wstring& commandLine, std::wstring& path) {
 
 // Failures are logged at debug level: a Run entry's location is a registry path, so its
 // long-path conversion fails on every report.
-void ExpandPath(const wchar_t* in, std::wstring& out) {
+void ExpandPath(const wchar_t* in, std::wstring& out, const velora::utils::CEnvironment& environment) {
   KY_TRACE(L"ExpandPath");
   if (in == nullptr) return;
   std::wstring text = in;
-  // Neither call takes more than its buffer holds: longer text is refused before it is made.
-  std::vector<wchar_t> expanded(kPathChars, L'\0');
-  ::SetLastError(0);
-  const DWORD chars = text.size() < kPathChars ? ::ExpandEnvironmentStringsW(in, expanded.data(), kPathChars) : 0;
-  if (chars == 0 || chars >= kPathChars) {
-    KY_LOG(logging::kLevelDebug, L"ExpandEnvironmentStrings %s failed 0x%x", in, ky::LastErrorOr(ERROR_FILENAME_EXCED_RANGE));
+  std::wstring expanded;
+  if (const std::uint32_t error = environment.Expand(text, expanded); error != 0) {
+    KY_LOG(logging::kLevelDebug, L"ExpandEnvironmentStrings %s failed 0x%x", in, error);
   } else {
-    text = expanded.data();
+    text = std::move(expanded);
   }
   // A Run entry's location names a registry key: only drive and UNC paths are looked up.
   std::uint32_t error = ERROR_INVALID_NAME;
@@ -86,45 +85,54 @@ bool GetApplicationInfo(const wchar_t* path, ApplicationInfo& info) {
 }
 
 bool Application::FindTarget(const StartupItem& item, StartupSourceKind kind, std::int32_t state,
-                             std::wstring& target) const {
-  if (kind == kSourceStartupFolder && EndsWithShortcut(item.name)) return GetPathFromCmdLine(item.path, target);
+                             const velora::utils::CEnvironment& environment, std::wstring& target) const {
+  if (kind == kSourceStartupFolder && EndsWithShortcut(item.name)) {
+    return GetPathFromCmdLine(item.path, target, environment);
+  }
   if (state != 0 && !ky::IsWindows8OrGreater()) {
     target = item.location;
     if (target.empty() || target.back() != L'\\') target.push_back(L'\\');
     target += item.name;
     return true;
   }
-  return GetPathFromCmdLine(item.path, target);
+  return GetPathFromCmdLine(item.path, target, environment);
 }
 
 bool Application::Init(const StartupItem& item, StartupSourceKind kind, std::int32_t state) {
   KY_TRACE(L"Application::Init");
+  // A user's command is read in the user's environment: in a service the process's own is
+  // the service account's, where %LOCALAPPDATA% and the Path lead into the system profile.
+  const auto environment = EnvironmentOf(item);
   std::wstring target;
-  if (!FindTarget(item, kind, state, target)) return false;
+  if (!FindTarget(item, kind, state, *environment, target)) return false;
   isStore = kind == kSourceStoreApp;
   disabledBySystem = false;
 
   // Only applications identified through the process-wide library are remembered.
   const bool remember = qids_ == nullptr;
+  // One user's "%LOCALAPPDATA%\\x.exe" is not another's.
+  const auto user = item.isUser != 0 ? velora::utils::CUserProfile::Current() : nullptr;
+  const std::wstring cacheKey = (user ? user->Sid() + L"|" : std::wstring()) + target;
   CachedApplication known;
-  if (remember && CApplicationCache::Instance().Find(target, item.location, known)) {
+  if (remember && CApplicationCache::Instance().Find(cacheKey, item.location, known)) {
     path = std::move(known.path);
     location = std::move(known.location);
     description = std::move(known.description);
     company = std::move(known.company);
     product = std::move(known.product);
     qid = std::move(known.qid);
-  } else if (!Build(target, item.location, remember)) {
+  } else if (!Build(target, item.location, *environment, cacheKey, remember)) {
     return false;
   }
   if (ky::IsWindows8OrGreater()) CheckSystemState(item, kind);
   return true;
 }
 
-bool Application::Build(const std::wstring& target, const std::wstring& itemLocation, bool remember) {
+bool Application::Build(const std::wstring& target, const std::wstring& itemLocation,
+                        const velora::utils::CEnvironment& environment, const std::wstring& cacheKey, bool remember) {
   KY_TRACE(L"Application::Build");
-  ExpandPath(target.c_str(), path);
-  ExpandPath(itemLocation.c_str(), location);
+  ExpandPath(target.c_str(), path, environment);
+  ExpandPath(itemLocation.c_str(), location, environment);
   CachedApplication entry;
   const bool stamped = remember && CApplicationCache::FileStamp(path, entry.size, entry.lastWrite);
 
@@ -147,7 +155,7 @@ bool Application::Build(const std::wstring& target, const std::wstring& itemLoca
     entry.company = company;
     entry.product = product;
     entry.qid = qid;
-    CApplicationCache::Instance().Store(target, itemLocation, std::move(entry));
+    CApplicationCache::Instance().Store(cacheKey, itemLocation, std::move(entry));
   }
   return true;
 }

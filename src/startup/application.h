@@ -7,6 +7,7 @@
 #include <string>
 
 #include "startup/startup_item.h"
+#include "users/user_environment.h"
 
 namespace startup {
 
@@ -19,12 +20,15 @@ struct ApplicationInfo {
   std::wstring product;
 };
 
-// The file a command line starts, through ResolveCommandTarget; false, logged, when none.
-[[nodiscard]] bool GetPathFromCmdLine(const std::wstring& commandLine, std::wstring& path);
+// The file a command line starts, through ResolveCommandTarget in `environment` (the entry's:
+// the user's for a user's entry, the machine's for the machine's); false, logged, when none.
+[[nodiscard]] bool GetPathFromCmdLine(const std::wstring& commandLine, std::wstring& path,
+                                      const velora::utils::CEnvironment& environment);
 
-// Environment variables expanded, then the long form of the path; each failure is logged and
-// leaves the text as far as it was converted. A null input leaves `out` unchanged.
-void ExpandPath(const wchar_t* in, std::wstring& out);
+// Environment variables expanded in `environment`, then the long form of the path; each
+// failure is logged and leaves the text as far as it was converted. A null input leaves `out`
+// unchanged.
+void ExpandPath(const wchar_t* in, std::wstring& out, const velora::utils::CEnvironment& environment);
 
 // The texts of the file's version resource through kyutils.dll; false, logged, when the file
 // has none (or for a null path), `info` untouched.
@@ -51,9 +55,12 @@ class Application {
   bool disabledBySystem = false;
 
  private:
-  bool FindTarget(const StartupItem& item, StartupSourceKind kind, std::int32_t state, std::wstring& target) const;
-  // Expands, reads and identifies the target; remembers the result when `remember` is set.
-  bool Build(const std::wstring& target, const std::wstring& itemLocation, bool remember);
+  bool FindTarget(const StartupItem& item, StartupSourceKind kind, std::int32_t state,
+                  const velora::utils::CEnvironment& environment, std::wstring& target) const;
+  // Expands, reads and identifies the target; remembers the result under `cacheKey` when
+  // `remember` is set.
+  bool Build(const std::wstring& target, const std::wstring& itemLocation, const velora::utils::CEnvironment& environment,
+             const std::wstring& cacheKey, bool remember);
   void CheckSystemState(const StartupItem& item, StartupSourceKind kind);
 
   CFileQID* qids_;

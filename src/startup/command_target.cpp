@@ -8,12 +8,11 @@
 #include <cwctype>
 
 #include "common/unique_handle.h"
+#include "users/user_profile.h"
 
 namespace startup {
 namespace {
 
-constexpr std::size_t kSearchChars = MAX_PATH;
-constexpr DWORD kExpandChars = 32767;
 
 std::wstring Lower(std::wstring text) {
   std::transform(text.begin(), text.end(), text.begin(), [](wchar_t c) { return static_cast<wchar_t>(std::towlower(c)); });
@@ -61,7 +60,18 @@ bool SelectCommandTarget(const std::vector<std::wstring>& args, std::wstring& ta
   return true;
 }
 
-bool ResolveCommandTarget(const std::wstring& command, std::wstring& target) {
+std::shared_ptr<const velora::utils::CEnvironment> EnvironmentOf(const StartupItem& item) {
+  using velora::utils::CEnvironment;
+  if (item.isUser == 0) {
+    static const std::shared_ptr<const CEnvironment> machine = CEnvironment::Machine();
+    return machine;
+  }
+  const auto user = velora::utils::CUserProfile::Current();
+  return user ? user->Environment() : CEnvironment::Unavailable();
+}
+
+bool ResolveCommandTarget(const std::wstring& command, std::wstring& target,
+                          const velora::utils::CEnvironment& environment) {
   if (command.empty()) return false;  // CommandLineToArgvW would answer with this program's own path
   int count = 0;
   ky::unique_local argv(reinterpret_cast<HLOCAL>(::CommandLineToArgvW(command.c_str(), &count)));
@@ -70,16 +80,16 @@ bool ResolveCommandTarget(const std::wstring& command, std::wstring& target) {
   std::vector<std::wstring> args(list, list + count);
   std::wstring result;
   if (!SelectCommandTarget(args, result)) return false;
+  if (!environment.Available()) return false;
+  // A bare name is found as the logon finds it: on the Path of the entry's own environment,
+  // never the service's.
   if (result.find(L'\\') == std::wstring::npos) {
-    if (result.size() >= kSearchChars) return false;
-    std::vector<wchar_t> found(kSearchChars, L'\0');
-    std::copy(result.begin(), result.end(), found.begin());
-    if (!::PathFindOnPathW(found.data(), nullptr)) return false;
-    result = found.data();
+    std::wstring found;
+    if (environment.FindOnPath(result, found) != 0) return false;
+    result = std::move(found);
   }
-  std::vector<wchar_t> expanded(kExpandChars, L'\0');
-  const DWORD chars = ::ExpandEnvironmentStringsW(result.c_str(), expanded.data(), kExpandChars);
-  if (chars != 0 && chars <= kExpandChars) result = expanded.data();
+  std::wstring expanded;
+  if (environment.Expand(result, expanded) == 0) result = std::move(expanded);
   target = result;
   return true;
 }

@@ -2,8 +2,12 @@
 // rundll32 loads.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "startup/startup_item.h"
+#include "users/user_environment.h"
 
 namespace startup {
 
@@ -12,8 +16,14 @@ namespace startup {
 // splitter cut at blanks until a piece names an ".exe" or ".bat". False when neither is found.
 [[nodiscard]] bool SelectCommandTarget(const std::vector<std::wstring>& args, std::wstring& target);
 
-// Splits the command with CommandLineToArgvW, selects the target, searches the path for a
-// bare file name and expands environment variables. False, `target` untouched, on failure.
-[[nodiscard]] bool ResolveCommandTarget(const std::wstring& command, std::wstring& target);
+// Splits the command with CommandLineToArgvW, selects the target, searches the Path of
+// `environment` for a bare file name and expands environment variables in `environment`.
+// False, `target` untouched, on failure (also when the environment is unavailable).
+[[nodiscard]] bool ResolveCommandTarget(const std::wstring& command, std::wstring& target,
+                                        const velora::utils::CEnvironment& environment);
+
+// The environment an item's command is read in: the console user's for a user's entry
+// (unavailable when no user or no token is known), the machine's for the machine's.
+std::shared_ptr<const velora::utils::CEnvironment> EnvironmentOf(const StartupItem& item);
 
 }  // namespace startup

@@ -78,9 +78,15 @@ std::uint32_t RollbackToRegistry(const StartupItem& item) {
                                                      static_cast<DWORD>((item.path.size() + 1) * sizeof(wchar_t))));
 }
 
-std::uint8_t CheckCommandTarget(const std::wstring& command) {
+std::uint8_t CheckCommandTarget(const StartupItem& item) {
+  KY_TRACE(L"CheckCommandTarget");
+  const auto environment = EnvironmentOf(item);
+  if (!environment->Available()) {
+    KY_LOG(logging::kLevelInfo, L"no environment of the user for %s %s: kept", item.location.c_str(), item.name.c_str());
+    return kActionOk;
+  }
   std::wstring target;
-  if (!ResolveCommandTarget(command, target)) return kActionFailed;
+  if (!ResolveCommandTarget(item.path, target, *environment)) return kActionFailed;
   return ::GetFileAttributesW(target.c_str()) == INVALID_FILE_ATTRIBUTES ? kActionFailed : kActionOk;
 }
 
@@ -131,7 +137,7 @@ std::uint8_t CRunKeyAppsActions::Enable(const StartupItemList& items, bool updat
 
 std::uint8_t CRunKeyAppsActions::Check(const StartupItem& item) {
   KY_TRACE(L"CRunKeyAppsActions::Check");
-  return CheckCommandTarget(item.path);
+  return CheckCommandTarget(item);
 }
 
 }  // namespace startup

@@ -43,7 +43,9 @@ class CRunKeyAppsActions final : public IStartupAppsActions {
 // Writes `path` back as the value `name`, always as REG_SZ; 0, 31 or the registry result.
 [[nodiscard]] std::uint32_t RollbackToRegistry(const StartupItem& item);
 
-// 0 when the target of `command` exists as a file or folder, 31 otherwise.
-[[nodiscard]] std::uint8_t CheckCommandTarget(const std::wstring& command);
+// 0 when the target of the item's command, read in the item's environment, exists as a file
+// or folder, 31 otherwise. 0 also when the item is a user's and no environment of the user can
+// be had: what cannot be looked at is not taken for gone, so its record is kept.
+[[nodiscard]] std::uint8_t CheckCommandTarget(const StartupItem& item);
 
 }  // namespace startup

@@ -201,7 +201,7 @@ std::uint8_t CStartupFolderActions::Enable(const StartupItemList& items, bool up
 
 std::uint8_t CStartupFolderActions::Check(const StartupItem& item) {
   KY_TRACE(L"CStartupFolderActions::Check");
-  return CheckCommandTarget(item.path);
+  return CheckCommandTarget(item);
 }
 
 }  // namespace startup

@@ -1,96 +1,82 @@
 #include "startup/startup_items.h"
 
-#include <sddl.h>
+#include <shlobj.h>
 
-#include <cstdio>
-#include <vector>
-
+#include "common/com_ptr.h"
 #include "common/log.h"
-#include "common/unique_handle.h"
 #include "common/windows_version.h"
+#include "lumera/storeappslist.h"
 #include "startup/run_key_apps.h"
 #include "startup/startup_folder_apps.h"
 #include "startup/store_apps_enumerator.h"
-#include "users/ky_users.h"
 
 namespace startup {
 namespace {
 
-constexpr std::size_t kAccountChars = 1024;
-constexpr DWORD kExpandChars = 32768;
+constexpr std::uint8_t kUser = 1;
+constexpr std::uint8_t kMachine = 0;
 
-bool Expand(const wchar_t* text, std::wstring& out) {
-  std::vector<wchar_t> buffer(kExpandChars, L'\0');
-  const DWORD chars = ::ExpandEnvironmentStringsW(text, buffer.data(), kExpandChars);
-  if (chars == 0 || chars > kExpandChars) return false;
-  out = buffer.data();
+// The machine's Startup folder, which belongs to no user and so needs no token.
+bool CommonStartupFolder(std::wstring& folder) {
+  KY_TRACE(L"CommonStartupFolder");
+  ky::unique_cotaskmem_string path;
+  const HRESULT result = ::SHGetKnownFolderPath(FOLDERID_CommonStartup, KF_FLAG_DONT_VERIFY, nullptr, path.put());
+  if (FAILED(result) || !path) {
+    KY_LOG(logging::kLevelError, L"SHGetKnownFolderPath CommonStartup failed 0x%x", static_cast<unsigned>(result));
+    return false;
+  }
+  folder = path.get();
   return true;
 }
 
-bool SidOfAccount(const wchar_t* account, std::wstring& sid) {
-  DWORD sidBytes = 0;
-  DWORD domainChars = 0;
-  SID_NAME_USE use{};
-  ::LookupAccountNameW(nullptr, account, nullptr, &sidBytes, nullptr, &domainChars, &use);
-  if (sidBytes == 0) return false;
-  std::vector<BYTE> sidBuffer(sidBytes);
-  std::vector<wchar_t> domain(static_cast<std::size_t>(domainChars) + 1);
-  if (!::LookupAccountNameW(nullptr, account, sidBuffer.data(), &sidBytes, domain.data(), &domainChars, &use)) {
-    return false;
-  }
-  LPWSTR text = nullptr;
-  if (!::ConvertSidToStringSidW(sidBuffer.data(), &text)) return false;
-  ky::unique_local owner(reinterpret_cast<HLOCAL>(text));
-  sid = text;
-  return true;
+void AddFolderSource(StartupSourceList& sources, std::wstring folder, std::uint8_t isUser) {
+  if (folder.empty()) return;
+  if (folder.back() != L'\\') folder.push_back(L'\\');
+  sources.emplace_back(std::make_shared<CStartupFolderEnumerator>(isUser), std::move(folder));
 }
 
 }  // namespace
 
-CStartupItems::CStartupItems() {
+CStartupItems::CStartupItems() : CStartupItems(velora::utils::CUserProfile::Refresh()) {}
+
+CStartupItems::CStartupItems(std::shared_ptr<const velora::utils::CUserProfile> profile) : user_(std::move(profile)) {
   KY_TRACE(L"CStartupItems::CStartupItems");
-  std::wstring sid;
-  if (GetCrtUserSid(sid)) {
-    runKeySources_.emplace_back(std::make_shared<CRunKeyAppsEnumerator>(HKEY_USERS, 1), sid + L"\\" + kRunKeyPath);
+  // A service's HKEY_CURRENT_USER is its own account's hive, not the user's: without the
+  // user's SID the user's Run key is left out rather than replaced by it.
+  if (user_) {
+    runKeySources_.emplace_back(std::make_shared<CRunKeyAppsEnumerator>(HKEY_USERS, kUser),
+                                user_->Sid() + L"\\" + kRunKeyPath);
   } else {
-    runKeySources_.emplace_back(std::make_shared<CRunKeyAppsEnumerator>(HKEY_CURRENT_USER, 1), kRunKeyPath);
+    KY_LOG(logging::kLevelInfo, L"no user SID: the user's Run key is left out");
   }
-  runKeySources_.emplace_back(std::make_shared<CRunKeyAppsEnumerator>(HKEY_LOCAL_MACHINE, 0), kRunKeyPath);
-  runKeySources_.emplace_back(std::make_shared<CRunKeyAppsEnumerator>(HKEY_LOCAL_MACHINE, 0), kRunKeyPathWow);
-  if (ky::IsWindows8OrGreater()) {
-    storeSources_.emplace_back(std::make_shared<MicrosoftStoreAppsEnumerator>(), kStoreAppsKeyPath);
+  runKeySources_.emplace_back(std::make_shared<CRunKeyAppsEnumerator>(HKEY_LOCAL_MACHINE, kMachine), kRunKeyPath);
+  runKeySources_.emplace_back(std::make_shared<CRunKeyAppsEnumerator>(HKEY_LOCAL_MACHINE, kMachine), kRunKeyPathWow);
+  // A service's HKEY_CLASSES_ROOT shows no user's classes: the user's packages and the states
+  // of their tasks are in the user's own classes, reached through the SID.
+  if (user_ && ky::IsWindows8OrGreater()) {
+    storeSources_.emplace_back(std::make_shared<MicrosoftStoreAppsEnumerator>(user_->Sid()),
+                               user_->Sid() + L"\\" + storeapps::kUserClassesPath + kStoreAppsKeyPath);
   }
 
-  const std::pair<const wchar_t*, std::uint8_t> folders[] = {{kUserStartupFolder, 1}, {kCommonStartupFolder, 0}};
-  for (const auto& [folder, isUser] : folders) {
-    std::wstring expanded;
-    if (Expand(folder, expanded)) {
-      folderSources_.emplace_back(std::make_shared<CStartupFolderEnumerator>(isUser), expanded);
+  // The user's Startup folder is the user's known folder, read through the user's token: the
+  // service's own %userprofile% is the system profile.
+  std::wstring userFolder;
+  if (user_) {
+    if (const std::uint32_t found = user_->KnownFolder(FOLDERID_Startup, userFolder); found != 0) {
+      KY_LOG(logging::kLevelError, L"SHGetKnownFolderPath Startup of %s failed 0x%x", user_->UserName().c_str(), found);
+      userFolder.clear();
     }
   }
+  AddFolderSource(folderSources_, userFolder, kUser);
+  std::wstring commonFolder;
+  if (CommonStartupFolder(commonFolder)) AddFolderSource(folderSources_, commonFolder, kMachine);
 }
 
 bool CStartupItems::GetCrtUserSid(std::wstring& sid) {
   KY_TRACE(L"CStartupItems::GetCrtUserSid");
-  auto& users = velora::utils::CKYUsers::Instance();
-  if (!users.ReloadDll()) {
-    KY_LOG(logging::kLevelError, L"CKYUsers::ReloadDll failed");
-    return false;
-  }
-  std::wstring userName;
-  std::wstring domain;
-  if (users.GetCurrentUserInfoBasic(userName, domain) != 0) {
-    KY_LOG(logging::kLevelError, L"CKYUsers::GetCurrentUserInfoBasic failed");
-    return false;
-  }
-  KY_LOG(logging::kLevelInfo, L"szUserName=%s szDomain=%s", userName.c_str(), domain.c_str());
-  std::vector<wchar_t> account(kAccountChars, L'\0');
-  const int written = _snwprintf(account.data(), kAccountChars - 1, L"%s\\%s", domain.c_str(), userName.c_str());
-  if (written < 0 || !SidOfAccount(account.data(), sid)) {
-    KY_LOG(logging::kLevelError, L"velora::utils::CUsers::GetUserSid(%s, %s) failed 0x%x", userName.c_str(),
-           domain.c_str(), ERROR_GEN_FAILURE);
-    return false;
-  }
+  const std::shared_ptr<const velora::utils::CUserProfile> profile = velora::utils::CUserProfile::Refresh();
+  if (!profile) return false;
+  sid = profile->Sid();
   return true;
 }
 

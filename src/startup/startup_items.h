@@ -1,6 +1,7 @@
 // CStartupItems: where startup entries are looked for — the Run keys (the current user's
-// through HKEY_USERS and the user's SID when it is known), the Store key and the two Startup
-// folders. The SID is looked up once, at construction.
+// through HKEY_USERS and the user's SID), the user's Store key and the two Startup folders.
+// The user is looked up once, at construction; without a user only the machine's sources are
+// searched.
 #pragma once
 
 #include <windows.h>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "startup/startup_item.h"
+#include "users/user_profile.h"
 
 namespace startup {
 
@@ -18,10 +20,6 @@ inline constexpr wchar_t kRunKeyPath[] = L"Software\\Microsoft\\Windows\\Current
 inline constexpr wchar_t kRunKeyPathWow[] = L"Software\\Wow6432Node\\Microsoft\\Windows\\CurrentVersion\\Run";
 inline constexpr wchar_t kStoreAppsKeyPath[] =
     L"Local Settings\\Software\\Microsoft\\Windows\\CurrentVersion\\AppModel\\SystemAppData";
-inline constexpr wchar_t kUserStartupFolder[] =
-    L"%userprofile%\\AppData\\Roaming\\Microsoft\\Windows\\Start Menu\\Programs\\Startup\\";
-inline constexpr wchar_t kCommonStartupFolder[] =
-    L"%allusersprofile%\\Microsoft\\Windows\\Start Menu\\Programs\\Startup\\";
 
 // One place to search: the enumerator and the path given to its GetStartupApps.
 using StartupSource = std::pair<std::shared_ptr<IStartupAppsEnumerator>, std::wstring>;
@@ -29,19 +27,26 @@ using StartupSourceList = std::vector<StartupSource>;
 
 class CStartupItems {
  public:
+  // Captures the console user afresh (velora::utils::CUserProfile::Refresh).
   CStartupItems();
+  // The sources of the user `profile` (null: the machine's only).
+  explicit CStartupItems(std::shared_ptr<const velora::utils::CUserProfile> profile);
 
   const StartupSourceList& RunKeySources() const { return runKeySources_; }
-  // The Store enumerator with the SystemAppData key below HKEY_CLASSES_ROOT, on Windows 8 and
-  // later only: older Windows has no Store startup tasks.
+  // The Store enumerator with the SystemAppData key of the user's classes below HKEY_USERS,
+  // on Windows 8 and later only: older Windows has no Store startup tasks.
   const StartupSourceList& StoreSources() const { return storeSources_; }
   const StartupSourceList& FolderSources() const { return folderSources_; }
 
   // The console user's SID as a string, through kyusers.dll and LookupAccountNameW; false,
-  // `sid` untouched, when the library, the user or the lookup fails.
+  // `sid` untouched, when the library, the user or the lookup fails. Captures the user afresh.
   [[nodiscard]] static bool GetCrtUserSid(std::wstring& sid);
 
+  // The user the sources belong to; null when nobody was logged on.
+  const std::shared_ptr<const velora::utils::CUserProfile>& User() const { return user_; }
+
  private:
+  std::shared_ptr<const velora::utils::CUserProfile> user_;
   StartupSourceList runKeySources_;
   StartupSourceList storeSources_;
   StartupSourceList folderSources_;

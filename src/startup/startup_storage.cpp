@@ -1,6 +1,7 @@
 #include "startup/startup_storage.h"
 
 #include <windows.h>
+#include <shlobj.h>
 
 #include "common/json_file.h"
 #include "common/log.h"
@@ -127,6 +128,29 @@ std::uint32_t CStartupItemsStorage::LoadBootTime(std::vector<BootTimeRecord>& re
     return kStorageFailed;
   }
   ReadBootTimes(document, records);
+  return 0;
+}
+
+std::uint32_t UserStorageFolder(const velora::utils::CUserProfile* user, std::wstring& folder) {
+  KY_TRACE(L"startup::storage::UserStorageFolder");
+  if (user == nullptr) {
+    KY_LOG(logging::kLevelError, L"no user: no store");
+    return ERROR_NO_TOKEN;
+  }
+  std::wstring roaming;
+  if (const std::uint32_t found = user->KnownFolder(FOLDERID_RoamingAppData, roaming); found != 0) {
+    KY_LOG(logging::kLevelError, L"SHGetKnownFolderPath RoamingAppData of %s failed 0x%x", user->UserName().c_str(), found);
+    return found;
+  }
+  std::wstring result = roaming;
+  if (result.back() != L'\\') result.push_back(L'\\');
+  result += kStorageFolderName;
+  const int created = ::SHCreateDirectoryExW(nullptr, result.c_str(), nullptr);
+  if (created != ERROR_SUCCESS && created != ERROR_ALREADY_EXISTS && created != ERROR_FILE_EXISTS) {
+    KY_LOG(logging::kLevelError, L"SHCreateDirectoryEx %s failed 0x%x", result.c_str(), static_cast<unsigned>(created));
+    return static_cast<std::uint32_t>(created);
+  }
+  folder = std::move(result);
   return 0;
 }
 

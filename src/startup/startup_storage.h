@@ -9,12 +9,21 @@
 
 #include "startup/startup_item.h"
 #include "startup/storage_document.h"
+#include "users/user_profile.h"
 
 namespace startup::storage {
 
 inline constexpr wchar_t kStorageFileName[] = L"Storage.json";
 inline constexpr wchar_t kUnreadableSuffix[] = L".unreadable";
 inline constexpr std::uint32_t kStorageFailed = 31;
+inline constexpr wchar_t kStorageFolderName[] = L"Nexalon\\Lumera\\";
+
+// The folder of the user's store: the user's roaming application-data folder, read through the
+// user's token, + kStorageFolderName, created with its parents. 0 with `folder` set (ending in
+// a backslash); ERROR_NO_TOKEN when no user or no token is known, or the shell's error, logged,
+// with `folder` untouched. Never the service's own folder: a service's roaming folder is the
+// system profile's.
+[[nodiscard]] std::uint32_t UserStorageFolder(const velora::utils::CUserProfile* user, std::wstring& folder);
 
 class CStartupItemsStorage {
  public:

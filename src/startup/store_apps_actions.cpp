@@ -57,7 +57,7 @@ std::uint8_t MicrosoftStoreAppsActions::Enable(const StartupItemList& items, boo
 
 std::uint8_t MicrosoftStoreAppsActions::Check(const StartupItem& item) {
   KY_TRACE(L"MicrosoftStoreAppsActions::Check");
-  MicrosoftStoreAppsEnumerator packages;
+  MicrosoftStoreAppsEnumerator packages(SidOfLocation(item.location));
   MicrosoftStoreTask task;
   return packages.FindTask(item, task) == 0 ? kActionOk : kActionFailed;
 }

@@ -36,7 +36,7 @@ void AddTasksOfPackage(const MicrosoftStoreApp& app, const std::wstring& path, s
   for (StoreStartupTask& declared : manifest.tasks) {
     auto item = std::make_shared<StartupItem>();
     item->name = declared.taskId;
-    item->location = std::wstring(RegistryRootName(HKEY_CLASSES_ROOT)) + L"\\" + path + L"\\" + family;
+    item->location = std::wstring(RegistryRootName(HKEY_USERS)) + L"\\" + path + L"\\" + family;
     item->path = declared.executable;
     item->isUser = 1;
     MicrosoftStoreTask task;
@@ -57,14 +57,32 @@ std::wstring FamilyOfLocation(const std::wstring& location) {
   return slash == std::wstring::npos ? std::wstring() : location.substr(slash + 1);
 }
 
-MicrosoftStoreAppsEnumerator::MicrosoftStoreAppsEnumerator()
-    : lister_([](std::vector<MicrosoftStoreApp>& apps) { return CStoreAppsLibrary::Instance().GetStoreApps(apps); }) {}
+std::wstring SidOfLocation(const std::wstring& location) {
+  HKEY root = nullptr;
+  std::wstring subkey;
+  if (!SplitRegistryLocation(location, root, subkey) || root != HKEY_USERS) return {};
+  return subkey.substr(0, subkey.find(L'\\'));
+}
+
+MicrosoftStoreAppsEnumerator::MicrosoftStoreAppsEnumerator(std::wstring sid)
+    : MicrosoftStoreAppsEnumerator(std::move(sid), [](const std::wstring& user, std::vector<MicrosoftStoreApp>& apps) {
+        return CStoreAppsLibrary::Instance().GetStoreApps(user, apps);
+      }) {}
+
+std::uint32_t MicrosoftStoreAppsEnumerator::List(const std::wstring& sid, std::vector<MicrosoftStoreApp>& apps) {
+  KY_TRACE(L"MicrosoftStoreAppsEnumerator::List");
+  if (sid.empty()) {
+    KY_LOG(logging::kLevelError, L"no user SID: no packages");
+    return kActionFailed;
+  }
+  return lister_(sid, apps);
+}
 
 std::uint32_t MicrosoftStoreAppsEnumerator::GetStoreTasks(const std::wstring& path,
                                                           std::vector<MicrosoftStoreTask>& tasks) {
   KY_TRACE(L"MicrosoftStoreAppsEnumerator::GetStoreTasks");
   std::vector<MicrosoftStoreApp> apps;
-  const std::uint32_t listed = lister_(apps);
+  const std::uint32_t listed = List(sid_, apps);
   if (listed != 0) return listed;
   for (const MicrosoftStoreApp& app : apps) AddTasksOfPackage(app, path, tasks);
   return 0;
@@ -82,7 +100,7 @@ std::uint32_t MicrosoftStoreAppsEnumerator::FindTask(const StartupItem& item, Mi
   KY_TRACE(L"MicrosoftStoreAppsEnumerator::FindTask");
   const std::wstring family = FamilyOfLocation(item.location);
   std::vector<MicrosoftStoreApp> apps;
-  const std::uint32_t listed = lister_(apps);
+  const std::uint32_t listed = List(SidOfLocation(item.location), apps);
   if (listed != 0) return listed;
   for (const MicrosoftStoreApp& app : apps) {
     if (family.empty() || _wcsicmp(family.c_str(), app.familyName) != 0) continue;

@@ -20,7 +20,7 @@ bool CStoreAppsLibrary::EnsureLoaded() {
     return false;
   }
   const char* missing = nullptr;
-  if (library_.Bind({ky::BindAs(storeapps::kGetStoreApps, getStoreApps_)}, &missing) != 0) {
+  if (library_.Bind({ky::BindAs(storeapps::kGetStoreAppsOfUser, getStoreApps_)}, &missing) != 0) {
     KY_LOG(logging::kLevelError, L"Failed GetProcAddress %S", missing != nullptr ? missing : "?");
     library_.Free();
     return false;
@@ -28,12 +28,12 @@ bool CStoreAppsLibrary::EnsureLoaded() {
   return true;
 }
 
-std::uint32_t CStoreAppsLibrary::GetStoreApps(std::vector<MicrosoftStoreApp>& apps) {
+std::uint32_t CStoreAppsLibrary::GetStoreApps(const std::wstring& sid, std::vector<MicrosoftStoreApp>& apps) {
   KY_TRACE(L"CStoreAppsLibrary::GetStoreApps");
   std::lock_guard<ky::CriticalSection> hold(lock_);
   if (!EnsureLoaded()) return kStoreAppsUnavailable;
   ky::List<MicrosoftStoreApp> list;
-  const std::uint32_t result = getStoreApps_(&list);
+  const std::uint32_t result = getStoreApps_(sid.c_str(), &list);
   if (result == ERROR_FILE_NOT_FOUND) {
     KY_LOG(logging::kLevelInfo, L"no packaged applications");
     return 0;

@@ -23,9 +23,10 @@ class CStoreAppsLibrary {
   // Loads the library from `path` instead (tests give a missing or a wrong one).
   explicit CStoreAppsLibrary(std::wstring path) : path_(std::move(path)) {}
 
-  // Appends the user's packages; 0, the library's error, or kStoreAppsUnavailable (logged)
-  // when the library or its export cannot be had. `apps` keeps what it held on failure.
-  [[nodiscard]] std::uint32_t GetStoreApps(std::vector<MicrosoftStoreApp>& apps);
+  // Appends the packages of the user with the string SID `sid`; 0, the library's error, or
+  // kStoreAppsUnavailable (logged) when the library or its export cannot be had. `apps` keeps
+  // what it held on failure.
+  [[nodiscard]] std::uint32_t GetStoreApps(const std::wstring& sid, std::vector<MicrosoftStoreApp>& apps);
 
  private:
   bool EnsureLoaded();
@@ -33,7 +34,7 @@ class CStoreAppsLibrary {
   std::wstring path_;
   ky::CriticalSection lock_;
   ky::ModuleLibrary library_;
-  storeapps::GetStoreAppsFn getStoreApps_ = nullptr;
+  storeapps::GetStoreAppsOfUserFn getStoreApps_ = nullptr;
 };
 
 }  // namespace startup

@@ -54,7 +54,7 @@ std::uint32_t MicrosoftStoreStartupItem::IsEnabled(const StartupItem& item, bool
 }
 
 std::uint32_t MicrosoftStoreStartupItem::IsEnabled(const StartupItem& item, bool& enabled) {
-  MicrosoftStoreAppsEnumerator packages;
+  MicrosoftStoreAppsEnumerator packages(SidOfLocation(item.location));
   return IsEnabled(item, enabled, packages);
 }
 

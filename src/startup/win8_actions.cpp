@@ -80,7 +80,7 @@ std::uint8_t CWin8RunKeyAppsActions::Check(const StartupItem& item) {
   if (::RegQueryValueExW(key.get(), item.name.c_str(), nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS) {
     return kActionFailed;
   }
-  return CheckCommandTarget(item.path);
+  return CheckCommandTarget(item);
 }
 
 CWin8StartupFolderActions::CWin8StartupFolderActions()
@@ -89,7 +89,7 @@ CWin8StartupFolderActions::CWin8StartupFolderActions()
 
 std::uint8_t CWin8StartupFolderActions::Check(const StartupItem& item) {
   KY_TRACE(L"CWin8StartupFolderActions::Check");
-  return CheckCommandTarget(item.path);
+  return CheckCommandTarget(item);
 }
 
 }  // namespace startup

@@ -8,6 +8,7 @@
 #include "common/log.h"
 #include "common/unique_handle.h"
 #include "startup/registry_root.h"
+#include "users/user_profile.h"
 
 namespace startup {
 namespace {
@@ -87,8 +88,17 @@ bool ApprovedRunSubkey(const std::wstring& runSubkey, std::wstring& approvedSubk
 
 bool GetItemRegKey(const StartupItem& item, StartupSourceKind kind, HKEY& root, std::wstring& subkey) {
   if (kind == kSourceStartupFolder) {
-    root = item.isUser > 0 ? HKEY_CURRENT_USER : HKEY_LOCAL_MACHINE;
-    subkey = kStartupFolderKey;
+    if (item.isUser <= 0) {
+      root = HKEY_LOCAL_MACHINE;
+      subkey = kStartupFolderKey;
+      return true;
+    }
+    // In a service HKEY_CURRENT_USER is the service account's hive: the user's value lives in
+    // the user's own hive, reached through the SID.
+    const auto user = velora::utils::CUserProfile::Current();
+    if (!user || user->Sid().empty()) return false;
+    root = HKEY_USERS;
+    subkey = user->Sid() + L"\\" + kStartupFolderKey;
     return true;
   }
   if (kind != kSourceRunKey) return false;

@@ -32,9 +32,10 @@ inline std::uint32_t EnabledWordFor(std::uint32_t word) { return word == kWordDi
 // when the path does not end in "run".
 [[nodiscard]] bool ApprovedRunSubkey(const std::wstring& runSubkey, std::wstring& approvedSubkey);
 
-// The key holding the item's value: the StartupFolder key of HKCU (isUser > 0) or HKLM for
-// kind 1, the Run or Run32 key derived from `location` for kind 0. False for other kinds, an
-// unknown root or a location that is not a Run key.
+// The key holding the item's value: for kind 1 the StartupFolder key of the console user's
+// hive under HKEY_USERS (isUser > 0; false when no user is known) or of HKLM, for kind 0 the Run
+// or Run32 key derived from `location`. False for other kinds, an unknown root or a location
+// that is not a Run key.
 [[nodiscard]] bool GetItemRegKey(const StartupItem& item, StartupSourceKind kind, HKEY& root, std::wstring& subkey);
 
 // Reads up to *length bytes of the value; the registry result, *length the bytes read.

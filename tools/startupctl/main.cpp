@@ -22,7 +22,6 @@
 namespace {
 
 constexpr int kUsageError = ERROR_INVALID_PARAMETER;
-constexpr wchar_t kStorageFolder[] = L"Nexalon\\Lumera\\";
 
 void Print(FILE* stream, const std::wstring& text) {
   const std::string bytes = ky::WideToUtf8(text + L"\n");
@@ -37,23 +36,15 @@ int Usage() {
   return kUsageError;
 }
 
-// The roaming application-data folder + "Nexalon\\Lumera\\Storage.json", folders created.
-bool StoragePath(std::wstring& path) {
-  std::vector<wchar_t> folder(MAX_PATH + 1, L'\0');
-  if (!::SHGetSpecialFolderPathW(nullptr, folder.data(), CSIDL_APPDATA, TRUE)) return false;
-  std::wstring dir = folder.data();
-  if (dir.empty() || dir.back() != L'\\') dir += L'\\';
-  dir += kStorageFolder;
-  std::error_code error;
-  std::filesystem::create_directories(std::filesystem::path(dir), error);
-  if (error) return false;
-  path = dir + startup::storage::kStorageFileName;
-  return true;
-}
-
 const wchar_t* Scope(const startup::StartupItem& item) { return item.isUser != 0 ? L"user" : L"machine"; }
 
-int List(startupctl::CStartupCatalog& catalog, bool json) {
+// Whose entries are shown: the user logged on at the console, as the service sees them.
+std::wstring Whose(const velora::utils::CUserProfile* user) {
+  if (user == nullptr) return L"no one is logged on: the machine's entries only";
+  return L"user " + user->UserName() + L" (" + user->Sid() + L")";
+}
+
+int List(startupctl::CStartupCatalog& catalog, const velora::utils::CUserProfile* user, bool json) {
   const std::vector<startupctl::Entry> entries = catalog.List();
   if (json) {
     picojson::array list;
@@ -64,6 +55,10 @@ int List(startupctl::CStartupCatalog& catalog, bool json) {
       object["location"] = picojson::value(ky::WideToUtf8(entry.item->location));
       object["command"] = picojson::value(ky::WideToUtf8(entry.item->path));
       object["scope"] = picojson::value(ky::WideToUtf8(Scope(*entry.item)));
+      if (entry.item->isUser != 0 && user != nullptr) {
+        object["user"] = picojson::value(ky::WideToUtf8(user->UserName()));
+        object["sid"] = picojson::value(ky::WideToUtf8(user->Sid()));
+      }
       object["state"] = picojson::value(ky::WideToUtf8(entry.state));
       const startupctl::AppDetails details = startupctl::DetailsOf(entry);
       object["description"] = picojson::value(ky::WideToUtf8(details.description));
@@ -80,7 +75,7 @@ int List(startupctl::CStartupCatalog& catalog, bool json) {
     return 0;
   }
   // One write for the whole table: a console under Wine costs milliseconds per write.
-  std::wstring table;
+  std::wstring table = Whose(user) + L"\n";
   for (const auto& entry : entries) {
     const startupctl::AppDetails details = startupctl::DetailsOf(entry);
     table += entry.item->name + L"\t" + startupctl::KindName(entry.kind) + L"\t" + Scope(*entry.item) + L"\t" +
@@ -88,10 +83,8 @@ int List(startupctl::CStartupCatalog& catalog, bool json) {
              L"\t" + details.company + L"\t" + details.qid + (entry.package.empty() ? L"" : L"\t" + entry.package) +
              L"\n";
   }
-  if (!table.empty()) {
-    table.pop_back();
-    Print(stdout, table);
-  }
+  table.pop_back();
+  Print(stdout, table);
   return 0;
 }
 
@@ -128,17 +121,22 @@ int Run(const std::vector<std::wstring>& args) {
   if (list && !(args.size() == 2 || (args.size() == 3 && args[2] == L"--json"))) return Usage();
   if (!list && command != L"disable" && command != L"enable" && command != L"delay") return Usage();
 
-  std::wstring storagePath;
-  if (!StoragePath(storagePath)) {
-    Print(stderr, L"cannot create the folder of Storage.json");
-    return ERROR_PATH_NOT_FOUND;
-  }
-  auto& store = startup::storage::CStartupItemsStorage::Instance();
-  store.Init(storagePath);
+  // The user's entries and store are reached as the service reaches them, through the user
+  // logged on at the console, whoever runs this tool.
   startup::CStartupItems sources;
+  const velora::utils::CUserProfile* user = sources.User().get();
+  std::wstring folder;
+  auto& store = startup::storage::CStartupItemsStorage::Instance();
+  if (startup::storage::UserStorageFolder(user, folder) == 0) {
+    store.Init(folder + startup::storage::kStorageFileName);
+  } else if (!list) {
+    Print(stderr, user == nullptr ? L"no one is logged on: nothing to change"
+                                  : L"cannot create the folder of Storage.json of " + user->UserName());
+    return user == nullptr ? ERROR_NO_TOKEN : ERROR_PATH_NOT_FOUND;
+  }
   startup::StartupAppsActionExec exec;
   startupctl::CStartupCatalog catalog(sources, exec, store);
-  return list ? List(catalog, args.size() == 3) : Act(catalog, command, args);
+  return list ? List(catalog, user, args.size() == 3) : Act(catalog, command, args);
 }
 
 }  // namespace

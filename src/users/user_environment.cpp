@@ -87,11 +87,11 @@ void CEnvironment::ReadBlock() {
 
 std::uint32_t CEnvironment::Expand(const std::wstring& text, std::wstring& out) const {
   if (!available_) return ERROR_NO_TOKEN;
+  if (text.size() >= kEnvironmentTextChars) return ERROR_FILENAME_EXCED_RANGE;
   if (text.find(L'%') == std::wstring::npos) {
     out = text;
     return 0;
   }
-  if (text.size() >= kEnvironmentTextChars) return ERROR_FILENAME_EXCED_RANGE;
   std::vector<wchar_t> buffer(kEnvironmentTextChars, L'\0');
   ::SetLastError(0);
   if (!::ExpandEnvironmentStringsForUserW(token_ ? token_->get() : nullptr, text.c_str(), buffer.data(),

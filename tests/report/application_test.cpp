@@ -164,16 +164,16 @@ TEST(Application, WindowsOwnStartupStateIsConsultedFromWindows8OnOnly) {
 TEST(Application, ExpandPathLogsBothFailuresAndKeepsWhatItConverted) {
   testsupport::CapturedLog log;
   std::wstring out = L"unchanged";
-  startup::ExpandPath(nullptr, out);
+  startup::ExpandPath(nullptr, out, *velora::utils::CEnvironment::Machine());
   EXPECT_EQ(out, L"unchanged");
 
-  startup::ExpandPath(L"C:\\no-such-folder-lumera\\%LUMERA_NOT_SET%.exe", out);
+  startup::ExpandPath(L"C:\\no-such-folder-lumera\\%LUMERA_NOT_SET%.exe", out, *velora::utils::CEnvironment::Machine());
   EXPECT_EQ(out, L"C:\\no-such-folder-lumera\\%LUMERA_NOT_SET%.exe");
   EXPECT_EQ(log.count(L"GetLongPathName C:\\no-such-folder-lumera\\%LUMERA_NOT_SET%.exe failed 0x"), 1u);
 
   // Longer than any path: refused by both steps and kept as it came.
   const std::wstring huge(40000, L'a');
-  startup::ExpandPath(huge.c_str(), out);
+  startup::ExpandPath(huge.c_str(), out, *velora::utils::CEnvironment::Machine());
   EXPECT_EQ(log.count(L"ExpandEnvironmentStrings aaaa"), 1u);
   EXPECT_EQ(log.count(L"GetLongPathName aaaa"), 1u);
   EXPECT_EQ(out, huge);
@@ -190,12 +190,12 @@ TEST(Application, ExpandPathLogsBothFailuresAndKeepsWhatItConverted) {
     ASSERT_NE(::GetShortPathNameW(path.c_str(), shortPath, MAX_PATH), 0u);
     ASSERT_NE(std::wstring(shortPath).find(L'~'), std::wstring::npos) << "a short name to convert";
     ASSERT_NE(::GetLongPathNameW(shortPath, expected, MAX_PATH), 0u);
-    startup::ExpandPath(shortPath, out);
+    startup::ExpandPath(shortPath, out, *velora::utils::CEnvironment::Machine());
     EXPECT_EQ(out, expected) << testing::PrintToString(std::wstring(shortPath));
   }
 
   ::SetEnvironmentVariableW(L"LUMERA_FIXTURES", testsupport::ExeFolder().c_str());
-  startup::ExpandPath(L"%LUMERA_FIXTURES%report_fixture_full.exe", out);
+  startup::ExpandPath(L"%LUMERA_FIXTURES%report_fixture_full.exe", out, *velora::utils::CEnvironment::Machine());
   EXPECT_EQ(out, Fixture(L"full"));
 }
 

@@ -9,13 +9,19 @@ namespace {
 
 using startup::ResolveCommandTarget;
 
+// Commands read in the machine's environment, as a machine entry's are.
+const velora::utils::CEnvironment& Machine() {
+  static const auto machine = velora::utils::CEnvironment::Machine();
+  return *machine;
+}
+
 TEST(CommandTarget, Rundll32TargetsItsDllFoundOnThePathAndVariablesAreExpanded) {
   std::wstring target;
-  ASSERT_TRUE(ResolveCommandTarget(L"rundll32.exe shell32.dll,Control_RunDLL", target));
+  ASSERT_TRUE(ResolveCommandTarget(L"rundll32.exe shell32.dll,Control_RunDLL", target, Machine()));
   EXPECT_EQ(_wcsicmp(::PathFindFileNameW(target.c_str()), L"shell32.dll"), 0) << target;
   EXPECT_NE(::GetFileAttributesW(target.c_str()), INVALID_FILE_ATTRIBUTES) << "a bare name is searched on the path";
 
-  ASSERT_TRUE(ResolveCommandTarget(L"%windir%\\notepad.exe /p", target));
+  ASSERT_TRUE(ResolveCommandTarget(L"%windir%\\notepad.exe /p", target, Machine()));
   wchar_t windows[MAX_PATH] = {};
   ::GetWindowsDirectoryW(windows, MAX_PATH);
   EXPECT_EQ(_wcsicmp(target.c_str(), (std::wstring(windows) + L"\\notepad.exe").c_str()), 0) << target;
@@ -29,7 +35,7 @@ TEST(CommandTarget, UnquotedPathsWithBlanksAreJoinedAgain) {
   };
   for (const auto& [command, expected] : cases) {
     std::wstring target;
-    ASSERT_TRUE(ResolveCommandTarget(command, target)) << command;
+    ASSERT_TRUE(ResolveCommandTarget(command, target, Machine())) << command;
     EXPECT_EQ(target, expected);
   }
   std::wstring target;
@@ -39,10 +45,10 @@ TEST(CommandTarget, UnquotedPathsWithBlanksAreJoinedAgain) {
 
 TEST(CommandTarget, CommandsWithoutAProgramFail) {
   std::wstring target = L"unchanged";
-  EXPECT_FALSE(ResolveCommandTarget(L"", target));
-  EXPECT_FALSE(ResolveCommandTarget(L"C:\\tools\\script.cmd /q", target)) << "neither .exe nor .bat";
-  EXPECT_FALSE(ResolveCommandTarget(L"rundll32.exe", target)) << "rundll32 without a DLL";
-  EXPECT_FALSE(ResolveCommandTarget(L"no-such-program-lumera.exe", target)) << "not on the path";
+  EXPECT_FALSE(ResolveCommandTarget(L"", target, Machine()));
+  EXPECT_FALSE(ResolveCommandTarget(L"C:\\tools\\script.cmd /q", target, Machine())) << "neither .exe nor .bat";
+  EXPECT_FALSE(ResolveCommandTarget(L"rundll32.exe", target, Machine())) << "rundll32 without a DLL";
+  EXPECT_FALSE(ResolveCommandTarget(L"no-such-program-lumera.exe", target, Machine())) << "not on the path";
   EXPECT_EQ(target, L"unchanged");
 }
 

@@ -6,6 +6,7 @@
 
 #include "scratch.h"
 #include "startup/win8_actions.h"
+#include "startup/startup_items.h"
 #include "startup/win8_startup_item.h"
 #include "support/captured_log.h"
 
@@ -58,7 +59,10 @@ TEST(StartupApproved, KeysFollowTheEntrysKindRootAndRunKey) {
   EXPECT_EQ(subkey, kFolderApprovedKey);
   item->isUser = 1;
   ASSERT_TRUE(startup::GetItemRegKey(*item, kSourceStartupFolder, root, subkey));
-  EXPECT_EQ(root, HKEY_CURRENT_USER);
+  EXPECT_EQ(root, HKEY_USERS) << "the user's own hive, never the service's HKEY_CURRENT_USER";
+  std::wstring sid;
+  ASSERT_TRUE(startup::CStartupItems::GetCrtUserSid(sid));
+  EXPECT_EQ(subkey, sid + L"\\" + kFolderApprovedKey);
 }
 
 TEST(StartupApproved, AMissingValueIsCreatedDisabledAndEnabledBackInPlace) {

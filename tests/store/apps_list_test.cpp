@@ -20,18 +20,19 @@ using testing_store::Uap5Application;
 // A package key under Repository\Packages, deleted when it goes.
 class RepositoryEntry {
  public:
-  explicit RepositoryEntry(const std::wstring& fullName) : key_(std::wstring(storeapps::kPackagesKeyPath) + L"\\" + fullName) {
+  explicit RepositoryEntry(const std::wstring& fullName)
+      : key_(testing_store::UserClasses(storeapps::kPackagesKeyPath) + L"\\" + fullName) {
     ky::unique_hkey created;
-    EXPECT_EQ(::RegCreateKeyExW(HKEY_CLASSES_ROOT, key_.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, created.put(),
+    EXPECT_EQ(::RegCreateKeyExW(HKEY_USERS, key_.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, created.put(),
                                 nullptr),
               ERROR_SUCCESS);
   }
-  ~RepositoryEntry() { ::RegDeleteTreeW(HKEY_CLASSES_ROOT, key_.c_str()); }
+  ~RepositoryEntry() { ::RegDeleteTreeW(HKEY_USERS, key_.c_str()); }
   RepositoryEntry(const RepositoryEntry&) = delete;
   RepositoryEntry& operator=(const RepositoryEntry&) = delete;
 
   void Set(const wchar_t* name, const std::wstring& text) const {
-    ASSERT_EQ(::RegSetKeyValueW(HKEY_CLASSES_ROOT, key_.c_str(), name, REG_SZ, text.c_str(),
+    ASSERT_EQ(::RegSetKeyValueW(HKEY_USERS, key_.c_str(), name, REG_SZ, text.c_str(),
                                 static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t))),
               ERROR_SUCCESS);
   }
@@ -56,7 +57,7 @@ TEST(StoreAppsList, ListsPackagesWithFamilyNamesAndLeavesOutIncompleteOnes) {
   badName.Set(storeapps::kRootFolderValue, package.Folder());
 
   std::vector<MicrosoftStoreApp> apps;
-  ASSERT_EQ(startup::CStoreAppsLibrary::Instance().GetStoreApps(apps), 0u);
+  ASSERT_EQ(startup::CStoreAppsLibrary::Instance().GetStoreApps(testing_store::UserSid(), apps), 0u);
   const MicrosoftStoreApp* listed = Find(apps, package.FullName());
   ASSERT_NE(listed, nullptr);
   EXPECT_EQ(std::wstring(listed->familyName), package.Family()) << "name and publisher id, the resource id empty";
@@ -75,9 +76,9 @@ TEST(StoreAppsList, TheModulesEnumeratorFindsAStagedTaskUntilItsManifestGoes) {
   RepositoryEntry entry(package.FullName());
   entry.Set(storeapps::kRootFolderValue, package.Folder());
 
-  startup::MicrosoftStoreAppsEnumerator enumerator;
+  startup::MicrosoftStoreAppsEnumerator enumerator(testing_store::UserSid());
   std::vector<startup::MicrosoftStoreTask> tasks;
-  ASSERT_EQ(enumerator.GetStoreTasks(startup::kStoreAppsKeyPath, tasks), 0u);
+  ASSERT_EQ(enumerator.GetStoreTasks(testing_store::SystemAppDataPath(), tasks), 0u);
   const auto it = std::find_if(tasks.begin(), tasks.end(),
                                [&](const startup::MicrosoftStoreTask& t) { return t.familyName == package.Family(); });
   ASSERT_NE(it, tasks.end());
@@ -98,11 +99,11 @@ TEST(StoreAppsList, AMissingOrWrongLibraryIsLoggedAndListsNothing) {
   testsupport::CapturedLog log;
   std::vector<MicrosoftStoreApp> apps;
   startup::CStoreAppsLibrary missing(testsupport::ExeFolder() + L"NoSuchStoreAppsList.dll");
-  EXPECT_EQ(missing.GetStoreApps(apps), startup::kStoreAppsUnavailable);
+  EXPECT_EQ(missing.GetStoreApps(testing_store::UserSid(), apps), startup::kStoreAppsUnavailable);
   EXPECT_TRUE(log.contains(L"Failed LoadLibrary " + testsupport::ExeFolder() + L"NoSuchStoreAppsList.dll"));
   startup::CStoreAppsLibrary wrong(testsupport::ExeFolder() + L"kyusers.dll");
-  EXPECT_EQ(wrong.GetStoreApps(apps), startup::kStoreAppsUnavailable);
-  EXPECT_TRUE(log.contains(L"Failed GetProcAddress GetStoreApps"));
+  EXPECT_EQ(wrong.GetStoreApps(testing_store::UserSid(), apps), startup::kStoreAppsUnavailable);
+  EXPECT_TRUE(log.contains(L"Failed GetProcAddress GetStoreAppsOfUser"));
   EXPECT_TRUE(apps.empty());
 }
 

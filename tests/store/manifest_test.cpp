@@ -40,7 +40,7 @@ TEST(StoreManifest, Uap5AndDesktopTasksGiveOneItemEachWithTheirExecutable) {
   const startup::StartupItem& first = *tasks[0].item;
   EXPECT_EQ(first.name, L"StartTerminalOnLoginTask");
   EXPECT_EQ(first.path, uap5.Folder() + L"\\ExampleTerminal.exe");
-  EXPECT_EQ(first.location, L"HKEY_CLASSES_ROOT\\" + std::wstring(kPath) + L"\\" + uap5.Family());
+  EXPECT_EQ(first.location, L"HKEY_USERS\\" + std::wstring(kPath) + L"\\" + uap5.Family());
   EXPECT_EQ(first.isUser, 1);
   EXPECT_FALSE(tasks[0].manifestEnabled);
   EXPECT_EQ(tasks[0].familyName, uap5.Family());
@@ -102,7 +102,8 @@ TEST(StoreManifest, PackagesWithoutAReadableManifestAreSkippedWithALogLine) {
 }
 
 TEST(StoreManifest, AFailingPackageListListsNothing) {
-  startup::MicrosoftStoreAppsEnumerator enumerator([](std::vector<MicrosoftStoreApp>&) { return std::uint32_t{1157}; });
+  startup::MicrosoftStoreAppsEnumerator enumerator(testing_store::UserSid(),
+                                                   [](const std::wstring&, std::vector<MicrosoftStoreApp>&) { return std::uint32_t{1157}; });
   startup::StartupItemList items;
   EXPECT_EQ(enumerator.GetStartupApps(kPath, items), 1157u);
   EXPECT_TRUE(items.empty());

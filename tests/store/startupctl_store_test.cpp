@@ -14,6 +14,7 @@
 #include "common/unique_handle.h"
 #include "picojson.h"
 #include "support/programs.h"
+#include "store_scratch.h"
 #include "support/scratch_folder.h"
 
 namespace {
@@ -54,14 +55,14 @@ class StoreStartupCtl : public ::testing::Test {
            "    </Application>\n"
            "  </Applications>\n"
            "</Package>\n";
-    const std::wstring key = std::wstring(kPackages) + L"\\" + fullName_;
-    ASSERT_EQ(::RegSetKeyValueW(HKEY_CLASSES_ROOT, key.c_str(), L"PackageRootFolder", REG_SZ, folder_.c_str(),
+    const std::wstring key = testing_store::UserClasses(kPackages) + L"\\" + fullName_;
+    ASSERT_EQ(::RegSetKeyValueW(HKEY_USERS, key.c_str(), L"PackageRootFolder", REG_SZ, folder_.c_str(),
                                 static_cast<DWORD>((folder_.size() + 1) * sizeof(wchar_t))),
               ERROR_SUCCESS);
   }
   void TearDown() override {
-    ::RegDeleteTreeW(HKEY_CLASSES_ROOT, (std::wstring(kPackages) + L"\\" + fullName_).c_str());
-    ::RegDeleteTreeW(HKEY_CLASSES_ROOT, (std::wstring(kSystemAppData) + L"\\" + family_).c_str());
+    ::RegDeleteTreeW(HKEY_USERS, (testing_store::UserClasses(kPackages) + L"\\" + fullName_).c_str());
+    ::RegDeleteTreeW(HKEY_USERS, (testing_store::UserClasses(kSystemAppData) + L"\\" + family_).c_str());
     if (!storageExisted_) ::DeleteFileW(StoragePath().c_str());
   }
 
@@ -80,8 +81,8 @@ class StoreStartupCtl : public ::testing::Test {
   long long State() const {
     DWORD value = 0;
     DWORD bytes = sizeof(value);
-    const std::wstring key = std::wstring(kSystemAppData) + L"\\" + family_ + L"\\" + std::wstring(kTask, kTask + sizeof(kTask) - 1);
-    if (::RegGetValueW(HKEY_CLASSES_ROOT, key.c_str(), L"State", RRF_RT_REG_DWORD, nullptr, &value, &bytes)) return -1;
+    const std::wstring key = testing_store::UserClasses(kSystemAppData) + L"\\" + family_ + L"\\" + std::wstring(kTask, kTask + sizeof(kTask) - 1);
+    if (::RegGetValueW(HKEY_USERS, key.c_str(), L"State", RRF_RT_REG_DWORD, nullptr, &value, &bytes)) return -1;
     return value;
   }
 

@@ -60,9 +60,23 @@ void Copy(wchar_t (&target)[N], const std::wstring& text) {
   wcsncpy_s(target, N, text.c_str(), _TRUNCATE);
 }
 
-inline std::wstring StateKeyOf(const std::wstring& family) {
-  return std::wstring(startup::kStoreAppsKeyPath) + L"\\" + family;
+// The console user's SID: the module reaches the user's classes as
+// HKEY_USERS\<SID>\Software\Classes, never through HKEY_CLASSES_ROOT.
+inline const std::wstring& UserSid() {
+  static const std::wstring sid = [] {
+    std::wstring found;
+    EXPECT_TRUE(startup::CStartupItems::GetCrtUserSid(found));
+    return found;
+  }();
+  return sid;
 }
+// A key path of the user's classes, below HKEY_USERS.
+inline std::wstring UserClasses(const std::wstring& path) {
+  return UserSid() + L"\\" + storeapps::kUserClassesPath + path;
+}
+inline std::wstring SystemAppDataPath() { return UserClasses(startup::kStoreAppsKeyPath); }
+
+inline std::wstring StateKeyOf(const std::wstring& family) { return SystemAppDataPath() + L"\\" + family; }
 
 // A package folder holding a manifest (or none), with a unique family name; the family's
 // SystemAppData key is deleted when it goes.
@@ -73,7 +87,7 @@ class StagedPackage {
     fullName_ = name_ + L"_1.21.0.0_x64__8wekyb3d8bbwe";
     family_ = name_ + L"_8wekyb3d8bbwe";
   }
-  ~StagedPackage() { ::RegDeleteTreeW(HKEY_CLASSES_ROOT, StateKeyOf(family_).c_str()); }
+  ~StagedPackage() { ::RegDeleteTreeW(HKEY_USERS, StateKeyOf(family_).c_str()); }
   StagedPackage(const StagedPackage&) = delete;
   StagedPackage& operator=(const StagedPackage&) = delete;
 
@@ -91,14 +105,14 @@ class StagedPackage {
   std::wstring Folder() const { return folder_.path().substr(0, folder_.path().size() - 1); }
   const std::wstring& Family() const { return family_; }
   const std::wstring& FullName() const { return fullName_; }
-  std::wstring Location() const { return L"HKEY_CLASSES_ROOT\\" + StateKeyOf(family_); }
+  std::wstring Location() const { return L"HKEY_USERS\\" + StateKeyOf(family_); }
 
   // The task's State, or -1 when it has none.
   long long State(const std::wstring& taskId) const {
     DWORD value = 0;
     DWORD bytes = sizeof(value);
     const std::wstring key = StateKeyOf(family_) + L"\\" + taskId;
-    if (::RegGetValueW(HKEY_CLASSES_ROOT, key.c_str(), L"State", RRF_RT_REG_DWORD, nullptr, &value, &bytes) !=
+    if (::RegGetValueW(HKEY_USERS, key.c_str(), L"State", RRF_RT_REG_DWORD, nullptr, &value, &bytes) !=
         ERROR_SUCCESS) {
       return -1;
     }
@@ -106,7 +120,7 @@ class StagedPackage {
   }
   void SetState(const std::wstring& taskId, DWORD value) const {
     const std::wstring key = StateKeyOf(family_) + L"\\" + taskId;
-    ASSERT_EQ(::RegSetKeyValueW(HKEY_CLASSES_ROOT, key.c_str(), L"State", REG_DWORD, &value, sizeof(value)),
+    ASSERT_EQ(::RegSetKeyValueW(HKEY_USERS, key.c_str(), L"State", REG_DWORD, &value, sizeof(value)),
               ERROR_SUCCESS);
   }
 
@@ -119,7 +133,7 @@ class StagedPackage {
 
 // An enumerator whose package list is the given packages.
 inline startup::MicrosoftStoreAppsEnumerator EnumeratorOf(std::vector<const StagedPackage*> packages) {
-  return startup::MicrosoftStoreAppsEnumerator([packages](std::vector<MicrosoftStoreApp>& apps) {
+  return startup::MicrosoftStoreAppsEnumerator(UserSid(), [packages](const std::wstring&, std::vector<MicrosoftStoreApp>& apps) {
     for (const StagedPackage* package : packages) apps.push_back(package->Record());
     return std::uint32_t{0};
   });

@@ -131,7 +131,8 @@ TEST(StoreTaskSources, StoreTasksExistFromWindows8OnOnly) {
   if (testsupport::WineFlavourIsWin10()) {
     ASSERT_EQ(sources.StoreSources().size(), 1u);
     EXPECT_EQ(sources.StoreSources()[0].first->GetSourceKind(), startup::kSourceStoreApp);
-    EXPECT_EQ(sources.StoreSources()[0].second, startup::kStoreAppsKeyPath);
+    EXPECT_EQ(sources.StoreSources()[0].second, testing_store::SystemAppDataPath())
+        << "the user's own classes, never HKEY_CLASSES_ROOT";
     EXPECT_NE(dynamic_cast<startup::MicrosoftStoreAppsActions*>(exec.Find(startup::kSourceStoreApp)), nullptr);
   } else {
     EXPECT_TRUE(sources.StoreSources().empty());

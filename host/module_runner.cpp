@@ -2,6 +2,7 @@
 
 #include "common/log.h"
 #include "lumera/interface_ids.h"
+#include "lumera_dev/staged_identity.h"
 #include "wine/process_accounting_shims.h"
 
 namespace host {
@@ -24,6 +25,9 @@ bool ModuleRunner::Start() {
   }
   if (const int redirected = wine::InstallProcessAccounting(module_.Library().get()); redirected > 0) {
     KY_LOG(logging::kLevelInfo, L"process accounting from Linux for %d imports", redirected);
+  }
+  if (const int redirected = lumera::dev::InstallStagedIdentity(module_.Library().get()); redirected > 0) {
+    KY_LOG(logging::kLevelInfo, L"staged identity stand-ins for %d imports", redirected);
   }
   for (const std::wstring& name : config_.objects) {
     Object object{name};

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "lumera_dev/console_session.h"
-#include "wine/import_redirect.h"
+#include "lumera_dev/import_redirect.h"
 #include "wine/linux_pid_map.h"
 #include "wine/linux_proc.h"
 #include "wine/process_times_snapshot.h"
@@ -154,6 +154,7 @@ BOOL WINAPI AccountedGetProcessIoCounters(HANDLE process, PIO_COUNTERS counters)
 
 int InstallProcessAccounting(HMODULE module) {
   if (!lumera::dev::RunningUnderWine()) return 0;
+  using lumera::dev::RedirectImport;
   return RedirectImport(module, "kernel32.dll", "GetProcessTimes", reinterpret_cast<void*>(&AccountedGetProcessTimes)) +
          RedirectImport(module, "kernel32.dll", "GetProcessIoCounters",
                         reinterpret_cast<void*>(&AccountedGetProcessIoCounters));

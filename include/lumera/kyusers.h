@@ -3,18 +3,22 @@
 //
 // Who "the current user" is: the user of the active console session
 // (WTSGetActiveConsoleSessionId, then WTSQuerySessionInformationW with WTSUserName and
-// WTSDomainName). Where the terminal-services answer is empty, the process's own user
-// (GetUserNameW) and the computer name stand in, so a program started by hand still gets an
-// answer.
+// WTSDomainName). When the session names no user (nobody is logged on at the console, or the
+// query fails) the information and impersonation calls report 1008 (ERROR_NO_TOKEN); the
+// calling process's own account is never taken for the user, since a service runs as an
+// account of its own. The domain is the session's, or the computer name when the session's
+// domain is empty.
 //
-// Application-data folder: the roaming folder (CSIDL_APPDATA) of that user, read through the
-// user's token (WTSQueryUserToken) when the caller may have it, else the caller's own folder
-// when the caller runs as that very user; otherwise the field stays absent.
+// Application-data folder: the roaming folder (SHGetFolderPathW with CSIDL_APPDATA) read
+// through the user's token (WTSQueryUserToken); when the token cannot be had but the calling
+// process itself runs as the console user (names compared without case), the process's own
+// folder; otherwise the field stays absent.
 //
 // Impersonation: WTSQueryUserToken + ImpersonateLoggedOnUser on the calling thread. When the
-// token cannot be had but the caller already runs as the console user, the call succeeds
+// token cannot be had but the calling process runs as the console user, the call succeeds
 // without impersonating, because every per-user lookup already sees that user. Otherwise it
-// fails with the Windows error code. Revert ends the calling thread's impersonation.
+// fails with the Windows error code (1008 when nobody is at the console). Revert ends the
+// calling thread's impersonation.
 //
 // Every call is thread-safe, takes no lock and never throws. Strings are zero-terminated and
 // truncated to their arrays; a field counts as present when its first character is not 0.
@@ -50,8 +54,8 @@ struct UserInfoAdvanced {
 };
 
 // Each returns 0 or a Windows error code: 13 (ERROR_INVALID_DATA) for a null record or a
-// wrong size, 1008 (ERROR_NO_TOKEN) when nobody is logged on and no user name is known at
-// all. On failure the record's strings are empty.
+// wrong size, 1008 (ERROR_NO_TOKEN) when the console session names no user. On failure the
+// record's strings are empty.
 using SrvGetCurrentUserInfoBasicFn = std::uint32_t(WINAPI*)(UserInfoBasic* info);
 using SrvGetCurrentUserInfoAdvancedFn = std::uint32_t(WINAPI*)(UserInfoAdvanced* info);
 // 0 when the calling thread now acts as the console user (or already ran as that user);

@@ -10,7 +10,7 @@
 
 #include "common/module_library.h"
 #include "common/unique_handle.h"
-#include "lumera_dev/console_session.h"
+#include "lumera_dev/staged_identity.h"
 
 namespace {
 
@@ -54,30 +54,24 @@ std::wstring ComputerName() {
 
 struct ConsoleUser {
   DWORD session = kNoConsoleSession;
-  std::wstring userName;
+  std::wstring userName;  // empty: nobody at the console
   std::wstring domain;
-  bool fromSession = false;  // the name came from the console session, not from this process
 };
 
+// Only the console session names the user: a service's own account is never "the user".
 ConsoleUser FindConsoleUser() {
   ConsoleUser user;
-  // A staged boot under Wine: nobody is at the console until the switch says so.
-  if (lumera::dev::StagedConsoleSession() == lumera::dev::ConsoleSession::kLoggedOff) return user;
   user.session = ::WTSGetActiveConsoleSessionId();
   user.userName = QuerySession(user.session, WTSUserName);
-  user.fromSession = !user.userName.empty();
-  if (user.fromSession) {
-    user.domain = QuerySession(user.session, WTSDomainName);
-  } else {
-    user.userName = ProcessUserName();
-  }
+  if (user.userName.empty()) return user;
+  user.domain = QuerySession(user.session, WTSDomainName);
   if (user.domain.empty()) user.domain = ComputerName();
   return user;
 }
 
 // Local accounts compare without case, as Windows does.
 bool ProcessRunsAs(const ConsoleUser& user) {
-  if (!user.fromSession) return !user.userName.empty();
+  if (user.userName.empty()) return false;
   const std::wstring own = ProcessUserName();
   return !own.empty() && _wcsicmp(own.c_str(), user.userName.c_str()) == 0;
 }
@@ -115,6 +109,13 @@ std::wstring AppDataFolderOf(const ConsoleUser& user) {
 
 }  // namespace
 
+extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
+  // Under Wine the development stand-ins answer this library's session, token and folder
+  // calls for the staged console user; elsewhere nothing is installed.
+  if (reason == DLL_PROCESS_ATTACH) lumera::dev::InstallStagedIdentity(instance);
+  return TRUE;
+}
+
 extern "C" std::uint32_t WINAPI SrvGetCurrentUserInfoBasic(kyusers::UserInfoBasic* info) {
   try {
     return FillBasic(info, FindConsoleUser());
@@ -138,6 +139,7 @@ extern "C" std::uint32_t WINAPI SrvGetCurrentUserInfoAdvanced(kyusers::UserInfoA
 extern "C" std::uint32_t WINAPI SrvImpersonateCurrentUser() {
   try {
     const ConsoleUser user = FindConsoleUser();
+    if (user.userName.empty()) return ERROR_NO_TOKEN;
     ky::unique_handle token;
     ::SetLastError(0);
     if (user.session != kNoConsoleSession && ::WTSQueryUserToken(user.session, token.put())) {

@@ -15,6 +15,7 @@
 #include "common/command_line.h"
 #include "common/log.h"
 #include "common/unique_handle.h"
+#include "lumera_dev/staged_identity.h"
 #include "store_check.h"
 #include "users/ky_users.h"
 
@@ -65,6 +66,7 @@ int Run(const std::vector<std::wstring>& args) {
 }  // namespace
 
 int main() {
+  lumera::dev::InstallStagedIdentity(::GetModuleHandleW(nullptr));  // Wine only: the staged console user
   // Held for the whole run so the log library stays loaded between messages.
   logging::LogRef keepLog;
   try {

@@ -14,6 +14,7 @@
 #include "common/log.h"
 #include "common/text_convert.h"
 #include "common/unique_handle.h"
+#include "lumera_dev/staged_identity.h"
 #include "app_details.h"
 #include "picojson.h"
 #include "report_command.h"
@@ -142,6 +143,7 @@ int Run(const std::vector<std::wstring>& args) {
 }  // namespace
 
 int main() {
+  lumera::dev::InstallStagedIdentity(::GetModuleHandleW(nullptr));  // Wine only: the staged console user
   // Held for the whole run so the log library stays loaded between messages.
   logging::LogRef keepLog;
   try {

@@ -1,9 +1,9 @@
-#include "wine/import_redirect.h"
+#include "lumera_dev/import_redirect.h"
 
 #include <cstring>
 #include <string>
 
-namespace host::wine {
+namespace lumera::dev {
 namespace {
 
 std::string Lower(const char* text) {
@@ -58,4 +58,4 @@ int RedirectImport(HMODULE module, const char* dll, const char* function, void* 
   return patched;
 }
 
-}  // namespace host::wine
+}  // namespace lumera::dev

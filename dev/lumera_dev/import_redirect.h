@@ -1,12 +1,13 @@
 // Points a loaded module's imports of one function at another function, by patching the
 // module's import address table, the way Windows' own compatibility shims redirect calls.
-// The development host uses it under Wine only, to give LumeraPlg.dll process figures that
-// Wine does not keep (see process_accounting_shims.h); the module's code stays as it is.
+// Used under Wine only: the development host gives LumeraPlg.dll process figures Wine does not
+// keep (host/wine/process_accounting_shims.h), and the staged identity answers per-user calls
+// for a second user (staged_identity.h); the module's code stays as it is.
 #pragma once
 
 #include <windows.h>
 
-namespace host::wine {
+namespace lumera::dev {
 
 // Redirects every import of `function` from the library `dll` (compared without case, with
 // or without ".dll") in `module` to `replacement`. Returns how many table slots were patched;
@@ -15,4 +16,4 @@ namespace host::wine {
 [[nodiscard]] int RedirectImport(HMODULE module, const char* dll, const char* function, void* replacement,
                                  void** original = nullptr);
 
-}  // namespace host::wine
+}  // namespace lumera::dev

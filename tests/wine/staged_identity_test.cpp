@@ -1,0 +1,303 @@
+// The staged second identity under Wine, as a service reaches it: this program installs the
+// stand-ins on itself (as startupctl.exe does) and stages its own user in a scratch key
+// named by LUMERA_DEV_KEY; kyusers.dll installs them on itself when loaded.
+#include <gtest/gtest.h>
+
+#include <windows.h>
+#include <lmcons.h>
+#include <sddl.h>
+#include <shlobj.h>
+#include <userenv.h>
+#include <wtsapi32.h>
+
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "common/unique_handle.h"
+#include "lumera/kyusers.h"
+#include "lumera_dev/console_session.h"
+#include "lumera_dev/staged_identity.h"
+#include "support/scratch_folder.h"
+
+namespace {
+
+constexpr wchar_t kUser[] = L"stageduser";
+constexpr wchar_t kUserPath[] = L"%USERPROFILE%\\Tools";
+constexpr wchar_t kStartupTail[] = L"\\AppData\\Roaming\\Microsoft\\Windows\\Start Menu\\Programs\\Startup";
+
+std::wstring Computer() {
+  wchar_t name[MAX_COMPUTERNAME_LENGTH + 1] = {};
+  DWORD chars = static_cast<DWORD>(std::size(name));
+  return ::GetComputerNameW(name, &chars) ? std::wstring(name, chars) : std::wstring();
+}
+
+std::wstring KnownFolder(REFKNOWNFOLDERID id, HANDLE token, DWORD flags = 0, HRESULT* result = nullptr) {
+  PWSTR path = reinterpret_cast<PWSTR>(1);  // must come back null on failure
+  const HRESULT hr = ::SHGetKnownFolderPath(id, flags, token, &path);
+  if (result != nullptr) *result = hr;
+  if (FAILED(hr)) return path == nullptr ? L"<failed, null>" : L"<failed, not null>";
+  std::wstring text = path;
+  ::CoTaskMemFree(path);
+  return text;
+}
+
+std::wstring ExpandForUser(HANDLE token, const wchar_t* text) {
+  wchar_t out[2048] = {};
+  return ::ExpandEnvironmentStringsForUserW(token, text, out, static_cast<DWORD>(std::size(out))) ? out : L"<failed>";
+}
+
+// The strings of an environment block in their order, checking its final double NUL.
+std::vector<std::wstring> BlockEntries(HANDLE token) {
+  void* block = nullptr;
+  std::vector<std::wstring> entries;
+  if (!::CreateEnvironmentBlock(&block, token, FALSE)) return entries;
+  for (auto* entry = static_cast<const wchar_t*>(block); *entry != L'\0'; entry += entries.back().size() + 1) {
+    entries.emplace_back(entry);
+  }
+  EXPECT_TRUE(::DestroyEnvironmentBlock(block));
+  return entries;
+}
+
+std::wstring Lookup(const std::vector<std::wstring>& entries, const std::wstring& name) {
+  for (const std::wstring& entry : entries) {
+    if (entry.size() > name.size() && entry[name.size()] == L'=' &&
+        ::CompareStringOrdinal(entry.c_str(), static_cast<int>(name.size()), name.c_str(), -1, TRUE) == CSTR_EQUAL) {
+      return entry.substr(name.size() + 1);
+    }
+  }
+  return L"<unset>";
+}
+
+std::wstring ProcessSid() {
+  ky::unique_handle token;
+  BYTE buffer[256] = {};
+  DWORD bytes = 0;
+  LPWSTR text = nullptr;
+  if (!::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, token.put()) ||
+      !::GetTokenInformation(token.get(), TokenUser, buffer, sizeof buffer, &bytes) ||
+      !::ConvertSidToStringSidW(reinterpret_cast<TOKEN_USER*>(buffer)->User.Sid, &text)) {
+    return L"<none>";
+  }
+  const ky::unique_local owner(text);
+  return text;
+}
+
+class StagedIdentityTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    installed_ = lumera::dev::InstallStagedIdentity(::GetModuleHandleW(nullptr));
+  }
+
+  void SetUp() override {
+    ASSERT_GE(installed_, 11) << "every stand-in redirected in this program";
+    const std::wstring id = std::to_wstring(::GetCurrentProcessId());
+    key_ = std::wstring(lumera::dev::kDevelopmentKey) + L"Test" + id;
+    sid_ = L"S-1-5-21-0-0-0-" + std::to_wstring(100000 + ::GetCurrentProcessId() % 100000);
+    profile_ = scratch_.path() + kUser;
+    ASSERT_TRUE(::SetEnvironmentVariableW(lumera::dev::kKeyOverride, (L"HKLM\\" + key_).c_str()));
+    SetText(HKEY_LOCAL_MACHINE, key_, lumera::dev::kStagedUserValue, kUser, REG_SZ);
+    SetText(HKEY_LOCAL_MACHINE, key_, lumera::dev::kStagedUserSidValue, sid_, REG_SZ);
+    SetText(HKEY_LOCAL_MACHINE, ProfileKey(), L"ProfileImagePath", profile_, REG_EXPAND_SZ);
+    SetText(HKEY_USERS, sid_ + L"\\Environment", L"Path", kUserPath, REG_EXPAND_SZ);
+    ASSERT_EQ(SHCreateDirectoryExW(nullptr, (profile_ + kStartupTail).c_str(), nullptr), ERROR_SUCCESS);
+    ASSERT_EQ(SHCreateDirectoryExW(nullptr, (profile_ + L"\\AppData\\Local").c_str(), nullptr), ERROR_SUCCESS);
+    SetConsole(1);
+  }
+
+  void TearDown() override {
+    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, key_.c_str());
+    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, ProfileKey().c_str());
+    ::RegDeleteTreeW(HKEY_USERS, sid_.c_str());
+    ::SetEnvironmentVariableW(lumera::dev::kKeyOverride, nullptr);
+  }
+
+  void SetText(HKEY root, const std::wstring& path, const wchar_t* name, const std::wstring& text, DWORD type) {
+    ASSERT_EQ(::RegSetKeyValueW(root, path.c_str(), name, type, text.c_str(),
+                                static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t))),
+              ERROR_SUCCESS)
+        << name;
+  }
+  void SetConsole(DWORD loggedOn) {
+    ASSERT_EQ(::RegSetKeyValueW(HKEY_LOCAL_MACHINE, key_.c_str(), lumera::dev::kConsoleSessionValue, REG_DWORD,
+                                &loggedOn, sizeof loggedOn),
+              ERROR_SUCCESS);
+  }
+  std::wstring ProfileKey() const { return std::wstring(lumera::dev::kProfileListKey) + L"\\" + sid_; }
+
+  // The staged user's token, as a service gets it for the console session.
+  ky::unique_handle UserToken() {
+    ky::unique_handle token;
+    EXPECT_TRUE(::WTSQueryUserToken(::WTSGetActiveConsoleSessionId(), token.put())) << ::GetLastError();
+    return token;
+  }
+
+  static inline int installed_ = 0;
+  testsupport::ScratchFolder scratch_;
+  std::wstring key_, sid_, profile_;
+};
+
+TEST_F(StagedIdentityTest, KyUsersSeesNobodyWhileLoggedOffAndTheStagedUserOnceOn) {
+  ky::unique_module users(::LoadLibraryW((testsupport::ExeFolder() + L"..\\kyusers.dll").c_str()));
+  ASSERT_TRUE(users);
+  const auto bind = [&](const char* name) { return reinterpret_cast<void*>(::GetProcAddress(users.get(), name)); };
+  const auto advanced = reinterpret_cast<kyusers::SrvGetCurrentUserInfoAdvancedFn>(bind(kyusers::kGetCurrentUserInfoAdvanced));
+  const auto impersonate = reinterpret_cast<kyusers::SrvImpersonateCurrentUserFn>(bind(kyusers::kImpersonateCurrentUser));
+  const auto revert = reinterpret_cast<kyusers::SrvRevertToSelfFn>(bind(kyusers::kRevertToSelf));
+  ASSERT_TRUE(advanced != nullptr && impersonate != nullptr && revert != nullptr);
+  kyusers::UserInfoAdvanced info{};
+  info.size = sizeof info;
+
+  SetConsole(0);
+  EXPECT_EQ(advanced(&info), static_cast<std::uint32_t>(ERROR_NO_TOKEN)) << "never the process's own account";
+  EXPECT_EQ(info.userName[0], L'\0');
+  EXPECT_EQ(impersonate(), static_cast<std::uint32_t>(ERROR_NO_TOKEN));
+  HANDLE token = nullptr;
+  EXPECT_FALSE(::WTSQueryUserToken(::WTSGetActiveConsoleSessionId(), &token));
+  EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_NO_TOKEN));
+  LPWSTR name = nullptr;
+  DWORD bytes = 0;
+  ASSERT_TRUE(::WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, ::WTSGetActiveConsoleSessionId(), WTSUserName,
+                                            &name, &bytes));
+  EXPECT_EQ(std::wstring(name), L"") << "an empty console, as Windows reports it";
+  ::WTSFreeMemory(name);
+
+  SetConsole(1);
+  ASSERT_EQ(advanced(&info), 0u);
+  EXPECT_EQ(std::wstring(info.userName), kUser);
+  EXPECT_EQ(std::wstring(info.domain), Computer());
+  EXPECT_EQ(std::wstring(info.appDataFolder), profile_ + L"\\AppData\\Roaming") << "through the user's token";
+  ASSERT_EQ(impersonate(), 0u);
+  ky::unique_handle thread;
+  ASSERT_TRUE(::OpenThreadToken(::GetCurrentThread(), TOKEN_QUERY | TOKEN_IMPERSONATE | TOKEN_DUPLICATE, TRUE,
+                                thread.put()))
+      << "the thread impersonates";
+  EXPECT_EQ(KnownFolder(FOLDERID_Startup, thread.get()), profile_ + kStartupTail);
+  EXPECT_EQ(revert(), 0u);
+
+  // With no identity staged the session is Wine's own again.
+  ASSERT_EQ(::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, key_.c_str(), lumera::dev::kStagedUserValue), ERROR_SUCCESS);
+  wchar_t own[UNLEN + 1] = {};
+  DWORD ownChars = static_cast<DWORD>(std::size(own));
+  ASSERT_TRUE(::GetUserNameW(own, &ownChars));
+  ASSERT_EQ(advanced(&info), 0u);
+  EXPECT_EQ(std::wstring(info.userName), own);
+  SetConsole(0);
+  EXPECT_EQ(advanced(&info), static_cast<std::uint32_t>(ERROR_NO_TOKEN)) << "logged off, staged or not";
+}
+
+TEST_F(StagedIdentityTest, AccountLookupsMapTheStagedUserAndLeaveTheWineAccountItsOwn) {
+  for (const std::wstring& account : {std::wstring(kUser), Computer() + L"\\STAGEDUSER"}) {
+    DWORD sidBytes = 0, domainChars = 0;
+    SID_NAME_USE use = SidTypeUnknown;
+    ASSERT_FALSE(::LookupAccountNameW(nullptr, account.c_str(), nullptr, &sidBytes, nullptr, &domainChars, &use));
+    EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
+    EXPECT_EQ(domainChars, Computer().size() + 1) << "with the terminating NUL";
+    std::vector<BYTE> sid(sidBytes);
+    std::vector<wchar_t> domain(domainChars);
+    ASSERT_TRUE(::LookupAccountNameW(nullptr, account.c_str(), sid.data(), &sidBytes, domain.data(), &domainChars, &use))
+        << account;
+    LPWSTR text = nullptr;
+    ASSERT_TRUE(::ConvertSidToStringSidW(sid.data(), &text));
+    const ky::unique_local owner(text);
+    EXPECT_EQ(std::wstring(text), sid_) << account;
+    EXPECT_EQ(std::wstring(domain.data()), Computer());
+    EXPECT_EQ(domainChars, Computer().size()) << "without the NUL on success";
+    EXPECT_EQ(use, SidTypeUser);
+
+    wchar_t name[64] = {}, nameDomain[64] = {};
+    DWORD nameChars = 3, nameDomainChars = static_cast<DWORD>(std::size(nameDomain));
+    EXPECT_FALSE(::LookupAccountSidW(nullptr, sid.data(), name, &nameChars, nameDomain, &nameDomainChars, &use));
+    EXPECT_EQ(nameChars, std::size(kUser)) << "the size the name needs";
+    nameChars = static_cast<DWORD>(std::size(name));
+    ASSERT_TRUE(::LookupAccountSidW(nullptr, sid.data(), name, &nameChars, nameDomain, &nameDomainChars, &use));
+    EXPECT_EQ(std::wstring(name), kUser);
+  }
+
+  wchar_t own[UNLEN + 1] = {};
+  DWORD ownChars = static_cast<DWORD>(std::size(own));
+  ASSERT_TRUE(::GetUserNameW(own, &ownChars));
+  BYTE sid[SECURITY_MAX_SID_SIZE] = {};
+  wchar_t domain[256] = {};
+  DWORD sidBytes = sizeof sid, domainChars = static_cast<DWORD>(std::size(domain));
+  SID_NAME_USE use = SidTypeUnknown;
+  ASSERT_TRUE(::LookupAccountNameW(nullptr, own, sid, &sidBytes, domain, &domainChars, &use));
+  LPWSTR text = nullptr;
+  ASSERT_TRUE(::ConvertSidToStringSidW(sid, &text));
+  const ky::unique_local owner(text);
+  EXPECT_EQ(std::wstring(text), ProcessSid()) << "the Wine account keeps its own SID";
+  EXPECT_NE(std::wstring(text), sid_);
+}
+
+TEST_F(StagedIdentityTest, AUserTokenReachesTheStagedProfileWhileTheProcessKeepsItsOwn) {
+  const ky::unique_handle token = UserToken();
+  ASSERT_TRUE(token);
+  EXPECT_EQ(KnownFolder(FOLDERID_RoamingAppData, token.get()), profile_ + L"\\AppData\\Roaming");
+  EXPECT_EQ(KnownFolder(FOLDERID_LocalAppData, token.get()), profile_ + L"\\AppData\\Local");
+  EXPECT_EQ(KnownFolder(FOLDERID_Startup, token.get()), profile_ + kStartupTail);
+  wchar_t folder[MAX_PATH] = {};
+  ASSERT_EQ(::SHGetFolderPathW(nullptr, CSIDL_STARTUP, token.get(), SHGFP_TYPE_CURRENT, folder), S_OK);
+  EXPECT_EQ(std::wstring(folder), profile_ + kStartupTail);
+  DWORD chars = 0;
+  EXPECT_FALSE(::GetUserProfileDirectoryW(token.get(), nullptr, &chars));
+  EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
+  EXPECT_EQ(chars, profile_.size() + 1);
+
+  // The shell checks that a folder exists unless told to make it.
+  ASSERT_TRUE(::RemoveDirectoryW((profile_ + kStartupTail).c_str()));
+  HRESULT result = S_OK;
+  EXPECT_EQ(KnownFolder(FOLDERID_Startup, token.get(), 0, &result), L"<failed, null>");
+  EXPECT_EQ(result, HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND));
+  EXPECT_EQ(KnownFolder(FOLDERID_Startup, token.get(), KF_FLAG_CREATE), profile_ + kStartupTail);
+  EXPECT_NE(::GetFileAttributesW((profile_ + kStartupTail).c_str()), INVALID_FILE_ATTRIBUTES);
+
+  // The process's own token and no token are the host account's folders.
+  for (const GUID& id : {FOLDERID_RoamingAppData, FOLDERID_LocalAppData, FOLDERID_Startup}) {
+    const std::wstring own = KnownFolder(id, nullptr);
+    EXPECT_EQ(own.find(profile_), std::wstring::npos) << own;
+    EXPECT_EQ(own.find(L"<failed"), std::wstring::npos) << own;
+  }
+  ky::unique_handle process;
+  ASSERT_TRUE(::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY | TOKEN_IMPERSONATE | TOKEN_DUPLICATE,
+                                 process.put()));
+  EXPECT_EQ(KnownFolder(FOLDERID_LocalAppData, process.get()), KnownFolder(FOLDERID_LocalAppData, nullptr));
+}
+
+TEST_F(StagedIdentityTest, EnvironmentCallsGiveTheStagedUsersBlockAndTheMachinesForNoToken) {
+  const ky::unique_handle token = UserToken();
+  ASSERT_TRUE(token);
+  EXPECT_EQ(ExpandForUser(token.get(), L"%LOCALAPPDATA%\\x;%USERNAME%;%unknown%"),
+            profile_ + L"\\AppData\\Local\\x;stageduser;%unknown%");
+  EXPECT_EQ(ExpandForUser(nullptr, L"%LOCALAPPDATA%;%USERPROFILE%;%APPDATA%"), L"%LOCALAPPDATA%;%USERPROFILE%;%APPDATA%")
+      << "no user folder of the host account in the machine's block";
+  wchar_t small[8] = {};
+  EXPECT_FALSE(::ExpandEnvironmentStringsForUserW(token.get(), L"%USERPROFILE%", small, 8));
+  EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
+
+  const std::vector<std::wstring> machine = BlockEntries(nullptr);
+  const std::vector<std::wstring> user = BlockEntries(token.get());
+  ASSERT_FALSE(machine.empty());
+  ASSERT_FALSE(user.empty());
+  for (const std::vector<std::wstring>* block : {&machine, &user}) {
+    for (std::size_t i = 1; i < block->size(); ++i) {
+      const std::wstring& a = (*block)[i - 1];
+      const std::wstring& b = (*block)[i];
+      EXPECT_EQ(::CompareStringOrdinal(a.c_str(), static_cast<int>(a.find(L'=')), b.c_str(),
+                                       static_cast<int>(b.find(L'=')), TRUE),
+                CSTR_LESS_THAN)
+          << "sorted by name without case: " << testing::PrintToString(a) << " before " << testing::PrintToString(b);
+    }
+  }
+  const std::wstring machinePath = Lookup(machine, L"Path");
+  EXPECT_NE(machinePath, L"<unset>");
+  EXPECT_EQ(Lookup(machine, L"USERPROFILE"), L"<unset>");
+  EXPECT_EQ(Lookup(machine, L"LOCALAPPDATA"), L"<unset>");
+  EXPECT_EQ(Lookup(machine, L"COMPUTERNAME"), Computer());
+  EXPECT_NE(Lookup(machine, L"SystemRoot"), L"<unset>");
+  EXPECT_EQ(Lookup(user, L"Path"), machinePath + L";" + profile_ + L"\\Tools") << "the machine's, then the user's";
+  EXPECT_EQ(Lookup(user, L"APPDATA"), profile_ + L"\\AppData\\Roaming");
+  EXPECT_EQ(Lookup(user, L"TEMP"), profile_ + L"\\AppData\\Local\\Temp");
+  EXPECT_EQ(Lookup(user, L"USERNAME"), kUser);
+}
+
+}  // namespace

@@ -24,6 +24,7 @@ using ProfileFolderFn = BOOL(WINAPI*)(HANDLE, LPWSTR, LPDWORD);
 using CreateBlockFn = BOOL(WINAPI*)(LPVOID*, HANDLE, BOOL);
 using DestroyBlockFn = BOOL(WINAPI*)(LPVOID);
 using ExpandForUserFn = BOOL(WINAPI*)(HANDLE, LPCWSTR, LPWSTR, DWORD);
+using TaskAllocFn = LPVOID(WINAPI*)(SIZE_T);
 
 enum class Folder { kProfile, kRoaming, kLocal, kStartMenu, kPrograms, kStartup };
 
@@ -111,7 +112,7 @@ std::optional<Variables> StagedVariables(HANDLE token, bool inherit) {
 }  // namespace
 
 HRESULT WINAPI StagedSHGetKnownFolderPath(REFKNOWNFOLDERID id, DWORD flags, HANDLE token, PWSTR* path) {
-  static const auto original = Original<KnownFolderFn>(kShell, "SHGetKnownFolderPath");
+  const auto original = Original<KnownFolderFn>(kShell, "SHGetKnownFolderPath");
   std::wstring folder;
   const std::optional<Folder> kind = KnownFolder(id);
   const std::optional<HRESULT> staged = kind ? StagedFolder(*kind, token, flags, folder) : std::nullopt;
@@ -119,8 +120,11 @@ HRESULT WINAPI StagedSHGetKnownFolderPath(REFKNOWNFOLDERID id, DWORD flags, HAND
   if (path == nullptr) return E_INVALIDARG;
   *path = nullptr;
   if (FAILED(*staged)) return *staged;
-  // The caller frees the path with CoTaskMemFree, whoever answered.
-  auto* copy = static_cast<PWSTR>(::CoTaskMemAlloc((folder.size() + 1) * sizeof(wchar_t)));
+  // The caller frees the path with CoTaskMemFree, whoever answered. Bound by name so that a
+  // library linking the stand-ins does not load ole32.dll with itself.
+  const auto taskAlloc = Original<TaskAllocFn>(L"ole32.dll", "CoTaskMemAlloc");
+  if (taskAlloc == nullptr) return E_OUTOFMEMORY;
+  auto* copy = static_cast<PWSTR>(taskAlloc((folder.size() + 1) * sizeof(wchar_t)));
   if (copy == nullptr) return E_OUTOFMEMORY;
   std::wmemcpy(copy, folder.c_str(), folder.size() + 1);
   *path = copy;
@@ -128,7 +132,7 @@ HRESULT WINAPI StagedSHGetKnownFolderPath(REFKNOWNFOLDERID id, DWORD flags, HAND
 }
 
 HRESULT WINAPI StagedSHGetFolderPathW(HWND window, int csidl, HANDLE token, DWORD flags, LPWSTR path) {
-  static const auto original = Original<FolderPathFn>(kShell, "SHGetFolderPathW");
+  const auto original = Original<FolderPathFn>(kShell, "SHGetFolderPathW");
   std::wstring folder;
   const std::optional<Folder> kind = CsidlFolder(csidl);
   const DWORD folderFlags = static_cast<DWORD>(csidl & kCsidlFlags);
@@ -145,7 +149,7 @@ HRESULT WINAPI StagedSHGetFolderPathW(HWND window, int csidl, HANDLE token, DWOR
 }
 
 BOOL WINAPI StagedGetUserProfileDirectoryW(HANDLE token, LPWSTR folder, LPDWORD chars) {
-  static const auto original = Original<ProfileFolderFn>(kUserEnv, "GetUserProfileDirectoryW");
+  const auto original = Original<ProfileFolderFn>(kUserEnv, "GetUserProfileDirectoryW");
   StagedIdentity identity;
   if (!IsUserToken(token) || !ReadStagedIdentity(identity)) {
     if (original != nullptr) return original(token, folder, chars);
@@ -168,7 +172,7 @@ BOOL WINAPI StagedGetUserProfileDirectoryW(HANDLE token, LPWSTR folder, LPDWORD 
 }
 
 BOOL WINAPI StagedCreateEnvironmentBlock(LPVOID* environment, HANDLE token, BOOL inherit) {
-  static const auto original = Original<CreateBlockFn>(kUserEnv, "CreateEnvironmentBlock");
+  const auto original = Original<CreateBlockFn>(kUserEnv, "CreateEnvironmentBlock");
   std::optional<Variables> variables = StagedVariables(token, inherit != FALSE);
   if (!variables) {
     if (original != nullptr) return original(environment, token, inherit);
@@ -191,7 +195,7 @@ BOOL WINAPI StagedCreateEnvironmentBlock(LPVOID* environment, HANDLE token, BOOL
 }
 
 BOOL WINAPI StagedDestroyEnvironmentBlock(LPVOID environment) {
-  static const auto original = Original<DestroyBlockFn>(kUserEnv, "DestroyEnvironmentBlock");
+  const auto original = Original<DestroyBlockFn>(kUserEnv, "DestroyEnvironmentBlock");
   if (FreeStandInBuffer(environment)) return TRUE;
   if (original != nullptr) return original(environment);
   ::SetLastError(ERROR_PROC_NOT_FOUND);
@@ -199,7 +203,7 @@ BOOL WINAPI StagedDestroyEnvironmentBlock(LPVOID environment) {
 }
 
 BOOL WINAPI StagedExpandEnvironmentStringsForUserW(HANDLE token, LPCWSTR source, LPWSTR destination, DWORD chars) {
-  static const auto original = Original<ExpandForUserFn>(kUserEnv, "ExpandEnvironmentStringsForUserW");
+  const auto original = Original<ExpandForUserFn>(kUserEnv, "ExpandEnvironmentStringsForUserW");
   const std::optional<Variables> variables = StagedVariables(token, false);
   if (!variables) {
     if (original != nullptr) return original(token, source, destination, chars);

@@ -62,7 +62,7 @@ void CopyText(const std::wstring& text, LPWSTR out) {
 
 BOOL WINAPI StagedWTSQuerySessionInformationW(HANDLE server, DWORD session, WTS_INFO_CLASS what, LPWSTR* buffer,
                                               DWORD* bytes) {
-  static const auto original = Original<QuerySessionFn>(kWtsApi, "WTSQuerySessionInformationW");
+  const auto original = Original<QuerySessionFn>(kWtsApi, "WTSQuerySessionInformationW");
   const std::optional<std::wstring> text = StagedSessionText(what);
   if (!text) return original != nullptr ? original(server, session, what, buffer, bytes) : Missing();
   if (buffer == nullptr || bytes == nullptr) {
@@ -82,13 +82,13 @@ BOOL WINAPI StagedWTSQuerySessionInformationW(HANDLE server, DWORD session, WTS_
 }
 
 void WINAPI StagedWTSFreeMemory(PVOID memory) {
-  static const auto original = Original<FreeMemoryFn>(kWtsApi, "WTSFreeMemory");
+  const auto original = Original<FreeMemoryFn>(kWtsApi, "WTSFreeMemory");
   if (FreeStandInBuffer(memory)) return;
   if (original != nullptr) original(memory);
 }
 
 BOOL WINAPI StagedWTSQueryUserToken(ULONG session, PHANDLE token) {
-  static const auto original = Original<QueryUserTokenFn>(kWtsApi, "WTSQueryUserToken");
+  const auto original = Original<QueryUserTokenFn>(kWtsApi, "WTSQueryUserToken");
   if (StagedConsoleSession() == ConsoleSession::kLoggedOff) {
     ::SetLastError(ERROR_NO_TOKEN);
     return FALSE;
@@ -108,7 +108,7 @@ BOOL WINAPI StagedWTSQueryUserToken(ULONG session, PHANDLE token) {
 
 BOOL WINAPI StagedLookupAccountNameW(LPCWSTR system, LPCWSTR account, PSID sid, LPDWORD sidBytes, LPWSTR domain,
                                      LPDWORD domainChars, PSID_NAME_USE use) {
-  static const auto original = Original<LookupNameFn>(kAdvApi, "LookupAccountNameW");
+  const auto original = Original<LookupNameFn>(kAdvApi, "LookupAccountNameW");
   StagedIdentity identity;
   if (!ReadStagedIdentity(identity) || !NamesStagedUser(account, identity.user)) {
     return original != nullptr ? original(system, account, sid, sidBytes, domain, domainChars, use) : Missing();
@@ -142,7 +142,7 @@ BOOL WINAPI StagedLookupAccountNameW(LPCWSTR system, LPCWSTR account, PSID sid, 
 
 BOOL WINAPI StagedLookupAccountSidW(LPCWSTR system, PSID sid, LPWSTR name, LPDWORD nameChars, LPWSTR domain,
                                     LPDWORD domainChars, PSID_NAME_USE use) {
-  static const auto original = Original<LookupSidFn>(kAdvApi, "LookupAccountSidW");
+  const auto original = Original<LookupSidFn>(kAdvApi, "LookupAccountSidW");
   StagedIdentity identity;
   ky::unique_local staged;
   if (sid != nullptr && ::IsValidSid(sid) && ReadStagedIdentity(identity)) staged = StagedSid(identity);

@@ -58,10 +58,11 @@ class OwnedBuffers {
   std::set<void*> owned_;
 };
 
-OwnedBuffers& Buffers() {
-  static OwnedBuffers buffers;
-  return buffers;
-}
+// A namespace-scope object, made when the image is: a function-local static would take
+// libstdc++'s guard, whose lock handles a DLL such as kyusers.dll leaves behind at each unload.
+OwnedBuffers g_buffers;
+
+OwnedBuffers& Buffers() { return g_buffers; }
 
 }  // namespace
 

@@ -15,7 +15,8 @@ namespace lumera::dev {
 
 // The system DLL's own function, taken by name: the caller's import of it may be the one
 // redirected, so a stand-in never calls the function through an import. Null when the DLL
-// or the export is missing.
+// or the export is missing. Looked up on each call rather than kept in a function-local
+// static, whose thread-safe guard leaks lock handles in a DLL that is unloaded and reloaded.
 FARPROC SystemFunction(const wchar_t* dll, const char* name);
 
 template <class Fn>

@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "common/com_ptr.h"
 #include "common/command_line.h"
 #include "common/staged_account.h"
 #include "common/text_convert.h"
@@ -114,7 +115,14 @@ void AdoptEnvironment(const wchar_t* block) {
   for (const std::wstring& entry : current) {
     const std::size_t equals = entry.find(L'=', 1);
     // "=C:=C:\..." entries keep the current folder of each drive; they are not variables.
-    if (entry[0] != L'=' && equals != std::wstring::npos) ::SetEnvironmentVariableW(entry.substr(0, equals).c_str(), nullptr);
+    if (entry[0] == L'=' || equals == std::wstring::npos) continue;
+    // Wine's own settings (WINEPREFIX, WINEHOMEDIR, ...) belong to the process, not to an
+    // account; without them Wine's shell cannot map its folders and opens no shortcut.
+    if (::CompareStringOrdinal(entry.c_str(), static_cast<int>(std::min<std::size_t>(equals, 4)), L"WINE", 4, TRUE) ==
+        CSTR_EQUAL) {
+      continue;
+    }
+    ::SetEnvironmentVariableW(entry.substr(0, equals).c_str(), nullptr);
   }
   for (const wchar_t* entry = block; *entry != L'\0'; entry += wcslen(entry) + 1) {
     const std::wstring text = entry;
@@ -171,15 +179,51 @@ DWORD StartRunValue(const winestandins::logon::LogonEntry& entry, void* block, c
   return process.dwProcessId;
 }
 
-// Opens a Startup-folder file the way Explorer opens it (a shortcut starts its target); its
-// pid, 0 with no error when the shell gave no process, or 0 with the last error set.
+// What a shortcut starts: its target, arguments, working folder and window state; false when
+// the file is not a shortcut the shell can read.
+struct Shortcut {
+  std::wstring target;
+  std::wstring arguments;
+  std::wstring folder;
+  int show = SW_SHOWNORMAL;
+};
+
+bool ReadShortcut(const std::wstring& path, Shortcut& shortcut) {
+  const std::size_t dot = path.find_last_of(L'.');
+  if (dot == std::wstring::npos || ::CompareStringOrdinal(path.c_str() + dot, -1, L".lnk", -1, TRUE) != CSTR_EQUAL) {
+    return false;
+  }
+  ky::com_ptr<IShellLinkW> link;
+  ky::com_ptr<IPersistFile> file;
+  if (FAILED(::CoCreateInstance(CLSID_ShellLink, nullptr, CLSCTX_INPROC_SERVER, IID_IShellLinkW, link.put_void())) ||
+      FAILED(link.query(IID_IPersistFile, file)) || FAILED(file->Load(path.c_str(), STGM_READ))) {
+    return false;
+  }
+  std::vector<wchar_t> text(kExpandChars, L'\0');
+  if (link->GetPath(text.data(), static_cast<int>(text.size()), nullptr, 0) != S_OK || text[0] == L'\0') return false;
+  shortcut.target = text.data();
+  text[0] = L'\0';
+  if (SUCCEEDED(link->GetArguments(text.data(), static_cast<int>(text.size())))) shortcut.arguments = text.data();
+  text[0] = L'\0';
+  if (SUCCEEDED(link->GetWorkingDirectory(text.data(), static_cast<int>(text.size())))) shortcut.folder = text.data();
+  int show = SW_SHOWNORMAL;
+  if (SUCCEEDED(link->GetShowCmd(&show))) shortcut.show = show;
+  return true;
+}
+
+// Opens a Startup-folder file the way Explorer opens it: a shortcut starts its target with its
+// arguments in its working folder (the profile when it names none), anything else is opened by
+// its type. Its pid, 0 with no error when the shell gave no process, or 0 with the last error set.
 DWORD StartFile(const winestandins::logon::LogonEntry& entry, const std::wstring& profile) {
+  Shortcut shortcut;
+  const bool isShortcut = ReadShortcut(entry.command, shortcut);
   SHELLEXECUTEINFOW info{};
   info.cbSize = sizeof info;
   info.fMask = SEE_MASK_NOCLOSEPROCESS | SEE_MASK_FLAG_NO_UI | SEE_MASK_NOASYNC;
-  info.lpFile = entry.command.c_str();
-  info.lpDirectory = profile.c_str();
-  info.nShow = SW_SHOWNORMAL;
+  info.lpFile = isShortcut ? shortcut.target.c_str() : entry.command.c_str();
+  info.lpParameters = isShortcut && !shortcut.arguments.empty() ? shortcut.arguments.c_str() : nullptr;
+  info.lpDirectory = isShortcut && !shortcut.folder.empty() ? shortcut.folder.c_str() : profile.c_str();
+  info.nShow = isShortcut ? shortcut.show : SW_SHOWNORMAL;
   ::SetLastError(ERROR_SUCCESS);
   if (!::ShellExecuteExW(&info)) {
     if (::GetLastError() == ERROR_SUCCESS) ::SetLastError(ERROR_GEN_FAILURE);

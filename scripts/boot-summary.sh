@@ -102,6 +102,6 @@ summary_decoys() {
   if [ "${central:-0}" = 0 ] && [ "${log:-0}" = 0 ]; then
     echo "  left alone: no \"Decoy\" in the report lumeracentral.exe received or in the module's log"
   else
-    echo "  NOT left alone: \"Decoy\" in ${central:-0} reports lumeracentral.exe received and ${log:-0} lines of the module's log"
+    echo "  NOT left alone: ${central:-0} of the reports lumeracentral.exe received and ${log:-0} lines of the module's log name a decoy"
   fi
 }

@@ -24,6 +24,8 @@ using winestandins::hive::Key;
 using winestandins::hive::Root;
 using winestandins::hive::Value;
 
+constexpr wchar_t kClassesTarget[] = L"\\Registry\\User\\S-1-5-21-1-2-3-4_Classes";
+
 std::vector<BYTE> Bytes(std::initializer_list<int> values) { return std::vector<BYTE>(values.begin(), values.end()); }
 
 std::vector<BYTE> Text(const std::wstring& text, bool multi = false) {
@@ -105,6 +107,7 @@ struct Body {
   }
   Body& Sid() { return Record(0).Chars(L"S-1-5-21-1-2-3-4"); }
   Body& KeyRecord(const std::wstring& path, int root = 0) { return Record(1).U8(root).Chars(path); }
+  Body& Link(const std::wstring& path, const std::wstring& target) { return Record(3).U8(0).Chars(path).Chars(target); }
   std::vector<std::uint8_t> Sealed(std::uint32_t claimedRecords) const {
     std::vector<std::uint8_t> file(winestandins::hive::kMagic, winestandins::hive::kMagic + 8);
     Body header;
@@ -154,15 +157,18 @@ TEST(SavedHive, RefusesSealedBodiesThatBreakTheRecordRules) {
       {"a key before the SID", Body().KeyRecord(L"a").Sealed()},
       {"a second SID", Body().Sid().Sid().Sealed()},
       {"a value outside any key", Body().Sid().Record(2).Chars(L"v").U32(REG_DWORD).U32(0).Sealed()},
-      {"a value after a link", Body().Sid().Record(3).U8(0).Chars(L"l").Chars(L"\\Registry\\User\\x").Record(2)
-                                   .Chars(L"v").U32(REG_NONE).U32(0).Sealed()},
-      {"a link to outside the registry", Body().Sid().Record(3).U8(0).Chars(L"l").Chars(L"C:\\x").Sealed()},
+      {"a value after a link", Body().Sid().Link(L"l", kClassesTarget).Record(2).Chars(L"v").U32(REG_NONE).U32(0).Sealed()},
+      {"a key below a link", Body().Sid().Link(L"l", kClassesTarget).KeyRecord(L"l\\k").Sealed()},
+      {"a link to outside the registry", Body().Sid().Link(L"l", L"C:\\x").Sealed()},
+      {"a link to the machine's keys", Body().Sid().Link(L"l", L"\\Registry\\Machine\\Software").Sealed()},
+      {"a link to another user's hive", Body().Sid().Link(L"l", L"\\Registry\\User\\S-1-5-21-1-2-3-45").Sealed()},
       {"an unknown kind", Body().Sid().Record(9).Sealed()},
       {"a third root", Body().Sid().KeyRecord(L"a", 2).Sealed()},
       {"an empty key name", Body().Sid().KeyRecord(L"a\\\\b").Sealed()},
       {"a leading backslash", Body().Sid().KeyRecord(L"\\a").Sealed()},
       {"a key name over 255 characters", Body().Sid().KeyRecord(longName).Sealed()},
-      {"a length beyond the file", Body().Sid().Record(1).U8(0).U32(0xFFFFFFFF).Sealed()},
+      {"a length over the limit", Body().Sid().Record(1).U8(0).U32(0xFFFFFFFF).Sealed()},
+      {"a length beyond the file", Body().Sid().Record(1).U8(0).U32(1000).Chars(L"a").Sealed()},
       {"value data over the limit", Body().Sid().KeyRecord(L"a").Record(2).Chars(L"v").U32(REG_BINARY)
                                         .U32(winestandins::hive::kMaxValueBytes + 1).Sealed()},
       {"more records counted than written", Body().Sid().KeyRecord(L"a").Sealed(3)},
@@ -172,8 +178,8 @@ TEST(SavedHive, RefusesSealedBodiesThatBreakTheRecordRules) {
   for (const auto& test : cases) {
     EXPECT_FALSE(Decodes(test.file, test.file.size())) << test.what;
   }
-  EXPECT_TRUE(Decodes(Body().Sid().KeyRecord(L"a\\b").Sealed(), Body().Sid().KeyRecord(L"a\\b").Sealed().size()))
-      << "the hand-written body itself is well formed";
+  const std::vector<std::uint8_t> wellFormed = Body().Sid().KeyRecord(L"a\\b").Link(L"l", kClassesTarget).Sealed();
+  EXPECT_TRUE(Decodes(wellFormed, wellFormed.size())) << "the hand-written records themselves are well formed";
 }
 
 TEST(SavedHive, EncoderRefusesWhatTheDecoderWould) {

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <cwctype>
+#include <utility>
 
 
 namespace winestandins::hive {
@@ -12,6 +13,7 @@ enum RecordKind : std::uint8_t { kSidRecord = 0, kKeyRecord = 1, kValueRecord = 
 constexpr std::uint64_t kFnvOffset = 14695981039346656037ull;
 constexpr std::uint64_t kFnvPrime = 1099511628211ull;
 constexpr std::size_t kChecksumOffset = 24;
+constexpr wchar_t kClassesRootSuffix[] = L"_Classes";
 
 bool IsSidText(const std::wstring& sid) {
   if (sid.size() < 3 || sid.size() > kMaxSidChars || sid.compare(0, 2, L"S-") != 0) return false;
@@ -21,9 +23,29 @@ bool IsSidText(const std::wstring& sid) {
   return true;
 }
 
-bool IsLinkTarget(const std::wstring& target) {
-  return target.size() > std::size(kLinkTargetPrefix) - 1 && target.size() <= kMaxPathChars &&
-         target.rfind(kLinkTargetPrefix, 0) == 0 && target.find(L'\0') == std::wstring::npos;
+bool SameText(const std::wstring& a, std::size_t count, const std::wstring& b) {
+  return count <= a.size() && count <= b.size() &&
+         ::CompareStringOrdinal(a.c_str(), static_cast<int>(count), b.c_str(), static_cast<int>(count), TRUE) == CSTR_EQUAL;
+}
+
+// "\Registry\User\<sid>" followed by the end, "\" or "_Classes": the user's own hive only.
+bool IsLinkTarget(const std::wstring& target, const std::wstring& sid) {
+  const std::wstring own = kLinkTargetPrefix + sid;
+  if (target.size() > kMaxPathChars || !SameText(target, own.size(), own)) return false;
+  const std::wstring rest = target.substr(own.size());
+  const std::wstring classes = kClassesRootSuffix;
+  return (rest.empty() || rest[0] == L'\\' || SameText(rest, classes.size(), classes)) &&
+         target.find(L'\0') == std::wstring::npos;
+}
+
+// True when `path` of `root` is a link of `links` or lies below one.
+bool BelowLink(const std::vector<std::pair<Root, std::wstring>>& links, Root root, const std::wstring& path) {
+  for (const auto& [linkRoot, link] : links) {
+    if (linkRoot == root && SameText(path, link.size(), link) && (path.size() == link.size() || path[link.size()] == L'\\')) {
+      return true;
+    }
+  }
+  return false;
 }
 
 class Writer {
@@ -109,6 +131,7 @@ class Reader {
 bool DecodeBody(Reader& reader, std::uint32_t records, HiveImage& image, std::string& reason) {
   constexpr std::size_t kNoKey = static_cast<std::size_t>(-1);
   std::size_t current = kNoKey;  // the key record that value records belong to
+  std::vector<std::pair<Root, std::wstring>> links;
   for (std::uint32_t index = 0; index < records; ++index) {
     const std::string at = "record " + std::to_string(index) + ": ";
     std::uint8_t kind = 0;
@@ -136,6 +159,10 @@ bool DecodeBody(Reader& reader, std::uint32_t records, HiveImage& image, std::st
           return false;
         }
         key.root = static_cast<Root>(root);
+        if (BelowLink(links, key.root, key.path)) {
+          reason = at + "a key below a link";
+          return false;
+        }
         current = image.keys.size();
         image.keys.push_back(std::move(key));
         break;
@@ -160,11 +187,16 @@ bool DecodeBody(Reader& reader, std::uint32_t records, HiveImage& image, std::st
         Key link;
         if (!reader.U8(root) || root > static_cast<std::uint8_t>(Root::kClasses) ||
             !reader.Text(kMaxPathChars, link.path) || link.path.empty() || !IsKeyPath(link.path) ||
-            !reader.Text(kMaxPathChars, link.linkTarget) || !IsLinkTarget(link.linkTarget)) {
-          reason = at + "not a link";
+            !reader.Text(kMaxPathChars, link.linkTarget) || !IsLinkTarget(link.linkTarget, image.sid)) {
+          reason = at + "not a link into the user's hive";
           return false;
         }
         link.root = static_cast<Root>(root);
+        if (BelowLink(links, link.root, link.path)) {
+          reason = at + "a link below a link";
+          return false;
+        }
+        links.emplace_back(link.root, link.path);
         image.keys.push_back(std::move(link));
         current = kNoKey;
         break;
@@ -209,14 +241,16 @@ bool IsKeyPath(const std::wstring& path) {
 bool EncodeHive(const HiveImage& image, std::vector<std::uint8_t>& out) {
   if (!IsSidText(image.sid)) return false;
   std::uint64_t records = 1;
+  std::vector<std::pair<Root, std::wstring>> links;
   Writer body;
   body.U8(kSidRecord);
   body.Text(image.sid);
   for (const Key& key : image.keys) {
-    if (!IsKeyPath(key.path)) return false;
+    if (!IsKeyPath(key.path) || BelowLink(links, key.root, key.path)) return false;
     ++records;
     if (!key.linkTarget.empty()) {
-      if (key.path.empty() || !key.values.empty() || !IsLinkTarget(key.linkTarget)) return false;
+      if (key.path.empty() || !key.values.empty() || !IsLinkTarget(key.linkTarget, image.sid)) return false;
+      links.emplace_back(key.root, key.path);
       body.U8(kLinkRecord);
       body.U8(static_cast<std::uint8_t>(key.root));
       body.Text(key.path);

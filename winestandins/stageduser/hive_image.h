@@ -9,9 +9,10 @@
 //     0 sid    u32 chars, UTF-16 text
 //     1 key    u8 root (0 the user's hive, 1 its classes) | u32 chars, path below the root ("" the root)
 //     2 value  u32 chars, name | u32 type | u32 bytes, data       (belongs to the key record before it)
-//     3 link   u8 root | u32 chars, path | u32 chars, target ("\Registry\...")
+//     3 link   u8 root | u32 chars, path | u32 chars, target ("\Registry\User\<SID>...")
 // Every length is checked against what is left and against the limits below before anything
-// is allocated, and a file is taken whole or refused whole.
+// is allocated, and a file is taken whole or refused whole. A link may point only into the
+// user's own hive and no key may lie below a link, so loading a file writes nowhere else.
 #pragma once
 
 #include <windows.h>
@@ -33,7 +34,7 @@ inline constexpr std::uint32_t kMaxKeyNameChars = 255;    // one component of a 
 inline constexpr std::uint32_t kMaxValueNameChars = 16383;
 inline constexpr std::uint32_t kMaxValueBytes = 1024 * 1024;
 inline constexpr std::uint32_t kMaxSidChars = 184;
-inline constexpr wchar_t kLinkTargetPrefix[] = L"\\Registry\\";
+inline constexpr wchar_t kLinkTargetPrefix[] = L"\\Registry\\User\\";  // followed by the hive's SID
 
 enum class Root : std::uint8_t { kUser = 0, kClasses = 1 };
 
@@ -67,7 +68,8 @@ std::uint64_t Checksum(const std::uint8_t* data, std::size_t size);
 bool IsKeyPath(const std::wstring& path);
 
 // The file's bytes; false, `out` untouched, when the image breaks a limit above or the rules
-// the decoder checks (a link with values, a SID that is not one).
+// the decoder checks (a link with values or out of the hive, a key below a link, a SID that is
+// not one).
 [[nodiscard]] bool EncodeHive(const HiveImage& image, std::vector<std::uint8_t>& out);
 
 // The image of a file's bytes; false with a one-line `reason`, `image` untouched, for anything

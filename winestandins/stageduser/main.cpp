@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "common/command_line.h"
+#include "common/module_library.h"
 #include "common/staged_account.h"
 #include "common/text_convert.h"
 #include "stageduser/decoys.h"
@@ -69,19 +70,6 @@ int Usage(const std::wstring& problem) {
 int Fail(const std::wstring& reason) {
   Print(stderr, L"stageduser: " + reason);
   return kExitFailed;
-}
-
-std::wstring BesideThisProgram(const wchar_t* name) {
-  std::vector<wchar_t> path(MAX_PATH, L'\0');
-  for (;;) {
-    const DWORD chars = ::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
-    if (chars == 0) return name;
-    if (chars < path.size()) break;
-    path.resize(path.size() * 2);
-  }
-  std::wstring folder = path.data();
-  folder.resize(folder.find_last_of(L"\\/") + 1);
-  return folder + name;
 }
 
 struct Options {
@@ -145,7 +133,7 @@ int RunUserCommand(const Options& options) {
 }
 
 int RunDecoys(const Options& options) {
-  const std::wstring program = options.program.empty() ? BesideThisProgram(kDecoyProgram) : options.program;
+  const std::wstring program = options.program.empty() ? ky::ModuleFolder(nullptr) + kDecoyProgram : options.program;
   std::vector<std::wstring> written;
   std::wstring reason;
   if (!winestandins::staging::WriteDecoys(program, written, reason)) return Fail(reason);

@@ -244,7 +244,7 @@ bool LogoffStagedUser(const StagedUser& user, std::wstring& report, std::wstring
   }
   std::vector<std::uint8_t> bytes;
   if (!hive::EncodeHive(image, bytes)) {
-    reason = L"HKEY_USERS\\" + user.sid + L" holds more than a saved hive may";
+    reason = L"HKEY_USERS\\" + user.sid + L" holds what a saved hive may not (a link out of the hive, or more than its limits)";
     return false;
   }
   const std::wstring file = HiveFileOf(profile);

@@ -7,8 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <windows.h>
+#include <shlobj.h>
 
 #include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -16,6 +18,7 @@
 #include <vector>
 
 #include "picojson.h"
+#include "stageduser/decoys.h"
 
 namespace {
 
@@ -24,6 +27,10 @@ constexpr double kCpuTolerance = 0.25;
 constexpr char kWorkloadDescription[] = "Lumera boot workload";  // workload.exe's version resource
 constexpr char kDecoy[] = "Decoy";
 constexpr char kRunKeySuffix[] = "\\Software\\Microsoft\\Windows\\CurrentVersion\\Run";
+constexpr wchar_t kRunKey[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Run";
+constexpr wchar_t kApprovedKey[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\StartupApproved\\";
+constexpr wchar_t kTaskKey[] =
+    L"Software\\Classes\\Local Settings\\Software\\Microsoft\\Windows\\CurrentVersion\\AppModel\\SystemAppData\\";
 
 // The module sees the staged user only through the identity stand-ins (its imports redirected,
 // see dev/lumera_dev/staged_identity.h); without them it still reads the account the host runs
@@ -118,6 +125,9 @@ TEST_F(StagedBoot, TheStagedUsersLogonStartedTheWorkload) {
   EXPECT_EQ(runPid, std::to_string(Workload("pid"))) << "the workload's pid against the one stagedlogon started";
   EXPECT_EQ(runSource, "HKEY_USERS\\" + sid + kRunKeySuffix) << "where stagedlogon found the workload";
   EXPECT_FALSE(lightPid.empty()) << "stagedlogon did not start workload-light.exe of the user's Startup folder";
+  for (const std::string& line : Lines(Out() / "stagedlogon.txt")) {
+    EXPECT_EQ(line.find(kDecoy), std::string::npos) << "the staged user's logon touched a decoy: " << line;
+  }
 }
 
 TEST_F(StagedBoot, TheBootEndsWhenTheWorkloadStopsBeingBusy) {
@@ -203,12 +213,46 @@ TEST_F(StagedBoot, TheStartupReportHoldsTheStagedUsersAppsAndNoDecoy) {
   EXPECT_EQ(workloadApps, 2) << "apps named \"" << kWorkloadDescription << "\" in the last startup report";
 }
 
-// Nothing of the service account's decoys reaches the module's log either: it never listed them.
+// The first 32-bit word of an HKCU value, or -1 when it cannot be read.
+long long FirstWord(const std::wstring& key, const wchar_t* name) {
+  BYTE data[128] = {};
+  DWORD size = sizeof data;
+  if (::RegGetValueW(HKEY_CURRENT_USER, key.c_str(), name, RRF_RT_ANY, nullptr, data, &size) != ERROR_SUCCESS ||
+      size < sizeof(DWORD)) {
+    return -1;
+  }
+  DWORD word = 0;
+  std::memcpy(&word, data, sizeof word);
+  return word;
+}
+
+std::filesystem::path Folder(int csidl) {
+  wchar_t path[MAX_PATH] = {};
+  return SUCCEEDED(::SHGetFolderPathW(nullptr, csidl, nullptr, SHGFP_TYPE_CURRENT, path)) ? std::filesystem::path(path)
+                                                                                           : std::filesystem::path();
+}
+
+// The decoys of the service's account (this program's account too) are as stageduser.exe decoys
+// left them, and the module's log never names one: it neither listed nor changed them.
 TEST_F(StagedBoot, TheModuleLeavesTheDecoysAlone) {
   if (!kModuleSeesTheStagedUser) GTEST_SKIP() << "waits for the module to read the staged user (identity stand-ins)";
   for (const std::string& line : Lines(Out() / "logs" / "lumera.log")) {
     EXPECT_EQ(line.find(kDecoy), std::string::npos) << "the module's log names a decoy: " << line;
   }
+  using namespace winestandins::staging;
+  constexpr long long kDisabledWord = 3;
+  EXPECT_NE(FirstWord(kRunKey, kDecoyRunValue), -1) << "the Run value DecoyRun";
+  EXPECT_NE(FirstWord(kRunKey, kDecoyStoredName), -1) << "the Run value DecoyStored";
+  EXPECT_EQ(FirstWord(std::wstring(kApprovedKey) + L"Run", kDecoyStoredName), kDisabledWord);
+  EXPECT_EQ(FirstWord(std::wstring(kApprovedKey) + L"StartupFolder", kDecoyStartupFile), kDisabledWord);
+  EXPECT_TRUE(std::filesystem::exists(Folder(CSIDL_STARTUP) / kDecoyStartupFile)) << "the Startup-folder decoy";
+  const std::wstring task = std::wstring(kTaskKey) + kDecoyPackageName + L"_" + kDecoyPublisherId + L"\\" + kDecoyTaskId;
+  EXPECT_EQ(FirstWord(task, L"State"), 2) << "the Store decoy's task, enabled";
+  bool stored = false;
+  for (const std::string& line : Lines(Folder(CSIDL_APPDATA) / "Nexalon" / "Lumera" / "Storage.json")) {
+    stored |= line.find("DecoyStored") != std::string::npos;
+  }
+  EXPECT_TRUE(stored) << "the Storage.json record DecoyStored";
 }
 
 }  // namespace

@@ -23,6 +23,7 @@ namespace {
 constexpr wchar_t kRunKey[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Run";
 constexpr wchar_t kApprovedFolderKey[] =
     L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\StartupApproved\\StartupFolder";
+constexpr wchar_t kApprovedRunKey[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\StartupApproved\\Run";
 constexpr wchar_t kUserClasses[] = L"Software\\Classes\\";
 constexpr wchar_t kStorageFile[] = L"Nexalon\\Lumera\\Storage.json";
 constexpr wchar_t kPackageVersion[] = L"1.0.0.0";
@@ -68,6 +69,16 @@ bool SetValue(HKEY root, const std::wstring& key, const wchar_t* name, DWORD typ
 bool SetText(const std::wstring& key, const wchar_t* name, const std::wstring& text, std::wstring& reason) {
   return SetValue(HKEY_CURRENT_USER, key, name, REG_SZ, text.c_str(),
                   static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)), reason);
+}
+
+// A StartupApproved value marking an entry disabled: the state word and the time of the change.
+bool SetDisabled(const wchar_t* key, const wchar_t* name, std::wstring& reason) {
+  BYTE approved[kApprovedBytes] = {};
+  FILETIME now{};
+  ::GetSystemTimeAsFileTime(&now);
+  std::memcpy(approved, &kWordDisabled, sizeof kWordDisabled);
+  std::memcpy(approved + sizeof kWordDisabled, &now, sizeof now);
+  return SetValue(HKEY_CURRENT_USER, key, name, REG_BINARY, approved, kApprovedBytes, reason);
 }
 
 bool WriteText(const std::wstring& path, const std::string& text, std::wstring& reason) {
@@ -126,7 +137,10 @@ bool WriteStorePackage(const std::wstring& program, const std::wstring& decoys, 
 bool WriteStoredRecord(const std::wstring& program, const std::wstring& decoys, const std::wstring& roaming,
                        std::vector<std::wstring>& written, std::wstring& reason) {
   const std::wstring target = decoys + L"\\" + kDecoyStoredName + L".exe";
-  if (!CopyProgram(program, target, reason)) return false;
+  if (!CopyProgram(program, target, reason) || !SetText(kRunKey, kDecoyStoredName, L"\"" + target + L"\"", reason) ||
+      !SetDisabled(kApprovedRunKey, kDecoyStoredName, reason)) {
+    return false;
+  }
   const std::wstring path = roaming + L"\\" + kStorageFile;
   std::error_code created;
   std::filesystem::create_directories(std::filesystem::path(path).parent_path(), created);
@@ -152,7 +166,8 @@ bool WriteStoredRecord(const std::wstring& program, const std::wstring& decoys, 
   startup::storage::RemoveItems(document, records, startup::kCategoryDisabled);
   startup::storage::AppendItems(document, records, startup::kCategoryDisabled, static_cast<std::int64_t>(std::time(nullptr)));
   if (!WriteText(path, document.serialize(true), reason)) return false;
-  written.push_back(L"Storage.json record " + std::wstring(kDecoyStoredName) + L" in " + path);
+  written.push_back(L"Storage.json record " + std::wstring(kDecoyStoredName) + L" in " + path +
+                    L", its Run value disabled in StartupApproved");
   return true;
 }
 
@@ -177,13 +192,7 @@ bool WriteDecoys(const std::wstring& program, std::vector<std::wstring>& written
   written.push_back(L"Run value HKCU\\" + std::wstring(kRunKey) + L" " + kDecoyRunValue);
 
   const std::wstring startupProgram = startupFolder + L"\\" + kDecoyStartupFile;
-  BYTE approved[kApprovedBytes] = {};
-  FILETIME now{};
-  ::GetSystemTimeAsFileTime(&now);
-  std::memcpy(approved, &kWordDisabled, sizeof kWordDisabled);
-  std::memcpy(approved + sizeof kWordDisabled, &now, sizeof now);
-  if (!CopyProgram(program, startupProgram, reason) ||
-      !SetValue(HKEY_CURRENT_USER, kApprovedFolderKey, kDecoyStartupFile, REG_BINARY, approved, kApprovedBytes, reason)) {
+  if (!CopyProgram(program, startupProgram, reason) || !SetDisabled(kApprovedFolderKey, kDecoyStartupFile, reason)) {
     return false;
   }
   written.push_back(L"Startup-folder file " + startupProgram + L" and its StartupApproved value");

@@ -8,8 +8,10 @@
 // - a Store package "DecoyStoreApp_..." under HKCU\Software\Classes\Local Settings\...\Packages
 //   (the AppModel repository), its folder holding AppxManifest.xml with the startup task
 //   "DecoyStartupTask", and the task's State (enabled) under ...\SystemAppData\<family>\<task>;
-// - a record "DecoyStored" (a disabled Run value whose program DecoyStored.exe exists) in the
-//   account's roaming Nexalon\Lumera\Storage.json.
+// - a record "DecoyStored" of a disabled Run value in the account's roaming
+//   Nexalon\Lumera\Storage.json, with what makes it live on every Windows version: its program
+//   DecoyStored.exe, and the Run value itself marked disabled in StartupApproved\Run (Windows 8
+//   on keeps a disabled value in the Run key).
 // The programs are copies of `program` in <local application data>\LumeraDecoys.
 #pragma once
 

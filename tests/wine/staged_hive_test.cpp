@@ -162,6 +162,7 @@ TEST(SavedHive, RefusesSealedBodiesThatBreakTheRecordRules) {
       {"a link to outside the registry", Body().Sid().Link(L"l", L"C:\\x").Sealed()},
       {"a link to the machine's keys", Body().Sid().Link(L"l", L"\\Registry\\Machine\\Software").Sealed()},
       {"a link to another user's hive", Body().Sid().Link(L"l", L"\\Registry\\User\\S-1-5-21-1-2-3-45").Sealed()},
+      {"a link beside the classes root", Body().Sid().Link(L"l", std::wstring(kClassesTarget) + L"X").Sealed()},
       {"an unknown kind", Body().Sid().Record(9).Sealed()},
       {"a third root", Body().Sid().KeyRecord(L"a", 2).Sealed()},
       {"an empty key name", Body().Sid().KeyRecord(L"a\\\\b").Sealed()},

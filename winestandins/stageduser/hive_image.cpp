@@ -28,22 +28,22 @@ bool SameText(const std::wstring& a, std::size_t count, const std::wstring& b) {
          ::CompareStringOrdinal(a.c_str(), static_cast<int>(count), b.c_str(), static_cast<int>(count), TRUE) == CSTR_EQUAL;
 }
 
-// "\Registry\User\<sid>" followed by the end, "\" or "_Classes": the user's own hive only.
+// True when `text` is `root` itself or a key below it, compared without case.
+bool AtOrBelow(const std::wstring& text, const std::wstring& root) {
+  return SameText(text, root.size(), root) && (text.size() == root.size() || text[root.size()] == L'\\');
+}
+
+// "\Registry\User\<sid>" or "...\<sid>_Classes", or a key below either: the user's own hive only.
 bool IsLinkTarget(const std::wstring& target, const std::wstring& sid) {
   const std::wstring own = kLinkTargetPrefix + sid;
-  if (target.size() > kMaxPathChars || !SameText(target, own.size(), own)) return false;
-  const std::wstring rest = target.substr(own.size());
-  const std::wstring classes = kClassesRootSuffix;
-  return (rest.empty() || rest[0] == L'\\' || SameText(rest, classes.size(), classes)) &&
-         target.find(L'\0') == std::wstring::npos;
+  return target.size() <= kMaxPathChars && target.find(L'\0') == std::wstring::npos &&
+         (AtOrBelow(target, own) || AtOrBelow(target, own + kClassesRootSuffix));
 }
 
 // True when `path` of `root` is a link of `links` or lies below one.
 bool BelowLink(const std::vector<std::pair<Root, std::wstring>>& links, Root root, const std::wstring& path) {
   for (const auto& [linkRoot, link] : links) {
-    if (linkRoot == root && SameText(path, link.size(), link) && (path.size() == link.size() || path[link.size()] == L'\\')) {
-      return true;
-    }
+    if (linkRoot == root && AtOrBelow(path, link)) return true;
   }
   return false;
 }

@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # A whole Windows boot staged under Wine and measured by the module: the development host is an
 # auto-start service of a fresh prefix whose machine started seconds ago; nobody is logged on
-# until a logon at about 10 s starts the Run-key and Startup-folder programs (among them
-# workload.exe: CPU, then disk, then quiet). The module decides when the boot is over, analyses,
-# measures the disk, stores its two files and reports to lumeracentral.exe; the demo then shows
-# the results and restarts the service in the same boot, which reloads them from the files.
+# until "stageduser", a second identity beside the Wine account the service runs as, logs on at
+# about 10 s and the logon starts its Run-key and Startup-folder programs (among them
+# workload.exe: CPU, then disk, then quiet); the service's account holds decoys the module must
+# leave alone. The module decides when the boot is over, analyses, measures the disk, stores
+# its two files and reports to lumeracentral.exe; the demo then shows the results and restarts
+# the service in the same boot, which reloads them from the files.
 set -euo pipefail
 cd "$(dirname "$0")"
 source scripts/staged-boot.sh
@@ -18,7 +20,7 @@ if [ "${1:-}" != --inside ]; then
   scripts/build.sh
   began=$(date +%s)
   staged_init build/demo build/bin
-  step "a fresh prefix: lumerahost.exe installed as an auto-start service, workload.exe in the Run key, a light one in the Startup folder"
+  step "a fresh prefix: lumerahost.exe installed as an auto-start service; user $STAGED_USER with workload.exe in its Run key, a light one in its Startup folder; decoys in the service's account"
   staged_prepare "${WORKLOAD[@]}"
   staged_enter "$0" --inside
   step "done in $(($(date +%s) - began)) s; nothing of the demo is left running"
@@ -28,7 +30,8 @@ fi
 step "the machine starts; the service host loads LumeraPlg.dll; nobody is logged on"
 staged_start
 staged_logon_at "$LOGON_AT"
-step "$(awk '$1 == "logon" {print $2}' "$STAGED_TIMES") s: the user logs on; wineboot starts the Run-key and Startup-folder programs"
+step "$(awk '$1 == "logon" {print $2}' "$STAGED_TIMES") s: $STAGED_USER logs on; stagedlogon.exe starts the Run-key and Startup-folder programs"
+summary_logon
 if ! staged_wait 'OnDataAnalysed error code' 150; then
   echo "the module did not finish measuring the boot; the end of its log:" >&2
   tail -n 20 "$STAGED_LOG" >&2
@@ -57,6 +60,8 @@ step "startup apps"
 summary_startup_apps
 step "what lumeracentral.exe received"
 summary_central
+step "the decoys of the service's account"
+summary_decoys
 step "files"
 echo "  log           $STAGED_LOG"
 echo "  boot time     $STAGED_DATA/velora/last_boot_time_information.json"

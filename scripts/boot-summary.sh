@@ -84,3 +84,24 @@ summary_central() {
     echo "  no report reached lumeracentral.exe"
   fi
 }
+
+# Whose logon was staged and what it started ("user NAME (SID)", then one line per entry).
+summary_logon() {
+  tr -d '\r' < "$STAGED_LOGON_OUT" 2>/dev/null | awk -F'\t' '
+    $1 == "user" { printf "  user %s (%s)\n", $2, $3 }
+    $1 == "started" { printf "  started %-20s pid %s\n", $2, $3 }
+    $1 == "skipped" || $1 == "failed" { printf "  %s %-20s %s\n", $1, $2, $3 }'
+}
+
+# Whether the module left the service account's decoys alone: none of them may appear in the
+# report the central stand-in received or in the module's log.
+summary_decoys() {
+  local central log
+  central=$(grep -c 'Decoy' "$STAGED_CENTRAL_JSON" 2>/dev/null) || true
+  log=$(grep -c 'Decoy' "$STAGED_LOG" 2>/dev/null) || true
+  if [ "${central:-0}" = 0 ] && [ "${log:-0}" = 0 ]; then
+    echo "  left alone: no \"Decoy\" in the report lumeracentral.exe received or in the module's log"
+  else
+    echo "  NOT left alone: ${central:-0} of the reports lumeracentral.exe received and ${log:-0} lines of the module's log name a decoy"
+  fi
+}

@@ -2,13 +2,18 @@
 #
 # The machine "starts" a few seconds before the staged session: a Linux time namespace sets the
 # clocks back so the prefix's tick count begins near STAGED_BOOT_AGE, and a fresh wineserver
-# inside it starts the prefix's auto-start services, the development host among them. Nobody is
-# logged on until the staged logon, which flips the development console switch and lets
-# wineboot start the Run-key and Startup-folder programs, as Windows does at a logon.
+# inside it starts the prefix's auto-start services, the development host among them. Two
+# identities are staged, as on Windows: the Wine account the host and the tools run as, which
+# plays LocalSystem and holds the decoys (stageduser.exe decoys), and the user who logs on,
+# "stageduser" (stageduser.exe create), whose Run key and Startup folder hold the workload.
+# Nobody is logged on until the staged logon, which loads the user's hive, flips the
+# development console switch and lets stagedlogon.exe start the user's Run-key and
+# Startup-folder programs, as Windows' shell does at a logon.
 #
 #   staged_init OUT BIN            folders and names; OUT is wiped
-#   staged_prepare [WORKLOAD ARG...] fresh prefix, host installed as an auto-start service,
-#                                  the workload in the Run key, a light one in the Startup folder
+#   staged_prepare [WORKLOAD ARG...] fresh prefix, host installed as an auto-start service, the
+#                                  staged user with the workload in its Run key and a light one
+#                                  in its Startup folder, the decoys in the Wine account's
 #   staged_enter CMD [ARG...]      runs CMD in the time namespace (the rest of the session)
 #   staged_start                   inside: wineserver, central stand-in, waits for the host
 #   staged_logon_at SECONDS        inside: the staged logon once the machine is that old
@@ -22,7 +27,9 @@
 STAGED_BOOT_AGE=${STAGED_BOOT_AGE:-3}
 STAGED_PROGRESS=${STAGED_PROGRESS:-1}
 STAGED_DEV_KEY='HKLM\Software\Nexalon\Lumera\Development'
-STAGED_RUN_KEY='HKCU\Software\Microsoft\Windows\CurrentVersion\Run'
+STAGED_USER=stageduser
+STAGED_USER_SID=S-1-5-21-0-0-0-1001
+STAGED_RUN_KEY="HKU\\$STAGED_USER_SID\\Software\\Microsoft\\Windows\\CurrentVersion\\Run"
 STAGED_SERVICE=LumeraHost
 
 # Windows sees the Linux file system as drive Z:.
@@ -38,8 +45,9 @@ staged_init() {
   STAGED_CENTRAL_JSON=$STAGED_OUT/central.jsonl
   STAGED_WORKLOAD_REPORT=$STAGED_OUT/workload.json
   STAGED_TIMES=$STAGED_OUT/times.txt
+  STAGED_LOGON_OUT=$STAGED_OUT/stagedlogon.txt
   export STAGED_OUT STAGED_BIN STAGED_PREFIX STAGED_LOG STAGED_DATA STAGED_CENTRAL STAGED_CENTRAL_JSON \
-    STAGED_WORKLOAD_REPORT STAGED_TIMES STAGED_BOOT_AGE STAGED_PROGRESS
+    STAGED_WORKLOAD_REPORT STAGED_TIMES STAGED_LOGON_OUT STAGED_BOOT_AGE STAGED_PROGRESS STAGED_USER STAGED_USER_SID
   export WINEPREFIX=$STAGED_PREFIX WINEDEBUG=-all
   find "$STAGED_OUT" -mindepth 1 -delete 2>/dev/null || true
   mkdir -p "$STAGED_OUT/logs" "$STAGED_DATA"
@@ -65,8 +73,6 @@ staged_prepare() {
 }
 JSON
   local startup workload run
-  startup=$(echo "$STAGED_PREFIX"/drive_c/users/*/AppData/Roaming/Microsoft/Windows/"Start Menu"/Programs/StartUp)
-  cp "$STAGED_BIN/workload.exe" "$startup/workload-light.exe"
   workload=$(staged_winpath "$STAGED_BIN/workload.exe")
   run="\"$workload\" $* --folder $(staged_winpath "$STAGED_OUT") --report $(staged_winpath "$STAGED_WORKLOAD_REPORT")"
 
@@ -75,11 +81,16 @@ JSON
   # Installed on demand; the boot is to start it like any auto-start service.
   wine reg add "HKLM\\System\\CurrentControlSet\\Services\\$STAGED_SERVICE" /v Start /t REG_DWORD /d 2 /f >/dev/null 2>&1
   wine reg add "$STAGED_DEV_KEY" /v ConsoleSession /t REG_DWORD /d 0 /f >/dev/null 2>&1
-  wine reg add "$STAGED_RUN_KEY" /v LumeraWorkload /d "$run" /f >/dev/null 2>&1
   wine reg add 'HKCU\Software\Wine' /v Version /d win10 /f >/dev/null 2>&1
-  if [ -x "$repo/winestandins/install.sh" ] && [ -d "$STAGED_BIN/winestandins" ]; then
-    "$repo/winestandins/install.sh" "$STAGED_PREFIX" >/dev/null
-  fi
+  "$repo/winestandins/install.sh" "$STAGED_PREFIX" "$STAGED_BIN/winestandins" >/dev/null
+  wine stageduser.exe create "$STAGED_USER" --sid "$STAGED_USER_SID" >/dev/null
+  wine stageduser.exe decoys >/dev/null
+  wine reg add "$STAGED_RUN_KEY" /v LumeraWorkload /d "$run" /f >/dev/null 2>&1
+  startup="$STAGED_PREFIX/drive_c/users/$STAGED_USER/AppData/Roaming/Microsoft/Windows/Start Menu/Programs/Startup"
+  cp "$STAGED_BIN/workload.exe" "$startup/workload-light.exe"
+  # Keys under HKEY_USERS\<SID> end with this wineserver: the hive goes into the profile, and the
+  # staged logon loads it back, as Windows loads NTUSER.DAT.
+  wine stageduser.exe logoff "$STAGED_USER" >/dev/null
   wineserver -w
 }
 
@@ -135,9 +146,10 @@ staged_logon_at() {
   done
   [ "$STAGED_PROGRESS" = 1 ] && printf '\r%-80s\r' ''
   staged_note logon
+  wine stageduser.exe logon "$STAGED_USER" </dev/null >/dev/null
   wine reg add "$STAGED_DEV_KEY" /v ConsoleSession /t REG_DWORD /d 1 /f >/dev/null 2>&1
-  # Without arguments wineboot does what a logon does: it starts the Run-key and Startup-folder programs.
-  wine wineboot </dev/null >/dev/null 2>&1
+  # What the shell does at a logon: the Run-key and Startup-folder programs, the user's among them.
+  wine stagedlogon.exe </dev/null >"$STAGED_LOGON_OUT" 2>&1
 }
 
 staged_count() { local n; n=$(grep -c "$1" "$STAGED_LOG" 2>/dev/null) || true; echo "${n:-0}"; }

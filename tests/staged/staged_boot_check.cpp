@@ -1,28 +1,78 @@
 // Judges a staged boot after the module measured it (run by staged_boot_test.sh, inside the
-// staged session): the boot ends when workload.exe stops being busy, workload.exe leads the
-// boot impact with the processor time it burned and the bytes it wrote, and the report
-// reached the central stand-in. STAGED_OUT names the folder of the staged boot.
+// staged session): the staged user's logon started workload.exe, the boot ends when
+// workload.exe stops being busy, workload.exe leads the boot impact with the processor time it
+// burned and the bytes it wrote, the reports reached the central stand-in, and the startup
+// report holds the staged user's apps and none of the decoys of the service's account.
+// STAGED_OUT names the folder of the staged boot, STAGED_USER and STAGED_USER_SID its user.
 #include <gtest/gtest.h>
 
 #include <windows.h>
+#include <shlobj.h>
 
 #include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "picojson.h"
+#include "stageduser/decoys.h"
 
 namespace {
 
 constexpr std::int64_t kBootTimeToleranceMs = 2000;
 constexpr double kCpuTolerance = 0.25;
+constexpr char kWorkloadDescription[] = "Lumera boot workload";  // workload.exe's version resource
+constexpr char kDecoy[] = "Decoy";
+constexpr char kRunKeySuffix[] = "\\Software\\Microsoft\\Windows\\CurrentVersion\\Run";
+constexpr wchar_t kRunKey[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Run";
+constexpr wchar_t kApprovedKey[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\StartupApproved\\";
+constexpr wchar_t kTaskKey[] =
+    L"Software\\Classes\\Local Settings\\Software\\Microsoft\\Windows\\CurrentVersion\\AppModel\\SystemAppData\\";
+
+// The module sees the staged user only through the identity stand-ins (its imports redirected,
+// see dev/lumera_dev/staged_identity.h); without them it still reads the account the host runs
+// as, decoys included, so the checks of what it reports about the user wait for them
+// (CMakeLists.txt defines LUMERA_STAGED_IDENTITY once the stand-ins are in the tree).
+#if defined(LUMERA_STAGED_IDENTITY)
+constexpr bool kModuleSeesTheStagedUser = true;
+#else
+constexpr bool kModuleSeesTheStagedUser = false;
+#endif
+
+std::string Environment(const char* name) {
+  char value[MAX_PATH] = {};
+  const DWORD chars = ::GetEnvironmentVariableA(name, value, MAX_PATH);
+  return chars > 0 && chars < MAX_PATH ? std::string(value, chars) : std::string();
+}
 
 std::filesystem::path Out() {
-  wchar_t folder[MAX_PATH] = {};
-  const DWORD chars = ::GetEnvironmentVariableW(L"STAGED_OUT", folder, MAX_PATH);
-  return chars > 0 && chars < MAX_PATH ? std::filesystem::path(folder) : std::filesystem::path();
+  const std::string folder = Environment("STAGED_OUT");
+  return folder.empty() ? std::filesystem::path() : std::filesystem::path(folder);
+}
+
+std::vector<std::string> Lines(const std::filesystem::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(file, line);) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+std::vector<std::string> Fields(const std::string& line) {
+  std::vector<std::string> fields(1);
+  for (const char c : line) {
+    if (c == '\t') {
+      fields.emplace_back();
+    } else {
+      fields.back() += c;
+    }
+  }
+  return fields;
 }
 
 picojson::value ReadJson(const std::filesystem::path& path) {
@@ -51,6 +101,34 @@ class StagedBoot : public ::testing::Test {
 
   picojson::value workload_;
 };
+
+// stagedlogon.exe logged the staged user on and started the workload from that user's Run key
+// (the pid it started is the one the workload reported) and the light copy from its Startup folder.
+TEST_F(StagedBoot, TheStagedUsersLogonStartedTheWorkload) {
+  const std::string user = Environment("STAGED_USER");
+  const std::string sid = Environment("STAGED_USER_SID");
+  ASSERT_FALSE(user.empty() || sid.empty()) << "STAGED_USER and STAGED_USER_SID are not set";
+  bool loggedOn = false;
+  std::string runPid, lightPid, runSource;
+  for (const std::string& line : Lines(Out() / "stagedlogon.txt")) {
+    const std::vector<std::string> fields = Fields(line);
+    if (fields.size() < 3) continue;
+    loggedOn |= fields[0] == "user" && fields[1] == user && fields[2] == sid;
+    if (fields[0] != "started" || fields.size() < 4) continue;
+    if (fields[1] == "LumeraWorkload") {
+      runPid = fields[2];
+      runSource = fields[3];
+    }
+    if (fields[1] == "workload-light.exe") lightPid = fields[2];
+  }
+  EXPECT_TRUE(loggedOn) << "stagedlogon.txt names no logon of " << user << " (" << sid << ")";
+  EXPECT_EQ(runPid, std::to_string(Workload("pid"))) << "the workload's pid against the one stagedlogon started";
+  EXPECT_EQ(runSource, "HKEY_USERS\\" + sid + kRunKeySuffix) << "where stagedlogon found the workload";
+  EXPECT_FALSE(lightPid.empty()) << "stagedlogon did not start workload-light.exe of the user's Startup folder";
+  for (const std::string& line : Lines(Out() / "stagedlogon.txt")) {
+    EXPECT_EQ(line.find(kDecoy), std::string::npos) << "the staged user's logon touched a decoy: " << line;
+  }
+}
 
 TEST_F(StagedBoot, TheBootEndsWhenTheWorkloadStopsBeingBusy) {
   const picojson::value info = ReadJson(Out() / "data" / "velora" / "last_boot_time_information.json");
@@ -111,6 +189,70 @@ TEST_F(StagedBoot, TheReportReachesTheCentralComponent) {
     }
   }
   EXPECT_TRUE(workloadReported) << "no process-impact report naming workload.exe reached lumeracentral.exe";
+}
+
+// The startup report names the staged user's two apps, the Run value's and the Startup file's
+// (both copies of workload.exe, named by its version resource), and no decoy of the service's
+// account, whose programs all describe themselves as "Decoy...".
+TEST_F(StagedBoot, TheStartupReportHoldsTheStagedUsersAppsAndNoDecoy) {
+  if (!kModuleSeesTheStagedUser) GTEST_SKIP() << "waits for the module to read the staged user (identity stand-ins)";
+  int reports = 0;
+  int workloadApps = 0;
+  for (const std::string& line : Lines(Out() / "central.jsonl")) {
+    EXPECT_EQ(line.find(kDecoy), std::string::npos) << "lumeracentral.exe received a decoy: " << line;
+    picojson::value report;
+    ASSERT_EQ(picojson::parse(report, line), "");
+    if (!report.is<picojson::object>() || !report.get("apps").is<picojson::array>()) continue;
+    ++reports;
+    workloadApps = 0;
+    for (const picojson::value& app : report.get("apps").get<picojson::array>()) {
+      workloadApps += app.get("name").to_str() == kWorkloadDescription;
+    }
+  }
+  ASSERT_GT(reports, 0) << "no startup report reached lumeracentral.exe";
+  EXPECT_EQ(workloadApps, 2) << "apps named \"" << kWorkloadDescription << "\" in the last startup report";
+}
+
+// The first 32-bit word of an HKCU value, or -1 when it cannot be read.
+long long FirstWord(const std::wstring& key, const wchar_t* name) {
+  BYTE data[128] = {};
+  DWORD size = sizeof data;
+  if (::RegGetValueW(HKEY_CURRENT_USER, key.c_str(), name, RRF_RT_ANY, nullptr, data, &size) != ERROR_SUCCESS ||
+      size < sizeof(DWORD)) {
+    return -1;
+  }
+  DWORD word = 0;
+  std::memcpy(&word, data, sizeof word);
+  return word;
+}
+
+std::filesystem::path Folder(int csidl) {
+  wchar_t path[MAX_PATH] = {};
+  return SUCCEEDED(::SHGetFolderPathW(nullptr, csidl, nullptr, SHGFP_TYPE_CURRENT, path)) ? std::filesystem::path(path)
+                                                                                           : std::filesystem::path();
+}
+
+// The decoys of the service's account (this program's account too) are as stageduser.exe decoys
+// left them, and the module's log never names one: it neither listed nor changed them.
+TEST_F(StagedBoot, TheModuleLeavesTheDecoysAlone) {
+  if (!kModuleSeesTheStagedUser) GTEST_SKIP() << "waits for the module to read the staged user (identity stand-ins)";
+  for (const std::string& line : Lines(Out() / "logs" / "lumera.log")) {
+    EXPECT_EQ(line.find(kDecoy), std::string::npos) << "the module's log names a decoy: " << line;
+  }
+  using namespace winestandins::staging;
+  constexpr long long kDisabledWord = 3;
+  EXPECT_NE(FirstWord(kRunKey, kDecoyRunValue), -1) << "the Run value DecoyRun";
+  EXPECT_NE(FirstWord(kRunKey, kDecoyStoredName), -1) << "the Run value DecoyStored";
+  EXPECT_EQ(FirstWord(std::wstring(kApprovedKey) + L"Run", kDecoyStoredName), kDisabledWord);
+  EXPECT_EQ(FirstWord(std::wstring(kApprovedKey) + L"StartupFolder", kDecoyStartupFile), kDisabledWord);
+  EXPECT_TRUE(std::filesystem::exists(Folder(CSIDL_STARTUP) / kDecoyStartupFile)) << "the Startup-folder decoy";
+  const std::wstring task = std::wstring(kTaskKey) + kDecoyPackageName + L"_" + kDecoyPublisherId + L"\\" + kDecoyTaskId;
+  EXPECT_EQ(FirstWord(task, L"State"), 2) << "the Store decoy's task, enabled";
+  bool stored = false;
+  for (const std::string& line : Lines(Folder(CSIDL_APPDATA) / "Nexalon" / "Lumera" / "Storage.json")) {
+    stored |= line.find("DecoyStored") != std::string::npos;
+  }
+  EXPECT_TRUE(stored) << "the Storage.json record DecoyStored";
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The module measures a whole boot staged under Wine (see scripts/staged-boot.sh) with
-# workload.exe in the Run key; staged_boot_check.exe then judges the stored results.
+# workload.exe in the staged user's Run key; staged_boot_check.exe then judges the stored results.
 #   staged_boot_test.sh BIN CHECK_EXE OUT
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
@@ -19,8 +19,12 @@ if [ "${1:-}" = --inside ]; then
     tail -n 30 "$STAGED_LOG" >&2
     exit 1
   fi
-  # The report thread starts after the files are stored; it has a bounded moment to arrive.
-  for _ in $(seq 80); do grep -q 'workload.exe' "$STAGED_CENTRAL_JSON" 2>/dev/null && break; sleep 0.25; done
+  # The report thread starts after the files are stored; the process-impact and the startup
+  # reports have a bounded moment to arrive.
+  for _ in $(seq 80); do
+    grep -q 'workload.exe' "$STAGED_CENTRAL_JSON" 2>/dev/null && grep -q '"apps"' "$STAGED_CENTRAL_JSON" && break
+    sleep 0.25
+  done
   STAGED_OUT=$(staged_winpath "$STAGED_OUT") WINEDEBUG=-all wine "$check" --gtest_brief=1
   exit $?
 fi

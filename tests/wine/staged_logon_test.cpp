@@ -1,0 +1,318 @@
+// The staged logon: stagedlogon.exe starts the staged user's Run values and Startup-folder files
+// and, from Windows 8 on, passes over those StartupApproved marks disabled (started again once
+// enabled; on Windows 7 the values mean nothing); stageduser.exe's logon refuses a garbled saved
+// hive and loads nothing of it. Each test stages a user, SID and development key of its own.
+#include <gtest/gtest.h>
+
+#include <windows.h>
+#include <objbase.h>
+#include <shlobj.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <cwchar>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "common/com_ptr.h"
+#include "common/staged_account.h"
+#include "common/unique_handle.h"
+#include "logon/logon_entries.h"
+#include "picojson.h"
+#include "stageduser/hive_registry.h"
+#include "support/programs.h"
+#include "support/scratch_folder.h"
+
+namespace {
+
+namespace logon = winestandins::logon;
+using testsupport::Narrow;
+
+constexpr DWORD kToolTimeoutMs = 60000;
+constexpr DWORD kProgramEndMs = 20000;
+constexpr DWORD kDisabled = 3, kDisabledAlt = 1, kEnabled = 2, kEnabledAlt = 0;
+
+std::vector<BYTE> Approval(std::uint32_t word, std::size_t size = 12) {
+  std::vector<BYTE> value(size, 0);
+  std::memcpy(value.data(), &word, std::min(size, sizeof word));
+  return value;
+}
+
+TEST(StartupApproved, DisablesOnlyByAFirstWordOfOneOrThree) {
+  const struct {
+    std::vector<BYTE> value;
+    bool disables;
+  } cases[] = {
+      {Approval(1), true},       {Approval(3), true},          {Approval(1, 4), true},
+      {Approval(0), false},      {Approval(2), false},         {Approval(6), false},
+      {Approval(0x0101), false}, {Approval(1, 3), false},      {{}, false},
+  };
+  for (const auto& test : cases) {
+    EXPECT_EQ(logon::ApprovalDisables(test.value.data(), test.value.size()), test.disables)
+        << test.value.size() << " bytes, first " << (test.value.empty() ? -1 : test.value[0]);
+  }
+  EXPECT_FALSE(logon::ApprovalDisables(nullptr, 12));
+}
+
+TEST(StartupApproved, EachSourceHasTheKeyWindowsKeepsItsValuesIn) {
+  const std::wstring approved = logon::kApprovedSubkey;
+  const auto sources = logon::LogonSources(L"S-1-5-21-1-2-3-4", L"C:\\common", L"C:\\user");
+  ASSERT_EQ(sources.size(), 5u);
+  EXPECT_EQ(sources[0].run.Text(), L"HKLM\\" + std::wstring(logon::kRunSubkey));
+  EXPECT_EQ(sources[0].approval.Text(), L"HKLM\\" + approved + L"\\Run");
+  EXPECT_EQ(sources[1].run.Text(), L"HKLM\\" + std::wstring(logon::kRunWowSubkey));
+  EXPECT_EQ(sources[1].approval.Text(), L"HKLM\\" + approved + L"\\Run32");
+  EXPECT_EQ(sources[2].run.Text(), L"HKEY_USERS\\S-1-5-21-1-2-3-4\\" + std::wstring(logon::kRunSubkey));
+  EXPECT_EQ(sources[2].approval.Text(), L"HKEY_USERS\\S-1-5-21-1-2-3-4\\" + approved + L"\\Run");
+  EXPECT_EQ(sources[3].folder, L"C:\\common");
+  EXPECT_EQ(sources[3].approval.Text(), L"HKLM\\" + approved + L"\\StartupFolder");
+  EXPECT_EQ(sources[4].folder, L"C:\\user");
+  EXPECT_EQ(sources[4].approval.Text(), L"HKEY_USERS\\S-1-5-21-1-2-3-4\\" + approved + L"\\StartupFolder");
+}
+
+// A Run key with its StartupApproved key below a scratch key of the test's own, removed after.
+struct ScratchKey {
+  ~ScratchKey() { ::RegDeleteTreeW(HKEY_CURRENT_USER, top.c_str()); }
+  const std::wstring top = L"Software\\LumeraStagedLogonTest" + std::to_wstring(::GetCurrentProcessId());
+};
+
+void Approve(const logon::RegistryPlace& key, const wchar_t* name, std::uint32_t word) {
+  const std::vector<BYTE> value = Approval(word);
+  ASSERT_EQ(::RegSetKeyValueW(key.root, key.subkey.c_str(), name, REG_BINARY, value.data(), static_cast<DWORD>(value.size())),
+            ERROR_SUCCESS);
+}
+
+TEST(LogonEntries, TakeStringRunValuesAndFilesAndReadEachOnesApproval) {
+  const ScratchKey scratch;
+  testsupport::ScratchFolder folder;
+  logon::LogonSource run;
+  run.run = {HKEY_CURRENT_USER, scratch.top + L"\\Run"};
+  run.approval = {HKEY_CURRENT_USER, scratch.top + L"\\Approved"};
+  logon::LogonSource files;
+  files.kind = logon::EntryKind::kStartupFile;
+  files.folder = folder.path().substr(0, folder.path().size() - 1);
+  files.approval = {HKEY_CURRENT_USER, scratch.top + L"\\ApprovedFolder"};
+  for (const auto& [name, type, text] : {std::tuple{L"Plain", REG_SZ, L"plain.exe /a"},
+                                         std::tuple{L"Expanding", REG_EXPAND_SZ, L"%WINDIR%\\x.exe"}}) {
+    ASSERT_EQ(::RegSetKeyValueW(HKEY_CURRENT_USER, run.run.subkey.c_str(), name, type, text,
+                                static_cast<DWORD>((wcslen(text) + 1) * sizeof(wchar_t))),
+              ERROR_SUCCESS);
+  }
+  const DWORD word = 1;
+  ASSERT_EQ(::RegSetKeyValueW(HKEY_CURRENT_USER, run.run.subkey.c_str(), L"NotText", REG_DWORD, &word, sizeof word), 0);
+  Approve(run.approval, L"Plain", kDisabled);
+  Approve(run.approval, L"Expanding", kEnabled);
+  testsupport::WriteFileBytes(folder.file(L"app.exe"));
+  testsupport::WriteFileBytes(folder.file(L"desktop.ini"));
+  ASSERT_TRUE(::CreateDirectoryW(folder.file(L"sub").c_str(), nullptr));
+  Approve(files.approval, L"app.exe", kDisabledAlt);
+
+  std::vector<logon::LogonEntry> entries;
+  logon::CollectEntries(run, entries);
+  logon::CollectEntries(files, entries);
+  ASSERT_EQ(entries.size(), 3u) << "two string values and one file; no DWORD, desktop.ini or folder";
+  std::map<std::wstring, const logon::LogonEntry*> byName;
+  for (const auto& entry : entries) byName[entry.name] = &entry;
+  ASSERT_TRUE(byName.count(L"Plain") && byName.count(L"Expanding") && byName.count(L"app.exe"));
+  EXPECT_EQ(byName[L"Plain"]->command, L"plain.exe /a");
+  EXPECT_FALSE(byName[L"Plain"]->expand);
+  EXPECT_TRUE(byName[L"Expanding"]->expand) << "REG_EXPAND_SZ is expanded in the user's environment when started";
+  EXPECT_EQ(byName[L"app.exe"]->command, folder.file(L"app.exe"));
+  EXPECT_TRUE(logon::DisabledByApproval(*byName[L"Plain"]));
+  EXPECT_FALSE(logon::DisabledByApproval(*byName[L"Expanding"]));
+  EXPECT_TRUE(logon::DisabledByApproval(*byName[L"app.exe"]));
+  ASSERT_EQ(::RegDeleteKeyValueW(HKEY_CURRENT_USER, run.approval.subkey.c_str(), L"Plain"), ERROR_SUCCESS);
+  EXPECT_FALSE(logon::DisabledByApproval(*byName[L"Plain"])) << "without a value the entry starts";
+}
+
+// What stagedlogon.exe printed, by entry name: the fields after the name.
+using LogonOutput = std::map<std::string, std::vector<std::string>>;
+
+LogonOutput Parse(const std::string& output) {
+  LogonOutput lines;
+  std::size_t start = 0;
+  while (start < output.size()) {
+    std::size_t end = output.find('\n', start);
+    if (end == std::string::npos) end = output.size();
+    std::string line = output.substr(start, end - start);
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    std::vector<std::string> fields(1);
+    for (const char c : line) {
+      if (c == '\t') {
+        fields.emplace_back();
+      } else {
+        fields.back().push_back(c);
+      }
+    }
+    if (fields.size() >= 3) lines[fields[1]] = {fields[0], fields[2]};
+    start = end + 1;
+  }
+  return lines;
+}
+
+// A staged user of the test's own, created by stageduser.exe with a development key of its
+// own, and everything it made removed afterwards.
+class StagedLogon : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+    const auto run = Tool(L"stageduser.exe", L"create " + name_ + L" --sid " + sid_ + L" --key " + devKey_);
+    ASSERT_EQ(run.exitCode, 0u) << run.output;
+    const DWORD loggedOn = 1;
+    ASSERT_EQ(::RegSetKeyValueW(HKEY_LOCAL_MACHINE, devKey_.c_str(), L"ConsoleSession", REG_DWORD, &loggedOn, sizeof loggedOn), 0);
+    ASSERT_TRUE(winestandins::ProfileOfSid(sid_, profile_));
+    startup_ = profile_ + L"\\" + winestandins::kStartupFolder;
+  }
+  void TearDown() override {
+    EXPECT_EQ(winestandins::hive::UnloadHive(sid_), 0u);
+    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, (std::wstring(winestandins::kProfileListKey) + L"\\" + sid_).c_str());
+    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, devKey_.c_str());
+    std::error_code ignored;
+    if (!profile_.empty()) std::filesystem::remove_all(std::filesystem::path(profile_), ignored);
+    ::CoUninitialize();
+  }
+
+  static testsupport::ProgramRun Tool(const wchar_t* exe, const std::wstring& arguments) {
+    return testsupport::RunProgram(testsupport::Quoted(testsupport::BinFolder() / L"winestandins" / exe) + L" " + arguments,
+                                   kToolTimeoutMs);
+  }
+
+  // stagedlogon.exe for this test's user: its environment names the test's development key.
+  LogonOutput Logon() const {
+    ::SetEnvironmentVariableW(winestandins::kDevKeyOverride, devKey_.c_str());
+    const auto run = Tool(L"stagedlogon.exe", L"");
+    ::SetEnvironmentVariableW(winestandins::kDevKeyOverride, nullptr);
+    EXPECT_EQ(run.exitCode, 0u) << run.output;
+    LogonOutput lines = Parse(run.output);
+    EXPECT_EQ(lines[Narrow(name_)], std::vector<std::string>({"user", Narrow(sid_)})) << run.output;
+    return lines;
+  }
+
+  std::wstring Workload(const std::wstring& report) const {
+    return testsupport::Quoted(testsupport::BinFolder() / L"workload.exe") +
+           L" --busy-ms 0 --write-mb 0 --quiet-ms 0 --folder " + testsupport::Quoted(Folder()) + L" --report " +
+           testsupport::Quoted(folder_.file(report));
+  }
+  void SetRunValue(const std::wstring& report) const {
+    const std::wstring command = Workload(report);
+    ASSERT_EQ(::RegSetKeyValueW(HKEY_USERS, (sid_ + L"\\" + logon::kRunSubkey).c_str(), L"LumeraProbeRun", REG_SZ,
+                                command.c_str(), static_cast<DWORD>((command.size() + 1) * sizeof(wchar_t))),
+              0);
+  }
+  void SetShortcut(const std::wstring& report) const {
+    ky::com_ptr<IShellLinkW> link;
+    ASSERT_HRESULT_SUCCEEDED(::CoCreateInstance(CLSID_ShellLink, nullptr, CLSCTX_INPROC_SERVER, IID_IShellLinkW, link.put_void()));
+    const std::wstring command = Workload(report);
+    const std::wstring target = (testsupport::BinFolder() / L"workload.exe").wstring();
+    ASSERT_HRESULT_SUCCEEDED(link->SetPath(target.c_str()));
+    ASSERT_HRESULT_SUCCEEDED(link->SetArguments(command.substr(command.find(L" --busy-ms") + 1).c_str()));
+    ky::com_ptr<IPersistFile> file;
+    ASSERT_HRESULT_SUCCEEDED(link.query(IID_IPersistFile, file));
+    ASSERT_HRESULT_SUCCEEDED(file->Save((startup_ + L"\\LumeraProbe.lnk").c_str(), TRUE));
+  }
+  void ApproveForUser(const wchar_t* leaf, const wchar_t* name, std::uint32_t word) const {
+    Approve({HKEY_USERS, sid_ + L"\\" + logon::kApprovedSubkey + L"\\" + leaf}, name, word);
+  }
+
+  // The program stagedlogon says it started ended and wrote `report` with its own pid.
+  void ExpectStartedAndReported(const LogonOutput& lines, const char* name, const std::wstring& report) const {
+    const auto found = lines.find(name);
+    ASSERT_TRUE(found != lines.end() && found->second[0] == "started")
+        << name << " was not started: " << (found == lines.end() ? "not listed" : found->second[0] + " " + found->second[1]);
+    const DWORD pid = std::stoul(found->second[1]);
+    if (ky::unique_handle process{::OpenProcess(SYNCHRONIZE, FALSE, pid)}) {
+      ASSERT_EQ(::WaitForSingleObject(process.get(), kProgramEndMs), WAIT_OBJECT_0) << name << " did not end";
+    }
+    picojson::value written;
+    ASSERT_EQ(picojson::parse(written, testsupport::ReadFileBytes(folder_.file(report))), "") << name << " wrote no report";
+    EXPECT_EQ(written.get("pid").to_str(), std::to_string(pid)) << name << ": the program that reported is the one started";
+  }
+
+  // The scratch folder without its trailing backslash, which would escape a closing quote.
+  std::wstring Folder() const { return folder_.path().substr(0, folder_.path().size() - 1); }
+
+  const std::wstring suffix_ = std::to_wstring(::GetCurrentProcessId());
+  const std::wstring name_ = L"lmtest" + suffix_;
+  const std::wstring sid_ = L"S-1-5-21-7-7-8-" + suffix_;
+  const std::wstring devKey_ = L"Software\\LumeraStagedLogonTest" + suffix_;
+  std::wstring profile_;
+  std::wstring startup_;
+  testsupport::ScratchFolder folder_;
+};
+
+TEST_F(StagedLogon, PassesOverWhatStartupApprovedDisablesFromWindows8OnAndStartsItOnceEnabled) {
+  SetRunValue(L"run1.json");
+  SetShortcut(L"link1.json");
+  ApproveForUser(logon::kApprovedRun, L"LumeraProbeRun", kDisabled);
+  ApproveForUser(logon::kApprovedStartupFolder, L"LumeraProbe.lnk", kDisabledAlt);
+  const LogonOutput first = Logon();
+  if (testsupport::WineFlavourIsWin10()) {
+    for (const char* name : {"LumeraProbeRun", "LumeraProbe.lnk"}) {
+      ASSERT_TRUE(first.count(name)) << name << " not listed";
+      EXPECT_EQ(first.at(name)[0], "skipped") << name;
+      EXPECT_NE(first.at(name)[1].find("StartupApproved"), std::string::npos) << first.at(name)[1];
+    }
+  } else {
+    ExpectStartedAndReported(first, "LumeraProbeRun", L"run1.json");
+    ExpectStartedAndReported(first, "LumeraProbe.lnk", L"link1.json");
+  }
+
+  SetRunValue(L"run2.json");
+  SetShortcut(L"link2.json");
+  ApproveForUser(logon::kApprovedRun, L"LumeraProbeRun", kEnabled);
+  ApproveForUser(logon::kApprovedStartupFolder, L"LumeraProbe.lnk", kEnabledAlt);
+  const LogonOutput second = Logon();
+  ExpectStartedAndReported(second, "LumeraProbeRun", L"run2.json");
+  ExpectStartedAndReported(second, "LumeraProbe.lnk", L"link2.json");
+}
+
+TEST_F(StagedLogon, RefusesAGarbledSavedHiveAndLoadsItWholeOnceMended) {
+  const std::wstring user = L" " + name_ + L" --sid " + sid_ + L" --key " + devKey_;
+  SetRunValue(L"kept.json");
+  auto run = Tool(L"stageduser.exe", L"logoff" + user);
+  ASSERT_EQ(run.exitCode, 0u) << run.output;
+  EXPECT_FALSE(winestandins::hive::HiveLoaded(sid_)) << "logoff unloads the hive";
+  const std::wstring file = profile_ + L"\\" + winestandins::kHiveFileName;
+  const std::string whole = testsupport::ReadFileBytes(file);
+  ASSERT_FALSE(whole.empty());
+
+  testsupport::WriteFileBytes(file, whole.substr(0, whole.size() / 2));
+  run = Tool(L"stageduser.exe", L"logon" + user);
+  EXPECT_EQ(run.exitCode, 1u) << run.output;
+  EXPECT_NE(run.output.find("refused"), std::string::npos) << run.output;
+  EXPECT_FALSE(winestandins::hive::HiveLoaded(sid_)) << "nothing of a refused file is loaded";
+
+  testsupport::WriteFileBytes(file, whole);
+  run = Tool(L"stageduser.exe", L"logon" + user);
+  EXPECT_EQ(run.exitCode, 0u) << run.output;
+  wchar_t command[1024] = {};
+  DWORD bytes = sizeof command;
+  EXPECT_EQ(::RegGetValueW(HKEY_USERS, (sid_ + L"\\" + logon::kRunSubkey).c_str(), L"LumeraProbeRun", RRF_RT_REG_SZ,
+                           nullptr, command, &bytes),
+            0);
+  EXPECT_EQ(std::wstring(command), Workload(L"kept.json")) << "the Run value saved at logoff";
+  std::wstring target;
+  EXPECT_TRUE(winestandins::hive::ReadLinkTarget(HKEY_USERS, sid_ + L"\\Software\\Classes", target));
+  EXPECT_EQ(target, L"\\Registry\\User\\" + sid_ + L"_Classes");
+}
+
+TEST(StagingTools, AnswerHelpWithZeroAndABadCommandLineWithTwo) {
+  const auto tool = [](const wchar_t* exe, const std::wstring& arguments) {
+    return testsupport::RunProgram(testsupport::Quoted(testsupport::BinFolder() / L"winestandins" / exe) + L" " + arguments,
+                                   kToolTimeoutMs);
+  };
+  for (const wchar_t* exe : {L"stageduser.exe", L"stagedlogon.exe"}) {
+    const auto help = tool(exe, L"--help");
+    EXPECT_EQ(help.exitCode, 0u) << Narrow(exe);
+    EXPECT_NE(help.output.find("Exit codes"), std::string::npos) << help.output;
+    EXPECT_EQ(tool(exe, L"--bogus").exitCode, 2u) << Narrow(exe);
+  }
+  EXPECT_EQ(tool(L"stageduser.exe", L"create bad:name").exitCode, 2u);
+  EXPECT_EQ(tool(L"stageduser.exe", L"create someone --sid S-1-5-18").exitCode, 2u) << "not an account's SID";
+}
+
+}  // namespace

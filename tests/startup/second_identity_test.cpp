@@ -130,7 +130,7 @@ class SecondIdentity : public ::testing::Test {
 TEST_F(SecondIdentity, TheSourcesAreTheConsoleUsersAndTheMachinesNeverThisAccounts) {
   startup::CStartupItems sources;
   ASSERT_NE(sources.User(), nullptr);
-  EXPECT_EQ(sources.User()->Name(), user_->Name());
+  EXPECT_EQ(sources.User()->UserName(), user_->Name());
   EXPECT_EQ(sources.User()->Sid(), user_->Sid());
   ASSERT_EQ(sources.RunKeySources().size(), 3u);
   EXPECT_EQ(sources.RunKeySources()[0].second, user_->RunKey());

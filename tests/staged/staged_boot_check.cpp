@@ -32,16 +32,6 @@ constexpr wchar_t kApprovedKey[] = L"Software\\Microsoft\\Windows\\CurrentVersio
 constexpr wchar_t kTaskKey[] =
     L"Software\\Classes\\Local Settings\\Software\\Microsoft\\Windows\\CurrentVersion\\AppModel\\SystemAppData\\";
 
-// The module sees the staged user only through the identity stand-ins (its imports redirected,
-// see dev/lumera_dev/staged_identity.h); without them it still reads the account the host runs
-// as, decoys included, so the checks of what it reports about the user wait for them
-// (CMakeLists.txt defines LUMERA_STAGED_IDENTITY once the stand-ins are in the tree).
-#if defined(LUMERA_STAGED_IDENTITY)
-constexpr bool kModuleSeesTheStagedUser = true;
-#else
-constexpr bool kModuleSeesTheStagedUser = false;
-#endif
-
 std::string Environment(const char* name) {
   char value[MAX_PATH] = {};
   const DWORD chars = ::GetEnvironmentVariableA(name, value, MAX_PATH);
@@ -195,7 +185,6 @@ TEST_F(StagedBoot, TheReportReachesTheCentralComponent) {
 // (both copies of workload.exe, named by its version resource), and no decoy of the service's
 // account, whose programs all describe themselves as "Decoy...".
 TEST_F(StagedBoot, TheStartupReportHoldsTheStagedUsersAppsAndNoDecoy) {
-  if (!kModuleSeesTheStagedUser) GTEST_SKIP() << "waits for the module to read the staged user (identity stand-ins)";
   int reports = 0;
   int workloadApps = 0;
   for (const std::string& line : Lines(Out() / "central.jsonl")) {
@@ -235,7 +224,6 @@ std::filesystem::path Folder(int csidl) {
 // The decoys of the service's account (this program's account too) are as stageduser.exe decoys
 // left them, and the module's log never names one: it neither listed nor changed them.
 TEST_F(StagedBoot, TheModuleLeavesTheDecoysAlone) {
-  if (!kModuleSeesTheStagedUser) GTEST_SKIP() << "waits for the module to read the staged user (identity stand-ins)";
   for (const std::string& line : Lines(Out() / "logs" / "lumera.log")) {
     EXPECT_EQ(line.find(kDecoy), std::string::npos) << "the module's log names a decoy: " << line;
   }

@@ -11,7 +11,6 @@
 namespace winestandins {
 namespace {
 
-constexpr DWORD kMaxDevKeyChars = 255;
 constexpr DWORD kMaxTextChars = 1024;
 constexpr wchar_t kAccountSidPrefix[] = L"S-1-5-21-";
 constexpr wchar_t kForbiddenNameChars[] = L"\"/\\[]:;|=,+*?<>@";
@@ -43,12 +42,6 @@ std::wstring WithoutTrailingSlash(std::wstring path) {
 }
 
 }  // namespace
-
-std::wstring DevelopmentKey() {
-  wchar_t name[kMaxDevKeyChars + 1] = {};
-  const DWORD chars = ::GetEnvironmentVariableW(kDevKeyOverride, name, kMaxDevKeyChars + 1);
-  return chars > 0 && chars <= kMaxDevKeyChars ? std::wstring(name, chars) : std::wstring(lumera::dev::kDevelopmentKey);
-}
 
 bool ReadStagedAccount(const std::wstring& devKey, Account& account) {
   std::wstring name;

@@ -12,13 +12,16 @@
 
 #include <string>
 
+#include "lumera_dev/console_session.h"
+#include "lumera_dev/staged_identity.h"
+
 namespace winestandins {
 
-inline constexpr wchar_t kDevKeyOverride[] = L"LUMERA_DEV_KEY";
-inline constexpr wchar_t kStagedUserValue[] = L"StagedUser";
-inline constexpr wchar_t kStagedUserSidValue[] = L"StagedUserSid";
+using lumera::dev::kProfileListKey;
+using lumera::dev::kStagedUserSidValue;
+using lumera::dev::kStagedUserValue;
+inline constexpr const wchar_t* kDevKeyOverride = lumera::dev::kKeyOverride;
 inline constexpr wchar_t kDefaultStagedSid[] = L"S-1-5-21-0-0-0-1001";
-inline constexpr wchar_t kProfileListKey[] = L"Software\\Microsoft\\Windows NT\\CurrentVersion\\ProfileList";
 inline constexpr wchar_t kProfileImagePathValue[] = L"ProfileImagePath";
 inline constexpr wchar_t kProfilesDirectoryValue[] = L"ProfilesDirectory";
 inline constexpr wchar_t kClassesSuffix[] = L"_Classes";
@@ -39,7 +42,7 @@ struct Account {
 };
 
 // The development key below HKLM: what LUMERA_DEV_KEY names, else lumera::dev::kDevelopmentKey.
-std::wstring DevelopmentKey();
+inline std::wstring DevelopmentKey() { return lumera::dev::DevelopmentKeyPath(); }
 
 // StagedUser and StagedUserSid of `devKey` (below HKLM), `staged` set; false, `account`
 // untouched, unless both are non-empty strings.

@@ -29,6 +29,7 @@
 #include "common/text_convert.h"
 #include "common/unique_handle.h"
 #include "common/windows_version.h"
+#include "lumera_dev/staged_identity.h"
 #include "logon/logon_entries.h"
 
 namespace {
@@ -67,11 +68,7 @@ int Fail(const std::wstring& reason) {
   return kExitFailed;
 }
 
-// TODO(merge with branch rig): call lumera::dev::InstallStagedIdentity(::GetModuleHandleW(nullptr))
-// from dev/lumera_dev/staged_identity.h here, so that WTSQueryUserToken and
-// CreateEnvironmentBlock below answer for the staged user; until then the block is the Wine
-// account's and main() says so on standard error.
-void InstallIdentityStandIns() {}
+
 
 // The console user's environment block, as the shell gets it at logon.
 bool UserEnvironment(EnvironmentBlock& block, std::wstring& reason) {
@@ -257,7 +254,8 @@ int main() {
     Print(stderr, L"stagedlogon: unknown argument \"" + args[1] + L"\" (stagedlogon --help shows the usage)");
     return kExitUsage;
   }
-  InstallIdentityStandIns();
+  // WTSQueryUserToken and CreateEnvironmentBlock below then answer for the staged user.
+  (void)lumera::dev::InstallStagedIdentity(::GetModuleHandleW(nullptr));
   winestandins::Account account;
   if (!winestandins::ReadLogonAccount(account)) return Fail(L"neither a staged user nor this program's account can be read");
   if (account.profile.empty()) return Fail(L"no ProfileList entry with a profile folder for " + account.sid);

@@ -214,8 +214,12 @@ class StagedLogon : public ::testing::Test {
     ASSERT_HRESULT_SUCCEEDED(link.query(IID_IPersistFile, file));
     ASSERT_HRESULT_SUCCEEDED(file->Save((startup_ + L"\\LumeraProbe.lnk").c_str(), TRUE));
   }
-  void ApproveForUser(const wchar_t* leaf, const wchar_t* name, std::uint32_t word) const {
-    Approve({HKEY_USERS, sid_ + L"\\" + logon::kApprovedSubkey + L"\\" + leaf}, name, word);
+  // startupctl.exe acting for this test's user, as an administrator runs it for the console user.
+  testsupport::ProgramRun Startupctl(const std::wstring& arguments) const {
+    ::SetEnvironmentVariableW(winestandins::kDevKeyOverride, devKey_.c_str());
+    const auto run = testsupport::RunBinProgram(L"startupctl.exe", arguments);
+    ::SetEnvironmentVariableW(winestandins::kDevKeyOverride, nullptr);
+    return run;
   }
 
   // The program stagedlogon says it started ended and wrote `report` with its own pid.
@@ -244,30 +248,37 @@ class StagedLogon : public ::testing::Test {
   testsupport::ScratchFolder folder_;
 };
 
-TEST_F(StagedLogon, PassesOverWhatStartupApprovedDisablesFromWindows8OnAndStartsItOnceEnabled) {
-  SetRunValue(L"run1.json");
-  SetShortcut(L"link1.json");
-  ApproveForUser(logon::kApprovedRun, L"LumeraProbeRun", kDisabled);
-  ApproveForUser(logon::kApprovedStartupFolder, L"LumeraProbe.lnk", kDisabledAlt);
-  const LogonOutput first = Logon();
-  if (testsupport::WineFlavourIsWin10()) {
-    for (const char* name : {"LumeraProbeRun", "LumeraProbe.lnk"}) {
-      ASSERT_TRUE(first.count(name)) << name << " not listed";
-      EXPECT_EQ(first.at(name)[0], "skipped") << name;
-      EXPECT_NE(first.at(name)[1].find("StartupApproved"), std::string::npos) << first.at(name)[1];
-    }
-  } else {
-    ExpectStartedAndReported(first, "LumeraProbeRun", L"run1.json");
-    ExpectStartedAndReported(first, "LumeraProbe.lnk", L"link1.json");
+// Disabled through startupctl.exe, as a person does it, the entries stay out of the next logon:
+// from Windows 8 on StartupApproved marks them, below it they are taken out; enabled again, they
+// start.
+TEST_F(StagedLogon, PassesOverWhatStartupctlDisabledAndStartsItOnceEnabledAgain) {
+  SetRunValue(L"run.json");
+  SetShortcut(L"link.json");
+  for (const wchar_t* name : {L"LumeraProbeRun", L"LumeraProbe.lnk"}) {
+    const auto run = Startupctl(std::wstring(L"disable ") + name);
+    ASSERT_EQ(run.exitCode, 0u) << run.output;
   }
+  const LogonOutput first = Logon();
+  for (const char* name : {"LumeraProbeRun", "LumeraProbe.lnk"}) {
+    const auto found = first.find(name);
+    if (testsupport::WineFlavourIsWin10()) {
+      ASSERT_TRUE(found != first.end()) << name << " not listed";
+      EXPECT_EQ(found->second[0], "skipped") << name;
+      EXPECT_NE(found->second[1].find("StartupApproved"), std::string::npos) << found->second[1];
+    } else {
+      EXPECT_TRUE(found == first.end()) << name << " is still there below Windows 8: " << found->second[0];
+    }
+  }
+  EXPECT_TRUE(testsupport::ReadFileBytes(folder_.file(L"run.json")).empty()) << "a disabled Run entry ran";
+  EXPECT_TRUE(testsupport::ReadFileBytes(folder_.file(L"link.json")).empty()) << "a disabled shortcut ran";
 
-  SetRunValue(L"run2.json");
-  SetShortcut(L"link2.json");
-  ApproveForUser(logon::kApprovedRun, L"LumeraProbeRun", kEnabled);
-  ApproveForUser(logon::kApprovedStartupFolder, L"LumeraProbe.lnk", kEnabledAlt);
+  for (const wchar_t* name : {L"LumeraProbeRun", L"LumeraProbe.lnk"}) {
+    const auto run = Startupctl(std::wstring(L"enable ") + name);
+    ASSERT_EQ(run.exitCode, 0u) << run.output;
+  }
   const LogonOutput second = Logon();
-  ExpectStartedAndReported(second, "LumeraProbeRun", L"run2.json");
-  ExpectStartedAndReported(second, "LumeraProbe.lnk", L"link2.json");
+  ExpectStartedAndReported(second, "LumeraProbeRun", L"run.json");
+  ExpectStartedAndReported(second, "LumeraProbe.lnk", L"link.json");
 }
 
 TEST_F(StagedLogon, RefusesAGarbledSavedHiveAndLoadsItWholeOnceMended) {

@@ -68,8 +68,10 @@ summary_startup_apps() {
         split(rows[i], f, "\t"); key = tolower(f[4])
         cpu[key] += f[1]; io[key] += f[2] + f[3]; seen[key] = 1
       }
-      printf "  %-20s %-10s %-9s %-24s  %s\n", "app", "publisher", "state", "impact", "program"
     }
+    # The first line names whose entries these are: the user at the console, as the service sees them.
+    NR == 1 && NF < 8 { printf "  %s\n", $0; next }
+    NF >= 8 && !headed { printf "  %-20s %-10s %-9s %-24s  %s\n", "app", "publisher", "state", "impact", "program"; headed = 1 }
     NF >= 8 {
       t = tolower(target($6))
       impact = (t in seen) ? sprintf("%s (%d ms, %.1f MB)", rating(cpu[t], io[t]), cpu[t], io[t] / 1048576) : "not measured"

@@ -300,6 +300,23 @@ TEST_F(SecondIdentity, TheToolsListAndChangeTheConsoleUsersEntries) {
   ASSERT_EQ(enabled.exitCode, 0u) << enabled.output;
   EXPECT_TRUE(HasValue(HKEY_USERS, user_->RunKey(), LocalName()));
   EXPECT_EQ(testsupport::ReadFileBytes(store).find(Narrow(LocalName())), std::string::npos);
+
+  const auto delayed = testsupport::RunBinProgram(L"startupctl.exe", L"delay " + StartupName());
+  ASSERT_EQ(delayed.exitCode, 0u) << delayed.output;
+  EXPECT_NE(testsupport::ReadFileBytes(store).find("StartupDelayed"), std::string::npos) << "the user's own store";
+  if (testsupport::WineFlavourIsWin10()) {
+    EXPECT_TRUE(HasValue(HKEY_USERS, user_->Hive(kApprovedFolder), StartupName()));
+    EXPECT_FALSE(HasValue(HKEY_CURRENT_USER, kApprovedFolder, StartupName()));
+  } else {
+    EXPECT_EQ(::GetFileAttributesW((user_->Startup() + L"\\" + StartupName()).c_str()), INVALID_FILE_ATTRIBUTES)
+        << "below Windows 8 the file is put aside in the user's folder";
+  }
+
+  // The report is built from the same user: their apps, never this account's decoys.
+  const auto report = testsupport::RunBinProgram(L"startupctl.exe", L"report");
+  EXPECT_NE(report.output.find("Fixture Tray Helper"), std::string::npos) << report.output;
+  EXPECT_EQ(report.output.find("Deutsche"), std::string::npos) << report.output;
+  EXPECT_EQ(testsupport::RunBinProgram(L"startupctl.exe", L"enable " + StartupName()).exitCode, 0u);
 }
 
 }  // namespace

@@ -120,6 +120,20 @@ TEST_F(StagedBoot, TheStagedUsersLogonStartedTheWorkload) {
   }
 }
 
+// Until the staged logon nobody is at the console: the users library says so (it never takes
+// the host's own account for the user), and the module monitors the boot from its start.
+TEST_F(StagedBoot, NobodyIsLoggedOnUntilTheStagedLogonSoTheBootIsMonitored) {
+  bool noUser = false, monitored = false, loggedOnFirst = false;
+  for (const std::string& line : Lines(Out() / "logs" / "lumera.log")) {
+    loggedOnFirst |= !monitored && line.find("login time = ") != std::string::npos;
+    noUser |= line.find("CUserLogon::IsUserLogged: SrvGetCurrentUserInfoAdvanced failed") != std::string::npos;
+    monitored |= line.find("must start processes monitor (user not logged)") != std::string::npos;
+  }
+  EXPECT_TRUE(noUser) << "kyusers.dll answered a user before the logon";
+  EXPECT_TRUE(monitored) << "the module did not start the monitor for a boot nobody had logged on to";
+  EXPECT_FALSE(loggedOnFirst) << "a logon was seen before the monitor started";
+}
+
 TEST_F(StagedBoot, TheBootEndsWhenTheWorkloadStopsBeingBusy) {
   const picojson::value info = ReadJson(Out() / "data" / "velora" / "last_boot_time_information.json");
   ASSERT_TRUE(info.is<picojson::object>());

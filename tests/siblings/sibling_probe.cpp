@@ -3,9 +3,10 @@
 // check's start of StartLauncher.exe, from the folder it sits in. productinfo and users exit
 // with the loader's code (0 when loaded); appsfilter prints the number of paths gathered; qid
 // prints "qid[...]" for the application of each file and exits with the number of files that
-// gave no application; launcher holds an inheritable event whose value it passes in
-// LUMERA_PROBE_HANDLE. Copied as StartLauncher.exe, the probe records that it was started in
-// "started.txt" of its own folder: "inherited" when that event reached it, else "clean".
+// gave no application; launcher holds an inheritable handle of "handle.probe" in its folder
+// and passes its value in LUMERA_PROBE_HANDLE. Copied as StartLauncher.exe, the probe records
+// that it was started in "started.txt" of its own folder: "inherited" when that handle reached
+// it, else "clean".
 #include <windows.h>
 
 #include <cstdint>
@@ -33,8 +34,11 @@ constexpr char kHandleVariable[] = "LUMERA_PROBE_HANDLE";
 int RecordStarted() {
   const char* value = std::getenv(kHandleVariable);
   const auto handle = reinterpret_cast<HANDLE>(static_cast<std::uintptr_t>(value ? std::strtoull(value, nullptr, 10) : 0));
-  DWORD flags = 0;
-  const bool inherited = handle != nullptr && ::GetHandleInformation(handle, &flags);
+  // The value may name some handle of this process's own, so the file behind it is compared.
+  wchar_t path[MAX_PATH] = {};
+  const DWORD n = handle != nullptr ? ::GetFinalPathNameByHandleW(handle, path, MAX_PATH, FILE_NAME_NORMALIZED) : 0;
+  const std::wstring name(path, n < MAX_PATH ? n : 0);
+  const bool inherited = name.size() >= 12 && _wcsicmp(name.c_str() + name.size() - 12, L"handle.probe") == 0;
   const std::wstring mark = ky::ThisModuleFolder() + L"started.txt";
   std::ofstream(std::filesystem::path(mark + L".new")) << (inherited ? "inherited" : "clean");
   // Renamed into place so that a reader never sees the mark before its text.
@@ -43,8 +47,9 @@ int RecordStarted() {
 
 int Launch() {
   SECURITY_ATTRIBUTES inheritable{sizeof inheritable, nullptr, TRUE};
-  ky::unique_handle event(::CreateEventW(&inheritable, TRUE, FALSE, nullptr));
-  const std::string value = std::to_string(reinterpret_cast<std::uintptr_t>(event.get()));
+  ky::unique_file file(::CreateFileW((ky::ThisModuleFolder() + L"handle.probe").c_str(), GENERIC_WRITE, FILE_SHARE_READ,
+                                     &inheritable, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+  const std::string value = std::to_string(reinterpret_cast<std::uintptr_t>(file.get()));
   ::SetEnvironmentVariableA(kHandleVariable, value.c_str());
   CStartLauncherCheckExec().OnLogoff(0, L"probe");
   return 0;

@@ -66,6 +66,16 @@ std::uint32_t Repair(const std::wstring& folder) {
 
 }  // namespace
 
+bool IsServiceDescriptor(PSECURITY_DESCRIPTOR descriptor) {
+  PSID owner = nullptr;
+  PACL list = nullptr;
+  BOOL defaulted = FALSE;
+  BOOL present = FALSE;
+  return descriptor != nullptr && ::GetSecurityDescriptorOwner(descriptor, &owner, &defaulted) &&
+         ::GetSecurityDescriptorDacl(descriptor, &present, &list, &defaulted) && present &&
+         IsSecure(descriptor, owner, list);
+}
+
 ScopedProcessIdentity::ScopedProcessIdentity() {
   if (::OpenThreadToken(::GetCurrentThread(), TOKEN_IMPERSONATE, TRUE, token_.put()) && !::RevertToSelf()) {
     token_.reset();

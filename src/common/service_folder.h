@@ -32,6 +32,9 @@ struct FolderResult {
 // or the failing call's code with `result` untouched (the folder may then exist as it was).
 [[nodiscard]] std::uint32_t EnsureServiceFolder(const std::wstring& folder, FolderResult& result);
 
+// Whether `descriptor` (owner and access list) is one EnsureServiceFolder keeps as it is.
+[[nodiscard]] bool IsServiceDescriptor(PSECURITY_DESCRIPTOR descriptor);
+
 // Whether the owner and access list of `folder` are the service's own, as EnsureServiceFolder
 // leaves them: 0 with `secure` set and `sddl` (owner and access list) filled, or the failing
 // call's code.

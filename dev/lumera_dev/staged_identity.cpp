@@ -70,7 +70,7 @@ FARPROC SystemFunction(const wchar_t* dll, const char* name) {
   HMODULE module = ::GetModuleHandleW(dll);
   // Only reached from a stand-in, never under the loader lock. The library stays loaded for
   // the life of the process, as the stand-ins that call into it do.
-  if (module == nullptr) module = ::LoadLibraryW(dll);
+  if (module == nullptr) module = ::LoadLibraryExW(dll, nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
   return module != nullptr ? ::GetProcAddress(module, name) : nullptr;
 }
 

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <vector>
 
+#include "common/service_folder.h"
 #include "common/unique_handle.h"
 #include "lumera/kyfastdb.h"
 
@@ -121,11 +122,16 @@ bool RestrictedToAdministrators(HANDLE file) {
 std::wstring DefaultCacheFile(const std::wstring& libraryFolder) {
   wchar_t programData[MAX_PATH] = {};
   if (SUCCEEDED(::SHGetFolderPathW(nullptr, CSIDL_COMMON_APPDATA, nullptr, 0, programData))) {
-    std::wstring folder = std::wstring(programData) + L"\\Nexalon\\Lumera\\";
-    const int created = ::SHCreateDirectoryExW(nullptr, folder.c_str(), nullptr);
-    if (created == ERROR_SUCCESS || created == ERROR_ALREADY_EXISTS || created == ERROR_FILE_EXISTS) {
-      return folder + kCacheFileName;
+    // Made as the service even when the caller impersonates: a user who owned the folder
+    // could swap the cache file that every later caller trusts.
+    std::wstring folder = programData;
+    bool made = true;
+    for (const wchar_t* level : {L"\\Nexalon", L"\\Lumera"}) {
+      folder += level;
+      ky::FolderResult result;
+      made = made && ky::EnsureServiceFolder(folder, result) == 0;
     }
+    if (made) return folder + L"\\" + kCacheFileName;
   }
   return libraryFolder + kCacheFileName;
 }

@@ -30,12 +30,19 @@ namespace ky {
 // Drive-letter ("C:\") or UNC ("\\server") paths.
 [[nodiscard]] bool IsAbsolutePath(const std::wstring& path) noexcept;
 
+// A file name with no folder part at all ("Wevtapi.dll"): what the loader takes from System32.
+[[nodiscard]] bool IsBareFileName(const std::wstring& name) noexcept;
+
 // The folder of `module` with a trailing backslash, or empty when its name cannot be read.
 [[nodiscard]] std::wstring ModuleFolder(HMODULE module);
 // The folder of the DLL or EXE that this code is linked into, with a trailing backslash.
 [[nodiscard]] std::wstring ThisModuleFolder();
 // The module that this code is linked into.
 [[nodiscard]] HMODULE ThisModule() noexcept;
+// Where a sibling library or program of the product is taken from: a bare file name in the
+// folder of the module this code is linked into; anything else (a full path a test or a
+// caller chose) as given.
+[[nodiscard]] std::wstring SiblingPath(const std::wstring& nameOrPath);
 
 // One function to bind: its exported name and where its address goes. Make it with BindAs,
 // whose type check ties the slot to the function's declaration.
@@ -69,11 +76,12 @@ class ModuleLibrary {
   ModuleLibrary(ModuleLibrary&&) noexcept = default;
   ModuleLibrary& operator=(ModuleLibrary&&) noexcept = default;
 
-  // Loads by name with LoadLibraryW; an absolute path that fails is tried again with
-  // LoadLibraryExW and the altered search path, so the library's own folder serves its
-  // dependencies. Returns 0, or the loader's code (ERROR_MOD_NOT_FOUND when it left none)
-  // with nothing loaded. A library already held is freed first.
-  [[nodiscard]] std::uint32_t Load(const std::wstring& nameOrPath);
+  // Loads a product library by its full path, its dependencies from its own folder and
+  // System32; or a Windows library given by bare file name ("Wevtapi.dll") from System32
+  // only. Neither the current folder nor PATH is ever searched. Returns 0, or the loader's
+  // code (ERROR_MOD_NOT_FOUND when it left none) with nothing loaded; a relative path with a
+  // folder part is refused with ERROR_INVALID_PARAMETER. A library already held is freed first.
+  [[nodiscard]] std::uint32_t Load(const std::wstring& pathOrSystemName);
 
   // Resolves every binding, then writes them all; when any name is missing no slot is
   // touched, *firstMissing (if given) names the first one, and the result is
@@ -105,7 +113,7 @@ class KyFactoryLibrary {
 
   // Loads the library (as ModuleLibrary::Load) and binds both exports. Returns 0, or the
   // failing call's code with nothing held; *firstMissing names a missing export.
-  [[nodiscard]] std::uint32_t Load(const std::wstring& nameOrPath, const char** firstMissing = nullptr);
+  [[nodiscard]] std::uint32_t Load(const std::wstring& path, const char** firstMissing = nullptr);
   void Free() noexcept;
 
   // The library's own KyCreateObject; 13 when nothing is loaded.

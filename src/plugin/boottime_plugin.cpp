@@ -10,6 +10,7 @@
 #include "common/module_library.h"
 #include "lumera/interface_ids.h"
 #include "lumera/productinfo.h"
+#include "plugin/settings_folder.h"
 #include "users/ky_users.h"
 #include "users/user_logon.h"
 
@@ -197,7 +198,7 @@ void CBootTimePlugin::GetSettingsFolderPath() {
     if (!folder.empty() && folder.back() != L'\\' && folder.back() != L'/') folder += L'\\';
     folder += kFallbackSubfolder;
   }
-  ::CreateDirectoryW(folder.c_str(), nullptr);
+  plugin::PrepareSettingsFolder(folder);
   settingsFolder_ = folder;
   KY_LOG(logging::kLevelInfo, L"settingsFolderPath=%s", settingsFolder_.c_str());
 }

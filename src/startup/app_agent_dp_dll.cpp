@@ -7,7 +7,7 @@ namespace startup {
 bool AppAgentDPDll::Init() {
   KY_TRACE(L"AppAgentDPDll::Init");
   if (Bound()) return true;
-  const std::uint32_t loaded = library_.Load(libraryName_);
+  const std::uint32_t loaded = library_.Load(ky::SiblingPath(libraryName_));
   if (loaded != 0) {
     KY_LOG(logging::kLevelError, L"failed load AppAgentDP.dll err=%u", loaded);
     return false;

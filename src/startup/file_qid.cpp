@@ -38,7 +38,7 @@ CFileQID& CFileQID::Instance() {
 
 bool CFileQID::Init() {
   KY_TRACE(L"CFileQID::Init");
-  const std::uint32_t loaded = library_.Load(libraryName_);
+  const std::uint32_t loaded = library_.Load(ky::SiblingPath(libraryName_));
   if (loaded != 0) {
     KY_LOG(logging::kLevelError, L"Failed LoadLibrary KYFastDB.dll 0x%x", loaded);
     return false;

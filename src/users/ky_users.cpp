@@ -17,9 +17,9 @@ bool CKYUsers::ReloadDll() {
   KY_TRACE(L"CKYUsers::ReloadDll");
   ExclusiveLock hold(lock_);
   if (BoundLocked()) return true;
-  const std::wstring path = ky::ThisModuleFolder() + kyusers::kLibraryName;
-  if (module_.Load(path) != 0 && module_.Load(kyusers::kLibraryName) != 0) {
-    KY_LOG(logging::kLevelError, L"LoadLibrary %s failed 0x%x", path.c_str(), ::GetLastError());
+  const std::wstring path = ky::SiblingPath(kyusers::kLibraryName);
+  if (const std::uint32_t loaded = module_.Load(path); loaded != 0) {
+    KY_LOG(logging::kLevelError, L"LoadLibrary %s failed 0x%x", path.c_str(), loaded);
     return false;
   }
   const std::uint32_t bound =

@@ -42,6 +42,8 @@ class CUserProfile {
   const std::wstring& Domain() const { return domain_; }
   const std::wstring& Sid() const { return sid_; }
   bool HasToken() const { return token_ && token_->valid(); }
+  // The captured token (query, impersonate, duplicate), owned by the profile; null without one.
+  HANDLE Token() const { return HasToken() ? token_->get() : nullptr; }
 
   // One of the user's known folders (FOLDERID_Startup, FOLDERID_RoamingAppData, ...), through
   // the user's token, without a trailing backslash: 0 with `folder` set, ERROR_NO_TOKEN

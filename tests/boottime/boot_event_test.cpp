@@ -1,5 +1,6 @@
 // The system's boot event as the monitor sees it, through a test double of wevtapi.dll
-// beside the program and Wine's real service control manager for "RpcSs".
+// beside the program, named by its full path (a bare name is taken from System32 only), and
+// Wine's real service control manager for "RpcSs".
 #include <gtest/gtest.h>
 
 #include <windows.h>
@@ -26,7 +27,7 @@ constexpr std::uint32_t kTick = 30000;
 class BootEventTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    library.reset(::LoadLibraryW((testsupport::ExeFolder() + L"wevtapi.dll").c_str()));
+    library.reset(::LoadLibraryW(DoublePath().c_str()));
     ASSERT_TRUE(library) << "the wevtapi.dll double is not beside the test";
     reset = Bind<fakewevt::ResetFn>("FakeWevtReset");
     add = Bind<fakewevt::AddEventFn>("FakeWevtAddEvent");
@@ -37,6 +38,7 @@ class BootEventTest : public ::testing::Test {
     reset();
     clock.tick = kTick;
   }
+  static std::wstring DoublePath() { return testsupport::ExeFolder() + L"wevtapi.dll"; }
   template <class Fn>
   Fn Bind(const char* name) {
     return reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(library.get(), name)));
@@ -75,7 +77,7 @@ class BootEventTest : public ::testing::Test {
 
 TEST_F(BootEventTest, OnlyAnEventOfThisBootCreatedAfterStartGivesItsTime) {
   add(Created(-3'600'000), 90000, fakewevt::kUInt32);  // an earlier boot's, already logged
-  Event event(clock);
+  Event event(clock, DoublePath());
   StartSubscribed(event);
   EXPECT_EQ(Stats().bookmarkRecord, 1) << "the subscription starts after the newest logged event";
   EXPECT_EQ(event.ResultState(), Event::kResultWaiting);
@@ -104,7 +106,7 @@ TEST_F(BootEventTest, OnlyAnEventOfThisBootCreatedAfterStartGivesItsTime) {
 
 TEST_F(BootEventTest, ThisBootsEventCreatedBeforeStartGivesThreeAndNoTime) {
   add(Created(-3'600'000), 90000, fakewevt::kUInt32);
-  Event event(clock);
+  Event event(clock, DoublePath());
   StartSubscribed(event);
   add(Created(-1000), 41000, fakewevt::kUInt32);
   ASSERT_TRUE(WaitDone(event));
@@ -116,7 +118,7 @@ TEST_F(BootEventTest, AMissingOrMistypedBootTimeFails) {
   for (std::uint32_t kind : {fakewevt::kMissing, fakewevt::kAsString}) {
     reset();
     add(Created(-3'600'000), 90000, fakewevt::kUInt32);
-    Event event(clock);
+    Event event(clock, DoublePath());
     StartSubscribed(event);
     add(Created(1000), 0, kind);
     ASSERT_TRUE(WaitDone(event)) << kind;
@@ -126,7 +128,7 @@ TEST_F(BootEventTest, AMissingOrMistypedBootTimeFails) {
 }
 
 TEST_F(BootEventTest, AnEmptyChannelCannotBeSubscribedAndTheMonitorRetries) {
-  Event event(clock);
+  Event event(clock, DoublePath());
   ASSERT_TRUE(event.Start());
   ASSERT_TRUE(WaitDone(event)) << "no bookmark: the subscription fails";
   EXPECT_EQ(event.ResultState(), Event::kResultFailed);
@@ -147,7 +149,7 @@ TEST_F(BootEventTest, AnEmptyChannelCannotBeSubscribedAndTheMonitorRetries) {
 TEST_F(BootEventTest, AQueryThatFailsWithoutAnErrorAsWinesDoesEndsTheWaitWithOne) {
   add(Created(-3'600'000), 90000, fakewevt::kUInt32);
   queryFails(true);
-  Event event(clock);
+  Event event(clock, DoublePath());
   ASSERT_TRUE(event.Start());
   ASSERT_TRUE(WaitDone(event));
   EXPECT_EQ(event.ResultState(), Event::kResultFailed);

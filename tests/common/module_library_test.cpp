@@ -2,6 +2,7 @@
 // binding, handle and interface method of the module goes through.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <stdexcept>
 #include <string>
 
@@ -97,6 +98,54 @@ TEST(ModuleLibrary, AFactoryLibraryWithoutThePairHoldsNothing) {
   void* object = &kernel;
   EXPECT_EQ(kernel.Create(L"x", GUID{}, &object), static_cast<std::uint32_t>(ERROR_INVALID_DATA));
   kernel.Destroy(L"x", object);  // nothing loaded: nothing happens
+}
+
+std::wstring FileOf(HMODULE module) {
+  wchar_t path[MAX_PATH] = {};
+  return std::wstring(path, ::GetModuleFileNameW(module, path, MAX_PATH));
+}
+
+TEST(ModuleLibrary, ALibraryComesByFullPathOrFromSystem32AndNeverFromTheCurrentFolderOrPath) {
+  // Copies of a library of ours under a product name and under a Windows name, in the current
+  // folder and in a folder first on PATH.
+  testsupport::ScratchFolder current;
+  testsupport::ScratchFolder onPath;
+  for (const auto* folder : {&current, &onPath}) {
+    for (const wchar_t* name : {L"lumeraplanted.dll", L"xmllite.dll"}) {
+      std::filesystem::copy_file(testsupport::ExeFolder() + L"logcore.dll", folder->file(name));
+    }
+  }
+  wchar_t saved[MAX_PATH] = {};
+  ::GetCurrentDirectoryW(MAX_PATH, saved);
+  std::wstring path(32768, L'\0');
+  path.resize(::GetEnvironmentVariableW(L"PATH", path.data(), static_cast<DWORD>(path.size())));
+  ASSERT_TRUE(::SetCurrentDirectoryW(current.path().c_str()));
+  ::SetEnvironmentVariableW(L"PATH", (onPath.path() + L";" + path).c_str());
+
+  ky::ModuleLibrary planted;
+  const std::uint32_t plantedResult = planted.Load(L"lumeraplanted.dll");
+  ky::ModuleLibrary system;
+  const std::uint32_t systemResult = system.Load(L"xmllite.dll");
+  ky::ModuleLibrary relative;
+  const std::uint32_t relativeResult = relative.Load(L".\\lumeraplanted.dll");
+  ky::ModuleLibrary full;
+  const std::uint32_t fullResult = full.Load(current.file(L"lumeraplanted.dll"));
+  ::SetCurrentDirectoryW(saved);
+  ::SetEnvironmentVariableW(L"PATH", path.c_str());
+
+  EXPECT_EQ(plantedResult, static_cast<std::uint32_t>(ERROR_MOD_NOT_FOUND)) << "a bare product name is looked for in System32 only";
+  EXPECT_FALSE(planted.Loaded());
+  ASSERT_EQ(systemResult, 0u) << "Windows' own xmllite.dll";
+  wchar_t systemFolder[MAX_PATH] = {};
+  ::GetSystemDirectoryW(systemFolder, MAX_PATH);
+  EXPECT_EQ(_wcsicmp(FileOf(system.get()).c_str(), (std::wstring(systemFolder) + L"\\xmllite.dll").c_str()), 0)
+      << "loaded from " << std::filesystem::path(FileOf(system.get())).string();
+  EXPECT_EQ(relativeResult, static_cast<std::uint32_t>(ERROR_INVALID_PARAMETER)) << "a relative path is refused";
+  ASSERT_EQ(fullResult, 0u);
+  EXPECT_EQ(_wcsicmp(FileOf(full.get()).c_str(), current.file(L"lumeraplanted.dll").c_str()), 0);
+
+  EXPECT_EQ(ky::SiblingPath(L"kyusers.dll"), ky::ThisModuleFolder() + L"kyusers.dll");
+  EXPECT_EQ(ky::SiblingPath(current.file(L"x.dll")), current.file(L"x.dll")) << "a chosen full path stands";
 }
 
 TEST(ModuleLibrary, TheFolderOfThisModuleIsTheProgramsOwn) {

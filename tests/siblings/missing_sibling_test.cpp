@@ -1,6 +1,8 @@
-// Each sibling library missing in turn: the programs that load the module start from a folder
-// holding every binary but that one; the feature that needs it fails with its code and its log
-// line, and nothing crashes.
+// Each sibling library and StartLauncher.exe missing in turn: the programs that load the module
+// start from a folder holding every binary but that one, with a copy of it planted in their
+// current folder and in a PATH folder; the feature that needs it fails with its code and its
+// log line, the planted copy is never loaded or started, and nothing crashes. Beside the
+// module, the same files are loaded and started.
 #include <gtest/gtest.h>
 
 #include <windows.h>
@@ -18,6 +20,10 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr wchar_t kHostConfig[] = L"host.json";
+constexpr wchar_t kLauncher[] = L"StartLauncher.exe";
+// What a copy of the probe named StartLauncher.exe writes beside itself once started.
+constexpr wchar_t kStartedMark[] = L"started.txt";
+constexpr DWORD kStartWaitMs = 20000;
 
 struct Row {
   const wchar_t* missing;             // the library left out of the folder
@@ -43,9 +49,19 @@ const Row kRows[] = {
     // Every application is still reported, with an empty identity.
     {L"KYFastDB.dll", L"sibling_probe.exe qid @report_fixture_full.exe @report_fixture_german.exe", 0,
      {"Failed LoadLibrary KYFastDB.dll 0x7e"}, "qid[]qid[]", "Failed get QID for "},
+    {kLauncher, L"sibling_probe.exe launcher", 0,
+     {"Process = 'StartLauncher.exe /checkcrtuser' could not be created. Error = 2"}, "", nullptr},
 };
 
-// Every library of the build beside the module, the module's programs and the probe, but one.
+// `name` as planted or staged: the build's own file, or for StartLauncher.exe the probe, which
+// records that it was started.
+fs::path Source(const std::wstring& name) {
+  if (name == kLauncher) return fs::path(testsupport::ExeFolder()) / L"sibling_probe.exe";
+  return testsupport::BinFolder() / name;
+}
+
+// Every library of the build beside the module, the module's programs, the probe and its copy
+// as StartLauncher.exe, but one.
 void Stage(const fs::path& folder, const std::wstring& missing) {
   const fs::path bin = testsupport::BinFolder();
   std::vector<fs::path> files;
@@ -59,7 +75,42 @@ void Stage(const fs::path& folder, const std::wstring& missing) {
   for (const fs::path& file : files) {
     if (_wcsicmp(file.filename().c_str(), missing.c_str()) != 0) fs::copy_file(file, folder / file.filename());
   }
+  if (missing != kLauncher) fs::copy_file(Source(kLauncher), folder / kLauncher);
 }
+
+// The programs run with `file` planted in their current folder and in a folder first on PATH;
+// both are restored when this goes.
+class Planted {
+ public:
+  explicit Planted(const std::wstring& file) {
+    fs::copy_file(Source(file), fs::path(current_.path()) / file);
+    fs::copy_file(Source(file), fs::path(onPath_.path()) / file);
+    wchar_t folder[MAX_PATH] = {};
+    ::GetCurrentDirectoryW(MAX_PATH, folder);
+    savedFolder_ = folder;
+    std::vector<wchar_t> path(32768, L'\0');
+    path.resize(::GetEnvironmentVariableW(L"PATH", path.data(), static_cast<DWORD>(path.size())));
+    savedPath_.assign(path.begin(), path.end());
+    ::SetCurrentDirectoryW(current_.path().c_str());
+    ::SetEnvironmentVariableW(L"PATH", (onPath_.path() + L";" + savedPath_).c_str());
+  }
+  ~Planted() {
+    ::SetCurrentDirectoryW(savedFolder_.c_str());
+    ::SetEnvironmentVariableW(L"PATH", savedPath_.c_str());
+  }
+  Planted(const Planted&) = delete;
+  Planted& operator=(const Planted&) = delete;
+  // Whether a planted StartLauncher.exe was started.
+  bool Started() const {
+    return fs::exists(fs::path(current_.path()) / kStartedMark) || fs::exists(fs::path(onPath_.path()) / kStartedMark);
+  }
+
+ private:
+  testsupport::ScratchFolder current_;
+  testsupport::ScratchFolder onPath_;
+  std::wstring savedFolder_;
+  std::wstring savedPath_;
+};
 
 std::string JsonPath(const fs::path& path) {
   std::string out;
@@ -70,43 +121,86 @@ std::string JsonPath(const fs::path& path) {
   return out;
 }
 
-TEST(MissingSibling, FeatureFailsWithItsCodeAndLogLineAndNothingCrashes) {
+struct StagedRun {
+  testsupport::ProgramRun run;
+  std::string log;          // the module's log file, empty when none was written
+  bool logWritten = false;
+  std::size_t files = 0;    // how many "@" arguments the command had
+};
+
+// Runs `rowCommand` from `folder` with the module's log in folder\logs.
+StagedRun RunStaged(const fs::path& folder, const std::wstring& rowCommand) {
+  const fs::path logs = folder / L"logs";
+  std::ofstream(folder / kHostConfig, std::ios::binary)
+      << "{\"objects\": [\"boottime\", \"boottimecomm\"], \"log\": {\"folder\": \"" << JsonPath(logs)
+      << "\", \"level\": 32}, \"folders\": {\"2:common\": \"" << JsonPath(folder / L"common") << "\"}}";
+  ::SetEnvironmentVariableW(L"LUMERA_LOG_DIR", logs.wstring().c_str());
+  ::SetEnvironmentVariableW(L"LUMERA_LOG_LEVEL", L"32");
+  StagedRun staged;
+  std::wstring command = rowCommand;
+  const std::wstring program = command.substr(0, command.find(L' '));
+  for (std::size_t at = command.find(L'@'); at != std::wstring::npos; at = command.find(L'@', at), ++staged.files) {
+    command.replace(at, 1, folder.wstring() + L"\\");
+  }
+  staged.run = testsupport::RunProgram(testsupport::Quoted(folder / program) + command.substr(program.size()), 60000);
+  ::SetEnvironmentVariableW(L"LUMERA_LOG_DIR", nullptr);
+  ::SetEnvironmentVariableW(L"LUMERA_LOG_LEVEL", nullptr);
+  staged.logWritten = fs::exists(logs / L"lumera.log");
+  staged.log = testsupport::ReadFileBytes((logs / L"lumera.log").wstring());
+  return staged;
+}
+
+TEST(MissingSibling, FeatureFailsWithItsCodeAndLogLineAndTheCopyInTheCurrentFolderOrOnPathIsNeverUsed) {
   for (const Row& row : kRows) {
     SCOPED_TRACE(testing::Message() << fs::path(row.missing).string() << ": " << fs::path(row.command).string());
     testsupport::ScratchFolder scratch;
     const fs::path folder(scratch.path());
     Stage(folder, row.missing);
-    const fs::path logs = folder / L"logs";
-    std::ofstream(folder / kHostConfig, std::ios::binary)
-        << "{\"objects\": [\"boottime\", \"boottimecomm\"], \"log\": {\"folder\": \"" << JsonPath(logs)
-        << "\", \"level\": 32}, \"folders\": {\"2:common\": \"" << JsonPath(folder / L"common") << "\"}}";
-    ::SetEnvironmentVariableW(L"LUMERA_LOG_DIR", logs.wstring().c_str());
-    ::SetEnvironmentVariableW(L"LUMERA_LOG_LEVEL", L"32");
-    std::wstring command = row.command;
-    const std::wstring program = command.substr(0, command.find(L' '));
-    std::size_t files = 0;
-    for (std::size_t at = command.find(L'@'); at != std::wstring::npos; at = command.find(L'@', at), ++files) {
-      command.replace(at, 1, folder.wstring() + L"\\");
-    }
-    const auto run = testsupport::RunProgram(testsupport::Quoted(folder / program) + command.substr(program.size()), 60000);
-    ::SetEnvironmentVariableW(L"LUMERA_LOG_DIR", nullptr);
-    ::SetEnvironmentVariableW(L"LUMERA_LOG_LEVEL", nullptr);
+    const Planted planted(row.missing);
+    const StagedRun staged = RunStaged(folder, row.command);
 
-    EXPECT_EQ(run.exitCode, row.exitCode) << run.output;
-    EXPECT_NE(run.output.find(row.output), std::string::npos) << run.output;
-    const std::string log = testsupport::ReadFileBytes((logs / L"lumera.log").wstring());
+    EXPECT_EQ(staged.run.exitCode, row.exitCode) << staged.run.output;
+    EXPECT_NE(staged.run.output.find(row.output), std::string::npos) << staged.run.output;
     if (row.logLines.empty()) {
-      EXPECT_FALSE(fs::exists(logs / L"lumera.log")) << log;
+      EXPECT_FALSE(staged.logWritten) << staged.log;
     }
     for (const char* line : row.logLines) {
-      EXPECT_NE(log.find(line), std::string::npos) << "missing \"" << line << "\" in:\n" << log << run.output;
+      EXPECT_NE(staged.log.find(line), std::string::npos) << "missing \"" << line << "\" in:\n" << staged.log << staged.run.output;
     }
     if (row.oncePerFile != nullptr) {
       std::size_t count = 0;
-      for (std::size_t at = log.find(row.oncePerFile); at != std::string::npos; at = log.find(row.oncePerFile, at + 1)) ++count;
-      EXPECT_EQ(count, files) << log;
+      for (std::size_t at = staged.log.find(row.oncePerFile); at != std::string::npos;
+           at = staged.log.find(row.oncePerFile, at + 1)) {
+        ++count;
+      }
+      EXPECT_EQ(count, staged.files) << staged.log;
     }
+    EXPECT_FALSE(planted.Started()) << "a StartLauncher.exe outside the module's folder was started";
   }
+}
+
+TEST(MissingSibling, BesideTheModuleTheLibrariesAreLoadedAndTheCheckStartedWithoutTheHostsHandles) {
+  testsupport::ScratchFolder scratch;
+  const fs::path folder(scratch.path());
+  Stage(folder, L"");
+  const Planted planted(kLauncher);
+  for (const wchar_t* command : {L"sibling_probe.exe users", L"sibling_probe.exe productinfo"}) {
+    const StagedRun staged = RunStaged(folder, command);
+    EXPECT_EQ(staged.run.exitCode, 0u) << fs::path(command).string() << "\n" << staged.log << staged.run.output;
+  }
+  const StagedRun qid = RunStaged(folder, L"sibling_probe.exe qid @report_fixture_full.exe");
+  EXPECT_EQ(qid.run.exitCode, 0u) << qid.log << qid.run.output;
+  EXPECT_EQ(qid.run.output.find("qid[]"), std::string::npos) << "KYFastDB.dll gave an identity: " << qid.run.output;
+
+  const StagedRun launched = RunStaged(folder, L"sibling_probe.exe launcher");
+  EXPECT_NE(launched.log.find("Process = 'StartLauncher.exe /checkcrtuser' created"), std::string::npos) << launched.log;
+  const DWORD start = ::GetTickCount();
+  while (!fs::exists(folder / kStartedMark) && ::GetTickCount() - start < kStartWaitMs) ::SleepEx(20, FALSE);
+  ASSERT_TRUE(fs::exists(folder / kStartedMark)) << "StartLauncher.exe beside the module did not start within "
+                                                 << kStartWaitMs << " ms";
+  EXPECT_EQ(testsupport::ReadFileBytes((folder / kStartedMark).wstring()), "clean")
+      << "StartLauncher.exe inherited the host's inheritable handle";
+  EXPECT_FALSE(planted.Started());
 }
 
 }  // namespace

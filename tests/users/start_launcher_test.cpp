@@ -11,10 +11,12 @@
 #include "startup/startup_storage.h"
 #include "support/captured_log.h"
 #include "support/programs.h"
+#include "support/scoped_override.h"
 #include "support/scratch_folder.h"
 #include "users/ky_users.h"
 #include "users/start_launcher_check.h"
 #include "users/user_logon.h"
+#include "users/user_profile.h"
 
 namespace {
 
@@ -25,18 +27,59 @@ bool LoggedUnder(const testsupport::CapturedLog& log, std::wstring_view function
   return false;
 }
 
-TEST(StartLauncherCheckExec, ALogoffStartsTheCheckForTheKnownFolderOrTheConsoleUser) {
+// A profile of the account the test runs as, with its own token, made current for one test.
+std::shared_ptr<const velora::utils::CUserProfile> ProfileWithToken() {
+  ky::unique_handle token;
+  if (!::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY | TOKEN_IMPERSONATE | TOKEN_DUPLICATE, token.put())) {
+    return nullptr;
+  }
+  return velora::utils::CUserProfile::Make(L"user", L"", L"S-1-5-21-0-0-0-1000", std::move(token));
+}
+
+using ProfileOverride = testsupport::ScopedOverride<std::shared_ptr<const velora::utils::CUserProfile>>;
+
+TEST(StartLauncherCheckExec, ALogoffStartsTheCheckAsTheUserFromTheModulesFolderOnly) {
   testsupport::CapturedLog log;
   CStartLauncherCheckExec check;
   CUserLogon tracker;
   CUserLogon::ScopedOverride override(tracker);
+  auto get = [] { return velora::utils::CUserProfile::Current(); };
+  auto set = [](const std::shared_ptr<const velora::utils::CUserProfile>& p) { velora::utils::CUserProfile::SetCurrent(p); };
   check.OnLogon(1, L"user");
   EXPECT_EQ(log.count(L"Process = "), 0u) << "a logon starts nothing";
 
-  check.OnLogoff(2, L"user");  // no folder known: the users library is not loaded
-  EXPECT_TRUE(LoggedUnder(log, L"CStartLauncherCheckExec::Run",
-                          L"Process = 'StartLauncher.exe /checkcrtuser' could not be created. Error = 2"))
-      << "StartLauncher.exe is not beside the test program";
+  {
+    const ProfileOverride nobody(get, set, nullptr);
+    check.OnLogoff(2, L"user");  // no folder known: the users library is not loaded
+    EXPECT_TRUE(LoggedUnder(log, L"CStartLauncherCheckExec::Run",
+                            L"Process = 'StartLauncher.exe /checkcrtuser' could not be created. Error = 1008"))
+        << "without the user's token nothing is started as the service";
+  }
+
+  // A real StartLauncher.exe in the current folder and in a folder first on PATH, none beside
+  // the test program: the module's full path finds nothing.
+  testsupport::ScratchFolder current;
+  testsupport::ScratchFolder onPath;
+  for (const auto* planted : {&current, &onPath}) {
+    std::filesystem::copy_file(testsupport::BinFolder() / L"StartLauncher.exe", planted->file(L"StartLauncher.exe"));
+  }
+  const testsupport::ScopedOverride<std::wstring> folderOverride(
+      [] {
+        wchar_t folder[MAX_PATH] = {};
+        ::GetCurrentDirectoryW(MAX_PATH, folder);
+        return std::wstring(folder);
+      },
+      [](const std::wstring& folder) { ::SetCurrentDirectoryW(folder.c_str()); }, current.path());
+  auto getPath = [] {
+    std::wstring path(32768, L'\0');
+    path.resize(::GetEnvironmentVariableW(L"PATH", path.data(), static_cast<DWORD>(path.size())));
+    return path;
+  };
+  const testsupport::ScopedOverride<std::wstring> pathOverride(
+      getPath, [](const std::wstring& path) { ::SetEnvironmentVariableW(L"PATH", path.c_str()); },
+      onPath.path() + L";" + getPath());
+  const ProfileOverride user(get, set, ProfileWithToken());
+  ASSERT_TRUE(velora::utils::CUserProfile::Current() && velora::utils::CUserProfile::Current()->HasToken());
 
   ky::unique_module users(::LoadLibraryW((testsupport::ExeFolder() + L"kyusers.dll").c_str()));
   ASSERT_TRUE(velora::utils::CKYUsers::Instance().ReloadDll());
@@ -45,7 +88,8 @@ TEST(StartLauncherCheckExec, ALogoffStartsTheCheckForTheKnownFolderOrTheConsoleU
   ASSERT_FALSE(folder.empty()) << "the Wine user has a roaming folder";
   check.OnLogoff(3, L"user");
   EXPECT_TRUE(LoggedUnder(log, L"CStartLauncherCheckExec::Run",
-                          L"Process = 'StartLauncher.exe \"/checkuser:" + folder + L"\"' could not be created. Error = 2"));
+                          L"Process = 'StartLauncher.exe \"/checkuser:" + folder + L"\"' could not be created. Error = 2"))
+      << "StartLauncher.exe is not beside the test program; the planted copies are not started";
   velora::utils::CKYUsers::Instance().UnloadDll();
 }
 

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,7 @@
 #include "common/unique_handle.h"
 #include "lumera/interface_ids.h"
 #include "lumera/pipelink.h"
+#include "lumera_dev/service_account.h"
 #include "support/scratch_folder.h"
 
 namespace testing_pipelink {
@@ -24,9 +26,12 @@ inline std::wstring UniqueName(const char* test) {
   return L"lumera-test-" + std::to_wstring(::GetCurrentProcessId()) + L"-" + std::wstring(test, test + std::strlen(test));
 }
 
+// pipelink.dll's two objects. The test process serves as the service would, so under Wine it
+// stands for LocalSystem unless `asService` is false (then its clients refuse its servers).
 class Library {
  public:
-  Library() {
+  explicit Library(bool asService = true) {
+    if (asService) serviceAccount_.emplace();
     if (module_.Load(testsupport::ExeFolder() + L"pipelink.dll") != 0) return;
     void* object = nullptr;
     if (module_.Create(L"connserver", lumera::ids::PipeLinkServer, &object) == 0) server_ = static_cast<pipelink::IConnServer*>(object);
@@ -44,6 +49,7 @@ class Library {
   pipelink::IConnClient* Client() const { return client_; }
 
  private:
+  std::optional<lumera::dev::LocalSystemStandIn> serviceAccount_;
   ky::KyFactoryLibrary module_;
   pipelink::IConnServer* server_ = nullptr;
   pipelink::IConnClient* client_ = nullptr;

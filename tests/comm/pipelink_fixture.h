@@ -103,13 +103,17 @@ class RawPipe {
     if (pipe_) ::SetNamedPipeHandleState(pipe_.get(), &mode, nullptr, nullptr);
   }
   bool Open() const { return pipe_.valid(); }
+  HANDLE Handle() const { return pipe_.get(); }
 
-  // The client id from the server's welcome frame, 0 when none came within 5 s.
-  std::uint32_t ReadHello() {
+  // The client id from the server's welcome frame, 0 when none came within 5 s; `result`, when
+  // given, receives the welcome's result (231 from a server at its cap, 0xFFFFFFFF without one).
+  std::uint32_t ReadHello(std::uint32_t* result = nullptr) {
+    if (result != nullptr) *result = 0xFFFFFFFF;
     std::vector<std::uint8_t> frame;
     if (Read(frame, 5000) != 0 || frame.size() < pipelink::kFrameHeaderBytes) return 0;
     std::uint32_t id = 0;
     std::memcpy(&id, frame.data() + 4, 4);
+    if (result != nullptr) std::memcpy(result, frame.data() + 8, 4);
     return id;
   }
 

@@ -2,6 +2,7 @@
 // of the same names.
 #include "host_plugin.h"
 #include "lumera/interface_ids.h"
+#include "lumera_dev/service_account.h"
 #include "plugins/pipelink_object.h"
 
 namespace host {
@@ -28,8 +29,22 @@ class ConnectorPlugin final : public HostPlugin {
   PipelinkObject object_;
 };
 
+// The host's pipes are the service's: under Wine, where every process runs as one account, the
+// process that serves them stands for LocalSystem to the clients' check (nothing elsewhere).
+class ServerPlugin final : public HostPlugin {
+ public:
+  ServerPlugin() : connector_(L"connserver", lumera::ids::PipeLinkServer) {}
+  bool Created() const { return connector_.Created(); }
+  void* GetInterface(const GUID& iid) override { return connector_.GetInterface(iid); }
+  void Shutdown() override { connector_.Shutdown(); }
+
+ private:
+  lumera::dev::LocalSystemStandIn serviceAccount_;
+  ConnectorPlugin connector_;
+};
+
 std::unique_ptr<HostPlugin> MakeServer(HostContext&) {
-  auto plugin = std::make_unique<ConnectorPlugin>(L"connserver", lumera::ids::PipeLinkServer);
+  auto plugin = std::make_unique<ServerPlugin>();
   if (!plugin->Created()) return nullptr;
   return plugin;
 }

@@ -2,8 +2,16 @@
 // (IConnServer) and "connclient" (IConnClient); the host plug-ins of the same names hand
 // out these objects.
 //
-// Pipes are overlapped, message-mode, reject remote clients and carry the security
-// descriptor "D:(A;;GA;;;SY)(A;;GA;;;BA)(A;;GRGW;;;IU)". One pipe message is one frame:
+// Pipes are overlapped, message-mode, reject remote clients and carry the security descriptor
+// "D:P(A;;GA;;;SY)(A;;GA;;;BA)(A;;0x12018b;;;IU)": SYSTEM and Administrators have full control,
+// interactive users kClientPipeAccess only, which leaves out FILE_CREATE_PIPE_INSTANCE, so no
+// user can serve a name. The first instance is made with FILE_FLAG_FIRST_PIPE_INSTANCE: a second
+// server of a name is refused (logged). A pipe serves at most kMaxSessionsPerPipe clients at once;
+// one more is accepted, sent a welcome whose result is 231 (ERROR_PIPE_BUSY) and disconnected
+// (logged), while the others go on being answered. A client opens with kClientPipeAccess,
+// SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, and before it reads or sends anything checks
+// that the serving process runs as LocalSystem (S-1-5-18); otherwise it refuses with 5 (logged).
+// One pipe message is one frame:
 //
 //   offset size field
 //        0    4 magic       kFrameMagic
@@ -44,6 +52,9 @@ inline constexpr std::uint32_t kKnownFlags = kFlagReplyExpected | kFlagIsReply |
 inline constexpr std::uint32_t kIdHello = 1;  // control frame: the server's welcome, client id in `client id`
 
 inline constexpr std::uint32_t kNoTimeout = 0xFFFFFFFF;
+inline constexpr std::uint32_t kMaxSessionsPerPipe = 64;
+// Read and write of data, and FILE_WRITE_ATTRIBUTES to set the message read mode.
+inline constexpr DWORD kClientPipeAccess = FILE_GENERIC_READ | FILE_WRITE_DATA | FILE_WRITE_ATTRIBUTES;
 inline constexpr std::uint32_t kCallbackMessages = 1;  // the one callback kind: arriving messages
 
 // A message as delivered to a callback or returned as a reply. The payload pointer is valid
@@ -86,7 +97,7 @@ struct IConnPipeServer {
 // The "connserver" object.
 struct IConnServer : IKyBaseInterface {
   // Creates the pipe `name` (without "\\.\pipe\") and starts listening; *out is null on
-  // failure. 5 (access denied) when another server already owns the name.
+  // failure. 5 (access denied, logged) when another server already owns the name.
   virtual std::uint32_t CreatePipeServer(const wchar_t* name, std::uint32_t flags, IConnPipeServer** out) = 0;  // slot 1
   // Disconnects every client, ends the pipe's threads and frees it.
   virtual void ReleasePipeServer(IConnPipeServer* server) = 0;  // slot 2
@@ -127,14 +138,19 @@ struct IConnPipeClient {
 struct IConnClient : IKyBaseInterface {
   virtual std::uint32_t Init(std::uint32_t flags) = 0;  // slot 1
   virtual std::uint32_t Start() = 0;                    // slot 2
-  // Connects to the pipe `name` within `timeoutMs` (2 when no such pipe, 258 on time-out);
-  // *out is null on failure.
+  // Connects to the pipe `name` within `timeoutMs` (2 when no such pipe, 258 on time-out, 231
+  // when the server serves as many clients as it will, 5 when the server does not run as
+  // LocalSystem); *out is null on failure.
   virtual std::uint32_t Connect(const wchar_t* name, std::uint32_t reserved1, std::uint32_t reserved2,
                                 std::uint32_t timeoutMs, IConnPipeClient** out) = 0;  // slot 3
   // Stops and frees a connection.
   virtual void Close(IConnPipeClient* connection) = 0;  // slot 4
   // Stops every connection still open; Connect fails with 1062 until the next Start.
   virtual std::uint32_t Stop() = 0;  // slot 5
+  // As Connect, and gives up with 995 (ERROR_OPERATION_ABORTED) as soon as `stopEvent` is set
+  // (null: never), so a caller that is being stopped never waits out the time-out.
+  virtual std::uint32_t ConnectUntil(const wchar_t* name, HANDLE stopEvent, std::uint32_t timeoutMs,
+                                     IConnPipeClient** out) = 0;  // slot 6
 };
 
 }  // namespace pipelink

@@ -5,6 +5,7 @@
 #include <new>
 
 #include "lumera/interface_ids.h"
+#include "lumera_dev/service_account.h"
 #include "pipe_client.h"
 #include "pipe_server.h"
 
@@ -20,6 +21,13 @@ Kind KindOf(const wchar_t* name) {
 }
 
 }  // namespace
+
+extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
+  // Under Wine every process runs as one account: the development stand-in tells this library's
+  // clients which serving processes stand for LocalSystem; elsewhere nothing is installed.
+  if (reason == DLL_PROCESS_ATTACH) (void)lumera::dev::InstallLocalSystemStandIn(instance);
+  return TRUE;
+}
 
 extern "C" void __cdecl KyDestroyObject(const wchar_t* name, void* object);
 

@@ -6,11 +6,14 @@
 
 #include "lumera/interface_ids.h"
 #include "pipe_server.h"
+#include "server_account.h"
 
 namespace pipelink {
 namespace {
 
 constexpr DWORD kBusyRetryMs = 20;
+// WaitNamedPipeW takes no stop event, so a busy pipe is waited for in steps this long.
+constexpr DWORD kBusyWaitStepMs = 50;
 
 PipeMessage* NewReply(const FrameHeader& header, const std::uint8_t* payload) {
   void* block = ::operator new(sizeof(PipeMessage) + header.size, std::nothrow);
@@ -33,8 +36,9 @@ class SrwHold {
 };
 
 DWORD Remaining(ULONGLONG deadline) {
+  if (deadline == ~0ull) return INFINITE;
   const ULONGLONG now = ::GetTickCount64();
-  return now >= deadline ? 0 : static_cast<DWORD>(deadline - now);
+  return now >= deadline ? 0 : static_cast<DWORD>(std::min<ULONGLONG>(deadline - now, INFINITE - 1));
 }
 
 }  // namespace
@@ -45,12 +49,15 @@ PipeClient::PipeClient() : stop_(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) 
 
 PipeClient::~PipeClient() { Stop(); }
 
-std::uint32_t PipeClient::Connect(const std::wstring& path, DWORD timeoutMs) {
+std::uint32_t PipeClient::Connect(const std::wstring& path, DWORD timeoutMs, HANDLE stop) {
   if (!stop_) return ::GetLastError();
-  const ULONGLONG deadline = ::GetTickCount64() + timeoutMs;
+  if (stop == nullptr) stop = stop_.get();
+  const auto stopped = [stop](DWORD waitMs) { return ::WaitForSingleObject(stop, waitMs) == WAIT_OBJECT_0; };
+  const ULONGLONG deadline = timeoutMs == INFINITE ? ~0ull : ::GetTickCount64() + timeoutMs;
   HANDLE pipe = INVALID_HANDLE_VALUE;
   for (;;) {
-    pipe = ::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+    if (stopped(0)) return ERROR_OPERATION_ABORTED;
+    pipe = ::CreateFileW(path.c_str(), kClientPipeAccess, 0, nullptr, OPEN_EXISTING,
                          FILE_FLAG_OVERLAPPED | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr);
     if (pipe != INVALID_HANDLE_VALUE) break;
     const DWORD error = ::GetLastError();
@@ -58,7 +65,7 @@ std::uint32_t PipeClient::Connect(const std::wstring& path, DWORD timeoutMs) {
     const DWORD left = Remaining(deadline);
     if (left == 0) return WAIT_TIMEOUT;
     // Another client may take the freed instance first; then we simply wait again.
-    if (!::WaitNamedPipeW(path.c_str(), left) && ::WaitForSingleObject(stop_.get(), std::min(left, kBusyRetryMs)) == WAIT_OBJECT_0) {
+    if (!::WaitNamedPipeW(path.c_str(), std::min(left, kBusyWaitStepMs)) && stopped(std::min(left, kBusyRetryMs))) {
       return ERROR_OPERATION_ABORTED;
     }
   }
@@ -66,16 +73,20 @@ std::uint32_t PipeClient::Connect(const std::wstring& path, DWORD timeoutMs) {
   if (!end_->Ready()) return ERROR_NOT_ENOUGH_MEMORY;
   DWORD mode = PIPE_READMODE_MESSAGE;
   if (!::SetNamedPipeHandleState(end_->Handle(), &mode, nullptr, nullptr)) return ::GetLastError();
+  if (const std::uint32_t account = CheckServerAccount(end_->Handle(), path); account != 0) return account;
 
   std::vector<std::uint8_t> buffer;
   std::size_t got = 0;
-  const std::uint32_t read = end_->Read(buffer, &got, stop_.get(), Remaining(deadline));
+  const std::uint32_t read = end_->Read(buffer, &got, stop, Remaining(deadline));
   if (read != 0) return read;
   FrameHeader hello;
   if (ParseFrame(buffer.data(), got, &hello) != FrameCheck::kOk || hello.id != kIdHello ||
-      (hello.flags & kFlagControl) == 0 || hello.clientId == 0) {
+      (hello.flags & kFlagControl) == 0) {
     return ERROR_INVALID_DATA;
   }
+  // A server at its limit of sessions welcomes with its refusal and no identity.
+  if (hello.result != 0) return hello.result;
+  if (hello.clientId == 0) return ERROR_INVALID_DATA;
   clientId_ = hello.clientId;
   broken_ = false;
   try {
@@ -285,6 +296,11 @@ std::uint32_t ConnClient::Start() {
 
 std::uint32_t ConnClient::Connect(const wchar_t* name, std::uint32_t, std::uint32_t, std::uint32_t timeoutMs,
                                   IConnPipeClient** out) {
+  return ConnectUntil(name, nullptr, timeoutMs, out);
+}
+
+std::uint32_t ConnClient::ConnectUntil(const wchar_t* name, HANDLE stopEvent, std::uint32_t timeoutMs,
+                                       IConnPipeClient** out) {
   try {
     if (out == nullptr) return ERROR_INVALID_PARAMETER;
     *out = nullptr;
@@ -295,7 +311,7 @@ std::uint32_t ConnClient::Connect(const wchar_t* name, std::uint32_t, std::uint3
     const std::wstring path = PipePath(name);
     if (path.empty()) return ERROR_INVALID_NAME;
     auto connection = std::make_unique<PipeClient>();
-    const std::uint32_t result = connection->Connect(path, timeoutMs == kNoTimeout ? INFINITE : timeoutMs);
+    const std::uint32_t result = connection->Connect(path, timeoutMs == kNoTimeout ? INFINITE : timeoutMs, stopEvent);
     if (result != 0) return result;
     std::lock_guard hold(lock_);
     *out = connection.get();

@@ -26,8 +26,9 @@ class PipeClient final : public IConnPipeClient {
   PipeClient(const PipeClient&) = delete;
   PipeClient& operator=(const PipeClient&) = delete;
 
-  // Opens `path`, waits for the server's welcome and starts the reader; all within `timeoutMs`.
-  [[nodiscard]] std::uint32_t Connect(const std::wstring& path, DWORD timeoutMs);
+  // Opens `path`, checks that its server runs as LocalSystem, waits for the server's welcome and
+  // starts the reader; all within `timeoutMs`, and 995 as soon as `stop` (when not null) is set.
+  [[nodiscard]] std::uint32_t Connect(const std::wstring& path, DWORD timeoutMs, HANDLE stop);
 
   std::uint32_t Send(std::uint32_t id, const void* payload, std::uint32_t size, PipeMessage** reply,
                             std::uint32_t flags, std::uint32_t timeoutMs) override;
@@ -84,6 +85,8 @@ class ConnClient final : public IConnClient {
                         IConnPipeClient** out) override;
   void Close(IConnPipeClient* connection) override;
   std::uint32_t Stop() override;
+  std::uint32_t ConnectUntil(const wchar_t* name, HANDLE stopEvent, std::uint32_t timeoutMs,
+                             IConnPipeClient** out) override;
 
  private:
   std::mutex lock_;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cwchar>
 
+#include "common/log.h"
 #include "lumera/interface_ids.h"
 
 namespace pipelink {
@@ -12,10 +13,19 @@ namespace {
 
 constexpr wchar_t kPipePrefix[] = L"\\\\.\\pipe\\";
 constexpr std::size_t kMaxPipeNameChars = 200;
-constexpr wchar_t kPipeSddl[] = L"D:(A;;GA;;;SY)(A;;GA;;;BA)(A;;GRGW;;;IU)";
+// GENERIC_WRITE would include FILE_CREATE_PIPE_INSTANCE and let any user serve the name to
+// the others, so users get exactly kClientPipeAccess.
+constexpr wchar_t kPipeSddl[] = L"D:P(A;;GA;;;SY)(A;;GA;;;BA)(A;;0x12018b;;;IU)";
+static_assert(kClientPipeAccess == 0x12018b, "the SDDL above spells kClientPipeAccess");
+constexpr DWORD kRefusalWriteMs = 100;
 constexpr DWORD kPipeBufferBytes = 64 * 1024;
 constexpr DWORD kRetryCreateMs = 100;
 constexpr DWORD kServedProbeMs = 1;  // 0 would mean the pipe's default wait
+
+void LogSecondServer(const std::wstring& path, DWORD error) {
+  logging::Write(logging::kLevelError, L"pipelink::PipeServer::Open",
+                 L"%s is already served: a second server is refused 0x%x", path.c_str(), error);
+}
 
 }  // namespace
 
@@ -123,10 +133,15 @@ std::uint32_t PipeServer::Open() {
   // Wine creates another instance despite the first-instance flag when the name is served
   // elsewhere, so a name that answers a wait is refused before creating anything.
   if (::WaitNamedPipeW(path_.c_str(), kServedProbeMs) || ::GetLastError() == ERROR_SEM_TIMEOUT) {
+    LogSecondServer(path_, ERROR_ACCESS_DENIED);
     return ERROR_ACCESS_DENIED;
   }
   pending_.reset(CreateInstance(true));
-  if (!pending_) return ::GetLastError();
+  if (!pending_) {
+    const DWORD error = ::GetLastError();
+    if (error == ERROR_ACCESS_DENIED || error == ERROR_PIPE_BUSY) LogSecondServer(path_, error);
+    return error;
+  }
   try {
     listener_ = std::thread([this] { Listen(); });
   } catch (...) {
@@ -134,6 +149,27 @@ std::uint32_t PipeServer::Open() {
     return ERROR_NOT_ENOUGH_MEMORY;
   }
   return 0;
+}
+
+std::size_t PipeServer::LiveSessions() {
+  std::lock_guard hold(sessionsLock_);
+  return static_cast<std::size_t>(
+      std::count_if(sessions_.begin(), sessions_.end(), [](const std::shared_ptr<Session>& s) { return !s->Done(); }));
+}
+
+// The refused client reads a welcome that carries ERROR_PIPE_BUSY instead of an identity;
+// closing without DisconnectNamedPipe leaves that frame readable after the close.
+void PipeServer::Refuse(std::size_t live) {
+  logging::Write(logging::kLevelWarning, L"pipelink::PipeServer::Listen",
+                 L"%s refused a client: %u sessions open, the most it serves", path_.c_str(),
+                 static_cast<unsigned>(live));
+  PipeEnd end(pending_.release());
+  if (!end.Ready()) return;
+  FrameHeader refusal;
+  refusal.id = kIdHello;
+  refusal.flags = kFlagControl;
+  refusal.result = ERROR_PIPE_BUSY;
+  (void)end.Write(refusal, nullptr, 0, stop_.get(), kRefusalWriteMs);
 }
 
 void PipeServer::Close() {
@@ -193,6 +229,10 @@ void PipeServer::Listen() {
     if (!connected) {
       // The client went away before it was accepted: the instance is reused.
       ::DisconnectNamedPipe(pending_.get());
+      continue;
+    }
+    if (const std::size_t live = LiveSessions(); live >= kMaxSessionsPerPipe) {
+      Refuse(live);
       continue;
     }
     std::shared_ptr<Session> session;
@@ -300,7 +340,10 @@ std::uint32_t ConnServer::CreatePipeServer(const wchar_t* name, std::uint32_t, I
     std::lock_guard hold(lock_);
     // Open refuses a name served by another process; this covers the ones served by this one.
     for (const auto& existing : pipes_) {
-      if (_wcsicmp(existing->Path().c_str(), path.c_str()) == 0) return ERROR_ACCESS_DENIED;
+      if (_wcsicmp(existing->Path().c_str(), path.c_str()) == 0) {
+        LogSecondServer(path, ERROR_ACCESS_DENIED);
+        return ERROR_ACCESS_DENIED;
+      }
     }
     auto pipe = std::make_shared<PipeServer>(path);
     const std::uint32_t result = pipe->Open();

@@ -81,6 +81,9 @@ class PipeServer final : public IConnPipeServer {
 
  private:
   HANDLE CreateInstance(bool first);
+  std::size_t LiveSessions();
+  // Writes the refusal to the connected pending instance and closes it.
+  void Refuse(std::size_t live);
   void Listen();
   void Reap(bool all);
   std::shared_ptr<Session> Find(std::uint32_t clientId);

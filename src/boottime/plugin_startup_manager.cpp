@@ -223,15 +223,21 @@ std::uint32_t CPluginStartupManager::BuildAndReport() {
     }
   }
   apps_.clear();
+  if (StopRequested()) return ERROR_OPERATION_ABORTED;
   {
     velora::utils::CUserImpersonation impersonation;
     Enumerate(sources_->RunKeySources());
+    if (StopRequested()) return ERROR_OPERATION_ABORTED;
     Enumerate(sources_->FolderSources());
+    if (StopRequested()) return ERROR_OPERATION_ABORTED;
     Enumerate(sources_->StoreSources());
+    if (StopRequested()) return ERROR_OPERATION_ABORTED;
     filter_.Init();
     FilterApps(filter_);
   }
+  if (StopRequested()) return ERROR_OPERATION_ABORTED;
   ReadBackStore();
+  if (StopRequested()) return ERROR_OPERATION_ABORTED;
   std::vector<startup::storage::BootTimeRecord> records;
   (void)startup::storage::CStartupItemsStorage::Instance().LoadBootTime(records);
   ApplyBootTimes(records);

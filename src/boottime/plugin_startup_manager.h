@@ -38,7 +38,8 @@ class CPluginStartupManager final : public startup::CBaseStartupManager {
   bool Init() override;
   // Enumerates, filters, reads the store back (dropping records whose entry is gone), takes
   // the boot times and posts the report; 0, the post's code, 31 without a connection, or
-  // ERROR_NO_TOKEN (logged, nothing sent) when still no user's store can be placed.
+  // ERROR_NO_TOKEN (logged, nothing sent) when still no user's store can be placed, or 995
+  // (nothing sent) when the stop event was set between its steps.
   [[nodiscard]] std::uint32_t BuildAndReport() override;
 
   // The boot time reported as "boot_total_time".

@@ -155,16 +155,19 @@ void CBootTimePlugin::StartProcessingThread() {
 std::uint32_t CBootTimePlugin::Stop() {
   KY_TRACE(L"boottime::CBootTimePlugin::Stop");
   return ky::Guarded(L"boottime::CBootTimePlugin::Stop", ky::kGeneralFailure, [&]() -> std::uint32_t {
-    JoinReportThread();
+    // The event goes first, then the joins: the service manager gives up on a service that
+    // overruns its stop, and a report thread joined before the event would finish its whole
+    // enumeration and its wait for the central component first.
     if (!::SetEvent(monitorEvent_.get())) {
       KY_LOG(logging::kLevelError, L"SetEvent MonitorEvent failed error code %lu", ::GetLastError());
     }
     monitor_.StopWatchers();
+    JoinReportThread();
     if (processingThread_) {
       (void)::WaitForSingleObject(processingThread_.get(), INFINITE);
       processingThread_.reset();
     }
-    // A run that ended between the first join and the event may have started another.
+    // The run may have started its report between the first join and its own end.
     JoinReportThread();
     if (logonStarted_) {
       CUserLogon::Instance().Stop();

@@ -188,8 +188,9 @@ void CBootTimePlugin::SendReportToCentral() {
         componentManager_->GetPlugin(kProductInfo, lumera::ids::ProductInfoPlugin, &object) == 0) {
       info = static_cast<IProductInfo*>(object);
     }
-    {
+    if (!StopRequested()) {
       CPluginStartupManager manager([info] { return info; });
+      manager.SetStopEvent(monitorEvent_.get());
       (void)manager.Init();
       ky::List<ProcessImpact> impacts;
       if (!StopRequested() && GetBootImpact(&impacts, nullptr) == kStatusAvailable) {

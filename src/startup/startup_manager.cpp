@@ -17,7 +17,8 @@ bool CBaseStartupManager::Init() {
     return true;
   }
   pipelink::IConnPipeClient* connection = nullptr;
-  const std::uint32_t result = client_->Connect(kCentralPipeName, 0, 0, kCentralTimeoutMs, &connection);
+  // The connect gives up when the owner stops, so a stop never waits out the central's 5 s.
+  const std::uint32_t result = client_->ConnectUntil(kCentralPipeName, stopEvent_, kCentralTimeoutMs, &connection);
   if (result != 0 || connection == nullptr) {
     KY_LOG(logging::kLevelError, L"Could not create a communication client.");
     return true;
@@ -52,6 +53,10 @@ pipelink::IConnPipeClient* CBaseStartupManager::Connection() {
 }
 
 bool CBaseStartupManager::Connected() { return Connection() != nullptr; }
+
+bool CBaseStartupManager::StopRequested() const {
+  return stopEvent_ != nullptr && ::WaitForSingleObject(stopEvent_, 0) == WAIT_OBJECT_0;
+}
 
 std::string CBaseStartupManager::LastReport() {
   std::lock_guard<ky::CriticalSection> hold(lock_);

@@ -7,6 +7,8 @@
 // connector's thread and only parses; everything else runs on the caller's thread.
 #pragma once
 
+#include <windows.h>
+
 #include <cstdint>
 #include <map>
 #include <string>
@@ -57,6 +59,12 @@ class CBaseStartupManager : public ICentraListUpdater {
   static std::uint32_t __cdecl StaticNpcCallback(void* context, const pipelink::PipeMessage* message);
   std::uint32_t NpcCallback(const pipelink::PipeMessage& message);
 
+  // The event that asks the manager's owner to stop (null: none); every wait of the manager
+  // ends when it is set. Set before Init.
+  void SetStopEvent(HANDLE stopEvent) { stopEvent_ = stopEvent; }
+  // True once the stop event is set.
+  bool StopRequested() const;
+
   bool Connected();
   // The last report text posted or, without a connection, built.
   std::string LastReport();
@@ -67,6 +75,7 @@ class CBaseStartupManager : public ICentraListUpdater {
 
   std::map<std::wstring, StartupItemExPtr> apps_;
   std::uint32_t bootTime_ = 0;
+  HANDLE stopEvent_ = nullptr;
 
  private:
   pipelink::IConnPipeClient* Connection();

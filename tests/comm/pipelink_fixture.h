@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,7 @@
 #include "common/unique_handle.h"
 #include "lumera/interface_ids.h"
 #include "lumera/pipelink.h"
+#include "lumera_dev/service_account.h"
 #include "support/scratch_folder.h"
 
 namespace testing_pipelink {
@@ -24,9 +26,12 @@ inline std::wstring UniqueName(const char* test) {
   return L"lumera-test-" + std::to_wstring(::GetCurrentProcessId()) + L"-" + std::wstring(test, test + std::strlen(test));
 }
 
+// pipelink.dll's two objects. The test process serves as the service would, so under Wine it
+// stands for LocalSystem unless `asService` is false (then its clients refuse its servers).
 class Library {
  public:
-  Library() {
+  explicit Library(bool asService = true) {
+    if (asService) serviceAccount_.emplace();
     if (module_.Load(testsupport::ExeFolder() + L"pipelink.dll") != 0) return;
     void* object = nullptr;
     if (module_.Create(L"connserver", lumera::ids::PipeLinkServer, &object) == 0) server_ = static_cast<pipelink::IConnServer*>(object);
@@ -44,6 +49,7 @@ class Library {
   pipelink::IConnClient* Client() const { return client_; }
 
  private:
+  std::optional<lumera::dev::LocalSystemStandIn> serviceAccount_;
   ky::KyFactoryLibrary module_;
   pipelink::IConnServer* server_ = nullptr;
   pipelink::IConnClient* client_ = nullptr;
@@ -97,13 +103,17 @@ class RawPipe {
     if (pipe_) ::SetNamedPipeHandleState(pipe_.get(), &mode, nullptr, nullptr);
   }
   bool Open() const { return pipe_.valid(); }
+  HANDLE Handle() const { return pipe_.get(); }
 
-  // The client id from the server's welcome frame, 0 when none came within 5 s.
-  std::uint32_t ReadHello() {
+  // The client id from the server's welcome frame, 0 when none came within 5 s; `result`, when
+  // given, receives the welcome's result (231 from a server at its cap, 0xFFFFFFFF without one).
+  std::uint32_t ReadHello(std::uint32_t* result = nullptr) {
+    if (result != nullptr) *result = 0xFFFFFFFF;
     std::vector<std::uint8_t> frame;
     if (Read(frame, 5000) != 0 || frame.size() < pipelink::kFrameHeaderBytes) return 0;
     std::uint32_t id = 0;
     std::memcpy(&id, frame.data() + 4, 4);
+    if (result != nullptr) std::memcpy(result, frame.data() + 8, 4);
     return id;
   }
 

@@ -3,10 +3,15 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include <aclapi.h>
+#include <sddl.h>
+
 #include "pipelink_fixture.h"
+#include "support/captured_log.h"
 #include "support/test_thread.h"
 
 namespace {
@@ -206,9 +211,11 @@ TEST_F(PipeLink, MalformedFramesDropOnlyTheirSender) {
 }
 
 TEST_F(PipeLink, OneNameOneServerAndReleaseDisconnectsClients) {
+  testsupport::CapturedLog log;
   pipelink::IConnPipeServer* second = nullptr;
   EXPECT_NE(lib.Server()->CreatePipeServer(name.c_str(), 0, &second), 0u);
   EXPECT_EQ(second, nullptr);
+  EXPECT_EQ(log.count(L"is already served: a second server is refused"), 1u);
   EXPECT_EQ(lib.Server()->CreatePipeServer(L"bad\\name", 0, &second), static_cast<std::uint32_t>(ERROR_INVALID_NAME));
 
   pipelink::IConnPipeClient* c = Connect();
@@ -225,6 +232,92 @@ TEST_F(PipeLink, OneNameOneServerAndReleaseDisconnectsClients) {
   EXPECT_EQ(none, nullptr);
 }
 
+// The cap is on sessions held at once: the ones over it are welcomed with their refusal and
+// logged, the ones held are still answered, and a freed session makes room for a new client.
+TEST_F(PipeLink, ClientsOverTheSessionCapAreRefusedWithALogLineWhileHeldSessionsAreAnswered) {
+  testsupport::CapturedLog log;
+  constexpr std::uint32_t kOver = 3;
+  std::vector<std::unique_ptr<RawPipe>> held;
+  std::vector<std::uint32_t> heldIds;
+  for (std::uint32_t i = 0; i < pipelink::kMaxSessionsPerPipe; ++i) {
+    held.push_back(std::make_unique<RawPipe>(name));
+    ASSERT_TRUE(held.back()->Open()) << "session " << i;
+    heldIds.push_back(held.back()->ReadHello());
+    ASSERT_NE(heldIds.back(), 0u) << "session " << i << " under the cap was refused";
+  }
+  for (std::uint32_t i = 0; i < kOver; ++i) {
+    RawPipe over(name);
+    ASSERT_TRUE(over.Open());
+    std::uint32_t result = 0;
+    EXPECT_EQ(over.ReadHello(&result), 0u) << "client " << i << " over the cap got an identity";
+    EXPECT_EQ(result, static_cast<std::uint32_t>(ERROR_PIPE_BUSY));
+    std::vector<std::uint8_t> after;
+    EXPECT_EQ(over.Read(after, kWaitMs), static_cast<DWORD>(ERROR_BROKEN_PIPE)) << "a refused client stays connected";
+  }
+  EXPECT_EQ(log.count(L"refused a client: 64 sessions open"), kOver);
+  pipelink::IConnPipeClient* refused = nullptr;
+  EXPECT_EQ(lib.Client()->Connect(name.c_str(), 0, 0, kWaitMs, &refused), static_cast<std::uint32_t>(ERROR_PIPE_BUSY));
+  EXPECT_EQ(refused, nullptr);
+
+  RawPipe& last = *held.back();
+  ASSERT_EQ(last.Write(Frame(heldIds.back(), Server::kEcho, pipelink::kFlagReplyExpected, 7, {1, 2})), 0u);
+  std::vector<std::uint8_t> reply;
+  ASSERT_EQ(last.Read(reply, kWaitMs), 0u) << "a held session is no longer answered";
+  EXPECT_EQ(reply.size(), pipelink::kFrameHeaderBytes + 2);
+
+  held.front().reset();
+  EXPECT_TRUE(testsupport::WaitUntil([&] {
+    pipelink::IConnPipeClient* c = nullptr;
+    if (lib.Client()->Connect(name.c_str(), 0, 0, kWaitMs, &c) != 0) return false;
+    clients.push_back(c);
+    return true;
+  }, kWaitMs)) << "a freed session did not make room";
+}
+
+// Under Wine every process runs as one account; a test process that does not stand for
+// LocalSystem (staged below) is what a user's process is on Windows.
+TEST(PipeLinkServerAccount, ClientsRefuseAServerNotRunningAsLocalSystemAndUsersCannotMakeInstances) {
+  testsupport::CapturedLog log;
+  Library lib(false);
+  ASSERT_TRUE(lib.Ready());
+  const std::wstring name = UniqueName("impostor");
+  pipelink::IConnPipeServer* pipe = nullptr;
+  ASSERT_EQ(lib.Server()->CreatePipeServer(name.c_str(), 0, &pipe), 0u);
+  Inbox inbox;
+  ASSERT_EQ(pipe->RegisterCallback(&Inbox::Callback, &inbox, pipelink::kCallbackMessages), 0u);
+
+  pipelink::IConnPipeClient* client = nullptr;
+  EXPECT_EQ(lib.Client()->Connect(name.c_str(), 0, 0, kWaitMs, &client), static_cast<std::uint32_t>(ERROR_ACCESS_DENIED));
+  EXPECT_EQ(client, nullptr);
+  EXPECT_EQ(log.count(L"not LocalSystem: connection refused"), 1u);
+  EXPECT_FALSE(inbox.Wait(100)) << "the client spoke to a server it refused";
+
+  {
+    const lumera::dev::LocalSystemStandIn serviceAccount;
+    EXPECT_EQ(lib.Client()->Connect(name.c_str(), 0, 0, kWaitMs, &client), 0u) << "the same server as LocalSystem";
+    if (client != nullptr) lib.Client()->Close(client);
+  }
+
+  // The access list the pipe carries (stored by Wine, enforced only by Windows): users connect,
+  // read and write, and nothing of GENERIC_WRITE's FILE_CREATE_PIPE_INSTANCE.
+  RawPipe raw(name);
+  ASSERT_TRUE(raw.Open());
+  PACL dacl = nullptr;
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  wchar_t* text = nullptr;
+  if (::GetSecurityInfo(raw.Handle(), SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, &dacl, nullptr,
+                        &descriptor) == ERROR_SUCCESS) {
+    ::ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
+                                                           &text, nullptr);
+  }
+  ky::unique_local ownedText(text);
+  ky::unique_local ownedDescriptor(descriptor);
+  ASSERT_NE(text, nullptr) << "the pipe's access list could not be read back";
+  EXPECT_STREQ(text, L"D:P(A;;GA;;;SY)(A;;GA;;;BA)(A;;0x12018b;;;IU)");
+  EXPECT_EQ(pipelink::kClientPipeAccess & FILE_CREATE_PIPE_INSTANCE, 0u);
+  lib.Server()->ReleasePipeServer(pipe);
+}
+
 // A name another process already serves is refused rather than shared: a second server would
 // otherwise wait unnoticed beside the first and take some of its clients.
 TEST(PipeLinkFirstInstance, NameServedElsewhereIsRefused) {
@@ -237,9 +330,11 @@ TEST(PipeLinkFirstInstance, NameServedElsewhereIsRefused) {
     ky::unique_handle foreign(::CreateNamedPipeW(path.c_str(), PIPE_ACCESS_DUPLEX, PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE,
                                                  instances, 4096, 4096, 0, nullptr));
     ASSERT_TRUE(foreign.valid()) << ::GetLastError();
+    testsupport::CapturedLog log;
     pipelink::IConnPipeServer* second = nullptr;
     EXPECT_EQ(lib.Server()->CreatePipeServer(name.c_str(), 0, &second), static_cast<std::uint32_t>(ERROR_ACCESS_DENIED));
     EXPECT_EQ(second, nullptr);
+    EXPECT_EQ(log.count(L"is already served: a second server is refused"), 1u);
     if (second) lib.Server()->ReleasePipeServer(second);
   }
   pipelink::IConnPipeServer* served = nullptr;

@@ -20,6 +20,7 @@
 #include "common/unique_handle.h"
 #include "component_manager.h"
 #include "lumera_dev/console_session.h"
+#include "lumera_dev/service_account.h"
 #include "plugin/boottime_plugin.h"
 #include "support/captured_log.h"
 #include "support/scratch_folder.h"
@@ -153,6 +154,36 @@ bool NoHandleOutlives(const HandleCensus& before, HandleCensus* after) {
 
 bool Eventually(const std::function<bool()>& condition) { return testsupport::WaitUntil(condition, kDeadlineMs); }
 
+// "RemoteDispatcherPipe" held by a central component that never answers: either its one
+// instance accepts a client and never sends the welcome, or it is already taken by another
+// client so that every new one finds it busy. Either way a client waits out its time-out.
+class UnansweringCentral {
+ public:
+  enum class Kind { kSilent, kBusy };
+  explicit UnansweringCentral(Kind kind) {
+    const wchar_t* path = L"\\\\.\\pipe\\RemoteDispatcherPipe";
+    pipe_.reset(::CreateNamedPipeW(path, PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
+                                   PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_REJECT_REMOTE_CLIENTS, 1, 4096,
+                                   4096, 0, nullptr));
+    if (!pipe_) return;
+    OVERLAPPED ov{};
+    ov.hEvent = connected_.get();
+    if (!::ConnectNamedPipe(pipe_.get(), &ov) && ::GetLastError() == ERROR_PIPE_CONNECTED) ::SetEvent(connected_.get());
+    if (kind == Kind::kBusy) {
+      occupant_.reset(::CreateFileW(path, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    }
+  }
+  ~UnansweringCentral() {
+    if (pipe_) ::CancelIoEx(pipe_.get(), nullptr);
+  }
+  bool Ready(Kind kind) const { return pipe_.valid() && (kind == Kind::kSilent || occupant_.valid()); }
+
+ private:
+  ky::unique_handle connected_{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+  ky::unique_file pipe_;
+  ky::unique_file occupant_;
+};
+
 bool WriteFile(const std::wstring& path, const std::string& text) {
   testsupport::WriteFileBytes(path, text);
   return testsupport::ReadFileBytes(path) == text;
@@ -255,6 +286,41 @@ TEST_F(PluginRun, FirstStartWithAUserLoggedOnMeasuresNothingAndTellsTwo) {
   EXPECT_FALSE(Exists(BootFile()));
   EXPECT_FALSE(Exists(ImpactFile()));
   EXPECT_EQ(plugin.UnInit(), 0u);
+}
+
+// The report's connect to the central component may wait 5 s; a Stop in that wait ends it.
+TEST_F(PluginRun, StopDuringTheReportEndsTheCentralsConnectAtOnceAndLeavesNoThread) {
+  WarmUpHost();
+  // This process stands for LocalSystem, so the report's client gets past its check of the
+  // central's account and waits for a welcome that never comes.
+  const lumera::dev::LocalSystemStandIn serviceAccount;
+  for (const auto kind : {UnansweringCentral::Kind::kSilent, UnansweringCentral::Kind::kBusy}) {
+    SCOPED_TRACE(kind == UnansweringCentral::Kind::kSilent ? "central accepts and never welcomes" : "central busy");
+    UnansweringCentral central(kind);
+    ASSERT_TRUE(central.Ready(kind));
+    ASSERT_TRUE(StageLogon(true));
+    log_.clear();
+    FakeClock clock;
+    FakeCounters counters(&clock);
+    CBootTimePlugin plugin(clock, counters);
+    Listener listener;
+    ASSERT_EQ(plugin.Init(host_.get()), 0u);
+    ASSERT_EQ(plugin.AddListener(&listener), 0u);
+    const std::size_t threadsBefore = ThreadCount();
+    ASSERT_EQ(plugin.Start(), 0u);
+    ASSERT_TRUE(listener.Heard());
+    ASSERT_TRUE(Eventually([&] { return log_.contains(L"-> CBaseStartupManager::Init"); }))
+        << "the report did not start connecting";
+
+    const auto stopAt = std::chrono::steady_clock::now();
+    EXPECT_EQ(plugin.Stop(), 0u);
+    const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - stopAt);
+    EXPECT_LT(took.count(), 1000) << "Stop waited for the central's connect";
+    EXPECT_TRUE(log_.contains(L"Could not create a communication client.")) << "the connect was not ended by Stop";
+    EXPECT_FALSE(log_.contains(L"Report JSON:")) << "a stopped report was sent";
+    EXPECT_TRUE(ThreadsBackTo(threadsBefore)) << ThreadCount() << " threads against " << threadsBefore;
+    EXPECT_EQ(plugin.UnInit(), 0u);
+  }
 }
 
 TEST_F(PluginRun, AStoredStartWithinTwoSecondsReloadsAndExactlyTwoSecondsMeasures) {

@@ -21,6 +21,7 @@
 #include "common/unique_handle.h"
 #include "lumera/interface_ids.h"
 #include "lumera/pipelink.h"
+#include "lumera_dev/service_account.h"
 #include "report_table.h"
 #include "startup/central_messages.h"
 
@@ -223,6 +224,8 @@ int Run(const Options& options) {
 }  // namespace
 
 int main() {
+  // Wine only: the central component runs as LocalSystem beside the service, as on Windows.
+  const lumera::dev::LocalSystemStandIn serviceAccount;
   try {
     std::vector<std::wstring> args;
     if (!ky::ProcessArguments(args)) return kExitFailed;

@@ -1,12 +1,18 @@
-// pipe_hostile.exe [--frames N] [--clients N] [--good N] [--seconds S] [--seed X] [--attach]
+// pipe_hostile.exe [--frames N] [--clients N] [--good N] [--flood N] [--seconds S] [--seed X] [--attach]
 //
 // Against a running lumerahost.exe (one it starts in a scratch folder, or with --attach the
 // one already serving "boottimepipe"), N hostile clients send random, truncated, oversized and
 // lying frames and open and drop connections, while well-behaved clients query continuously
-// through the module's "boottimecommclient". Last line:
+// through the module's "boottimecommclient". Then a flood of clients (--flood, twice the
+// server's session cap by default, 0 for none) opens sessions and holds them while the good
+// clients go on asking: the server must refuse every client over its cap, with a log line for
+// each, and keep answering the good ones. Last two lines:
+//   hostile pipe: session cap C: F flood clients, H held, R refused (L log lines), G good answers during the flood
 //   hostile pipe: N frames, A of Q good queries answered, host alive
 // Exit codes: 0 every good query answered, every accepted hostile request that asked for a
-// reply got one, and the host alive; 1 otherwise; 2 bad command line; 3 no host to test.
+// reply got one, the flood beyond the cap refused (each with its log line when the host was
+// started here) while good answers kept coming, and the host alive; 1 otherwise; 2 bad command
+// line; 3 no host to test.
 //
 // A tool rather than a benchmark: it times nothing and compares with no baseline; it is a
 // program a person points at a host, running or started for the purpose.
@@ -26,17 +32,22 @@
 #include "common/unique_handle.h"
 #include "good_client.h"
 #include "hostile_client.h"
+#include "lumera/pipelink.h"
+#include "session_flood.h"
 
 namespace {
 
 constexpr wchar_t kPipePath[] = L"\\\\.\\pipe\\boottimepipe";
 constexpr DWORD kHostReadyMs = 30000;
 constexpr DWORD kProgressMs = 500;
+constexpr DWORD kFloodHoldMs = 10000;  // the most the flood holds its sessions waiting for good answers
+constexpr char kRefusalLogText[] = "refused a client";
 
 struct Options {
   std::uint64_t frames = 100000;
   int clients = 32;
   int good = 4;
+  int flood = 2 * static_cast<int>(pipelink::kMaxSessionsPerPipe);
   double seconds = 0;  // 0: until the frames are sent
   std::uint64_t seed = 1;
   bool attach = false;
@@ -55,7 +66,8 @@ bool ParseOptions(int argc, char** argv, Options& o) {
     if (end == nullptr || *end != '\0') return false;
     if (std::strcmp(option, "--frames") == 0 && value > 0) o.frames = value;
     else if (std::strcmp(option, "--clients") == 0 && value > 0 && value <= 256) o.clients = static_cast<int>(value);
-    else if (std::strcmp(option, "--good") == 0 && value > 0 && value <= 64) o.good = static_cast<int>(value);
+    else if (std::strcmp(option, "--good") == 0 && value > 0 && value <= 32) o.good = static_cast<int>(value);
+    else if (std::strcmp(option, "--flood") == 0 && value <= 1024) o.flood = static_cast<int>(value);
     else if (std::strcmp(option, "--seconds") == 0 && value > 0) o.seconds = static_cast<double>(value);
     else if (std::strcmp(option, "--seed") == 0) o.seed = value;
     else return false;
@@ -182,9 +194,21 @@ int Run(const Options& options, const std::filesystem::path& scratch) {
                 static_cast<unsigned long long>(goodTotals.asked.load()), elapsed);
     std::fflush(stdout);
   }
+  const double elapsed = static_cast<double>(::GetTickCount64() - begin) / 1000.0;
+
+  // The flood, while the good clients keep their sessions and go on asking.
+  hostile::SessionFlood flood;
+  const std::uint64_t answeredBeforeFlood = goodTotals.answered;
+  flood.Open(options.flood, goodStop.get());
+  const std::uint64_t wanted = answeredBeforeFlood + 4 * static_cast<std::uint64_t>(options.good);
+  const ULONGLONG holdUntil = ::GetTickCount64() + kFloodHoldMs;
+  while (goodTotals.answered < wanted && ::GetTickCount64() < holdUntil && Running(host.Process())) {
+    ::WaitForSingleObject(host.Process() != nullptr ? host.Process() : goodStop.get(), 50);
+  }
+  const std::uint64_t answeredDuringFlood = goodTotals.answered - answeredBeforeFlood;
+  flood.Release();
   ::SetEvent(goodStop.get());
   for (auto& t : threads) t.join();
-  const double elapsed = static_cast<double>(::GetTickCount64() - begin) / 1000.0;
 
   // Alive: still running, and a fresh client gets its answer after the storm.
   ::SetEvent(hardStop.get());
@@ -194,6 +218,14 @@ int Run(const Options& options, const std::filesystem::path& scratch) {
   const bool alive = lastAnswered && hostExit == STILL_ACTIVE;
   host.End();
   module.Free();
+  const hostile::FloodTotals& floodTotals = flood.Totals();
+  const std::uint64_t refusalLines = options.attach ? 0 : hostile::CountInLogs(scratch / "logs", kRefusalLogText);
+  const std::uint64_t beyondCap =
+      options.flood > static_cast<int>(pipelink::kMaxSessionsPerPipe) ? options.flood - pipelink::kMaxSessionsPerPipe : 0;
+  const bool floodRefused = options.flood == 0 ||
+                            (floodTotals.other == 0 && floodTotals.held <= pipelink::kMaxSessionsPerPipe &&
+                             floodTotals.refused >= beyondCap && answeredDuringFlood > 0 &&
+                             (options.attach || refusalLines == floodTotals.refused));
 
   const auto frames = static_cast<unsigned long long>(hostileTotals.frames.load());
   std::printf("\rhostile pipe: %llu frames over %llu connections in %.1f s (%.0f frames/s); %llu of %llu accepted "
@@ -202,12 +234,22 @@ int Run(const Options& options, const std::filesystem::path& scratch) {
               elapsed > 0 ? frames / elapsed : 0.0, static_cast<unsigned long long>(hostileTotals.replied.load()),
               static_cast<unsigned long long>(hostileTotals.asked.load()),
               static_cast<unsigned long long>(goodTotals.notYetKnown.load()));
+  if (options.flood > 0) {
+    std::printf("hostile pipe: session cap %u: %d flood clients, %llu held, %llu refused (%s log lines), %llu good "
+                "answers during the flood%s\n",
+                static_cast<unsigned>(pipelink::kMaxSessionsPerPipe), options.flood,
+                static_cast<unsigned long long>(floodTotals.held), static_cast<unsigned long long>(floodTotals.refused),
+                options.attach ? "host's log not read:" : std::to_string(refusalLines).c_str(),
+                static_cast<unsigned long long>(answeredDuringFlood), floodRefused ? "" : " - CAP NOT HELD");
+  }
   std::printf("hostile pipe: %llu frames, %llu of %llu good queries answered, %s\n", frames,
               static_cast<unsigned long long>(goodTotals.answered.load()),
               static_cast<unsigned long long>(goodTotals.asked.load()), alive ? "host alive" : "HOST DEAD");
   if (!alive && hostExit != STILL_ACTIVE) std::fprintf(stderr, "pipe_hostile: the host ended with 0x%lx\n", hostExit);
   std::fflush(stdout);
-  return alive && goodTotals.answered == goodTotals.asked && hostileTotals.replied == hostileTotals.asked ? 0 : 1;
+  return alive && floodRefused && goodTotals.answered == goodTotals.asked && hostileTotals.replied == hostileTotals.asked
+             ? 0
+             : 1;
 }
 
 }  // namespace
@@ -215,7 +257,9 @@ int Run(const Options& options, const std::filesystem::path& scratch) {
 int main(int argc, char** argv) {
   Options options;
   if (!ParseOptions(argc, argv, options)) {
-    std::fprintf(stderr, "usage: pipe_hostile.exe [--frames N] [--clients N] [--good N] [--seconds S] [--seed X] [--attach]\n");
+    std::fprintf(stderr,
+                 "usage: pipe_hostile.exe [--frames N] [--clients N] [--good N] [--flood N] [--seconds S] [--seed X] "
+                 "[--attach]\n");
     return 2;
   }
   wchar_t temp[MAX_PATH + 1] = {};

@@ -223,17 +223,20 @@ std::uint32_t CPluginStartupManager::BuildAndReport() {
     }
   }
   apps_.clear();
+  std::vector<startup::storage::BootTimeRecord> records;
   {
+    // The store lives in the user's folder and its commands are the user's: it is read,
+    // checked and rewritten as the user, so a link the user puts there cannot steer
+    // LocalSystem's write and no stored path is opened with the machine's identity.
     velora::utils::CUserImpersonation impersonation;
     Enumerate(sources_->RunKeySources());
     Enumerate(sources_->FolderSources());
     Enumerate(sources_->StoreSources());
     filter_.Init();
     FilterApps(filter_);
+    ReadBackStore();
+    (void)startup::storage::CStartupItemsStorage::Instance().LoadBootTime(records);
   }
-  ReadBackStore();
-  std::vector<startup::storage::BootTimeRecord> records;
-  (void)startup::storage::CStartupItemsStorage::Instance().LoadBootTime(records);
   ApplyBootTimes(records);
   ApplyBootImpacts();
 

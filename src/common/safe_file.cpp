@@ -55,6 +55,20 @@ DWORD WriteAll(HANDLE file, std::string_view bytes) {
   return ::FlushFileBuffers(file) ? ERROR_SUCCESS : ::GetLastError();
 }
 
+// Temporary files of this target left by writers that died before their rename. Callers keep
+// one writer per target at a time (the store under its lock), so any other is stale.
+void RemoveStaleTemporaries(const std::wstring& path) {
+  const std::wstring folder = FolderOf(path);
+  WIN32_FIND_DATAW found{};
+  unique_find find(::FindFirstFileW((path + kSafeFileTempInfix + L"*").c_str(), &found));
+  if (!find) return;
+  do {
+    if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+      ::DeleteFileW((folder.empty() ? std::wstring(found.cFileName) : folder + L"\\" + found.cFileName).c_str());
+    }
+  } while (::FindNextFileW(find.get(), &found));
+}
+
 DWORD Replace(const std::wstring& temporary, const std::wstring& path) {
   DWORD error = ERROR_SUCCESS;
   for (int attempt = 0; attempt < kReplaceAttempts; ++attempt) {
@@ -85,8 +99,12 @@ std::uint32_t WriteFileWhole(const std::wstring& path, std::string_view bytes) {
     // Checked again just before the rename: the link may have been put there meanwhile.
     error = IsReparsePoint(path) ? ERROR_CANT_ACCESS_FILE : Replace(temporary, path);
   }
-  if (error != ERROR_SUCCESS) ::DeleteFileW(temporary.c_str());
-  return error;
+  if (error != ERROR_SUCCESS) {
+    ::DeleteFileW(temporary.c_str());
+    return error;
+  }
+  RemoveStaleTemporaries(path);
+  return ERROR_SUCCESS;
 }
 
 }  // namespace ky

@@ -59,6 +59,7 @@ TEST(StoreLock, AnOperationThatCannotTakeTheLockFailsWith31AndChangesNothing) {
   ASSERT_EQ(::WaitForSingleObject(taken.get(), 10000), WAIT_OBJECT_0) << "the holder took the lock";
 
   testsupport::CapturedLog log;
+  ASSERT_TRUE(log.available());
   const DWORD begin = ::GetTickCount();
   const std::uint32_t saved =
       CStartupItemsStorage::Instance().SaveStartupItem(MakeItem(L"New", L"HKEY_CURRENT_USER\\Run", L"c:\\n.exe", 1), "Disabled");
@@ -69,10 +70,8 @@ TEST(StoreLock, AnOperationThatCannotTakeTheLockFailsWith31AndChangesNothing) {
   EXPECT_EQ(saved, 31u);
   EXPECT_GE(waited + 100, startup::storage::kStoreLockWaitMs) << "it waited the whole bounded time";
   EXPECT_EQ(file.Text(), before) << "nothing was written";
-  if (log.available()) {
-    EXPECT_TRUE(log.contains(L"not taken within")) << "the lock's failure is logged";
-    EXPECT_TRUE(log.contains(L"Save failed"));
-  }
+  EXPECT_TRUE(log.contains(L"not taken within")) << "the lock's failure is logged";
+  EXPECT_TRUE(log.contains(L"Save failed"));
   EXPECT_EQ(CStartupItemsStorage::Instance().SaveStartupItem(MakeItem(L"New", L"HKEY_CURRENT_USER\\Run", L"c:\\n.exe", 1),
                                                              "Disabled"),
             0u)
@@ -93,15 +92,14 @@ TEST(StoreLock, ALockAbandonedByItsHolderIsTakenAndTheOperationGoesOn) {
   });
   dying.join();
   testsupport::CapturedLog log;
+  ASSERT_TRUE(log.available());
   EXPECT_EQ(CStartupItemsStorage::Instance().SaveStartupItem(MakeItem(L"A", L"HKEY_CURRENT_USER\\Run", L"c:\\a.exe", 1),
                                                              "Disabled"),
             0u);
   startup::StartupItemList loaded;
   EXPECT_EQ(CStartupItemsStorage::Instance().LoadStartupItems("Disabled", loaded), 0u);
   EXPECT_EQ(loaded.size(), 1u);
-  if (log.available()) {
-    EXPECT_TRUE(log.contains(L"abandoned by its holder")) << "the abandoned lock is logged";
-  }
+  EXPECT_TRUE(log.contains(L"abandoned by its holder")) << "the abandoned lock is logged";
 }
 
 TEST(SafeFile, ReplacesTheFileWholeAndLeavesNoTemporaryFile) {

@@ -13,6 +13,7 @@
 #include "common/json_file.h"
 #include "common/guard.h"
 #include "common/log.h"
+#include "common/safe_file.h"
 #include "common/text_convert.h"
 
 namespace boottime {
@@ -149,7 +150,8 @@ bool BootTimeAnalyser::StoreProcessImpactOnDisk(const std::wstring& path) const 
     root[kProcesses] = picojson::value(std::move(processes));
     const std::string text = picojson::value(std::move(root)).serialize();
 
-    if (!ky::WriteTextFile(path, text)) {
+    if (const std::uint32_t written = ky::WriteFileWhole(path, text); written != 0) {
+      KY_LOG(logging::kLevelError, L"WriteFileWhole %s failed 0x%x", path.c_str(), written);
       KY_LOG(logging::kLevelError, L"Failed to save boot impact in JSON");
       return false;
     }

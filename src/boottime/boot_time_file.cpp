@@ -8,6 +8,7 @@
 #include "boottime/boot_time_monitor.h"
 #include "common/json_file.h"
 #include "common/log.h"
+#include "common/safe_file.h"
 
 namespace boottime {
 namespace {
@@ -37,7 +38,9 @@ void BootTimeMonitor::StoreBootTimeOnDisk(const std::wstring& folder) {
   picojson::object object;
   object[kSystemStartKey] = picojson::value(std::to_string(systemStart));
   object[kBootTimeKey] = picojson::value(std::to_string(static_cast<std::int32_t>(bootTime_)));
-  if (!ky::WriteTextFile(folder + kFileName, picojson::value(object).serialize())) {
+  const std::wstring path = folder + kFileName;
+  if (const std::uint32_t written = ky::WriteFileWhole(path, picojson::value(object).serialize()); written != 0) {
+    KY_LOG(logging::kLevelError, L"WriteFileWhole %s failed 0x%x", path.c_str(), written);
     KY_LOG(logging::kLevelError, L"Failed to save boot time data in JSON");
   }
 }

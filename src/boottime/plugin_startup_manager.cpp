@@ -224,7 +224,11 @@ std::uint32_t CPluginStartupManager::BuildAndReport() {
   }
   apps_.clear();
   if (StopRequested()) return ERROR_OPERATION_ABORTED;
+  std::vector<startup::storage::BootTimeRecord> records;
   {
+    // The store lives in the user's folder and its commands are the user's: it is read,
+    // checked and rewritten as the user, so a link the user puts there cannot steer
+    // LocalSystem's write and no stored path is opened with the machine's identity.
     velora::utils::CUserImpersonation impersonation;
     Enumerate(sources_->RunKeySources());
     if (StopRequested()) return ERROR_OPERATION_ABORTED;
@@ -234,12 +238,11 @@ std::uint32_t CPluginStartupManager::BuildAndReport() {
     if (StopRequested()) return ERROR_OPERATION_ABORTED;
     filter_.Init();
     FilterApps(filter_);
+    if (StopRequested()) return ERROR_OPERATION_ABORTED;
+    ReadBackStore();
+    if (StopRequested()) return ERROR_OPERATION_ABORTED;
+    (void)startup::storage::CStartupItemsStorage::Instance().LoadBootTime(records);
   }
-  if (StopRequested()) return ERROR_OPERATION_ABORTED;
-  ReadBackStore();
-  if (StopRequested()) return ERROR_OPERATION_ABORTED;
-  std::vector<startup::storage::BootTimeRecord> records;
-  (void)startup::storage::CStartupItemsStorage::Instance().LoadBootTime(records);
   ApplyBootTimes(records);
   ApplyBootImpacts();
 

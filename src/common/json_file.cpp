@@ -1,10 +1,11 @@
 #include "common/json_file.h"
 
+#include <windows.h>
+
 #include <cstdint>
-#include <filesystem>
-#include <fstream>
 
 #include "common/text_convert.h"
+#include "common/unique_handle.h"
 
 namespace ky {
 namespace {
@@ -54,27 +55,36 @@ bool ParseJsonText(const char* first, const char* last, picojson::value& out, st
   return true;
 }
 
-JsonReadResult ReadJsonFile(const std::wstring& path, picojson::value& out, std::string& error, std::size_t maxBytes) {
-  out = picojson::value();
-  std::ifstream file(std::filesystem::path(path), std::ios::binary | std::ios::ate);
+JsonReadResult ReadFileBytes(const std::wstring& path, std::string& bytes, std::size_t maxBytes) {
+  bytes.clear();
+  // Sharing delete lets a writer replace the file while it is read: this reader keeps the old one.
+  unique_file file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                 nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
   if (!file) return JsonReadResult::kCannotOpen;
-  const std::streamoff size = file.tellg();
-  if (size < 0) return JsonReadResult::kCannotOpen;
-  if (static_cast<std::uint64_t>(size) > maxBytes) return JsonReadResult::kTooLarge;
-  file.seekg(0);
-  std::string text(static_cast<std::size_t>(size), '\0');
-  file.read(text.data(), static_cast<std::streamsize>(text.size()));
-  text.resize(static_cast<std::size_t>(file.gcount()));
-  if (!ParseJsonText(text.data(), text.data() + text.size(), out, error)) return JsonReadResult::kParseError;
+  LARGE_INTEGER size{};
+  if (!::GetFileSizeEx(file.get(), &size) || size.QuadPart < 0) return JsonReadResult::kCannotOpen;
+  if (static_cast<std::uint64_t>(size.QuadPart) > maxBytes) return JsonReadResult::kTooLarge;
+  std::string text(static_cast<std::size_t>(size.QuadPart), '\0');
+  std::size_t filled = 0;
+  while (filled < text.size()) {
+    DWORD read = 0;
+    if (!::ReadFile(file.get(), text.data() + filled, static_cast<DWORD>(text.size() - filled), &read, nullptr)) {
+      return JsonReadResult::kCannotOpen;
+    }
+    if (read == 0) break;
+    filled += read;
+  }
+  text.resize(filled);
+  bytes = std::move(text);
   return JsonReadResult::kOk;
 }
 
-bool WriteTextFile(const std::wstring& path, const std::string& text) {
-  std::ofstream file(std::filesystem::path(path), std::ios::binary | std::ios::trunc);
-  if (!file) return false;
-  file.write(text.data(), static_cast<std::streamsize>(text.size()));
-  file.close();
-  return !file.fail();
+JsonReadResult ReadJsonFile(const std::wstring& path, picojson::value& out, std::string& error, std::size_t maxBytes) {
+  out = picojson::value();
+  std::string text;
+  if (const JsonReadResult read = ReadFileBytes(path, text, maxBytes); read != JsonReadResult::kOk) return read;
+  if (!ParseJsonText(text.data(), text.data() + text.size(), out, error)) return JsonReadResult::kParseError;
+  return JsonReadResult::kOk;
 }
 
 std::map<std::wstring, std::wstring> StringMembers(const picojson::value& object) {

@@ -1,5 +1,6 @@
-// Bounded reading and whole-file writing of the module's JSON files, which live in folders
-// a user can write: nothing larger than the limit is read, and nothing read is trusted.
+// Bounded reading of the module's JSON files, which live in folders a user can write: nothing
+// larger than the limit is read, and nothing read is trusted. They are written whole through
+// common/safe_file.h.
 #pragma once
 
 #include <cstddef>
@@ -17,6 +18,11 @@ inline constexpr std::size_t kMaxJsonDepth = 100;
 
 enum class JsonReadResult { kOk, kCannotOpen, kTooLarge, kParseError };
 
+// Reads the whole file into `bytes`, sharing it with writers that replace it meanwhile.
+// kOk, kCannotOpen, or kTooLarge when it holds more than `maxBytes`; `bytes` is empty on failure.
+[[nodiscard]] JsonReadResult ReadFileBytes(const std::wstring& path, std::string& bytes,
+                                           std::size_t maxBytes = kMaxJsonFileBytes);
+
 // Parses JSON text as every reader does: false, with the message in `error` and `out` null,
 // for text that is not a document, nests deeper than `maxDepth`, or holds a number beyond
 // the double range.
@@ -27,9 +33,6 @@ enum class JsonReadResult { kOk, kCannotOpen, kTooLarge, kParseError };
 // with ParseJsonText. On kParseError `error` holds the message; on any failure `out` is null.
 [[nodiscard]] JsonReadResult ReadJsonFile(const std::wstring& path, picojson::value& out, std::string& error,
                                           std::size_t maxBytes = kMaxJsonFileBytes);
-
-// Replaces the file with `text`. Returns false when it cannot be opened, written or closed.
-[[nodiscard]] bool WriteTextFile(const std::wstring& path, const std::string& text);
 
 // The string members of a JSON object, converted to wide text; other members are skipped.
 std::map<std::wstring, std::wstring> StringMembers(const picojson::value& object);

@@ -1,5 +1,7 @@
 #include "startup/run_key_apps.h"
 
+#include <algorithm>
+#include <cwchar>
 #include <vector>
 
 #include "common/log.h"
@@ -78,6 +80,17 @@ std::uint32_t RollbackToRegistry(const StartupItem& item) {
                                                      static_cast<DWORD>((item.path.size() + 1) * sizeof(wchar_t))));
 }
 
+bool IsNetworkPath(const std::wstring& path) {
+  const auto startsWith = [&path](const wchar_t* prefix) {
+    return ::CompareStringOrdinal(path.c_str(), static_cast<int>(std::min(path.size(), std::wcslen(prefix))), prefix, -1,
+                                  TRUE) == CSTR_EQUAL;
+  };
+  if (startsWith(L"\\\\?\\UNC\\")) return true;
+  // \\?\ and \\.\ name this machine's own files and devices.
+  if (startsWith(L"\\\\?\\") || startsWith(L"\\\\.\\")) return false;
+  return startsWith(L"\\\\") || startsWith(L"//");
+}
+
 std::uint8_t CheckCommandTarget(const StartupItem& item) {
   KY_TRACE(L"CheckCommandTarget");
   const auto environment = EnvironmentOf(item);
@@ -87,6 +100,13 @@ std::uint8_t CheckCommandTarget(const StartupItem& item) {
   }
   std::wstring target;
   if (!ResolveCommandTarget(item.path, target, *environment)) return kActionFailed;
+  // Opening \\server\share as LocalSystem makes the machine account authenticate to any host a
+  // user names: such a target is never probed, and counts as present.
+  if (IsNetworkPath(target)) {
+    KY_LOG(logging::kLevelInfo, L"network target %s of %s %s not probed: kept", target.c_str(), item.location.c_str(),
+           item.name.c_str());
+    return kActionOk;
+  }
   return ::GetFileAttributesW(target.c_str()) == INVALID_FILE_ATTRIBUTES ? kActionFailed : kActionOk;
 }
 

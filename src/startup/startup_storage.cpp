@@ -6,13 +6,16 @@
 #include "common/json_file.h"
 #include "common/log.h"
 #include "common/module_library.h"
+#include "common/safe_file.h"
 #include "common/unique_handle.h"
+#include "startup/storage_lock.h"
 
 namespace startup::storage {
 namespace {
 
 // A file this large was not written by the store; refusing it bounds the parser's work.
 constexpr std::size_t kMaxFileBytes = 16 * 1024 * 1024;
+constexpr std::size_t kMaxKeptBytes = 4 * kMaxFileBytes;
 constexpr std::int64_t kUnixEpochSeconds = 11644473600LL;
 
 std::int64_t NowUnixSeconds() {
@@ -23,7 +26,8 @@ std::int64_t NowUnixSeconds() {
 }
 
 ky::unique_file OpenForReading(const std::wstring& path) {
-  return ky::unique_file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+  return ky::unique_file(::CreateFileW(path.c_str(), GENERIC_READ,
+                                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                        OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
 }
 
@@ -58,20 +62,38 @@ CStartupItemsStorage::Loaded CStartupItemsStorage::Read(picojson::value& documen
 bool CStartupItemsStorage::KeepUnreadable() const {
   KY_TRACE(L"CStartupItemsStorage::KeepUnreadable");
   const std::wstring kept = path_ + kUnreadableSuffix;
-  if (!::CopyFileW(path_.c_str(), kept.c_str(), FALSE)) {
-    KY_LOG(logging::kLevelError, L"Failed to keep unreadable %s as %s 0x%x", path_.c_str(), kept.c_str(), ::GetLastError());
+  std::string bytes;
+  std::uint32_t copied = ERROR_FILE_TOO_LARGE;
+  if (ky::ReadFileBytes(path_, bytes, kMaxKeptBytes) == ky::JsonReadResult::kOk) copied = ky::WriteFileWhole(kept, bytes);
+  if (copied != 0) {
+    KY_LOG(logging::kLevelError, L"Failed to keep unreadable %s as %s 0x%x", path_.c_str(), kept.c_str(), copied);
     return false;
   }
   KY_LOG(logging::kLevelWarning, L"Unreadable %s kept as %s", path_.c_str(), kept.c_str());
   return true;
 }
 
+bool CStartupItemsStorage::LockedLoad(picojson::value& document) const {
+  const CStoreLock lock(path_);
+  return lock.Held() && Load(document);
+}
+
 bool CStartupItemsStorage::Save(const picojson::value& document) const {
-  return ky::WriteTextFile(path_, document.serialize());
+  const std::uint32_t written = ky::WriteFileWhole(path_, document.serialize());
+  if (written != 0) {
+    logging::Write(logging::kLevelError, L"CStartupItemsStorage::Save", L"WriteFileWhole %s failed 0x%x", path_.c_str(),
+                   written);
+  }
+  return written == 0;
 }
 
 std::uint32_t CStartupItemsStorage::SaveStartupItems(const StartupItemList& items, const std::string& section) {
   KY_TRACE(L"CStartupItemsStorage::SaveStartupItems");
+  const CStoreLock lock(path_);
+  if (!lock.Held()) {
+    KY_LOG(logging::kLevelError, L"Save failed");
+    return kStorageFailed;
+  }
   picojson::value document;
   const Loaded loaded = Read(document);
   if (loaded != Loaded::kYes) {
@@ -95,6 +117,11 @@ std::uint32_t CStartupItemsStorage::SaveStartupItem(const StartupItemPtr& item, 
 std::uint32_t CStartupItemsStorage::RemoveStartupItems(const StartupItemList& items, const std::string& section) {
   KY_TRACE(L"CStartupItemsStorage::RemoveStartupItems");
   if (items.empty()) return 0;
+  const CStoreLock lock(path_);
+  if (!lock.Held()) {
+    KY_LOG(logging::kLevelError, L"Save failed");
+    return kStorageFailed;
+  }
   picojson::value document;
   if (!Load(document)) {
     KY_LOG(logging::kLevelError, L"Failed load file");
@@ -111,7 +138,7 @@ std::uint32_t CStartupItemsStorage::RemoveStartupItems(const StartupItemList& it
 std::uint32_t CStartupItemsStorage::LoadStartupItems(const std::string& section, StartupItemList& items) {
   KY_TRACE(L"CStartupItemsStorage::LoadStartupItems");
   picojson::value document;
-  if (!Load(document)) return kStorageFailed;
+  if (!LockedLoad(document)) return kStorageFailed;
   if (!document.is<picojson::object>()) return 0;
   KY_LOG(logging::kLevelDebug, L"strSection: %S", section.c_str());
   ReadSection(document, kUserKey, section, 1, items);
@@ -123,7 +150,7 @@ std::uint32_t CStartupItemsStorage::LoadStartupItems(const std::string& section,
 std::uint32_t CStartupItemsStorage::LoadBootTime(std::vector<BootTimeRecord>& records) {
   KY_TRACE(L"CStartupItemsStorage::LoadBootTime");
   picojson::value document;
-  if (!Load(document)) {
+  if (!LockedLoad(document)) {
     KY_LOG(logging::kLevelError, L"Failed load file");
     return kStorageFailed;
   }

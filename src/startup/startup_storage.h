@@ -1,6 +1,9 @@
 // CStartupItemsStorage: the backup record of every entry the startup actions changed, kept
 // in "Storage.json". Every operation reads the whole file anew and writes it whole; nothing
-// is cached, and no lock is taken (callers run one operation at a time).
+// is cached. The service, startupctl.exe and StartLauncher.exe all rewrite the whole file, and
+// the last writer would drop the others' records: each operation holds the store's named lock
+// (storage_lock.h) across processes and sessions, and within the process takes no other lock.
+// A file is replaced in one step (common/safe_file.h), so a writer killed mid-way leaves it whole.
 #pragma once
 
 #include <cstdint>
@@ -38,6 +41,8 @@ class CStartupItemsStorage {
   void Init(const std::wstring& path);
   const std::wstring& Path() const { return path_; }
 
+  // Every operation fails with 31, logged, and changes nothing when the store's lock is not
+  // taken within kStoreLockWaitMs.
   // Appends the items under the section; 0, or 31 when the file could not be written. A file
   // that cannot be read first (or whose parts of the wrong type the save would replace) is
   // copied to "<file>.unreadable", replacing an earlier copy, and then replaced by one holding
@@ -56,6 +61,8 @@ class CStartupItemsStorage {
   enum class Loaded { kYes, kMissing, kUnreadable };
   Loaded Read(picojson::value& document) const;
   bool Load(picojson::value& document) const { return Read(document) == Loaded::kYes; }
+  // Load under the store's lock, for the operations that only read.
+  bool LockedLoad(picojson::value& document) const;
   // Copies the file beside itself before it is replaced; false, logged, when it cannot.
   bool KeepUnreadable() const;
   bool Save(const picojson::value& document) const;

@@ -4,6 +4,8 @@
 #include <shlwapi.h>
 
 #include "startup/command_target.h"
+#include "startup/run_key_apps.h"
+#include "support/captured_log.h"
 
 namespace {
 
@@ -50,6 +52,30 @@ TEST(CommandTarget, CommandsWithoutAProgramFail) {
   EXPECT_FALSE(ResolveCommandTarget(L"rundll32.exe", target, Machine())) << "rundll32 without a DLL";
   EXPECT_FALSE(ResolveCommandTarget(L"no-such-program-lumera.exe", target, Machine())) << "not on the path";
   EXPECT_EQ(target, L"unchanged");
+}
+
+// A stored command on another machine is never opened with the service's identity: it is not
+// probed, counts as present (its record is kept) and says so; a local file is still probed.
+TEST(CommandTarget, NetworkTargetsAreNotProbedAndCountAsPresent) {
+  const std::pair<const wchar_t*, bool> paths[] = {
+      {L"\\\\server\\share\\app.exe", true},       {L"//server/share/app.exe", true},
+      {L"\\\\?\\UNC\\server\\share\\app.exe", true}, {L"\\\\?\\C:\\app.exe", false},
+      {L"\\\\.\\pipe\\x", false},                  {L"C:\\app.exe", false},
+      {L"\\", false},
+  };
+  for (const auto& [path, network] : paths) EXPECT_EQ(startup::IsNetworkPath(path), network) << path;
+
+  testsupport::CapturedLog log;
+  ASSERT_TRUE(log.available());
+  startup::StartupItem item;
+  item.name = L"Remote";
+  item.location = L"HKEY_LOCAL_MACHINE\\Software\\Microsoft\\Windows\\CurrentVersion\\Run";
+  item.isUser = 0;
+  item.path = L"\"\\\\lumera-nowhere\\share\\remote app.exe\" /min";
+  EXPECT_EQ(startup::CheckCommandTarget(item), 0) << "kept without a look";
+  EXPECT_TRUE(log.contains(L"not probed")) << "the skipped probe is logged";
+  item.path = L"C:\\lumera-no-such-folder\\app.exe";
+  EXPECT_EQ(startup::CheckCommandTarget(item), 31) << "a missing local file is still gone";
 }
 
 }  // namespace

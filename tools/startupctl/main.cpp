@@ -1,9 +1,10 @@
 // startupctl.exe list [--json]
-// startupctl.exe disable|enable|delay NAME [--location TEXT]
+// startupctl.exe disable|enable|delay NAME... [--location TEXT]
 // startupctl.exe report [--boot-time MS]
 #include <windows.h>
 #include <shlobj.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <string>
@@ -32,7 +33,7 @@ void Print(FILE* stream, const std::wstring& text) {
 
 int Usage() {
   Print(stderr, L"usage: startupctl list [--json]\n"
-                L"       startupctl disable|enable|delay NAME [--location TEXT]\n"
+                L"       startupctl disable|enable|delay NAME... [--location TEXT]\n"
                 L"       startupctl report [--boot-time MS]");
   return kUsageError;
 }
@@ -89,16 +90,16 @@ int List(startupctl::CStartupCatalog& catalog, const velora::utils::CUserProfile
   return 0;
 }
 
-int Act(startupctl::CStartupCatalog& catalog, const std::wstring& verb, const std::vector<std::wstring>& args) {
-  if (args.size() != 3 && !(args.size() == 5 && args[3] == L"--location")) return Usage();
-  const std::wstring location = args.size() == 5 ? args[4] : std::wstring();
-  const std::vector<startupctl::Entry> found = catalog.Find(args[2], location);
+// One name as the catalog finds it in `entries`; the action's result, 1168 or a usage error.
+int ActOn(startupctl::CStartupCatalog& catalog, const std::vector<startupctl::Entry>& entries,
+          const std::wstring& verb, const std::wstring& name, const std::wstring& location) {
+  const std::vector<startupctl::Entry> found = startupctl::CStartupCatalog::Find(entries, name, location);
   if (found.empty()) {
-    Print(stderr, L"no startup entry named " + args[2] + (location.empty() ? L"" : L" at " + location));
+    Print(stderr, L"no startup entry named " + name + (location.empty() ? L"" : L" at " + location));
     return ERROR_NOT_FOUND;
   }
   if (found.size() > 1) {
-    Print(stderr, L"several startup entries are named " + args[2] + L"; choose one with --location:");
+    Print(stderr, L"several startup entries are named " + name + L"; choose one with --location:");
     for (const auto& entry : found) Print(stderr, L"  " + entry.item->location);
     return kUsageError;
   }
@@ -112,6 +113,32 @@ int Act(startupctl::CStartupCatalog& catalog, const std::wstring& verb, const st
   }
   Print(stdout, verb + L" " + what + L": " + message);
   return 0;
+}
+
+// Several names share one listing, taken before the first change: a name acts on its own
+// entry only, so the others' changes cannot make its listing stale. A name given twice acts
+// once. The exit code is the first failure's, the others are still tried.
+int Act(startupctl::CStartupCatalog& catalog, const std::wstring& verb, const std::vector<std::wstring>& args) {
+  std::vector<std::wstring> names(args.begin() + 2, args.end());
+  std::wstring location;
+  if (names.size() >= 3 && names[names.size() - 2] == L"--location") {
+    location = names.back();
+    names.resize(names.size() - 2);
+  }
+  if (names.empty()) return Usage();
+  for (const auto& name : names) {
+    if (name.empty() || name.rfind(L"--", 0) == 0) return Usage();
+  }
+  const std::vector<startupctl::Entry> entries = catalog.List();
+  std::vector<std::wstring> done;
+  int exitCode = 0;
+  for (const auto& name : names) {
+    if (std::find(done.begin(), done.end(), name) != done.end()) continue;
+    done.push_back(name);
+    const int result = ActOn(catalog, entries, verb, name, location);
+    if (exitCode == 0) exitCode = result;
+  }
+  return exitCode;
 }
 
 int Run(const std::vector<std::wstring>& args) {

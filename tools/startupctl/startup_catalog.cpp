@@ -102,11 +102,17 @@ std::vector<Entry> CStartupCatalog::List() {
 }
 
 std::vector<Entry> CStartupCatalog::Find(const std::wstring& name, const std::wstring& location) {
+  return Find(List(), name, location);
+}
+
+std::vector<Entry> CStartupCatalog::Find(const std::vector<Entry>& entries, const std::wstring& name,
+                                         const std::wstring& location) {
   std::vector<Entry> found;
-  for (Entry& entry : List()) {
-    if (Lower(entry.item->name) != Lower(name)) continue;
+  const std::wstring lowerName = Lower(name);
+  for (const Entry& entry : entries) {
+    if (Lower(entry.item->name) != lowerName) continue;
     if (!location.empty() && LocationKey(entry.item->location) != LocationKey(location)) continue;
-    found.push_back(std::move(entry));
+    found.push_back(entry);
   }
   return found;
 }

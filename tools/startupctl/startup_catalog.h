@@ -38,6 +38,9 @@ class CStartupCatalog {
 
   // Entries named `name` (without case), and at `location` when it is not empty.
   std::vector<Entry> Find(const std::wstring& name, const std::wstring& location);
+  // The same, among the entries of one earlier List.
+  static std::vector<Entry> Find(const std::vector<Entry>& entries, const std::wstring& name,
+                                 const std::wstring& location);
 
   // Applies the action with updateStorage true; 0, the action's 31, or 1168 when the kind has
   // no action object. `message` says what changed or why nothing did.

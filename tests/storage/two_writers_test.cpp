@@ -1,0 +1,142 @@
+// Two startupctl.exe processes change one user's store at the same time, as two people (or a
+// person and the service) would: no entry may end up neither in its Run key nor in the store.
+#include <gtest/gtest.h>
+
+#include <windows.h>
+#include <shlobj.h>
+
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "picojson.h"
+#include "support/programs.h"
+
+namespace {
+
+constexpr wchar_t kRunKey[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Run";
+constexpr int kFillers = 3000;
+constexpr int kEntriesPerWriter = 200;
+constexpr DWORD kWriterTimeoutMs = 240000;
+
+using testsupport::Narrow;
+
+// The names the store holds under "user" / "Disabled"; false when it does not parse.
+bool StoredNames(const std::wstring& path, std::multiset<std::string>& names) {
+  std::ifstream file(std::filesystem::path(path), std::ios::binary);
+  const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  picojson::value document;
+  if (!picojson::parse(document, text).empty()) return false;
+  const picojson::value& section = document.get("user").get("Disabled");
+  if (!section.is<picojson::array>()) return true;
+  for (const auto& element : section.get<picojson::array>()) names.insert(element.get("Name").to_str());
+  return true;
+}
+
+class TwoWriters : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const std::wstring command = L"C:\\windows\\notepad.exe";
+    for (int i = 0; i < 2 * kEntriesPerWriter; ++i) {
+      names_.push_back(L"LumeraTwoWriters" + std::to_wstring(::GetCurrentProcessId()) + L"_" + std::to_wstring(i));
+      ASSERT_EQ(::RegSetKeyValueW(HKEY_CURRENT_USER, kRunKey, names_.back().c_str(), REG_SZ, command.c_str(),
+                                  static_cast<DWORD>((command.size() + 1) * 2)),
+                ERROR_SUCCESS);
+    }
+    std::filesystem::create_directories(std::filesystem::path(storage_).parent_path());
+    if (::GetFileAttributesW(storage_.c_str()) != INVALID_FILE_ATTRIBUTES) {
+      ASSERT_TRUE(::MoveFileExW(storage_.c_str(), saved_.c_str(), MOVEFILE_REPLACE_EXISTING));
+      storageSaved_ = true;
+    }
+    // A store that has been in use for a long time: every record names one existing program.
+    picojson::array fillers;
+    for (int i = 0; i < kFillers; ++i) {
+      picojson::object item;
+      item["Name"] = picojson::value("LumeraFiller" + std::to_string(i));
+      item["Cmd"] = picojson::value("C:\\windows\\notepad.exe");
+      item["Path"] = picojson::value("HKEY_CURRENT_USER\\Software\\Lumera\\Nowhere");
+      item["BkpPath"] = picojson::value("");
+      item["ChangedTime"] = picojson::value(1700000000.0);
+      fillers.emplace_back(std::move(item));
+    }
+    picojson::object disabled;
+    disabled["Disabled"] = picojson::value(std::move(fillers));
+    picojson::object root;
+    root["user"] = picojson::value(std::move(disabled));
+    std::ofstream(std::filesystem::path(storage_), std::ios::binary) << picojson::value(std::move(root)).serialize();
+  }
+
+  void TearDown() override {
+    for (const auto& name : names_) ::RegDeleteKeyValueW(HKEY_CURRENT_USER, kRunKey, name.c_str());
+    ::DeleteFileW(storage_.c_str());
+    if (storageSaved_) ::MoveFileExW(saved_.c_str(), storage_.c_str(), MOVEFILE_REPLACE_EXISTING);
+  }
+
+  // Both writers at once, each acting on its own half of the names.
+  void RunBoth(const std::wstring& verb) {
+    testsupport::ProgramRun runs[2];
+    std::vector<std::thread> writers;
+    for (int w = 0; w < 2; ++w) {
+      std::wstring arguments = verb;
+      for (int i = w * kEntriesPerWriter; i < (w + 1) * kEntriesPerWriter; ++i) arguments += L" " + names_[i];
+      writers.emplace_back([&runs, w, arguments] {
+        runs[w] = testsupport::RunBinProgram(L"startupctl.exe", arguments, kWriterTimeoutMs);
+      });
+    }
+    for (auto& writer : writers) writer.join();
+    for (const auto& run : runs) {
+      EXPECT_EQ(run.exitCode, 0u) << Narrow(verb) << ": " << run.output.substr(0, 2000);
+    }
+  }
+
+  bool InRunKey(const std::wstring& name) const {
+    return ::RegGetValueW(HKEY_CURRENT_USER, kRunKey, name.c_str(), RRF_RT_REG_SZ, nullptr, nullptr, nullptr) ==
+           ERROR_SUCCESS;
+  }
+
+  // How many entries are neither in their Run key nor in the store; how many are recorded.
+  void Count(int& lost, int& recorded, int& fillers) const {
+    std::multiset<std::string> stored;
+    ASSERT_TRUE(StoredNames(storage_, stored)) << "the store parses";
+    lost = recorded = 0;
+    for (const auto& name : names_) {
+      const bool inStore = stored.count(Narrow(name)) != 0;
+      recorded += inStore ? 1 : 0;
+      if (!inStore && !InRunKey(name)) ++lost;
+    }
+    fillers = 0;
+    for (int i = 0; i < kFillers; ++i) fillers += stored.count("LumeraFiller" + std::to_string(i)) != 0 ? 1 : 0;
+  }
+
+  std::vector<std::wstring> names_;
+  const std::wstring storage_ = testsupport::SpecialFolder(CSIDL_APPDATA) + L"\\Nexalon\\Lumera\\Storage.json";
+  const std::wstring saved_ = storage_ + L".lumera-two-writers-saved";
+  bool storageSaved_ = false;
+};
+
+TEST_F(TwoWriters, DisableThenEnableAtOnceLoseNoEntryOfALargeStore) {
+  ASSERT_FALSE(testsupport::WineFlavourIsWin10()) << "below Windows 8 a disabled entry lives only in the store";
+  int lost = 0;
+  int recorded = 0;
+  int fillers = 0;
+
+  RunBoth(L"disable");
+  Count(lost, recorded, fillers);
+  EXPECT_EQ(lost, 0) << lost << " of " << names_.size() << " entries lost after both disabled theirs";
+  EXPECT_EQ(recorded, static_cast<int>(names_.size())) << "every disabled entry is recorded once";
+  EXPECT_EQ(fillers, kFillers) << "the records that were there before are all kept";
+
+  RunBoth(L"enable");
+  Count(lost, recorded, fillers);
+  EXPECT_EQ(lost, 0) << lost << " of " << names_.size() << " entries lost after both enabled theirs";
+  int back = 0;
+  for (const auto& name : names_) back += InRunKey(name) ? 1 : 0;
+  EXPECT_EQ(back, static_cast<int>(names_.size())) << "every entry is back in its Run key";
+  EXPECT_EQ(recorded, 0) << "no record is left of an enabled entry";
+  EXPECT_EQ(fillers, kFillers) << "the records that were there before are all kept";
+}
+
+}  // namespace

@@ -20,6 +20,7 @@ namespace {
 constexpr wchar_t kRunKey[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Run";
 constexpr int kFillers = 3000;
 constexpr int kEntriesPerWriter = 200;
+constexpr int kStale = 10;
 constexpr DWORD kWriterTimeoutMs = 240000;
 
 using testsupport::Narrow;
@@ -62,6 +63,16 @@ class TwoWriters : public ::testing::Test {
       item["ChangedTime"] = picojson::value(1700000000.0);
       fillers.emplace_back(std::move(item));
     }
+    // Records whose program is gone, which the service's read-back takes out: a writer of its own.
+    for (int i = 0; i < kStale; ++i) {
+      picojson::object item;
+      item["Name"] = picojson::value("LumeraStale" + std::to_string(i));
+      item["Cmd"] = picojson::value("C:\\no-such-folder-lumera\\gone.exe");
+      item["Path"] = picojson::value("HKEY_CURRENT_USER\\Software\\Lumera\\Nowhere");
+      item["BkpPath"] = picojson::value("");
+      item["ChangedTime"] = picojson::value(1700000000.0);
+      fillers.emplace_back(std::move(item));
+    }
     picojson::object disabled;
     disabled["Disabled"] = picojson::value(std::move(fillers));
     picojson::object root;
@@ -75,16 +86,19 @@ class TwoWriters : public ::testing::Test {
     if (storageSaved_) ::MoveFileExW(saved_.c_str(), storage_.c_str(), MOVEFILE_REPLACE_EXISTING);
   }
 
+  // startupctl acting on names [first, last).
+  testsupport::ProgramRun Act(const std::wstring& verb, int first, int last) const {
+    std::wstring arguments = verb;
+    for (int i = first; i < last; ++i) arguments += L" " + names_[i];
+    return testsupport::RunBinProgram(L"startupctl.exe", arguments, kWriterTimeoutMs);
+  }
+
   // Both writers at once, each acting on its own half of the names.
   void RunBoth(const std::wstring& verb) {
     testsupport::ProgramRun runs[2];
     std::vector<std::thread> writers;
     for (int w = 0; w < 2; ++w) {
-      std::wstring arguments = verb;
-      for (int i = w * kEntriesPerWriter; i < (w + 1) * kEntriesPerWriter; ++i) arguments += L" " + names_[i];
-      writers.emplace_back([&runs, w, arguments] {
-        runs[w] = testsupport::RunBinProgram(L"startupctl.exe", arguments, kWriterTimeoutMs);
-      });
+      writers.emplace_back([this, &runs, w, verb] { runs[w] = Act(verb, w * kEntriesPerWriter, (w + 1) * kEntriesPerWriter); });
     }
     for (auto& writer : writers) writer.join();
     for (const auto& run : runs) {
@@ -98,7 +112,7 @@ class TwoWriters : public ::testing::Test {
   }
 
   // How many entries are neither in their Run key nor in the store; how many are recorded.
-  void Count(int& lost, int& recorded, int& fillers) const {
+  void Count(int& lost, int& recorded, int& fillers, int* stale = nullptr) const {
     std::multiset<std::string> stored;
     ASSERT_TRUE(StoredNames(storage_, stored)) << "the store parses";
     lost = recorded = 0;
@@ -109,6 +123,10 @@ class TwoWriters : public ::testing::Test {
     }
     fillers = 0;
     for (int i = 0; i < kFillers; ++i) fillers += stored.count("LumeraFiller" + std::to_string(i)) != 0 ? 1 : 0;
+    if (stale != nullptr) {
+      *stale = 0;
+      for (int i = 0; i < kStale; ++i) *stale += stored.count("LumeraStale" + std::to_string(i)) != 0 ? 1 : 0;
+    }
   }
 
   std::vector<std::wstring> names_;
@@ -137,6 +155,28 @@ TEST_F(TwoWriters, DisableThenEnableAtOnceLoseNoEntryOfALargeStore) {
   EXPECT_EQ(back, static_cast<int>(names_.size())) << "every entry is back in its Run key";
   EXPECT_EQ(recorded, 0) << "no record is left of an enabled entry";
   EXPECT_EQ(fillers, kFillers) << "the records that were there before are all kept";
+}
+
+// The service's read-back (here through startupctl report, which runs the module's own report)
+// rewrites the store while a person disables entries: neither loses the other's change.
+TEST_F(TwoWriters, TheReadBackBesideAWriterLosesNothing) {
+  ASSERT_FALSE(testsupport::WineFlavourIsWin10()) << "below Windows 8 a disabled entry lives only in the store";
+  testsupport::ProgramRun writer;
+  std::thread disabling([&] { writer = Act(L"disable", 0, kEntriesPerWriter); });
+  int reports = 0;
+  do {
+    (void)testsupport::RunBinProgram(L"startupctl.exe", L"report", kWriterTimeoutMs);  // 3: no central listens
+    ++reports;
+  } while (reports < 2);
+  disabling.join();
+  ASSERT_EQ(writer.exitCode, 0u) << writer.output.substr(0, 2000);
+  int lost = 0, recorded = 0, fillers = 0, stale = 0;
+  Count(lost, recorded, fillers, &stale);
+  EXPECT_EQ(lost, 0) << lost << " entries lost beside " << reports << " read-backs";
+  EXPECT_EQ(recorded, kEntriesPerWriter) << "every entry the writer disabled is recorded";
+  EXPECT_EQ(fillers, kFillers) << "the read-back keeps every record whose program exists";
+  EXPECT_EQ(stale, 0) << "the read-back took out the records whose program is gone";
+  (void)Act(L"enable", 0, kEntriesPerWriter);
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 
 // Interface identifiers are compared as two 64-bit halves.
 inline bool KyIsEqualId(const GUID& a, const GUID& b) noexcept {
@@ -18,6 +19,16 @@ inline bool KyIsEqualId(const GUID& a, const GUID& b) noexcept {
   std::memcpy(ha, &a, sizeof ha);
   std::memcpy(hb, &b, sizeof hb);
   return ha[0] == hb[0] && ha[1] == hb[1];
+}
+
+// The body of a GetInterface: `object` seen as `Interface` when `iid` is one of `answered`,
+// otherwise null.
+template <class Interface, class Object>
+void* KyInterfaceFor(Object* object, const GUID& iid, std::initializer_list<GUID> answered) noexcept {
+  for (const GUID& id : answered) {
+    if (KyIsEqualId(iid, id)) return static_cast<Interface*>(object);
+  }
+  return nullptr;
 }
 
 struct IServMain;

@@ -36,11 +36,8 @@ CBootTimePlugin::~CBootTimePlugin() {
 }
 
 void* CBootTimePlugin::GetInterface(const GUID& iid) {
-  if (KyIsEqualId(iid, lumera::ids::IKyBaseInterface) || KyIsEqualId(iid, lumera::ids::IServPlugin) ||
-      KyIsEqualId(iid, lumera::ids::IBootTime)) {
-    return static_cast<IBootTime*>(this);
-  }
-  return nullptr;
+  return KyInterfaceFor<IBootTime>(this, iid,
+                                   {lumera::ids::IKyBaseInterface, lumera::ids::IServPlugin, lumera::ids::IBootTime});
 }
 
 std::uint32_t CBootTimePlugin::Init(IServMain* host) {

@@ -4,6 +4,7 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <string>
 #include <vector>
 
 namespace bench {
@@ -26,6 +27,18 @@ inline double Median(std::vector<double> values) {
   std::sort(values.begin(), values.end());
   const std::size_t n = values.size();
   return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
+// Measured as deployed: information and above, unless LUMERA_LOG_LEVEL says otherwise (32
+// measures with every trace). Returns the level in force.
+inline std::wstring LogLevelAsDeployed() {
+  wchar_t level[16] = {};
+  const DWORD chars = ::GetEnvironmentVariableW(L"LUMERA_LOG_LEVEL", level, 16);
+  if (chars == 0) {
+    ::SetEnvironmentVariableW(L"LUMERA_LOG_LEVEL", L"16");
+    return L"16";
+  }
+  return chars < 16 ? std::wstring(level, chars) : std::wstring();
 }
 
 }  // namespace bench

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "host_config.h"
+#include "lumera/interface_ids.h"
 #include "lumera/ky_base.h"
 
 namespace host {
@@ -28,6 +29,25 @@ class HostPlugin {
   // Called once before destruction, while every other host plug-in still exists; must end
   // every thread the plug-in started.
   virtual void Shutdown() {}
+};
+
+// A host plug-in that is itself the interface `I` it is reached by: it answers `pluginId`,
+// IServPlugin and IKyBaseInterface, and its lifecycle lives in its constructor and Shutdown,
+// so the four lifecycle slots have nothing to do.
+template <class I>
+class InterfacePlugin : public HostPlugin, public I {
+ public:
+  explicit InterfacePlugin(const GUID& pluginId) : pluginId_(pluginId) {}
+  void* GetInterface(const GUID& iid) override {
+    return KyInterfaceFor<I>(this, iid, {pluginId_, lumera::ids::IServPlugin, lumera::ids::IKyBaseInterface});
+  }
+  std::uint32_t Init(IServMain*) override { return 0; }
+  std::uint32_t UnInit() override { return 0; }
+  std::uint32_t Start() override { return 0; }
+  std::uint32_t Stop() override { return 0; }
+
+ private:
+  GUID pluginId_;
 };
 
 using HostPluginMaker = std::unique_ptr<HostPlugin> (*)(HostContext& context);

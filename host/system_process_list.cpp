@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <limits>
 
+#include "common/module_library.h"
+
 namespace host {
 namespace {
 
@@ -13,8 +15,6 @@ constexpr std::size_t kFirstBuffer = 256 * 1024;
 constexpr std::size_t kMaxBuffer = 64 * 1024 * 1024;
 constexpr std::size_t kPastEnd = std::numeric_limits<std::size_t>::max();
 constexpr NTSTATUS kInfoLengthMismatch = static_cast<NTSTATUS>(0xC0000004L);
-
-using QueryFn = NTSTATUS(NTAPI*)(SYSTEM_INFORMATION_CLASS, PVOID, ULONG, PULONG);
 
 // The leading fields of a SystemProcessInformation entry; the SDK's own declaration hides the
 // times and the parent among reserved bytes.
@@ -31,21 +31,28 @@ struct Entry {
   HANDLE InheritedFromUniqueProcessId;
 };
 
-QueryFn Query() {
-  static const QueryFn query = reinterpret_cast<QueryFn>(
-      reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "NtQuerySystemInformation")));
-  return query;
-}
-
 std::uint64_t U64(const LARGE_INTEGER& value) { return static_cast<std::uint64_t>(value.QuadPart); }
 
 DWORD Pid(HANDLE value) { return static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(value)); }
 
 }  // namespace
 
+NtProcessQueries::NtProcessQueries() {
+  // ntdll.dll is mapped into every process for its whole life: the addresses outlive this reference.
+  ky::ModuleLibrary ntdll;
+  if (ntdll.Load(L"ntdll.dll") != 0) return;
+  (void)ntdll.Bind({KY_BIND_DECLARED(NtQuerySystemInformation, querySystem),
+                    KY_BIND_DECLARED(NtQueryInformationProcess, queryProcess)});
+}
+
+const NtProcessQueries& NtQueries() {
+  static const NtProcessQueries queries;
+  return queries;
+}
+
 bool SystemProcessList::Refresh() {
   used_ = 0;
-  const QueryFn query = Query();
+  const auto query = NtQueries().querySystem;
   if (query == nullptr) return false;
   if (buffer_.empty()) buffer_.resize(kFirstBuffer);
   for (;;) {

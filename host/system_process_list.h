@@ -3,6 +3,7 @@
 #pragma once
 
 #include <windows.h>
+#include <winternl.h>
 
 #include <cstdint>
 #include <string_view>
@@ -10,6 +11,14 @@
 #include <vector>
 
 namespace host {
+
+// ntdll's process queries, bound all-or-nothing once per process: both null when either is missing.
+struct NtProcessQueries {
+  NtProcessQueries();
+  decltype(&::NtQuerySystemInformation) querySystem = nullptr;
+  decltype(&::NtQueryInformationProcess) queryProcess = nullptr;
+};
+[[nodiscard]] const NtProcessQueries& NtQueries();
 
 struct SystemProcess {
   DWORD pid = 0;

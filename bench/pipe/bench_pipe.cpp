@@ -196,13 +196,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: bench_pipe.exe [--iterations N] [--clients N] [--queries N] [--all-cores]\n");
     return 2;
   }
-  // Measured as deployed: information and above; LUMERA_LOG_LEVEL=32 measures with every trace.
-  wchar_t level[16] = {};
-  if (::GetEnvironmentVariableW(L"LUMERA_LOG_LEVEL", level, 16) == 0) {
-    ::SetEnvironmentVariableW(L"LUMERA_LOG_LEVEL", L"16");
-    std::wcscpy(level, L"16");
-  }
-  std::printf("log level %ls\n", level);
+  std::printf("log level %ls\n", bench::LogLevelAsDeployed().c_str());
   // The logging adapter drops its binding of logcore.dll whenever no log user is alive and
   // binds it again on the next call; holding one user for the run measures the pipe, not that.
   logging::LogRef keepLogBound;

@@ -162,7 +162,7 @@ void RemoveFolder(const std::wstring& folder, const std::vector<std::wstring>& p
 int main() {
   // The module's traces go to a file at the default level; the report is timed at info level,
   // as a deployed module logs, unless the caller chose a level.
-  if (::GetEnvironmentVariableW(L"LUMERA_LOG_LEVEL", nullptr, 0) == 0) ::SetEnvironmentVariableW(L"LUMERA_LOG_LEVEL", L"16");
+  (void)bench::LogLevelAsDeployed();
   Options options;
   if (!ParseArgs(options)) {
     std::fputs("usage: bench_report [--entries N] [--size-kb K] [--rounds R]\n", stderr);

@@ -113,8 +113,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: bench_storage.exe [--records N] [--iterations N]\n");
     return 2;
   }
-  // Measured as deployed: information and above; LUMERA_LOG_LEVEL=32 measures with every trace.
-  if (::GetEnvironmentVariableW(L"LUMERA_LOG_LEVEL", nullptr, 0) == 0) ::SetEnvironmentVariableW(L"LUMERA_LOG_LEVEL", L"16");
+  (void)bench::LogLevelAsDeployed();
   logging::LogRef keepLogBound;
   wchar_t temp[MAX_PATH + 1] = {};
   ::GetTempPathW(MAX_PATH, temp);

@@ -16,4 +16,15 @@ namespace lumera::dev {
 [[nodiscard]] int RedirectImport(HMODULE module, const char* dll, const char* function, void* replacement,
                                  void** original = nullptr);
 
+// Calls `original`, a redirected function's own address, or fails as a missing export would:
+// FALSE with ERROR_PROC_NOT_FOUND.
+template <class Fn, class... Args>
+BOOL CallOriginal(Fn original, Args... args) {
+  if (original == nullptr) {
+    ::SetLastError(ERROR_PROC_NOT_FOUND);
+    return FALSE;
+  }
+  return original(args...);
+}
+
 }  // namespace lumera::dev

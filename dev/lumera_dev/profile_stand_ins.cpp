@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "lumera_dev/environment_block.h"
+#include "lumera_dev/import_redirect.h"
 
 namespace lumera::dev {
 namespace {
@@ -151,11 +152,7 @@ HRESULT WINAPI StagedSHGetFolderPathW(HWND window, int csidl, HANDLE token, DWOR
 BOOL WINAPI StagedGetUserProfileDirectoryW(HANDLE token, LPWSTR folder, LPDWORD chars) {
   const auto original = Original<ProfileFolderFn>(kUserEnv, "GetUserProfileDirectoryW");
   StagedIdentity identity;
-  if (!IsUserToken(token) || !ReadStagedIdentity(identity)) {
-    if (original != nullptr) return original(token, folder, chars);
-    ::SetLastError(ERROR_PROC_NOT_FOUND);
-    return FALSE;
-  }
+  if (!IsUserToken(token) || !ReadStagedIdentity(identity)) return CallOriginal(original, token, folder, chars);
   if (chars == nullptr) {
     ::SetLastError(ERROR_INVALID_PARAMETER);
     return FALSE;
@@ -174,11 +171,7 @@ BOOL WINAPI StagedGetUserProfileDirectoryW(HANDLE token, LPWSTR folder, LPDWORD 
 BOOL WINAPI StagedCreateEnvironmentBlock(LPVOID* environment, HANDLE token, BOOL inherit) {
   const auto original = Original<CreateBlockFn>(kUserEnv, "CreateEnvironmentBlock");
   std::optional<Variables> variables = StagedVariables(token, inherit != FALSE);
-  if (!variables) {
-    if (original != nullptr) return original(environment, token, inherit);
-    ::SetLastError(ERROR_PROC_NOT_FOUND);
-    return FALSE;
-  }
+  if (!variables) return CallOriginal(original, environment, token, inherit);
   if (environment == nullptr) {
     ::SetLastError(ERROR_INVALID_PARAMETER);
     return FALSE;
@@ -197,19 +190,13 @@ BOOL WINAPI StagedCreateEnvironmentBlock(LPVOID* environment, HANDLE token, BOOL
 BOOL WINAPI StagedDestroyEnvironmentBlock(LPVOID environment) {
   const auto original = Original<DestroyBlockFn>(kUserEnv, "DestroyEnvironmentBlock");
   if (FreeStandInBuffer(environment)) return TRUE;
-  if (original != nullptr) return original(environment);
-  ::SetLastError(ERROR_PROC_NOT_FOUND);
-  return FALSE;
+  return CallOriginal(original, environment);
 }
 
 BOOL WINAPI StagedExpandEnvironmentStringsForUserW(HANDLE token, LPCWSTR source, LPWSTR destination, DWORD chars) {
   const auto original = Original<ExpandForUserFn>(kUserEnv, "ExpandEnvironmentStringsForUserW");
   const std::optional<Variables> variables = StagedVariables(token, false);
-  if (!variables) {
-    if (original != nullptr) return original(token, source, destination, chars);
-    ::SetLastError(ERROR_PROC_NOT_FOUND);
-    return FALSE;
-  }
+  if (!variables) return CallOriginal(original, token, source, destination, chars);
   if (source == nullptr || destination == nullptr) {
     ::SetLastError(ERROR_INVALID_PARAMETER);
     return FALSE;

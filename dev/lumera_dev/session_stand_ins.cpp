@@ -10,6 +10,7 @@
 
 #include "common/unique_handle.h"
 #include "lumera_dev/console_session.h"
+#include "lumera_dev/import_redirect.h"
 #include "lumera_dev/registry_text.h"
 
 namespace lumera::dev {
@@ -23,11 +24,6 @@ using FreeMemoryFn = void(WINAPI*)(PVOID);
 using QueryUserTokenFn = BOOL(WINAPI*)(ULONG, PHANDLE);
 using LookupNameFn = BOOL(WINAPI*)(LPCWSTR, LPCWSTR, PSID, LPDWORD, LPWSTR, LPDWORD, PSID_NAME_USE);
 using LookupSidFn = BOOL(WINAPI*)(LPCWSTR, PSID, LPWSTR, LPDWORD, LPWSTR, LPDWORD, PSID_NAME_USE);
-
-BOOL Missing() {
-  ::SetLastError(ERROR_PROC_NOT_FOUND);
-  return FALSE;
-}
 
 // What the session answers for the user's name or domain, or nothing to leave it to Wine.
 // With nobody at the console Windows answers both with an empty text, not with a failure.
@@ -64,7 +60,7 @@ BOOL WINAPI StagedWTSQuerySessionInformationW(HANDLE server, DWORD session, WTS_
                                               DWORD* bytes) {
   const auto original = Original<QuerySessionFn>(kWtsApi, "WTSQuerySessionInformationW");
   const std::optional<std::wstring> text = StagedSessionText(what);
-  if (!text) return original != nullptr ? original(server, session, what, buffer, bytes) : Missing();
+  if (!text) return CallOriginal(original, server, session, what, buffer, bytes);
   if (buffer == nullptr || bytes == nullptr) {
     ::SetLastError(ERROR_INVALID_PARAMETER);
     return FALSE;
@@ -94,7 +90,7 @@ BOOL WINAPI StagedWTSQueryUserToken(ULONG session, PHANDLE token) {
     return FALSE;
   }
   StagedIdentity identity;
-  if (!ReadStagedIdentity(identity)) return original != nullptr ? original(session, token) : Missing();
+  if (!ReadStagedIdentity(identity)) return CallOriginal(original, session, token);
   if (token == nullptr) {
     ::SetLastError(ERROR_INVALID_PARAMETER);
     return FALSE;
@@ -111,7 +107,7 @@ BOOL WINAPI StagedLookupAccountNameW(LPCWSTR system, LPCWSTR account, PSID sid, 
   const auto original = Original<LookupNameFn>(kAdvApi, "LookupAccountNameW");
   StagedIdentity identity;
   if (!ReadStagedIdentity(identity) || !NamesStagedUser(account, identity.user)) {
-    return original != nullptr ? original(system, account, sid, sidBytes, domain, domainChars, use) : Missing();
+    return CallOriginal(original, system, account, sid, sidBytes, domain, domainChars, use);
   }
   if (sidBytes == nullptr || domainChars == nullptr || use == nullptr) {
     ::SetLastError(ERROR_INVALID_PARAMETER);
@@ -147,7 +143,7 @@ BOOL WINAPI StagedLookupAccountSidW(LPCWSTR system, PSID sid, LPWSTR name, LPDWO
   ky::unique_local staged;
   if (sid != nullptr && ::IsValidSid(sid) && ReadStagedIdentity(identity)) staged = StagedSid(identity);
   if (!staged || !::EqualSid(sid, staged.get())) {
-    return original != nullptr ? original(system, sid, name, nameChars, domain, domainChars, use) : Missing();
+    return CallOriginal(original, system, sid, name, nameChars, domain, domainChars, use);
   }
   if (nameChars == nullptr || domainChars == nullptr || use == nullptr) {
     ::SetLastError(ERROR_INVALID_PARAMETER);

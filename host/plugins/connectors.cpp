@@ -19,8 +19,7 @@ class ConnectorPlugin final : public HostPlugin {
   }
 
   void* GetInterface(const GUID& iid) override {
-    if (KyIsEqualId(iid, iid_) || KyIsEqualId(iid, lumera::ids::IKyBaseInterface)) return object_.Object();
-    return nullptr;
+    return KyInterfaceFor<void>(object_.Object(), iid, {iid_, lumera::ids::IKyBaseInterface});
   }
   void Shutdown() override { object_.Destroy(); }
 

@@ -114,9 +114,9 @@ bool ReadProcessors(Reading& reading) {
   return true;
 }
 
-class LoadUsagePlugin final : public HostPlugin, public ILoadUsage {
+class LoadUsagePlugin final : public InterfacePlugin<ILoadUsage> {
  public:
-  LoadUsagePlugin() : stopEvent_(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {
+  LoadUsagePlugin() : InterfacePlugin(lumera::ids::LoadUsagePlugin), stopEvent_(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {
     if (disks_.Error() != 0) {
       logging::Write(logging::kLevelWarning, L"host::LoadUsagePlugin::LoadUsagePlugin",
                      L"disk performance counters unavailable 0x%x", disks_.Error());
@@ -133,39 +133,29 @@ class LoadUsagePlugin final : public HostPlugin, public ILoadUsage {
     if (sampler_.joinable()) sampler_.join();
   }
 
-  void* GetInterface(const GUID& iid) override {
-    if (KyIsEqualId(iid, lumera::ids::LoadUsagePlugin) || KyIsEqualId(iid, lumera::ids::IServPlugin) ||
-        KyIsEqualId(iid, lumera::ids::IKyBaseInterface)) {
-      return static_cast<ILoadUsage*>(this);
-    }
-    return nullptr;
-  }
-  std::uint32_t Init(IServMain*) override { return 0; }
-  std::uint32_t UnInit() override { return 0; }
-  std::uint32_t Start() override { return 0; }
-  std::uint32_t Stop() override { return 0; }
 
   std::uint32_t GetCurrentUsage(std::uint32_t kind, double* percent) override {
     KY_TRACE(L"host::LoadUsagePlugin::GetCurrentUsage");
-    if (percent == nullptr) return ERROR_INVALID_DATA;
-    std::lock_guard hold(lock_);
-    const LoadWindow* window = nullptr;
-    const std::uint32_t code = Window(kind, window);
-    if (code == 0) *percent = window->Latest();
-    return code;
+    return Answer(kind, percent, [](const LoadWindow& window) { return window.Latest(); });
   }
 
   std::uint32_t GetUsage(std::uint32_t kind, lumera::LoadUsageFigures* figures) override {
     KY_TRACE(L"host::LoadUsagePlugin::GetUsage");
-    if (figures == nullptr) return ERROR_INVALID_DATA;
-    std::lock_guard hold(lock_);
-    const LoadWindow* window = nullptr;
-    const std::uint32_t code = Window(kind, window);
-    if (code == 0) *figures = window->Figures();
-    return code;
+    return Answer(kind, figures, [](const LoadWindow& window) { return window.Figures(); });
   }
 
  private:
+  // `read` of the window for `kind` into *out; *out is untouched unless the result is 0.
+  template <class Out, class Read>
+  std::uint32_t Answer(std::uint32_t kind, Out* out, Read read) {
+    if (out == nullptr) return ERROR_INVALID_DATA;
+    std::lock_guard hold(lock_);
+    const LoadWindow* window = nullptr;
+    const std::uint32_t code = Window(kind, window);
+    if (code == 0) *out = read(*window);
+    return code;
+  }
+
   // Caller holds lock_.
   std::uint32_t Window(std::uint32_t kind, const LoadWindow*& window) const {
     if (kind == lumera::kLoadKindProcessor) {

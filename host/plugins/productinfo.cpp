@@ -9,25 +9,15 @@
 namespace host {
 namespace {
 
-class ProductInfoPlugin final : public HostPlugin, public IProductInfo {
+class ProductInfoPlugin final : public InterfacePlugin<IProductInfo> {
  public:
-  explicit ProductInfoPlugin(const HostConfig& config) : config_(config) {
+  explicit ProductInfoPlugin(const HostConfig& config)
+      : InterfacePlugin(lumera::ids::ProductInfoPlugin), config_(config) {
     folders_ = config_.folders;
     const std::wstring common = lumera::ProductInfoKey(lumera::kFolderKindCommon, L"common");
     if (folders_.find(common) == folders_.end()) folders_[common] = DefaultCommonFolder();
   }
 
-  void* GetInterface(const GUID& iid) override {
-    if (KyIsEqualId(iid, lumera::ids::ProductInfoPlugin) || KyIsEqualId(iid, lumera::ids::IServPlugin) ||
-        KyIsEqualId(iid, lumera::ids::IKyBaseInterface)) {
-      return static_cast<IProductInfo*>(this);
-    }
-    return nullptr;
-  }
-  std::uint32_t Init(IServMain*) override { return 0; }
-  std::uint32_t UnInit() override { return 0; }
-  std::uint32_t Start() override { return 0; }
-  std::uint32_t Stop() override { return 0; }
 
   const wchar_t* GetItem(std::uint32_t item, const wchar_t* argument) override {
     auto it = config_.items.find(lumera::ProductInfoKey(item, argument));

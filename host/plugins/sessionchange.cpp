@@ -61,26 +61,16 @@ bool ConsoleUserPresent(DWORD session) {
   return present;
 }
 
-class SessionChangePlugin final : public HostPlugin, public ISessionChangePlugin {
+class SessionChangePlugin final : public InterfacePlugin<ISessionChangePlugin> {
  public:
   SessionChangePlugin()
-      : stopEvent_(::CreateEventW(nullptr, TRUE, FALSE, nullptr)), wakeEvent_(::CreateEventW(nullptr, FALSE, FALSE, nullptr)) {
+      : InterfacePlugin(lumera::ids::SessionChangePlugin),
+        stopEvent_(::CreateEventW(nullptr, TRUE, FALSE, nullptr)), wakeEvent_(::CreateEventW(nullptr, FALSE, FALSE, nullptr)) {
     std::lock_guard hold(g_liveLock);
     g_live = this;
   }
   ~SessionChangePlugin() override { Shutdown(); }
 
-  void* GetInterface(const GUID& iid) override {
-    if (KyIsEqualId(iid, lumera::ids::SessionChangePlugin) || KyIsEqualId(iid, lumera::ids::IServPlugin) ||
-        KyIsEqualId(iid, lumera::ids::IKyBaseInterface)) {
-      return static_cast<ISessionChangePlugin*>(this);
-    }
-    return nullptr;
-  }
-  std::uint32_t Init(IServMain*) override { return 0; }
-  std::uint32_t UnInit() override { return 0; }
-  std::uint32_t Start() override { return 0; }
-  std::uint32_t Stop() override { return 0; }
 
   std::uint32_t RegisterEventsHandler(ISessionChangeEvents* handler) override {
     KY_TRACE(L"host::SessionChangePlugin::RegisterEventsHandler");

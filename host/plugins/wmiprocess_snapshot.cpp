@@ -9,7 +9,6 @@ namespace host {
 namespace {
 
 constexpr USHORT kMaxCommandLineBytes = 32767 * sizeof(wchar_t);
-using NtQueryInformationProcessFn = LONG(WINAPI*)(HANDLE, PROCESSINFOCLASS, PVOID, ULONG, PULONG);
 
 std::wstring ReadImagePath(HANDLE process) {
   wchar_t path[MAX_PATH * 4] = {};
@@ -20,8 +19,7 @@ std::wstring ReadImagePath(HANDLE process) {
 
 // The command line lives in the process's own parameter block; both are 64-bit here.
 std::wstring ReadCommandLine(HANDLE process) {
-  static const auto query = reinterpret_cast<NtQueryInformationProcessFn>(
-      reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "NtQueryInformationProcess")));
+  const auto query = NtQueries().queryProcess;
   if (query == nullptr) return {};
   PROCESS_BASIC_INFORMATION basic{};
   if (query(process, ProcessBasicInformation, &basic, sizeof basic, nullptr) != 0 || basic.PebBaseAddress == nullptr) {

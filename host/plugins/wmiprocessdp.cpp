@@ -23,22 +23,11 @@ namespace {
 // and each look lists the whole machine.
 constexpr DWORD kPollMs = 1000;
 
-class WmiProcessDPPlugin final : public HostPlugin, public IWMIProcessDP {
+class WmiProcessDPPlugin final : public InterfacePlugin<IWMIProcessDP> {
  public:
-  WmiProcessDPPlugin() : stopEvent_(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
+  WmiProcessDPPlugin() : InterfacePlugin(lumera::ids::WmiProcessDPPlugin), stopEvent_(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
   ~WmiProcessDPPlugin() override { Shutdown(); }
 
-  void* GetInterface(const GUID& iid) override {
-    if (KyIsEqualId(iid, lumera::ids::WmiProcessDPPlugin) || KyIsEqualId(iid, lumera::ids::IServPlugin) ||
-        KyIsEqualId(iid, lumera::ids::IKyBaseInterface)) {
-      return static_cast<IWMIProcessDP*>(this);
-    }
-    return nullptr;
-  }
-  std::uint32_t Init(IServMain*) override { return 0; }
-  std::uint32_t UnInit() override { return 0; }
-  std::uint32_t Start() override { return 0; }
-  std::uint32_t Stop() override { return 0; }
 
   std::uint32_t RegisterEventsHandler(IWMIProcessDPEvents* handler) override {
     KY_TRACE(L"host::WmiProcessDPPlugin::RegisterEventsHandler");

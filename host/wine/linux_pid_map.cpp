@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "common/module_library.h"
+#include "common/text_convert.h"
 #include "wine/linux_proc.h"
 
 namespace host::wine {
@@ -13,16 +15,6 @@ constexpr std::size_t kMaxCached = 4096;
 constexpr std::size_t kCmdlineLimit = 4096;
 // Both /proc/<pid>/stat and /proc/uptime count in 10 ms steps, each rounded down.
 constexpr std::int64_t kStartSlackMs = 20;
-
-std::string Utf8(const std::wstring& text) {
-  if (text.empty()) return {};
-  const int size = ::WideCharToMultiByte(CP_UTF8, 0, text.c_str(), static_cast<int>(text.size()), nullptr, 0, nullptr,
-                                         nullptr);
-  if (size <= 0) return {};
-  std::string out(static_cast<std::size_t>(size), '\0');
-  ::WideCharToMultiByte(CP_UTF8, 0, text.c_str(), static_cast<int>(text.size()), out.data(), size, nullptr, nullptr);
-  return out;
-}
 
 std::int64_t LinuxUptimeMs() {
   std::string text;
@@ -37,7 +29,7 @@ std::int64_t SinceLinuxBootMs(std::uint64_t created) {
   if (uptimeMs == 0) uptimeMs = ::GetTickCount64();
   FILETIME now{};
   ::GetSystemTimeAsFileTime(&now);
-  const std::uint64_t nowMs = ((static_cast<std::uint64_t>(now.dwHighDateTime) << 32) | now.dwLowDateTime) / 10000;
+  const std::uint64_t nowMs = ky::FileTimeToU64(now) / 10000;
   return static_cast<std::int64_t>(created / 10000) - static_cast<std::int64_t>(nowMs - uptimeMs);
 }
 
@@ -82,7 +74,7 @@ std::uint32_t PickByStart(const std::vector<LinuxStart>& candidates, std::int64_
 }
 
 std::uint32_t LinuxPidMap::Search(std::uint64_t created, const std::wstring& image) {
-  const std::string wanted = Utf8(image);
+  const std::string wanted = ky::WideToUtf8(image);
   if (wanted.empty()) return 0;
   const std::int64_t startMs = created != 0 ? SinceLinuxBootMs(created) : 0;
   // Reading every Linux process's command line through Wine costs milliseconds, and a logon

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <string>
 
+#include "common/module_library.h"
 #include "lumera_dev/console_session.h"
 #include "lumera_dev/import_redirect.h"
 #include "wine/linux_pid_map.h"
@@ -40,10 +41,6 @@ FILETIME ToFileTime(std::uint64_t value) {
   return FILETIME{static_cast<DWORD>(value), static_cast<DWORD>(value >> 32)};
 }
 
-std::uint64_t FromFileTime(const FILETIME& value) {
-  return (static_cast<std::uint64_t>(value.dwHighDateTime) << 32) | value.dwLowDateTime;
-}
-
 // The entry for `pid`, emptied when it belonged to an earlier process of the same pid.
 Remembered& Entry(State& state, DWORD pid, std::uint64_t created) {
   if (state.last.size() >= kMaxRemembered && state.last.count(pid) == 0) state.last.clear();
@@ -55,31 +52,21 @@ Remembered& Entry(State& state, DWORD pid, std::uint64_t created) {
   return entry;
 }
 
-using TimesFn = BOOL(WINAPI*)(HANDLE, LPFILETIME, LPFILETIME, LPFILETIME, LPFILETIME);
-using IoFn = BOOL(WINAPI*)(HANDLE, PIO_COUNTERS);
-
 // Kernel32's own functions, taken by name: an import of the caller's may be the one redirected.
-template <class Fn>
-Fn Kernel32(const char* name) {
-  return reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), name)));
-}
-
-BOOL OriginalTimes(HANDLE process, LPFILETIME creation, LPFILETIME exit, LPFILETIME kernel, LPFILETIME user) {
-  static const TimesFn original = Kernel32<TimesFn>("GetProcessTimes");
-  if (original == nullptr) {
-    ::SetLastError(ERROR_PROC_NOT_FOUND);
-    return FALSE;
+struct Kernel32Originals {
+  Kernel32Originals() {
+    // kernel32.dll stays mapped for the life of every process: the addresses outlive this reference.
+    ky::ModuleLibrary kernel32;
+    if (kernel32.Load(L"kernel32.dll") != 0) return;
+    (void)kernel32.Bind({KY_BIND_DECLARED(GetProcessTimes, times), KY_BIND_DECLARED(GetProcessIoCounters, io)});
   }
-  return original(process, creation, exit, kernel, user);
-}
+  decltype(&::GetProcessTimes) times = nullptr;
+  decltype(&::GetProcessIoCounters) io = nullptr;
+};
 
-BOOL OriginalIo(HANDLE process, PIO_COUNTERS counters) {
-  static const IoFn original = Kernel32<IoFn>("GetProcessIoCounters");
-  if (original == nullptr) {
-    ::SetLastError(ERROR_PROC_NOT_FOUND);
-    return FALSE;
-  }
-  return original(process, counters);
+const Kernel32Originals& Originals() {
+  static const Kernel32Originals originals;
+  return originals;
 }
 
 std::wstring ImagePath(HANDLE process) {
@@ -93,12 +80,12 @@ std::wstring ImagePath(HANDLE process) {
 
 BOOL WINAPI AccountedGetProcessTimes(HANDLE process, LPFILETIME creation, LPFILETIME exit, LPFILETIME kernel,
                                      LPFILETIME user) {
-  if (!OriginalTimes(process, creation, exit, kernel, user)) return FALSE;
+  if (!lumera::dev::CallOriginal(Originals().times, process, creation, exit, kernel, user)) return FALSE;
   const DWORD pid = ::GetProcessId(process);
   if (pid == 0 || pid == ::GetCurrentProcessId() || creation == nullptr || kernel == nullptr || user == nullptr) {
     return TRUE;
   }
-  const std::uint64_t created = FromFileTime(*creation);
+  const std::uint64_t created = ky::FileTimeToU64(*creation);
   State& state = Shared();
   ProcessTimesSnapshot::Times times;
   const bool listed = state.snapshot.Get(pid, times);
@@ -116,12 +103,12 @@ BOOL WINAPI AccountedGetProcessTimes(HANDLE process, LPFILETIME creation, LPFILE
 }
 
 BOOL WINAPI AccountedGetProcessIoCounters(HANDLE process, PIO_COUNTERS counters) {
-  if (!OriginalIo(process, counters)) return FALSE;
+  if (!lumera::dev::CallOriginal(Originals().io, process, counters)) return FALSE;
   const DWORD pid = ::GetProcessId(process);
   if (pid == 0 || counters == nullptr) return TRUE;
   FILETIME creation{}, exit{}, kernel{}, user{};
   const std::uint64_t created =
-      OriginalTimes(process, &creation, &exit, &kernel, &user) ? FromFileTime(creation) : 0;
+      lumera::dev::CallOriginal(Originals().times, process, &creation, &exit, &kernel, &user) ? ky::FileTimeToU64(creation) : 0;
   State& state = Shared();
   ProcessTimesSnapshot::Times times;
   const std::uint64_t started = state.snapshot.Get(pid, times) && times.created != 0 ? times.created : created;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cwchar>
+#include <mutex>
 
 #include "common/module_library.h"
 #include "common/text_convert.h"
@@ -12,17 +13,6 @@ namespace {
 
 constexpr std::size_t kMaxNameChars = 255;
 constexpr DWORD kLockRetryMs = 10;
-
-class ExclusiveLock {
- public:
-  explicit ExclusiveLock(SRWLOCK& lock) : lock_(lock) { ::AcquireSRWLockExclusive(&lock_); }
-  ~ExclusiveLock() { ::ReleaseSRWLockExclusive(&lock_); }
-  ExclusiveLock(const ExclusiveLock&) = delete;
-  ExclusiveLock& operator=(const ExclusiveLock&) = delete;
-
- private:
-  SRWLOCK& lock_;
-};
 
 bool IsFolder(const std::wstring& path) {
   const DWORD attributes = ::GetFileAttributesW(path.c_str());
@@ -47,17 +37,15 @@ AgentStore& Store() {
 std::uint32_t AgentStore::Init(const std::wstring& agentPath) {
   if (!ky::IsAbsolutePath(agentPath)) return ERROR_BAD_PATHNAME;
   if (!IsFolder(agentPath)) return ERROR_PATH_NOT_FOUND;
-  ExclusiveLock hold(lock_);
+  std::unique_lock hold(lock_);
   root_ = agentPath;
   if (root_.back() != L'\\') root_.push_back(L'\\');
   return 0;
 }
 
 std::wstring AgentStore::AppFolder(const std::wstring& app) const {
-  ::AcquireSRWLockShared(&lock_);
-  std::wstring folder = root_.empty() ? std::wstring() : root_ + app + L"\\";
-  ::ReleaseSRWLockShared(&lock_);
-  return folder;
+  std::shared_lock hold(lock_);
+  return root_.empty() ? std::wstring() : root_ + app + L"\\";
 }
 
 std::uint32_t AgentStore::Apps(std::vector<std::wstring>& names) const {

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <shared_mutex>
 #include <string>
 #include <vector>
 
@@ -29,7 +30,7 @@ class AgentStore {
   std::wstring AppFolder(const std::wstring& app) const;
 
  private:
-  mutable SRWLOCK lock_ = SRWLOCK_INIT;
+  mutable std::shared_mutex lock_;
   std::wstring root_;
 };
 

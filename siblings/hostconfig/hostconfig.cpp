@@ -12,30 +12,18 @@
 #include "lumera/interface_ids.h"
 #include "lumera/productinfo.h"
 #include "common/json_file.h"
+#include "common/module_library.h"
 #include "picojson.h"
-
-extern "C" IMAGE_DOS_HEADER __ImageBase;
 
 namespace {
 
 constexpr std::size_t kMaxConfigBytes = 64 * 1024;
 
-std::wstring LibraryFolder() {
-  wchar_t path[MAX_PATH] = {};
-  ::GetModuleFileNameW(reinterpret_cast<HMODULE>(&__ImageBase), path, MAX_PATH);
-  std::wstring folder(path);
-  folder.resize(folder.find_last_of(L'\\') + 1);
-  return folder;
-}
-
 class ProductInfo final : public IProductInfo {
  public:
   void* GetInterface(const GUID& iid) override {
-    if (KyIsEqualId(iid, lumera::ids::IKyBaseInterface) || KyIsEqualId(iid, lumera::ids::IServPlugin) ||
-        KyIsEqualId(iid, lumera::ids::HostConfigProductInfo)) {
-      return static_cast<IProductInfo*>(this);
-    }
-    return nullptr;
+    return KyInterfaceFor<IProductInfo>(
+        this, iid, {lumera::ids::IKyBaseInterface, lumera::ids::IServPlugin, lumera::ids::HostConfigProductInfo});
   }
   std::uint32_t Init(IServMain*) override {
     Load();
@@ -64,7 +52,7 @@ class ProductInfo final : public IProductInfo {
     }
     picojson::value root;
     std::string error;
-    if (ky::ReadJsonFile(LibraryFolder() + L"hostconfig.json", root, error, kMaxConfigBytes) != ky::JsonReadResult::kOk) return;
+    if (ky::ReadJsonFile(ky::ThisModuleFolder() + L"hostconfig.json", root, error, kMaxConfigBytes) != ky::JsonReadResult::kOk) return;
     for (const auto& [key, value] : ky::StringMembers(root.get("folders"))) folders_[key] = value;
     for (const auto& [key, value] : ky::StringMembers(root.get("items"))) items_[key] = value;
   }

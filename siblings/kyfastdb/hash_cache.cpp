@@ -10,6 +10,7 @@
 #include "common/service_folder.h"
 #include "common/unique_handle.h"
 #include "lumera/kyfastdb.h"
+#include "lumera_dev/console_session.h"
 
 namespace kyfastdb {
 namespace {
@@ -74,11 +75,6 @@ bool IsSid(PSID sid, WELL_KNOWN_SID_TYPE type) {
   return ::CreateWellKnownSid(type, nullptr, buffer, &size) && ::EqualSid(sid, buffer);
 }
 
-bool RunsUnderWine() {
-  HMODULE ntdll = ::GetModuleHandleW(L"ntdll.dll");
-  return ntdll != nullptr && ::GetProcAddress(ntdll, "wine_get_version") != nullptr;
-}
-
 bool IsProcessUser(PSID sid) {
   HANDLE token = nullptr;
   if (!::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, &token)) return false;
@@ -93,7 +89,7 @@ bool IsProcessUser(PSID sid) {
 // Unix user it runs as; that user is then accepted as an administrator would be.
 bool MayHoldCache(PSID sid) {
   if (IsSid(sid, WinLocalSystemSid) || IsSid(sid, WinBuiltinAdministratorsSid)) return true;
-  static const bool underWine = RunsUnderWine();
+  static const bool underWine = lumera::dev::RunningUnderWine();
   return underWine && IsProcessUser(sid);
 }
 

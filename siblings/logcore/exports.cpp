@@ -29,82 +29,57 @@ std::int32_t Guarded(Fn&& fn) noexcept {
 
 logcore::Logger& Log() { return logcore::Logger::Instance(); }
 
+// `change` applied to the logger, answering kOk when it returns.
+template <class Change>
+std::int32_t Applied(Change&& change) noexcept {
+  return Guarded([&] {
+    change(Log());
+    return kOk;
+  });
+}
+
 }  // namespace
 
 extern "C" {
 
-std::int32_t __cdecl LogInit() {
-  return Guarded([] {
-    Log().Init();
-    return kOk;
-  });
-}
+std::int32_t __cdecl LogInit() { return Applied([](logcore::Logger& log) { log.Init(); }); }
 
-std::int32_t __cdecl LogDeinit() {
-  return Guarded([] {
-    Log().Deinit();
-    return kOk;
-  });
-}
+std::int32_t __cdecl LogDeinit() { return Applied([](logcore::Logger& log) { log.Deinit(); }); }
 
 std::int32_t __cdecl LogApplySettings() {
   return Guarded([] { return Log().ApplySettingsFile() ? kOk : kNotFound; });
 }
 
 std::int32_t __cdecl LogSetSettingsFile(const wchar_t* path) {
-  return Guarded([path] {
-    Log().SetSettingsFile(path);
-    return kOk;
-  });
+  return Applied([path](logcore::Logger& log) { log.SetSettingsFile(path); });
 }
 
 std::int32_t __cdecl LogEnable(std::int32_t enable) {
-  return Guarded([enable] {
-    Log().SetEnabled(enable != 0);
-    return kOk;
-  });
+  return Applied([enable](logcore::Logger& log) { log.SetEnabled(enable != 0); });
 }
 
 std::int32_t __cdecl LogSetLevel(std::uint32_t maxLevel) {
-  return Guarded([maxLevel] {
-    Log().SetMaxLevel(maxLevel);
-    return kOk;
-  });
+  return Applied([maxLevel](logcore::Logger& log) { log.SetMaxLevel(maxLevel); });
 }
 
 std::int32_t __cdecl LogSetPath(const wchar_t* folder) {
-  return Guarded([folder] {
-    Log().SetFolder(folder);
-    return kOk;
-  });
+  return Applied([folder](logcore::Logger& log) { log.SetFolder(folder); });
 }
 
 std::int32_t __cdecl LogSetType(std::uint32_t type) {
-  return Guarded([type] {
-    Log().SetType(type);
-    return kOk;
-  });
+  return Applied([type](logcore::Logger& log) { log.SetType(type); });
 }
 
 std::int32_t __cdecl LogSetMode(std::uint32_t mode) {
-  return Guarded([mode] {
-    Log().SetMode(mode);
-    return kOk;
-  });
+  return Applied([mode](logcore::Logger& log) { log.SetMode(mode); });
 }
 
 std::int32_t __cdecl LogSetMaxSize(std::uint32_t bytes) {
-  return Guarded([bytes] {
-    Log().SetMaxSize(bytes);
-    return kOk;
-  });
+  return Applied([bytes](logcore::Logger& log) { log.SetMaxSize(bytes); });
 }
 
 std::int32_t __cdecl LogSetDepth(std::uint32_t depth) {
-  return Guarded([depth] {
-    Log().SetMaxIndent(depth);
-    return kOk;
-  });
+  return Applied([depth](logcore::Logger& log) { log.SetMaxIndent(depth); });
 }
 
 std::int32_t __cdecl LogWrite(std::uint16_t depthChange, const std::uint32_t* level, const void* /*moduleBase*/,
@@ -123,10 +98,7 @@ std::int32_t __cdecl LogIsEnabled() {
 }
 
 std::int32_t __cdecl LogMonitorSettings(std::int32_t monitor) {
-  return Guarded([monitor] {
-    Log().MonitorSettings(monitor != 0);
-    return kOk;
-  });
+  return Applied([monitor](logcore::Logger& log) { log.MonitorSettings(monitor != 0); });
 }
 
 // There are no desktop metrics to release; callers still expect the entry.

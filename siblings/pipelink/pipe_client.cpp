@@ -275,10 +275,7 @@ ConnClient::~ConnClient() {
 }
 
 void* ConnClient::GetInterface(const GUID& iid) {
-  if (KyIsEqualId(iid, lumera::ids::IKyBaseInterface) || KyIsEqualId(iid, lumera::ids::PipeLinkClient)) {
-    return static_cast<IConnClient*>(this);
-  }
-  return nullptr;
+  return KyInterfaceFor<IConnClient>(this, iid, {lumera::ids::IKyBaseInterface, lumera::ids::PipeLinkClient});
 }
 
 std::uint32_t ConnClient::Init(std::uint32_t) {
@@ -322,18 +319,7 @@ std::uint32_t ConnClient::ConnectUntil(const wchar_t* name, HANDLE stopEvent, st
   }
 }
 
-void ConnClient::Close(IConnPipeClient* connection) {
-  std::unique_ptr<PipeClient> victim;
-  {
-    std::lock_guard hold(lock_);
-    auto it = std::find_if(connections_.begin(), connections_.end(),
-                           [connection](const auto& c) { return c.get() == connection; });
-    if (it == connections_.end()) return;
-    victim = std::move(*it);
-    connections_.erase(it);
-  }
-  victim.reset();
-}
+void ConnClient::Close(IConnPipeClient* connection) { TakeOwner(lock_, connections_, connection).reset(); }
 
 std::uint32_t ConnClient::Stop() {
   std::lock_guard hold(lock_);

@@ -4,6 +4,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
@@ -15,6 +16,18 @@
 namespace pipelink {
 
 inline constexpr DWORD kDefaultWriteTimeoutMs = 5000;
+
+// Takes the owner of `object` out of `owners` under `lock`, to be ended after the lock is
+// released; empty when `object` is not there.
+template <class Owners, class Object>
+typename Owners::value_type TakeOwner(std::mutex& lock, Owners& owners, const Object* object) {
+  std::lock_guard hold(lock);
+  auto it = std::find_if(owners.begin(), owners.end(), [object](const auto& owner) { return owner.get() == object; });
+  if (it == owners.end()) return {};
+  typename Owners::value_type taken = std::move(*it);
+  owners.erase(it);
+  return taken;
+}
 
 class PipeEnd {
  public:

@@ -325,10 +325,7 @@ ConnServer::~ConnServer() {
 }
 
 void* ConnServer::GetInterface(const GUID& iid) {
-  if (KyIsEqualId(iid, lumera::ids::IKyBaseInterface) || KyIsEqualId(iid, lumera::ids::PipeLinkServer)) {
-    return static_cast<IConnServer*>(this);
-  }
-  return nullptr;
+  return KyInterfaceFor<IConnServer>(this, iid, {lumera::ids::IKyBaseInterface, lumera::ids::PipeLinkServer});
 }
 
 std::uint32_t ConnServer::CreatePipeServer(const wchar_t* name, std::uint32_t, IConnPipeServer** out) {
@@ -357,15 +354,7 @@ std::uint32_t ConnServer::CreatePipeServer(const wchar_t* name, std::uint32_t, I
 }
 
 void ConnServer::ReleasePipeServer(IConnPipeServer* server) {
-  std::shared_ptr<PipeServer> pipe;
-  {
-    std::lock_guard hold(lock_);
-    auto it = std::find_if(pipes_.begin(), pipes_.end(), [server](const auto& p) { return p.get() == server; });
-    if (it == pipes_.end()) return;
-    pipe = std::move(*it);
-    pipes_.erase(it);
-  }
-  pipe->Close();
+  if (const std::shared_ptr<PipeServer> pipe = TakeOwner(lock_, pipes_, server)) pipe->Close();
 }
 
 std::uint32_t ConnServer::Broadcast(std::uint32_t id, const void* payload, std::uint32_t size, std::uint32_t,

@@ -166,6 +166,13 @@ struct TiXmlDocumentData {
   }
 };
 
+// The first element from `element` on along its siblings that `matches`, or null.
+template <class Matches>
+const TiXmlElement* FirstMatching(const TiXmlElement* element, Matches matches) noexcept {
+  while (element != nullptr && !matches(*element)) element = element->NextSiblingElement();
+  return element;
+}
+
 }  // namespace wxml
 
 bool TiXmlElement::IsNamed(const wchar_t* namespaceUri, const wchar_t* localName) const noexcept {
@@ -190,29 +197,21 @@ const wchar_t* TiXmlElement::AttributeNS(const wchar_t* namespaceUri, const wcha
 }
 
 const TiXmlElement* TiXmlElement::FirstChildElement(const wchar_t* name) const noexcept {
-  const TiXmlElement* child = firstChild_;
-  while (child != nullptr && !wxml::Same(child->name_, name)) child = child->nextSibling_;
-  return child;
+  return wxml::FirstMatching(firstChild_, [name](const TiXmlElement& e) { return wxml::Same(e.name_, name); });
 }
 
 const TiXmlElement* TiXmlElement::FirstChildElementNS(const wchar_t* namespaceUri,
                                                       const wchar_t* localName) const noexcept {
-  const TiXmlElement* child = firstChild_;
-  while (child != nullptr && !child->IsNamed(namespaceUri, localName)) child = child->nextSibling_;
-  return child;
+  return wxml::FirstMatching(firstChild_, [&](const TiXmlElement& e) { return e.IsNamed(namespaceUri, localName); });
 }
 
 const TiXmlElement* TiXmlElement::NextSiblingElement(const wchar_t* name) const noexcept {
-  const TiXmlElement* next = nextSibling_;
-  while (next != nullptr && !wxml::Same(next->name_, name)) next = next->nextSibling_;
-  return next;
+  return wxml::FirstMatching(nextSibling_, [name](const TiXmlElement& e) { return wxml::Same(e.name_, name); });
 }
 
 const TiXmlElement* TiXmlElement::NextSiblingElementNS(const wchar_t* namespaceUri,
                                                        const wchar_t* localName) const noexcept {
-  const TiXmlElement* next = nextSibling_;
-  while (next != nullptr && !next->IsNamed(namespaceUri, localName)) next = next->nextSibling_;
-  return next;
+  return wxml::FirstMatching(nextSibling_, [&](const TiXmlElement& e) { return e.IsNamed(namespaceUri, localName); });
 }
 
 TiXmlDocument::~TiXmlDocument() { Clear(); }

@@ -36,23 +36,19 @@ CLogDLL::CLogDLL() {
   const DWORD error = ::GetLastError();
   if (module_.Load(ky::ThisModuleFolder() + L"logcore.dll") == 0) {
     if (auto init = module_.Resolve<LogInitFn>("LogInit")) init();
-    pfnLogApplySettings = module_.Resolve<LogApplySettingsFn>("LogApplySettings");
-    pfnLogSetSettingsFile = module_.Resolve<LogSetSettingsFileFn>("LogSetSettingsFile");
-    pfnLogEnable = module_.Resolve<LogEnableFn>("LogEnable");
-    pfnLogSetLevel = module_.Resolve<LogSetLevelFn>("LogSetLevel");
-    pfnLogSetPath = module_.Resolve<LogSetPathFn>("LogSetPath");
-    pfnLogSetType = module_.Resolve<LogSetTypeFn>("LogSetType");
-    pfnLogSetMode = module_.Resolve<LogSetModeFn>("LogSetMode");
-    pfnLogSetMaxSize = module_.Resolve<LogSetMaxSizeFn>("LogSetMaxSize");
-    pfnLogSetDepth = module_.Resolve<LogSetDepthFn>("LogSetDepth");
-    pfnLogWrite = module_.Resolve<LogWriteFn>("LogWrite");
-    pfnLogIsEnabled = module_.Resolve<LogIsEnabledFn>("LogIsEnabled");
-    pfnLogMonitorSettings = module_.Resolve<LogMonitorSettingsFn>("LogMonitorSettings");
-    pfnLogUninitDeskMetrics = module_.Resolve<LogUninitDeskMetricsFn>("LogUninitDeskMetrics");
-    pfnLogTrackEvent = module_.Resolve<LogTrackEventFn>("LogTrackEvent");
-    pfnLogTrackEventData = module_.Resolve<LogTrackEventDataFn>("LogTrackEventData");
-    pfnLogRemoveModule = module_.Resolve<LogRemoveModuleFn>("LogRemoveModule");
-    pfnLogGetLevel = module_.Resolve<LogGetLevelFn>("LogGetLevel");
+    using ky::BindAs;
+    const std::uint32_t all = module_.Bind({
+        BindAs("LogApplySettings", pfnLogApplySettings), BindAs("LogSetSettingsFile", pfnLogSetSettingsFile),
+        BindAs("LogEnable", pfnLogEnable), BindAs("LogSetLevel", pfnLogSetLevel), BindAs("LogSetPath", pfnLogSetPath),
+        BindAs("LogSetType", pfnLogSetType), BindAs("LogSetMode", pfnLogSetMode),
+        BindAs("LogSetMaxSize", pfnLogSetMaxSize), BindAs("LogSetDepth", pfnLogSetDepth),
+        BindAs("LogWrite", pfnLogWrite), BindAs("LogIsEnabled", pfnLogIsEnabled),
+        BindAs("LogMonitorSettings", pfnLogMonitorSettings), BindAs("LogUninitDeskMetrics", pfnLogUninitDeskMetrics),
+        BindAs("LogTrackEvent", pfnLogTrackEvent), BindAs("LogTrackEventData", pfnLogTrackEventData),
+        BindAs("LogRemoveModule", pfnLogRemoveModule), BindAs("LogGetLevel", pfnLogGetLevel)});
+    // A logging library that lacks any of the other exports still writes: LogWrite is the
+    // only one the module calls.
+    if (all != 0) (void)module_.Bind({BindAs("LogWrite", pfnLogWrite)});
   }
   if (pfnLogWrite == nullptr) pfnLogWrite = &NoLogWrite;
   ::SetLastError(error);

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "picojson.h"
 #include "support/programs.h"
 #include "support/scratch_folder.h"
 
@@ -112,14 +113,7 @@ class Planted {
   std::wstring savedPath_;
 };
 
-std::string JsonPath(const fs::path& path) {
-  std::string out;
-  for (char c : path.string()) {
-    if (c == '\\') out += '\\';
-    out += c;
-  }
-  return out;
-}
+std::string JsonPath(const fs::path& path) { return picojson::value(path.string()).serialize(); }
 
 struct StagedRun {
   testsupport::ProgramRun run;
@@ -132,8 +126,8 @@ struct StagedRun {
 StagedRun RunStaged(const fs::path& folder, const std::wstring& rowCommand) {
   const fs::path logs = folder / L"logs";
   std::ofstream(folder / kHostConfig, std::ios::binary)
-      << "{\"objects\": [\"boottime\", \"boottimecomm\"], \"log\": {\"folder\": \"" << JsonPath(logs)
-      << "\", \"level\": 32}, \"folders\": {\"2:common\": \"" << JsonPath(folder / L"common") << "\"}}";
+      << "{\"objects\": [\"boottime\", \"boottimecomm\"], \"log\": {\"folder\": " << JsonPath(logs)
+      << ", \"level\": 32}, \"folders\": {\"2:common\": " << JsonPath(folder / L"common") << "}}";
   ::SetEnvironmentVariableW(L"LUMERA_LOG_DIR", logs.wstring().c_str());
   ::SetEnvironmentVariableW(L"LUMERA_LOG_LEVEL", L"32");
   StagedRun staged;

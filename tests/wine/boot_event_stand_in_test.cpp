@@ -13,6 +13,7 @@
 
 #include "boottime/win_boot_event.h"
 #include "common/boot_event_store.h"
+#include "common/module_library.h"
 #include "common/unique_handle.h"
 #include "lumera_dev/console_session.h"
 #include "support/captured_log.h"
@@ -27,17 +28,12 @@ using winestandins::BootEventRecord;
 constexpr DWORD kDeadlineMs = 20000;
 constexpr wchar_t kConsoleValue[] = L"ConsoleSessionWineStandInTest";
 
-template <class Fn>
-Fn Bind(HMODULE module, const char* name) {
-  return reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
-}
-
 std::wstring StandInFolder() { return testsupport::ExeFolder() + L"..\\winestandins\\"; }
 
 std::uint64_t Now() {
   FILETIME now{};
   ::GetSystemTimeAsFileTime(&now);
-  return (static_cast<std::uint64_t>(now.dwHighDateTime) << 32) | now.dwLowDateTime;
+  return ky::FileTimeToU64(now);
 }
 
 void SetConsole(DWORD value) {
@@ -138,15 +134,17 @@ TEST_F(BootEventStandInTest, TheModuleTakesTheEventTheWriterWritesAfterLogonAndS
 TEST_F(BootEventStandInTest, TheLibraryServesItsOneChannelAndRefusesWhatItDoesNotServe) {
   AddEarlierBoot(1000);
   AddEarlierBoot(2000);
-  ky::unique_module library(::LoadLibraryW((StandInFolder() + L"wevtapi.dll").c_str()));
-  ASSERT_TRUE(library);
-  const auto query = Bind<decltype(&::EvtQuery)>(library.get(), "EvtQuery");
-  const auto next = Bind<decltype(&::EvtNext)>(library.get(), "EvtNext");
-  const auto close = Bind<decltype(&::EvtClose)>(library.get(), "EvtClose");
-  const auto context =
-      Bind<decltype(&::EvtCreateRenderContext)>(library.get(), "EvtCreateRenderContext");
-  const auto render = Bind<decltype(&::EvtRender)>(library.get(), "EvtRender");
-  ASSERT_TRUE(query && next && close && context && render);
+  ky::ModuleLibrary library;
+  ASSERT_EQ(library.Load(StandInFolder() + L"wevtapi.dll"), 0u);
+  decltype(&::EvtQuery) query = nullptr;
+  decltype(&::EvtNext) next = nullptr;
+  decltype(&::EvtClose) close = nullptr;
+  decltype(&::EvtCreateRenderContext) context = nullptr;
+  decltype(&::EvtRender) render = nullptr;
+  ASSERT_EQ(library.Bind({KY_BIND_DECLARED(EvtQuery, query), KY_BIND_DECLARED(EvtNext, next),
+                          KY_BIND_DECLARED(EvtClose, close), KY_BIND_DECLARED(EvtCreateRenderContext, context),
+                          KY_BIND_DECLARED(EvtRender, render)}),
+            0u);
   constexpr wchar_t kChannel[] = L"Microsoft-Windows-Diagnostics-Performance/Operational";
 
   ::SetLastError(0);

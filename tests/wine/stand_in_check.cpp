@@ -6,20 +6,19 @@
 
 #include <cstdio>
 
-#include "common/unique_handle.h"
+#include "common/module_library.h"
 
 int main() {
-  ky::unique_module library(::LoadLibraryW(L"Wevtapi.dll"));
-  if (!library) return 1;
+  ky::ModuleLibrary library;
+  if (library.Load(L"Wevtapi.dll") != 0) return 1;
   wchar_t path[MAX_PATH] = {};
   ::GetModuleFileNameW(library.get(), path, MAX_PATH);
-  const auto query = reinterpret_cast<decltype(&::EvtQuery)>(
-      reinterpret_cast<void*>(::GetProcAddress(library.get(), "EvtQuery")));
-  const auto next = reinterpret_cast<decltype(&::EvtNext)>(
-      reinterpret_cast<void*>(::GetProcAddress(library.get(), "EvtNext")));
-  const auto close = reinterpret_cast<decltype(&::EvtClose)>(
-      reinterpret_cast<void*>(::GetProcAddress(library.get(), "EvtClose")));
-  if (query == nullptr || next == nullptr || close == nullptr) return 1;
+  decltype(&::EvtQuery) query = nullptr;
+  decltype(&::EvtNext) next = nullptr;
+  decltype(&::EvtClose) close = nullptr;
+  const std::uint32_t bound = library.Bind(
+      {KY_BIND_DECLARED(EvtQuery, query), KY_BIND_DECLARED(EvtNext, next), KY_BIND_DECLARED(EvtClose, close)});
+  if (bound != 0) return 1;
   EVT_HANDLE results = query(nullptr, L"Microsoft-Windows-Diagnostics-Performance/Operational",
                              L"Event/System[EventID=100]", EvtQueryChannelPath | EvtQueryReverseDirection);
   if (results == nullptr) {

@@ -82,27 +82,15 @@ class Connection {
 
   // The whole message written within the time-out.
   bool Write(const Bytes& bytes) {
-    OVERLAPPED ov{};
-    ov.hEvent = event_.get();
     DWORD done = 0;
-    if (!::WriteFile(pipe_.get(), bytes.data(), static_cast<DWORD>(bytes.size()), nullptr, &ov) &&
-        ::GetLastError() != ERROR_IO_PENDING) {
-      return false;
-    }
-    return Finish(ov, &done) && done == bytes.size();
+    return Transfer(::WriteFile, bytes.data(), bytes.size(), &done) && done == bytes.size();
   }
 
   // One whole message, or false on time-out, a broken pipe or a message too big for the buffer.
   bool Read(Bytes& into) {
     into.resize(64 * 1024);
-    OVERLAPPED ov{};
-    ov.hEvent = event_.get();
     DWORD done = 0;
-    if (!::ReadFile(pipe_.get(), into.data(), static_cast<DWORD>(into.size()), nullptr, &ov) &&
-        ::GetLastError() != ERROR_IO_PENDING) {
-      return false;
-    }
-    if (!Finish(ov, &done)) return false;
+    if (!Transfer(::ReadFile, into.data(), into.size(), &done)) return false;
     into.resize(done);
     return true;
   }
@@ -116,6 +104,17 @@ class Connection {
   }
 
  private:
+  // One overlapped ReadFile or WriteFile of `bytes` at `data`, finished within the time-out.
+  template <class Io, class Data>
+  bool Transfer(Io io, Data* data, std::size_t bytes, DWORD* done) {
+    OVERLAPPED ov{};
+    ov.hEvent = event_.get();
+    if (!io(pipe_.get(), data, static_cast<DWORD>(bytes), nullptr, &ov) && ::GetLastError() != ERROR_IO_PENDING) {
+      return false;
+    }
+    return Finish(ov, done);
+  }
+
   bool Finish(OVERLAPPED& ov, DWORD* done) {
     HANDLE waits[2] = {event_.get(), stop_};
     if (::WaitForMultipleObjects(2, waits, FALSE, kIoTimeoutMs) != WAIT_OBJECT_0) {

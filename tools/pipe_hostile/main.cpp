@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "common/log.h"
+#include "picojson.h"
 #include "common/module_library.h"
 #include "common/unique_handle.h"
 #include "good_client.h"
@@ -75,14 +76,7 @@ bool ParseOptions(int argc, char** argv, Options& o) {
   return true;
 }
 
-std::string JsonPath(const std::filesystem::path& path) {
-  std::string out;
-  for (char c : path.string()) {
-    if (c == '\\') out += '\\';
-    out += c;
-  }
-  return out;
-}
+std::string JsonPath(const std::filesystem::path& path) { return picojson::value(path.string()).serialize(); }
 
 // lumerahost.exe from this program's folder, in a job that ends it if this program ends first.
 class StartedHost {
@@ -90,9 +84,9 @@ class StartedHost {
   bool Start(const std::filesystem::path& scratch) {
     std::filesystem::create_directories(scratch / "common");
     const std::filesystem::path config = scratch / "host.json";
-    std::ofstream(config, std::ios::binary) << "{\"objects\": [\"boottime\", \"boottimecomm\"], \"folders\": {\"2:common\": \""
-                                            << JsonPath(scratch / "common") << "\"}, \"log\": {\"folder\": \""
-                                            << JsonPath(scratch / "logs") << "\", \"level\": 16}}";
+    std::ofstream(config, std::ios::binary) << "{\"objects\": [\"boottime\", \"boottimecomm\"], \"folders\": {\"2:common\": "
+                                            << JsonPath(scratch / "common") << "}, \"log\": {\"folder\": "
+                                            << JsonPath(scratch / "logs") << ", \"level\": 16}}";
     job_.reset(::CreateJobObjectW(nullptr, nullptr));
     JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
     limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;

@@ -81,26 +81,9 @@ class Reader {
   Reader(const std::uint8_t* data, std::size_t size) : data_(data), left_(size) {}
   std::size_t Left() const { return left_; }
 
-  bool U8(std::uint8_t& v) {
-    if (left_ < 1) return false;
-    v = *data_;
-    Skip(1);
-    return true;
-  }
-  bool U32(std::uint32_t& v) {
-    if (left_ < 4) return false;
-    v = 0;
-    for (int i = 0; i < 4; ++i) v |= static_cast<std::uint32_t>(data_[i]) << (8 * i);
-    Skip(4);
-    return true;
-  }
-  bool U64(std::uint64_t& v) {
-    if (left_ < 8) return false;
-    v = 0;
-    for (int i = 0; i < 8; ++i) v |= static_cast<std::uint64_t>(data_[i]) << (8 * i);
-    Skip(8);
-    return true;
-  }
+  bool U8(std::uint8_t& v) { return Little(v); }
+  bool U32(std::uint32_t& v) { return Little(v); }
+  bool U64(std::uint64_t& v) { return Little(v); }
   bool Text(std::uint32_t maxChars, std::wstring& text) {
     std::uint32_t chars = 0;
     if (!U32(chars) || chars > maxChars || left_ / 2 < chars) return false;
@@ -120,6 +103,17 @@ class Reader {
   }
 
  private:
+  // An unsigned little-endian integer of its own width.
+  template <class Unsigned>
+  bool Little(Unsigned& v) {
+    if (left_ < sizeof(Unsigned)) return false;
+    v = 0;
+    for (std::size_t i = 0; i < sizeof(Unsigned); ++i) {
+      v |= static_cast<Unsigned>(static_cast<Unsigned>(data_[i]) << (8 * i));
+    }
+    Skip(sizeof(Unsigned));
+    return true;
+  }
   void Skip(std::size_t n) {
     data_ += n;
     left_ -= n;

@@ -79,17 +79,9 @@ bool EnsureProfile(const StagedUser& user, const std::wstring& profile, std::wst
 }
 
 bool EnsureHiveSkeleton(const StagedUser& user, std::wstring& reason) {
-  for (const std::wstring& root : {user.sid, ClassesKeyOf(user.sid)}) {
-    ky::unique_hkey key;
-    const LSTATUS status = ::RegCreateKeyExW(HKEY_USERS, root.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_READ,
-                                             nullptr, key.put(), nullptr);
-    if (status != ERROR_SUCCESS) {
-      reason = Failed(L"creating HKEY_USERS\\" + root, static_cast<DWORD>(status));
-      return false;
-    }
-  }
-  for (const wchar_t* subkey : kSkeletonKeys) {
-    const std::wstring path = user.sid + L"\\" + subkey;
+  std::vector<std::wstring> paths = {user.sid, ClassesKeyOf(user.sid)};
+  for (const wchar_t* subkey : kSkeletonKeys) paths.push_back(user.sid + L"\\" + subkey);
+  for (const std::wstring& path : paths) {
     ky::unique_hkey key;
     const LSTATUS status = ::RegCreateKeyExW(HKEY_USERS, path.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_READ,
                                              nullptr, key.put(), nullptr);

@@ -16,18 +16,18 @@
 namespace eventlog {
 namespace {
 
-constexpr wchar_t kChannel[] = L"Microsoft-Windows-Diagnostics-Performance/Operational";
-constexpr wchar_t kQuery[] = L"Event/System[EventID=100]";
 constexpr wchar_t kAllQuery[] = L"*";
+constexpr DWORD kPollMs = 500;
+constexpr std::size_t kMaxPaths = 256;
+constexpr DWORD kErrorChannelNotFound = 15007;  // ERROR_EVT_CHANNEL_NOT_FOUND
+constexpr DWORD kErrorInvalidQuery = 15001;     // ERROR_EVT_INVALID_QUERY
+// The event's own values besides its data items, each of which is named between
+// kDataPrefix and kDataSuffix.
 constexpr wchar_t kTimeCreated[] = L"Event/System/TimeCreated/@SystemTime";
 constexpr wchar_t kEventId[] = L"Event/System/EventID";
 constexpr wchar_t kRecordId[] = L"Event/System/EventRecordID";
 constexpr wchar_t kDataPrefix[] = L"Event/EventData/Data[@Name=\"";
 constexpr wchar_t kDataSuffix[] = L"\"]";
-constexpr DWORD kPollMs = 500;
-constexpr std::size_t kMaxPaths = 256;
-constexpr DWORD kErrorChannelNotFound = 15007;  // ERROR_EVT_CHANNEL_NOT_FOUND
-constexpr DWORD kErrorInvalidQuery = 15001;     // ERROR_EVT_INVALID_QUERY
 
 enum class Kind { kQuery, kEvent, kContext, kBookmark, kSubscription };
 
@@ -89,7 +89,7 @@ bool ChannelAndQuery(LPCWSTR path, LPCWSTR query) {
     ::SetLastError(kErrorChannelNotFound);
     return false;
   }
-  if (query != nullptr && std::wcscmp(query, kQuery) != 0 && std::wcscmp(query, kAllQuery) != 0) {
+  if (query != nullptr && std::wcscmp(query, kBootEventQuery) != 0 && std::wcscmp(query, kAllQuery) != 0) {
     ::SetLastError(kErrorInvalidQuery);
     return false;
   }

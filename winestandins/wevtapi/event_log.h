@@ -1,7 +1,7 @@
 // The eight functions of wevtapi.dll that the module binds, over the one channel
 // "Microsoft-Windows-Diagnostics-Performance/Operational" (event 100 only), written once for
 // two libraries that differ only in where the channel's records come from: the Wine stand-in
-// (stand_in_wevtapi.cpp, the store diagperf.exe appends to) and the tests' double
+// (store_channel.cpp, the store diagperf.exe appends to) and the tests' double
 // (tests/boottime/fake_wevtapi, records the test adds, and stricter arguments).
 //
 //   EvtQuery      channel path and "Event/System[EventID=100]" (or "*"); 0x200 = newest first
@@ -25,6 +25,9 @@
 #include <vector>
 
 namespace eventlog {
+
+inline constexpr wchar_t kChannel[] = L"Microsoft-Windows-Diagnostics-Performance/Operational";
+inline constexpr wchar_t kBootEventQuery[] = L"Event/System[EventID=100]";
 
 // How a record carries "BootTime".
 enum BootTimeForm : std::uint32_t { kUInt32 = 0, kMissing = 1, kAsString = 2 };

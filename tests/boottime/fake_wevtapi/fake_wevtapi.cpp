@@ -12,9 +12,6 @@
 
 namespace {
 
-constexpr wchar_t kChannel[] = L"Microsoft-Windows-Diagnostics-Performance/Operational";
-constexpr wchar_t kQuery[] = L"Event/System[EventID=100]";
-
 std::mutex g_channelLock;
 std::vector<eventlog::ChannelRecord> g_channel;
 bool g_queryFails = false;
@@ -47,14 +44,14 @@ bool AcceptQuery(EVT_HANDLE session, LPCWSTR path, LPCWSTR query, DWORD flags) {
     // As Wine's own EvtQuery does: null, with the last error left alone.
     if (g_queryFails) return false;
   }
-  const bool expected = session == nullptr && Is(path, kChannel) && Is(query, kQuery) &&
+  const bool expected = session == nullptr && Is(path, eventlog::kChannel) && Is(query, eventlog::kBootEventQuery) &&
                         flags == (EvtQueryChannelPath | EvtQueryReverseDirection);
   return expected || Refuse();
 }
 
 // Starting after a bookmark needs one, as on Windows; one subscription at a time.
 bool AcceptSubscription(LPCWSTR path, LPCWSTR query, EVT_HANDLE bookmark, DWORD flags, std::size_t live) {
-  if (!Is(path, kChannel) || !Is(query, kQuery) || flags != EvtSubscribeStartAfterBookmark || bookmark == nullptr) {
+  if (!Is(path, eventlog::kChannel) || !Is(query, eventlog::kBootEventQuery) || flags != EvtSubscribeStartAfterBookmark || bookmark == nullptr) {
     return Refuse();
   }
   if (live == 0) return true;

@@ -4,6 +4,9 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -27,6 +30,32 @@ inline double Median(std::vector<double> values) {
   std::sort(values.begin(), values.end());
   const std::size_t n = values.size();
   return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
+// One "--name N" option of a benchmark and where its value goes.
+struct CountOption {
+  const char* name;
+  int* value;
+};
+
+// Reads "--name N" pairs (N from 1 to maxValue) and, when `flag` is given, the bare `flag`
+// into *flagSet; false for anything else, with the values read so far kept.
+inline bool ParseCountOptions(int argc, char** argv, std::initializer_list<CountOption> options, int maxValue,
+                              const char* flag = nullptr, bool* flagSet = nullptr) {
+  for (int i = 1; i < argc; ++i) {
+    if (flag != nullptr && std::strcmp(argv[i], flag) == 0) {
+      *flagSet = true;
+      continue;
+    }
+    if (i + 1 >= argc) return false;
+    const int value = std::atoi(argv[i + 1]);
+    const auto option = std::find_if(options.begin(), options.end(),
+                                     [&](const CountOption& o) { return std::strcmp(argv[i], o.name) == 0; });
+    if (value <= 0 || value > maxValue || option == options.end()) return false;
+    *option->value = value;
+    ++i;
+  }
+  return true;
 }
 
 // Measured as deployed: information and above, unless LUMERA_LOG_LEVEL says otherwise (32

@@ -171,21 +171,9 @@ void MeasureInterleaved(BareExchange& bare, boottime::CBootTimeCommClient& clien
 }
 
 bool ParseOptions(int argc, char** argv, Options& o) {
-  for (int i = 1; i < argc; i += 2) {
-    if (std::strcmp(argv[i], "--all-cores") == 0) {
-      o.allCores = true;
-      --i;
-      continue;
-    }
-    if (i + 1 >= argc) return false;
-    const int value = std::atoi(argv[i + 1]);
-    if (value <= 0 || value > 100000) return false;
-    if (std::strcmp(argv[i], "--iterations") == 0) o.iterations = value;
-    else if (std::strcmp(argv[i], "--clients") == 0) o.clients = value;
-    else if (std::strcmp(argv[i], "--queries") == 0) o.queries = value;
-    else return false;
-  }
-  return true;
+  return bench::ParseCountOptions(argc, argv,
+                                  {{"--iterations", &o.iterations}, {"--clients", &o.clients}, {"--queries", &o.queries}},
+                                  100000, "--all-cores", &o.allCores);
 }
 
 }  // namespace

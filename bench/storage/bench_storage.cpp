@@ -33,15 +33,7 @@ struct Options {
 };
 
 bool ParseOptions(int argc, char** argv, Options& o) {
-  for (int i = 1; i < argc; i += 2) {
-    if (i + 1 >= argc) return false;
-    const int value = std::atoi(argv[i + 1]);
-    if (value <= 0 || value > 1000000) return false;
-    if (std::strcmp(argv[i], "--records") == 0) o.records = value;
-    else if (std::strcmp(argv[i], "--iterations") == 0) o.iterations = value;
-    else return false;
-  }
-  return true;
+  return bench::ParseCountOptions(argc, argv, {{"--records", &o.records}, {"--iterations", &o.iterations}}, 1000000);
 }
 
 startup::StartupItemPtr Item(int i) {

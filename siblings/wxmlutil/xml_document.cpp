@@ -118,6 +118,20 @@ struct TiXmlDocumentData {
   }
 
  private:
+  // The current node's qualified name, local name and namespace, kept.
+  HRESULT Names(IXmlReader* reader, const wchar_t*& name, const wchar_t*& localName, const wchar_t*& namespaceUri) {
+    const wchar_t* text = nullptr;
+    UINT length = 0;
+    HRESULT hr = S_OK;
+    if (FAILED(hr = reader->GetQualifiedName(&text, &length))) return hr;
+    name = Keep(text, length);
+    if (FAILED(hr = reader->GetLocalName(&text, &length))) return hr;
+    localName = Keep(text, length);
+    if (FAILED(hr = reader->GetNamespaceUri(&text, &length))) return hr;
+    namespaceUri = Keep(text, length);
+    return S_OK;
+  }
+
   HRESULT Open(IXmlReader* reader, TiXmlElement* parent, TiXmlElement*& out) {
     const wchar_t* text = nullptr;
     UINT length = 0;
@@ -125,23 +139,13 @@ struct TiXmlDocumentData {
     TiXmlElement& element = *owned;
     elements.push_back(std::move(owned));
     HRESULT hr = S_OK;
-    if (FAILED(hr = reader->GetQualifiedName(&text, &length))) return hr;
-    element.name_ = Keep(text, length);
-    if (FAILED(hr = reader->GetLocalName(&text, &length))) return hr;
-    element.localName_ = Keep(text, length);
-    if (FAILED(hr = reader->GetNamespaceUri(&text, &length))) return hr;
-    element.namespaceUri_ = Keep(text, length);
+    if (FAILED(hr = Names(reader, element.name_, element.localName_, element.namespaceUri_))) return hr;
 
     attributes.emplace_back();
     std::vector<TiXmlAttributeData>& list = attributes.back();
     for (hr = reader->MoveToFirstAttribute(); hr == S_OK; hr = reader->MoveToNextAttribute()) {
       TiXmlAttributeData attribute{};
-      if (FAILED(hr = reader->GetQualifiedName(&text, &length))) return hr;
-      attribute.name = Keep(text, length);
-      if (FAILED(hr = reader->GetLocalName(&text, &length))) return hr;
-      attribute.localName = Keep(text, length);
-      if (FAILED(hr = reader->GetNamespaceUri(&text, &length))) return hr;
-      attribute.namespaceUri = Keep(text, length);
+      if (FAILED(hr = Names(reader, attribute.name, attribute.localName, attribute.namespaceUri))) return hr;
       if (FAILED(hr = reader->GetValue(&text, &length))) return hr;
       attribute.value = Keep(text, length);
       list.push_back(attribute);

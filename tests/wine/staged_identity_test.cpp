@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "common/module_library.h"
 #include "common/unique_handle.h"
 #include "lumera/kyusers.h"
 #include "lumera_dev/console_session.h"
@@ -138,13 +139,15 @@ class StagedIdentityTest : public ::testing::Test {
 };
 
 TEST_F(StagedIdentityTest, KyUsersSeesNobodyWhileLoggedOffAndTheStagedUserOnceOn) {
-  ky::unique_module users(::LoadLibraryW((testsupport::ExeFolder() + L"..\\kyusers.dll").c_str()));
-  ASSERT_TRUE(users);
-  const auto bind = [&](const char* name) { return reinterpret_cast<void*>(::GetProcAddress(users.get(), name)); };
-  const auto advanced = reinterpret_cast<kyusers::SrvGetCurrentUserInfoAdvancedFn>(bind(kyusers::kGetCurrentUserInfoAdvanced));
-  const auto impersonate = reinterpret_cast<kyusers::SrvImpersonateCurrentUserFn>(bind(kyusers::kImpersonateCurrentUser));
-  const auto revert = reinterpret_cast<kyusers::SrvRevertToSelfFn>(bind(kyusers::kRevertToSelf));
-  ASSERT_TRUE(advanced != nullptr && impersonate != nullptr && revert != nullptr);
+  ky::ModuleLibrary users;
+  ASSERT_EQ(users.Load(testsupport::ExeFolder() + L"..\\kyusers.dll"), 0u);
+  kyusers::SrvGetCurrentUserInfoAdvancedFn advanced = nullptr;
+  kyusers::SrvImpersonateCurrentUserFn impersonate = nullptr;
+  kyusers::SrvRevertToSelfFn revert = nullptr;
+  ASSERT_EQ(users.Bind({ky::BindAs(kyusers::kGetCurrentUserInfoAdvanced, advanced),
+                        ky::BindAs(kyusers::kImpersonateCurrentUser, impersonate),
+                        ky::BindAs(kyusers::kRevertToSelf, revert)}),
+            0u);
   kyusers::UserInfoAdvanced info{};
   info.size = sizeof info;
 

@@ -122,6 +122,17 @@ class Reader {
   std::size_t left_;
 };
 
+// A key or link record's root and path; false when either is malformed.
+bool ReadPlace(Reader& reader, Key& key) {
+  std::uint8_t root = 0;
+  if (!reader.U8(root) || root > static_cast<std::uint8_t>(Root::kClasses) || !reader.Text(kMaxPathChars, key.path) ||
+      !IsKeyPath(key.path)) {
+    return false;
+  }
+  key.root = static_cast<Root>(root);
+  return true;
+}
+
 bool DecodeBody(Reader& reader, std::uint32_t records, HiveImage& image, std::string& reason) {
   constexpr std::size_t kNoKey = static_cast<std::size_t>(-1);
   std::size_t current = kNoKey;  // the key record that value records belong to
@@ -137,7 +148,6 @@ bool DecodeBody(Reader& reader, std::uint32_t records, HiveImage& image, std::st
       reason = at + (index == 0 ? "the file does not start with its SID" : "a second SID");
       return false;
     }
-    std::uint8_t root = 0;
     switch (kind) {
       case kSidRecord:
         if (!reader.Text(kMaxSidChars, image.sid) || !IsSidText(image.sid)) {
@@ -147,12 +157,10 @@ bool DecodeBody(Reader& reader, std::uint32_t records, HiveImage& image, std::st
         break;
       case kKeyRecord: {
         Key key;
-        if (!reader.U8(root) || root > static_cast<std::uint8_t>(Root::kClasses) ||
-            !reader.Text(kMaxPathChars, key.path) || !IsKeyPath(key.path)) {
+        if (!ReadPlace(reader, key)) {
           reason = at + "not a key";
           return false;
         }
-        key.root = static_cast<Root>(root);
         if (BelowLink(links, key.root, key.path)) {
           reason = at + "a key below a link";
           return false;
@@ -179,13 +187,11 @@ bool DecodeBody(Reader& reader, std::uint32_t records, HiveImage& image, std::st
       }
       case kLinkRecord: {
         Key link;
-        if (!reader.U8(root) || root > static_cast<std::uint8_t>(Root::kClasses) ||
-            !reader.Text(kMaxPathChars, link.path) || link.path.empty() || !IsKeyPath(link.path) ||
-            !reader.Text(kMaxPathChars, link.linkTarget) || !IsLinkTarget(link.linkTarget, image.sid)) {
+        if (!ReadPlace(reader, link) || link.path.empty() || !reader.Text(kMaxPathChars, link.linkTarget) ||
+            !IsLinkTarget(link.linkTarget, image.sid)) {
           reason = at + "not a link into the user's hive";
           return false;
         }
-        link.root = static_cast<Root>(root);
         if (BelowLink(links, link.root, link.path)) {
           reason = at + "a link below a link";
           return false;

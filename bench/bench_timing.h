@@ -4,6 +4,7 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
@@ -39,19 +40,22 @@ struct CountOption {
 };
 
 // Reads "--name N" pairs (N from 1 to maxValue) and, when `flag` is given, the bare `flag`
-// into *flagSet; false for anything else, with the values read so far kept.
-inline bool ParseCountOptions(int argc, char** argv, std::initializer_list<CountOption> options, int maxValue,
-                              const char* flag = nullptr, bool* flagSet = nullptr) {
+// into *flagSet; for anything else prints `usage` on standard error and returns false, with
+// the values read so far kept.
+inline bool ParseCountOptions(int argc, char** argv, const char* usage, std::initializer_list<CountOption> options,
+                              int maxValue, const char* flag = nullptr, bool* flagSet = nullptr) {
   for (int i = 1; i < argc; ++i) {
     if (flag != nullptr && std::strcmp(argv[i], flag) == 0) {
       *flagSet = true;
       continue;
     }
-    if (i + 1 >= argc) return false;
-    const int value = std::atoi(argv[i + 1]);
+    const int value = i + 1 < argc ? std::atoi(argv[i + 1]) : 0;
     const auto option = std::find_if(options.begin(), options.end(),
                                      [&](const CountOption& o) { return std::strcmp(argv[i], o.name) == 0; });
-    if (value <= 0 || value > maxValue || option == options.end()) return false;
+    if (value <= 0 || value > maxValue || option == options.end()) {
+      std::fprintf(stderr, "%s\n", usage);
+      return false;
+    }
     *option->value = value;
     ++i;
   }

@@ -170,18 +170,15 @@ void MeasureInterleaved(BareExchange& bare, boottime::CBootTimeCommClient& clien
   }
 }
 
-bool ParseOptions(int argc, char** argv, Options& o) {
-  return bench::ParseCountOptions(argc, argv,
-                                  {{"--iterations", &o.iterations}, {"--clients", &o.clients}, {"--queries", &o.queries}},
-                                  100000, "--all-cores", &o.allCores);
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
   Options options;
-  if (!ParseOptions(argc, argv, options)) {
-    std::fprintf(stderr, "usage: bench_pipe.exe [--iterations N] [--clients N] [--queries N] [--all-cores]\n");
+  constexpr char kUsage[] = "usage: bench_pipe.exe [--iterations N] [--clients N] [--queries N] [--all-cores]";
+  if (!bench::ParseCountOptions(
+          argc, argv, kUsage,
+          {{"--iterations", &options.iterations}, {"--clients", &options.clients}, {"--queries", &options.queries}},
+          100000, "--all-cores", &options.allCores)) {
     return 2;
   }
   std::printf("log level %ls\n", bench::LogLevelAsDeployed().c_str());

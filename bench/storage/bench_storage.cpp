@@ -32,10 +32,6 @@ struct Options {
   int iterations = 30;
 };
 
-bool ParseOptions(int argc, char** argv, Options& o) {
-  return bench::ParseCountOptions(argc, argv, {{"--records", &o.records}, {"--iterations", &o.iterations}}, 1000000);
-}
-
 startup::StartupItemPtr Item(int i) {
   auto item = std::make_shared<startup::StartupItem>();
   const std::wstring n = std::to_wstring(i);
@@ -101,8 +97,8 @@ bool BareReads(const std::wstring& path, std::size_t* elements) {
 
 int main(int argc, char** argv) {
   Options options;
-  if (!ParseOptions(argc, argv, options)) {
-    std::fprintf(stderr, "usage: bench_storage.exe [--records N] [--iterations N]\n");
+  if (!bench::ParseCountOptions(argc, argv, "usage: bench_storage.exe [--records N] [--iterations N]",
+                                {{"--records", &options.records}, {"--iterations", &options.iterations}}, 1000000)) {
     return 2;
   }
   (void)bench::LogLevelAsDeployed();

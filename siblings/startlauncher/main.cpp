@@ -12,10 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "common/command_line.h"
 #include "common/log.h"
 #include "common/unique_handle.h"
-#include "lumera_dev/staged_identity.h"
+#include "lumera_dev/console_user_main.h"
 #include "store_check.h"
 #include "users/ky_users.h"
 
@@ -65,16 +64,4 @@ int Run(const std::vector<std::wstring>& args) {
 
 }  // namespace
 
-int main() {
-  lumera::dev::InstallStagedIdentity(::GetModuleHandleW(nullptr));  // Wine only: the staged console user
-  // Held for the whole run so the log library stays loaded between messages.
-  logging::LogRef keepLog;
-  try {
-    std::vector<std::wstring> args;
-    if (!ky::ProcessArguments(args)) return Usage();
-    return Run(args);
-  } catch (...) {
-    std::fputs("StartLauncher: unexpected failure\n", stderr);
-    return 1;
-  }
-}
+int main() { return lumera::dev::ConsoleUserMain("StartLauncher", Run, Usage, 1); }

@@ -11,11 +11,10 @@
 #include <system_error>
 #include <vector>
 
-#include "common/command_line.h"
 #include "common/log.h"
 #include "common/text_convert.h"
 #include "common/unique_handle.h"
-#include "lumera_dev/staged_identity.h"
+#include "lumera_dev/console_user_main.h"
 #include "app_details.h"
 #include "picojson.h"
 #include "report_command.h"
@@ -170,15 +169,6 @@ int Run(const std::vector<std::wstring>& args) {
 }  // namespace
 
 int main() {
-  lumera::dev::InstallStagedIdentity(::GetModuleHandleW(nullptr));  // Wine only: the staged console user
-  // Held for the whole run so the log library stays loaded between messages.
-  logging::LogRef keepLog;
-  try {
-    std::vector<std::wstring> args;
-    if (!ky::ProcessArguments(args)) return ERROR_OUTOFMEMORY;
-    return Run(args);
-  } catch (...) {
-    std::fputs("startupctl: unexpected failure\n", stderr);
-    return ERROR_GEN_FAILURE;
-  }
+  return lumera::dev::ConsoleUserMain("startupctl", Run, [] { return static_cast<int>(ERROR_OUTOFMEMORY); },
+                                      ERROR_GEN_FAILURE);
 }

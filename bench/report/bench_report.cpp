@@ -143,9 +143,8 @@ class RunEntries {
 void Touch(const std::vector<std::wstring>& paths, unsigned generation) {
   FILETIME now{};
   ::GetSystemTimeAsFileTime(&now);
-  ULARGE_INTEGER time{{now.dwLowDateTime, now.dwHighDateTime}};
-  time.QuadPart += generation * 10000000ULL;
-  const FILETIME stamp{time.LowPart, time.HighPart};
+  const std::uint64_t time = ky::FileTimeToU64(now) + generation * 10000000ULL;
+  const FILETIME stamp{static_cast<DWORD>(time), static_cast<DWORD>(time >> 32)};
   for (const auto& path : paths) {
     ky::unique_file file(::CreateFileW(path.c_str(), FILE_WRITE_ATTRIBUTES, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
     ::SetFileTime(file.get(), nullptr, nullptr, &stamp);

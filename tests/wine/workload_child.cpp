@@ -9,6 +9,7 @@
 #include <cwchar>
 #include <vector>
 
+#include "common/module_library.h"
 #include "common/unique_handle.h"
 
 namespace {
@@ -18,8 +19,7 @@ constexpr DWORD kQuitWaitMs = 30000;
 std::uint64_t ThreadCpuMs() {
   FILETIME creation{}, exit{}, kernel{}, user{};
   if (!::GetThreadTimes(::GetCurrentThread(), &creation, &exit, &kernel, &user)) return 0;
-  const auto u64 = [](const FILETIME& t) { return (static_cast<std::uint64_t>(t.dwHighDateTime) << 32) | t.dwLowDateTime; };
-  return (u64(kernel) + u64(user)) / 10000;
+  return (ky::FileTimeToU64(kernel) + ky::FileTimeToU64(user)) / 10000;
 }
 
 }  // namespace

@@ -19,14 +19,6 @@ constexpr DWORD kCreateFolder = 0x8000;   // KF_FLAG_CREATE, CSIDL_FLAG_CREATE
 constexpr DWORD kDontVerify = 0x4000;     // KF_FLAG_DONT_VERIFY, CSIDL_FLAG_DONT_VERIFY
 constexpr int kCsidlFlags = 0xFF00;       // CSIDL_FLAG_MASK
 
-using KnownFolderFn = HRESULT(WINAPI*)(REFKNOWNFOLDERID, DWORD, HANDLE, PWSTR*);
-using FolderPathFn = HRESULT(WINAPI*)(HWND, int, HANDLE, DWORD, LPWSTR);
-using ProfileFolderFn = BOOL(WINAPI*)(HANDLE, LPWSTR, LPDWORD);
-using CreateBlockFn = BOOL(WINAPI*)(LPVOID*, HANDLE, BOOL);
-using DestroyBlockFn = BOOL(WINAPI*)(LPVOID);
-using ExpandForUserFn = BOOL(WINAPI*)(HANDLE, LPCWSTR, LPWSTR, DWORD);
-using TaskAllocFn = LPVOID(WINAPI*)(SIZE_T);
-
 enum class Folder { kProfile, kRoaming, kLocal, kStartMenu, kPrograms, kStartup };
 
 std::optional<Folder> KnownFolder(REFKNOWNFOLDERID id) {
@@ -113,7 +105,7 @@ std::optional<Variables> StagedVariables(HANDLE token, bool inherit) {
 }  // namespace
 
 HRESULT WINAPI StagedSHGetKnownFolderPath(REFKNOWNFOLDERID id, DWORD flags, HANDLE token, PWSTR* path) {
-  const auto original = Original<KnownFolderFn>(kShell, "SHGetKnownFolderPath");
+  const auto original = KY_DEV_ORIGINAL(kShell, SHGetKnownFolderPath);
   std::wstring folder;
   const std::optional<Folder> kind = KnownFolder(id);
   const std::optional<HRESULT> staged = kind ? StagedFolder(*kind, token, flags, folder) : std::nullopt;
@@ -123,7 +115,7 @@ HRESULT WINAPI StagedSHGetKnownFolderPath(REFKNOWNFOLDERID id, DWORD flags, HAND
   if (FAILED(*staged)) return *staged;
   // The caller frees the path with CoTaskMemFree, whoever answered. Bound by name so that a
   // library linking the stand-ins does not load ole32.dll with itself.
-  const auto taskAlloc = Original<TaskAllocFn>(L"ole32.dll", "CoTaskMemAlloc");
+  const auto taskAlloc = KY_DEV_ORIGINAL(L"ole32.dll", CoTaskMemAlloc);
   if (taskAlloc == nullptr) return E_OUTOFMEMORY;
   auto* copy = static_cast<PWSTR>(taskAlloc((folder.size() + 1) * sizeof(wchar_t)));
   if (copy == nullptr) return E_OUTOFMEMORY;
@@ -133,7 +125,7 @@ HRESULT WINAPI StagedSHGetKnownFolderPath(REFKNOWNFOLDERID id, DWORD flags, HAND
 }
 
 HRESULT WINAPI StagedSHGetFolderPathW(HWND window, int csidl, HANDLE token, DWORD flags, LPWSTR path) {
-  const auto original = Original<FolderPathFn>(kShell, "SHGetFolderPathW");
+  const auto original = KY_DEV_ORIGINAL(kShell, SHGetFolderPathW);
   std::wstring folder;
   const std::optional<Folder> kind = CsidlFolder(csidl);
   const DWORD folderFlags = static_cast<DWORD>(csidl & kCsidlFlags);
@@ -150,7 +142,7 @@ HRESULT WINAPI StagedSHGetFolderPathW(HWND window, int csidl, HANDLE token, DWOR
 }
 
 BOOL WINAPI StagedGetUserProfileDirectoryW(HANDLE token, LPWSTR folder, LPDWORD chars) {
-  const auto original = Original<ProfileFolderFn>(kUserEnv, "GetUserProfileDirectoryW");
+  const auto original = KY_DEV_ORIGINAL(kUserEnv, GetUserProfileDirectoryW);
   StagedIdentity identity;
   if (!IsUserToken(token) || !ReadStagedIdentity(identity)) return CallOriginal(original, token, folder, chars);
   if (chars == nullptr) {
@@ -169,7 +161,7 @@ BOOL WINAPI StagedGetUserProfileDirectoryW(HANDLE token, LPWSTR folder, LPDWORD 
 }
 
 BOOL WINAPI StagedCreateEnvironmentBlock(LPVOID* environment, HANDLE token, BOOL inherit) {
-  const auto original = Original<CreateBlockFn>(kUserEnv, "CreateEnvironmentBlock");
+  const auto original = KY_DEV_ORIGINAL(kUserEnv, CreateEnvironmentBlock);
   std::optional<Variables> variables = StagedVariables(token, inherit != FALSE);
   if (!variables) return CallOriginal(original, environment, token, inherit);
   if (environment == nullptr) {
@@ -188,13 +180,13 @@ BOOL WINAPI StagedCreateEnvironmentBlock(LPVOID* environment, HANDLE token, BOOL
 }
 
 BOOL WINAPI StagedDestroyEnvironmentBlock(LPVOID environment) {
-  const auto original = Original<DestroyBlockFn>(kUserEnv, "DestroyEnvironmentBlock");
+  const auto original = KY_DEV_ORIGINAL(kUserEnv, DestroyEnvironmentBlock);
   if (FreeStandInBuffer(environment)) return TRUE;
   return CallOriginal(original, environment);
 }
 
 BOOL WINAPI StagedExpandEnvironmentStringsForUserW(HANDLE token, LPCWSTR source, LPWSTR destination, DWORD chars) {
-  const auto original = Original<ExpandForUserFn>(kUserEnv, "ExpandEnvironmentStringsForUserW");
+  const auto original = KY_DEV_ORIGINAL(kUserEnv, ExpandEnvironmentStringsForUserW);
   const std::optional<Variables> variables = StagedVariables(token, false);
   if (!variables) return CallOriginal(original, token, source, destination, chars);
   if (source == nullptr || destination == nullptr) {

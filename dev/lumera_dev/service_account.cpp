@@ -18,8 +18,7 @@ constexpr std::size_t kRememberedTokens = 64;
 std::wstring MarkerName(DWORD pid) { return kMarkerPrefix + std::to_wstring(pid); }
 
 bool TokenIdOf(HANDLE token, LUID& id) {
-  using Fn = decltype(&::GetTokenInformation);
-  const auto original = Original<Fn>(L"advapi32.dll", "GetTokenInformation");
+  const auto original = KY_DEV_ORIGINAL(L"advapi32.dll", GetTokenInformation);
   TOKEN_STATISTICS statistics{};
   DWORD bytes = 0;
   if (original == nullptr || !original(token, TokenStatistics, &statistics, sizeof statistics, &bytes)) return false;
@@ -55,8 +54,7 @@ class SystemTokens {
 SystemTokens g_systemTokens;
 
 BOOL WINAPI StandInOpenProcessToken(HANDLE process, DWORD access, PHANDLE token) {
-  using Fn = decltype(&::OpenProcessToken);
-  const auto original = Original<Fn>(L"advapi32.dll", "OpenProcessToken");
+  const auto original = KY_DEV_ORIGINAL(L"advapi32.dll", OpenProcessToken);
   if (original == nullptr || !original(process, access, token)) return FALSE;
   LUID id{};
   if (StandsForLocalSystem(::GetProcessId(process)) && TokenIdOf(*token, id)) g_systemTokens.Remember(id);
@@ -66,10 +64,9 @@ BOOL WINAPI StandInOpenProcessToken(HANDLE process, DWORD access, PHANDLE token)
 
 BOOL WINAPI StandInGetTokenInformation(HANDLE token, TOKEN_INFORMATION_CLASS what, LPVOID buffer, DWORD length,
                                        PDWORD needed) {
-  using Fn = decltype(&::GetTokenInformation);
   LUID id{};
   if (what != TokenUser || !TokenIdOf(token, id) || !g_systemTokens.Knows(id)) {
-    const auto original = Original<Fn>(L"advapi32.dll", "GetTokenInformation");
+    const auto original = KY_DEV_ORIGINAL(L"advapi32.dll", GetTokenInformation);
     if (original == nullptr) {
       ::SetLastError(ERROR_PROC_NOT_FOUND);
       return FALSE;

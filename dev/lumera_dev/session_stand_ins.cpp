@@ -19,12 +19,6 @@ namespace {
 constexpr wchar_t kWtsApi[] = L"wtsapi32.dll";
 constexpr wchar_t kAdvApi[] = L"advapi32.dll";
 
-using QuerySessionFn = BOOL(WINAPI*)(HANDLE, DWORD, WTS_INFO_CLASS, LPWSTR*, DWORD*);
-using FreeMemoryFn = void(WINAPI*)(PVOID);
-using QueryUserTokenFn = BOOL(WINAPI*)(ULONG, PHANDLE);
-using LookupNameFn = BOOL(WINAPI*)(LPCWSTR, LPCWSTR, PSID, LPDWORD, LPWSTR, LPDWORD, PSID_NAME_USE);
-using LookupSidFn = BOOL(WINAPI*)(LPCWSTR, PSID, LPWSTR, LPDWORD, LPWSTR, LPDWORD, PSID_NAME_USE);
-
 // What the session answers for the user's name or domain, or nothing to leave it to Wine.
 // With nobody at the console Windows answers both with an empty text, not with a failure.
 std::optional<std::wstring> StagedSessionText(WTS_INFO_CLASS what) {
@@ -58,7 +52,7 @@ void CopyText(const std::wstring& text, LPWSTR out) {
 
 BOOL WINAPI StagedWTSQuerySessionInformationW(HANDLE server, DWORD session, WTS_INFO_CLASS what, LPWSTR* buffer,
                                               DWORD* bytes) {
-  const auto original = Original<QuerySessionFn>(kWtsApi, "WTSQuerySessionInformationW");
+  const auto original = KY_DEV_ORIGINAL(kWtsApi, WTSQuerySessionInformationW);
   const std::optional<std::wstring> text = StagedSessionText(what);
   if (!text) return CallOriginal(original, server, session, what, buffer, bytes);
   if (buffer == nullptr || bytes == nullptr) {
@@ -78,13 +72,13 @@ BOOL WINAPI StagedWTSQuerySessionInformationW(HANDLE server, DWORD session, WTS_
 }
 
 void WINAPI StagedWTSFreeMemory(PVOID memory) {
-  const auto original = Original<FreeMemoryFn>(kWtsApi, "WTSFreeMemory");
+  const auto original = KY_DEV_ORIGINAL(kWtsApi, WTSFreeMemory);
   if (FreeStandInBuffer(memory)) return;
   if (original != nullptr) original(memory);
 }
 
 BOOL WINAPI StagedWTSQueryUserToken(ULONG session, PHANDLE token) {
-  const auto original = Original<QueryUserTokenFn>(kWtsApi, "WTSQueryUserToken");
+  const auto original = KY_DEV_ORIGINAL(kWtsApi, WTSQueryUserToken);
   if (StagedConsoleSession() == ConsoleSession::kLoggedOff) {
     ::SetLastError(ERROR_NO_TOKEN);
     return FALSE;
@@ -104,7 +98,7 @@ BOOL WINAPI StagedWTSQueryUserToken(ULONG session, PHANDLE token) {
 
 BOOL WINAPI StagedLookupAccountNameW(LPCWSTR system, LPCWSTR account, PSID sid, LPDWORD sidBytes, LPWSTR domain,
                                      LPDWORD domainChars, PSID_NAME_USE use) {
-  const auto original = Original<LookupNameFn>(kAdvApi, "LookupAccountNameW");
+  const auto original = KY_DEV_ORIGINAL(kAdvApi, LookupAccountNameW);
   StagedIdentity identity;
   if (!ReadStagedIdentity(identity) || !NamesStagedUser(account, identity.user)) {
     return CallOriginal(original, system, account, sid, sidBytes, domain, domainChars, use);
@@ -138,7 +132,7 @@ BOOL WINAPI StagedLookupAccountNameW(LPCWSTR system, LPCWSTR account, PSID sid, 
 
 BOOL WINAPI StagedLookupAccountSidW(LPCWSTR system, PSID sid, LPWSTR name, LPDWORD nameChars, LPWSTR domain,
                                     LPDWORD domainChars, PSID_NAME_USE use) {
-  const auto original = Original<LookupSidFn>(kAdvApi, "LookupAccountSidW");
+  const auto original = KY_DEV_ORIGINAL(kAdvApi, LookupAccountSidW);
   StagedIdentity identity;
   ky::unique_local staged;
   if (sid != nullptr && ::IsValidSid(sid) && ReadStagedIdentity(identity)) staged = StagedSid(identity);

@@ -24,6 +24,9 @@ Fn Original(const wchar_t* dll, const char* name) {
   return reinterpret_cast<Fn>(reinterpret_cast<void*>(SystemFunction(dll, name)));
 }
 
+// The system's own `function` from `dll`, typed by its SDK declaration.
+#define KY_DEV_ORIGINAL(dll, function) ::lumera::dev::Original<decltype(&::function)>(dll, #function)
+
 // Memory a stand-in hands out (from the process heap, as Wine's own frees it), remembered so
 // that the matching free stand-in knows it; FreeStandInBuffer is false for any other pointer.
 void* AllocateStandInBuffer(std::size_t bytes);

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "common/unique_handle.h"
+#include "lumera_dev/read_to_end.h"
 
 namespace host::wine {
 namespace {
@@ -37,17 +38,7 @@ bool ReadLinuxFile(const std::wstring& path, std::string& out, std::size_t limit
   out.clear();
   ky::unique_file file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                      nullptr, OPEN_EXISTING, 0, nullptr));
-  if (!file) return false;
-  // Files under /proc report a size of 0: read until the end instead.
-  char buffer[4096];
-  while (out.size() < limit) {
-    DWORD read = 0;
-    const DWORD want = static_cast<DWORD>(std::min<std::size_t>(sizeof buffer, limit - out.size()));
-    if (!::ReadFile(file.get(), buffer, want, &read, nullptr)) return false;
-    if (read == 0) break;
-    out.append(buffer, read);
-  }
-  return true;
+  return file && lumera::dev::ReadToEnd(file.get(), limit, out);
 }
 
 bool ParseStat(std::string_view text, LinuxStat& out) {

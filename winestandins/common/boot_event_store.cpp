@@ -9,6 +9,7 @@
 #include <filesystem>
 
 #include "common/unique_handle.h"
+#include "lumera_dev/read_to_end.h"
 
 namespace winestandins {
 namespace {
@@ -102,14 +103,7 @@ bool ReadBootEvents(const std::wstring& path, std::vector<BootEventRecord>& out)
     return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND;
   }
   std::string text;
-  char buffer[16384];
-  while (text.size() < kMaxStoreBytes) {
-    DWORD read = 0;
-    const DWORD want = static_cast<DWORD>(std::min<std::size_t>(sizeof buffer, kMaxStoreBytes - text.size()));
-    if (!::ReadFile(file.get(), buffer, want, &read, nullptr)) return false;
-    if (read == 0) break;
-    text.append(buffer, read);
-  }
+  if (!lumera::dev::ReadToEnd(file.get(), kMaxStoreBytes, text)) return false;
   std::size_t start = 0;
   while (start < text.size()) {
     std::size_t end = text.find('\n', start);

@@ -133,7 +133,6 @@ class LoadUsagePlugin final : public InterfacePlugin<ILoadUsage> {
     if (sampler_.joinable()) sampler_.join();
   }
 
-
   std::uint32_t GetCurrentUsage(std::uint32_t kind, double* percent) override {
     KY_TRACE(L"host::LoadUsagePlugin::GetCurrentUsage");
     return Answer(kind, percent, [](const LoadWindow& window) { return window.Latest(); });

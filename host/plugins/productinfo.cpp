@@ -18,7 +18,6 @@ class ProductInfoPlugin final : public InterfacePlugin<IProductInfo> {
     if (folders_.find(common) == folders_.end()) folders_[common] = DefaultCommonFolder();
   }
 
-
   const wchar_t* GetItem(std::uint32_t item, const wchar_t* argument) override {
     auto it = config_.items.find(lumera::ProductInfoKey(item, argument));
     return it == config_.items.end() ? nullptr : it->second.c_str();

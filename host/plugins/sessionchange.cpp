@@ -71,7 +71,6 @@ class SessionChangePlugin final : public InterfacePlugin<ISessionChangePlugin> {
   }
   ~SessionChangePlugin() override { Shutdown(); }
 
-
   std::uint32_t RegisterEventsHandler(ISessionChangeEvents* handler) override {
     KY_TRACE(L"host::SessionChangePlugin::RegisterEventsHandler");
     if (handler == nullptr) return ERROR_INVALID_DATA;

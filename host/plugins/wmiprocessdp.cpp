@@ -28,7 +28,6 @@ class WmiProcessDPPlugin final : public InterfacePlugin<IWMIProcessDP> {
   WmiProcessDPPlugin() : InterfacePlugin(lumera::ids::WmiProcessDPPlugin), stopEvent_(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
   ~WmiProcessDPPlugin() override { Shutdown(); }
 
-
   std::uint32_t RegisterEventsHandler(IWMIProcessDPEvents* handler) override {
     KY_TRACE(L"host::WmiProcessDPPlugin::RegisterEventsHandler");
     if (handler == nullptr) return ERROR_INVALID_DATA;

@@ -6,7 +6,7 @@
 #include <cwchar>
 #include <vector>
 
-extern "C" IMAGE_DOS_HEADER __ImageBase;
+#include "common/module_library.h"
 
 namespace logcore {
 namespace {
@@ -37,14 +37,7 @@ std::uint32_t ReadUint(const std::wstring& path, const wchar_t* key, std::uint32
 
 }  // namespace
 
-std::wstring DefaultFolder() {
-  std::vector<wchar_t> buffer(kMaxPathChars + 1, L'\0');
-  const DWORD n = ::GetModuleFileNameW(reinterpret_cast<HMODULE>(&__ImageBase), buffer.data(), kMaxPathChars);
-  std::wstring folder(buffer.data(), n);
-  const std::size_t slash = folder.find_last_of(L'\\');
-  folder.resize(slash == std::wstring::npos ? 0 : slash + 1);
-  return folder + L"logs\\";
-}
+std::wstring DefaultFolder() { return ky::ThisModuleFolder() + L"logs\\"; }
 
 std::wstring WithTrailingBackslash(std::wstring folder) {
   if (!folder.empty() && folder.back() != L'\\' && folder.back() != L'/') folder += L'\\';

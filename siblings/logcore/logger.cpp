@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <mutex>
 
+#include "common/text_convert.h"
 #include "message_format.h"
 
 namespace logcore {
@@ -123,7 +124,7 @@ bool Logger::WriteFormatted(std::uint32_t level, const wchar_t* function, const 
 }
 
 bool Logger::Emit(const std::wstring& line) {
-  const std::string utf8 = ToUtf8(line);
+  const std::string utf8 = ky::WideToUtf8(line);
   bool written = true;
   if (settings_.type & kTypeFile) written = file_.Append(utf8.data(), utf8.size());
   if (settings_.type & kTypeConsole) WriteToConsole(line, utf8);

@@ -61,14 +61,4 @@ std::wstring ComposeLine(const SYSTEMTIME& time, DWORD threadId, std::uint32_t l
   return line;
 }
 
-std::string ToUtf8(const std::wstring& text) {
-  if (text.empty()) return {};
-  const int wide = static_cast<int>(text.size());
-  const int n = ::WideCharToMultiByte(CP_UTF8, 0, text.data(), wide, nullptr, 0, nullptr, nullptr);
-  if (n <= 0) return {};
-  std::string out(static_cast<std::size_t>(n), '\0');
-  ::WideCharToMultiByte(CP_UTF8, 0, text.data(), wide, out.data(), n, nullptr, nullptr);
-  return out;
-}
-
 }  // namespace logcore

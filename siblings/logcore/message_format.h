@@ -32,7 +32,4 @@ std::size_t CopyBounded(wchar_t* out, std::size_t capacity, const wchar_t* text)
 std::wstring ComposeLine(const SYSTEMTIME& time, DWORD threadId, std::uint32_t level, std::uint32_t indent,
                          const wchar_t* function, const wchar_t* text);
 
-// UTF-8 for the file and for redirected standard output.
-std::string ToUtf8(const std::wstring& text);
-
 }  // namespace logcore

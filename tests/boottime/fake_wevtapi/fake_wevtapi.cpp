@@ -12,6 +12,11 @@
 
 namespace {
 
+// Tests name a record's form as fake_wevtapi.h does; the channel keeps it as it is.
+constexpr bool Same(std::uint32_t kind, std::uint32_t form) { return kind == form; }
+static_assert(Same(fakewevt::kUInt32, eventlog::kUInt32) && Same(fakewevt::kMissing, eventlog::kMissing) &&
+              Same(fakewevt::kAsString, eventlog::kAsString));
+
 std::mutex g_channelLock;
 std::vector<eventlog::ChannelRecord> g_channel;
 bool g_queryFails = false;

@@ -1,5 +1,5 @@
-// Control exports of the test double of wevtapi.dll: a channel of boot events (event 100,
-// with the data items of a real one) that tests fill, and the subscription the module makes.
+// Control exports of the test double of wevtapi.dll: a channel of boot events (event 100)
+// that tests fill, and what the library has done with the module's handles and subscription.
 #pragma once
 
 #include <windows.h>

@@ -5,21 +5,17 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "common/unique_handle.h"
 #include "startup/startup_storage.h"
+#include "support/registry_values.h"
 #include "support/scoped_override.h"
 #include "support/scratch_folder.h"
 
 namespace testing_startup {
 
-inline std::wstring UniqueSuffix() {
-  static LONG counter = 0;
-  return std::to_wstring(::GetCurrentProcessId()) + L"_" + std::to_wstring(::InterlockedIncrement(&counter));
-}
+using testsupport::UniqueSuffix;
 
 // HKCU\Software\LumeraTest<n>\...\CurrentVersion\Run, deleted with everything under it.
 class ScratchRunKey {
@@ -42,8 +38,7 @@ class ScratchRunKey {
   std::wstring Location() const { return L"HKEY_CURRENT_USER\\" + subkey_; }
 
   LSTATUS Set(const std::wstring& name, DWORD type, const std::wstring& data) const {
-    return ::RegSetKeyValueW(HKEY_CURRENT_USER, subkey_.c_str(), name.c_str(), type, data.c_str(),
-                             static_cast<DWORD>((data.size() + 1) * sizeof(wchar_t)));
+    return testsupport::SetRegText(HKEY_CURRENT_USER, subkey_, name, data, type);
   }
   // The value's type and text; type 0 when it is missing.
   DWORD Get(const std::wstring& name, std::wstring* text = nullptr) const {

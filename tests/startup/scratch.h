@@ -5,9 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
+#include <vector>
 
 #include "common/unique_handle.h"
+#include "startup/startup_items.h"
 #include "startup/startup_storage.h"
 #include "support/registry_values.h"
 #include "support/scoped_override.h"
@@ -97,6 +100,23 @@ inline startup::StartupItemPtr MakeItem(const std::wstring& name, const std::wst
   item->path = path;
   item->isUser = isUser;
   return item;
+}
+
+// Every item the sources list.
+inline std::vector<startup::StartupItemPtr> Enumerate(const startup::StartupSourceList& sources) {
+  std::vector<startup::StartupItemPtr> all;
+  for (const auto& [enumerator, path] : sources) {
+    startup::StartupItemList items;
+    (void)enumerator->GetStartupApps(path, items);
+    all.insert(all.end(), items.begin(), items.end());
+  }
+  return all;
+}
+
+// The item of that name, null when none has it.
+inline startup::StartupItemPtr Named(const std::vector<startup::StartupItemPtr>& items, const std::wstring& name) {
+  const auto it = std::find_if(items.begin(), items.end(), [&](const auto& item) { return item->name == name; });
+  return it == items.end() ? nullptr : *it;
 }
 
 }  // namespace testing_startup

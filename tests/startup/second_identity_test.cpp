@@ -19,6 +19,7 @@
 #include "report/report_files.h"
 #include "startup/action_exec.h"
 #include "startup/application.h"
+#include "startup/scratch.h"
 #include "startup/startup_items.h"
 #include "startup/startup_storage.h"
 #include "startup/store_startup_item.h"
@@ -31,6 +32,8 @@
 namespace {
 
 using testing_report::Fixture;
+using testing_startup::Enumerate;
+using testing_startup::Named;
 using testsupport::Narrow;
 using testsupport::StagedUser;
 
@@ -52,22 +55,6 @@ std::wstring OwnStartupFolder() {
   ky::unique_cotaskmem_string path;
   EXPECT_TRUE(SUCCEEDED(::SHGetKnownFolderPath(FOLDERID_Startup, 0, nullptr, path.put())));
   return path ? std::wstring(path.get()) : std::wstring();
-}
-
-// Every item the sources list, by name.
-std::vector<startup::StartupItemPtr> Enumerate(const startup::StartupSourceList& sources) {
-  std::vector<startup::StartupItemPtr> all;
-  for (const auto& [enumerator, path] : sources) {
-    startup::StartupItemList items;
-    (void)enumerator->GetStartupApps(path, items);
-    all.insert(all.end(), items.begin(), items.end());
-  }
-  return all;
-}
-
-startup::StartupItemPtr Named(const std::vector<startup::StartupItemPtr>& items, const std::wstring& name) {
-  const auto it = std::find_if(items.begin(), items.end(), [&](const auto& item) { return item->name == name; });
-  return it == items.end() ? nullptr : *it;
 }
 
 // The staged user with a program only their profile holds (started through %LOCALAPPDATA%), a

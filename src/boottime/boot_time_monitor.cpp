@@ -8,7 +8,7 @@
 #include "boottime/process_utils.h"
 #include "boottime/processes.h"
 #include "boottime/processes_monitor.h"
-#include "boottime/win_boot_event.h"
+#include "boottime/boot_event_watch.h"
 #include "common/guard.h"
 #include "common/log.h"
 #include "common/stop_wait.h"

@@ -14,7 +14,7 @@
 #include <string>
 #include <thread>
 
-#include "boottime/analyser_state.h"
+#include "boottime/boot_time_analyser_state.h"
 #include "boottime/boot_time_data.h"
 #include "boottime/boot_time_disk_performance.h"
 #include "boottime/boot_time_monitor.h"

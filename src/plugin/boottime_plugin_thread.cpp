@@ -3,7 +3,7 @@
 #include <sstream>
 #include <utility>
 
-#include "boottime/plugin_startup_manager.h"
+#include "plugin/plugin_startup_manager.h"
 #include "boottime/processes.h"
 #include "common/guard.h"
 #include "common/json_file.h"

@@ -9,7 +9,7 @@
 
 #include "boottime/boot_time_data.h"
 #include "boottime/boot_time_monitor.h"
-#include "boottime/win_boot_event.h"
+#include "boottime/boot_event_watch.h"
 #include "boottime/win_service_start_monitor.h"
 #include "common/unique_handle.h"
 #include "fake_wevtapi/fake_wevtapi.h"

@@ -1,4 +1,4 @@
-#include "boottime/win_boot_event.h"
+#include "boottime/boot_event_watch.h"
 
 #include <mutex>
 

@@ -166,20 +166,26 @@ class UnansweringCentral {
                                    PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_REJECT_REMOTE_CLIENTS, 1, 4096,
                                    4096, 0, nullptr));
     if (!pipe_) return;
-    OVERLAPPED ov{};
-    ov.hEvent = connected_.get();
-    if (!::ConnectNamedPipe(pipe_.get(), &ov) && ::GetLastError() == ERROR_PIPE_CONNECTED) ::SetEvent(connected_.get());
+    // The connect completes into this object when a client comes, so the OVERLAPPED lives
+    // here, and the destructor waits for the cancelled connect before it goes.
+    overlapped_.hEvent = connected_.get();
+    if (!::ConnectNamedPipe(pipe_.get(), &overlapped_) && ::GetLastError() == ERROR_PIPE_CONNECTED) {
+      ::SetEvent(connected_.get());
+    }
     if (kind == Kind::kBusy) {
       occupant_.reset(::CreateFileW(path, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
     }
   }
   ~UnansweringCentral() {
-    if (pipe_) ::CancelIoEx(pipe_.get(), nullptr);
+    if (!pipe_) return;
+    DWORD bytes = 0;
+    if (::CancelIoEx(pipe_.get(), &overlapped_)) (void)::GetOverlappedResult(pipe_.get(), &overlapped_, &bytes, TRUE);
   }
   bool Ready(Kind kind) const { return pipe_.valid() && (kind == Kind::kSilent || occupant_.valid()); }
 
  private:
   ky::unique_handle connected_{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+  OVERLAPPED overlapped_{};
   ky::unique_file pipe_;
   ky::unique_file occupant_;
 };

@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "boottime/comm/connector_loader.h"
+#include "boottime/comm/payload.h"
 #include "common/callback_list.h"
 #include "lumera/boottime.h"
 #include "lumera/pipelink.h"
@@ -29,12 +30,16 @@ class CBootTimeCommClient : public IBootTimeCommClient,
   CBootTimeCommClient& operator=(const CBootTimeCommClient&) = delete;
 
   void* GetInterface(const GUID& iid) override;
+  // Loads and starts the connector: 0, or the failing step's code with nothing loaded.
   std::uint32_t Init(IServMain* host) override;
   std::uint32_t UnInit() override;
+  // Connects to "boottimepipe": 0 (also when already connected), 21 before Init, or the
+  // connector's code.
   std::uint32_t Start() override;
   std::uint32_t Stop() override;
 
-  // 0, 2 when the request could not be sent, or the server's code.
+  // Each query: 0, 13 for a null output, 2 when the request could not be sent, or the
+  // server's code; a short reply fills the output as far as it goes.
   std::uint32_t GetBootTime(std::uint32_t* milliseconds) override;
   // Sends the boot-time query and reads its reply as counters: only `kernel` is written.
   std::uint32_t GetTotalBootImpact(BootCounters* total) override;
@@ -70,6 +75,11 @@ class CBootTimeCommClient : public IBootTimeCommClient,
   };
   using Reply = std::unique_ptr<pipelink::PipeMessage, ReplyDeleter>;
 
+  // Sends one query (with `request` as its payload when given) and on 0 hands the reply to
+  // read(CPayloadReader&); 2 on a failed send, the reply's result, or 31 on an exception.
+  template <class Read>
+  std::uint32_t Query(const wchar_t* function, std::uint32_t id, const wchar_t* name, const CPayloadWriter* request,
+                      Read read);
   // Sends one query; on 0 *reply holds the answer. 2 on a failed send, else the reply's result.
   std::uint32_t SendQuery(std::uint32_t id, const wchar_t* name, const void* payload, std::uint32_t size, Reply* reply);
   std::uint32_t PostQuery(std::uint32_t id, const wchar_t* name, const void* payload, std::uint32_t size);

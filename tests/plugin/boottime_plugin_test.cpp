@@ -334,11 +334,16 @@ TEST_F(PluginRun, AStoredStartWithinTwoSecondsReloadsAndExactlyTwoSecondsMeasure
   struct Case {
     std::int64_t difference;
     bool reloads;
+    bool impactFile;  // without it the analyser has no result, and nothing is written back
   };
-  for (const Case c : {Case{1999, true}, Case{-1999, true}, Case{2000, false}}) {
-    SCOPED_TRACE(c.difference);
+  for (const Case c : {Case{1999, true, true}, Case{-1999, true, true}, Case{2000, false, true},
+                       Case{1999, true, false}}) {
+    SCOPED_TRACE(::testing::Message() << c.difference << (c.impactFile ? "" : " without the impact file"));
     log_.clear();
     ASSERT_TRUE(StoreResults(kFakeSystemStart + c.difference, 4321));
+    if (!c.impactFile) {
+      ASSERT_TRUE(::DeleteFileW(ImpactFile().c_str()));
+    }
     FakeClock clock;
     clock.stopAtWait = 3;  // a measurement gives up early and falls back to the files
     FakeCounters counters(&clock);
@@ -351,21 +356,26 @@ TEST_F(PluginRun, AStoredStartWithinTwoSecondsReloadsAndExactlyTwoSecondsMeasure
     EXPECT_EQ(Logged(L"load data from file"), c.reloads ? 1u : 0u);
     EXPECT_EQ(Logged(L"must start processes monitor (diff system start time)"), c.reloads ? 0u : 1u);
     EXPECT_EQ(Logged(L"Monitor did not detect boot time; Trying to load last boot time data"), c.reloads ? 0u : 1u);
-    EXPECT_EQ(listener.Statuses(), std::vector<std::uint32_t>{0});
+    const std::uint32_t status = c.impactFile ? 0u : 2u;
+    EXPECT_EQ(listener.Statuses(), std::vector<std::uint32_t>{status});
     std::uint32_t ms = 0;
-    EXPECT_EQ(plugin.GetBootTime(&ms), 0u);
-    EXPECT_EQ(ms, 4321u);
+    EXPECT_EQ(plugin.GetBootTime(&ms), status);
     ky::List<ProcessImpact> impacts;
-    ASSERT_EQ(plugin.GetBootImpact(&impacts, nullptr), 0u);
-    ASSERT_EQ(impacts.Count(), 1u);
-    EXPECT_EQ(impacts.Items()[0].write, 3145728u);
+    EXPECT_EQ(plugin.GetBootImpact(&impacts, nullptr), status);
+    EXPECT_EQ(impacts.Count(), c.impactFile ? 1u : 0u);
     BootCounters total;
-    EXPECT_EQ(plugin.GetTotalBootImpact(&total), 0u);
-    EXPECT_EQ(total.user, 2500u);
+    EXPECT_EQ(plugin.GetTotalBootImpact(&total), status);
     EXPECT_EQ(plugin.Stop(), 0u);
     EXPECT_EQ(plugin.UnInit(), 0u);
-    // Reloaded results are written back unchanged.
-    EXPECT_NE(testsupport::ReadFileBytes(BootFile()).find("\"4321\""), std::string::npos);
+    const std::string bootFile = testsupport::ReadFileBytes(BootFile());
+    EXPECT_NE(bootFile.find("\"4321\""), std::string::npos);
+    // Written back with the current system start only when both results are there.
+    const std::int64_t start = c.impactFile ? kFakeSystemStart : kFakeSystemStart + c.difference;
+    EXPECT_NE(bootFile.find(std::to_string(start)), std::string::npos) << bootFile;
+    if (!c.impactFile) continue;
+    ASSERT_EQ(impacts.Count(), 1u);
+    EXPECT_EQ(impacts.Items()[0].write, 3145728u);
+    EXPECT_EQ(total.user, 2500u);
     EXPECT_NE(testsupport::ReadFileBytes(ImpactFile()).find("\"3145728\""), std::string::npos);
   }
 }
@@ -373,6 +383,7 @@ TEST_F(PluginRun, AStoredStartWithinTwoSecondsReloadsAndExactlyTwoSecondsMeasure
 TEST_F(PluginRun, StopDuringMonitoringEndsAtOnceWritesNothingAndASecondStartReloadsWithoutReport) {
   WarmUpHost();
   ASSERT_TRUE(StageLogon(false));
+  ASSERT_TRUE(StoreResults(kFakeSystemStart - 60000, 999));  // an earlier boot's results
   HybridClock clock(0);
   CBootTimePlugin plugin(clock);
   ASSERT_EQ(plugin.Init(host_.get()), 0u);
@@ -396,8 +407,10 @@ TEST_F(PluginRun, StopDuringMonitoringEndsAtOnceWritesNothingAndASecondStartRelo
   EXPECT_TRUE(ThreadsBackTo(threadsBefore)) << ThreadCount() << " threads against " << threadsBefore;
   EXPECT_EQ(listener_.Statuses(), std::vector<std::uint32_t>{2});
   EXPECT_EQ(plugin.GetBootTime(&ms), 2u);
-  EXPECT_FALSE(Exists(BootFile()));
-  EXPECT_FALSE(Exists(ImpactFile()));
+  EXPECT_EQ(Logged(L"Loaded boot time 999"), 0u) << "a stopped run reloaded an earlier boot's files";
+  EXPECT_NE(testsupport::ReadFileBytes(BootFile()).find(std::to_string(kFakeSystemStart - 60000)), std::string::npos)
+      << "a stopped run wrote the results";
+  EXPECT_EQ(testsupport::ReadFileBytes(ImpactFile()), kImpactFile);
   EXPECT_TRUE(log_.entriesFor(L"boottime::CBootTimePlugin::SendReportToCentral").empty()) << "a stopped run reports";
 
   // The stop event stays set: the files of this boot still load, and nothing is reported.

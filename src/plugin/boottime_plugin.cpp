@@ -199,14 +199,12 @@ std::uint32_t CBootTimePlugin::GetDiskSpeed(DiskSpeed* speed) {
 
 std::uint32_t CBootTimePlugin::AddListener(IBootTimeEvents* listener) {
   KY_TRACE(L"boottime::CBootTimePlugin::AddListener");
-  if (listener == nullptr) return ERROR_INVALID_DATA;
-  return ky::Guarded(L"boottime::CBootTimePlugin::AddListener", ky::kGeneralFailure,
-                     [&] { return listeners_.Register(listener); });
+  return listeners_.Add(L"boottime::CBootTimePlugin::AddListener", listener);
 }
 
 std::uint32_t CBootTimePlugin::RemoveListener(IBootTimeEvents* listener) {
   KY_TRACE(L"boottime::CBootTimePlugin::RemoveListener");
-  return listeners_.Unregister(listener);
+  return listeners_.Remove(listener);
 }
 
 }  // namespace boottime

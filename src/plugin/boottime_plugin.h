@@ -15,10 +15,10 @@
 #include "boottime/boot_time_analyser_state.h"
 #include "boottime/boot_time_data.h"
 #include "boottime/boot_time_disk_performance.h"
+#include "boottime/boot_time_listeners.h"
 #include "boottime/boot_time_monitor.h"
 #include "boottime/clock.h"
 #include "boottime/process_counters_source.h"
-#include "common/callback_list.h"
 #include "common/critical_section.h"
 #include "common/plugin_ref.h"
 #include "common/unique_handle.h"
@@ -82,7 +82,7 @@ class CBootTimePlugin final : public IBootTime, public IStartupManagerObserver {
   BootTimeData data_;
   BootTimeDiskPerformance diskPerformance_;
   AnalyserState analyser_;
-  CallbackList<IBootTimeEvents*> listeners_;
+  BootTimeListeners listeners_;
   IPlgComponentManager* componentManager_ = nullptr;  // the host's; never released
   ky::PluginRef<ILoadUsage> loadUsage_;
   std::uint32_t overallStatus_ = kStatusNotYetKnown;

@@ -133,7 +133,7 @@ void CBootTimePlugin::OnDataAnalysed(std::uint32_t status) {
       (void)analyser_.Store(settingsFolder_ + kProcessImpactFileName);
     }
     report_.Start(monitorEvent_.get(), componentManager_, *this);
-    listeners_.ForEach([status](IBootTimeEvents* listener) { listener->OnDataAnalysed(status); });
+    listeners_.Tell(status);
   });
 }
 

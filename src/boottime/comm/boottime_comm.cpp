@@ -38,13 +38,9 @@ void* CBootTimeComm::GetInterface(const GUID& iid) {
 std::uint32_t CBootTimeComm::Init(IServMain* host) {
   KY_TRACE(L"boottime::CBootTimeComm::Init");
   return ky::Guarded(L"boottime::CBootTimeComm::Init", ky::kGeneralFailure, [&]() -> std::uint32_t {
-    if (host == nullptr) {
-      KY_LOG(logging::kLevelError, L"IServMain is null!");
-      return kHostMissing;
-    }
-    IPlgComponentManager* manager = host->GetComponentManager();
+    IPlgComponentManager* manager = host != nullptr ? host->GetComponentManager() : nullptr;
     if (manager == nullptr) {
-      KY_LOG(logging::kLevelError, L"Component Manager is null!");
+      KY_LOG(logging::kLevelError, host == nullptr ? L"IServMain is null!" : L"Component Manager is null!");
       return kHostMissing;
     }
     if (bootTime_.Acquire(manager, kBootTimePlugin, lumera::ids::IBootTime) != 0 || !bootTime_) {

@@ -193,20 +193,18 @@ std::uint32_t CBootTimeCommClient::GetDiskSpeed(DiskSpeed* speed) {
 
 std::uint32_t CBootTimeCommClient::AddListener(IBootTimeEvents* listener) {
   KY_TRACE(L"boottime::CBootTimeCommClient::AddListener");
-  if (listener == nullptr) return ERROR_INVALID_DATA;
-  return ky::Guarded(L"boottime::CBootTimeCommClient::AddListener", ky::kGeneralFailure,
-                     [&] { return events_.Register(listener); });
+  return events_.Add(L"boottime::CBootTimeCommClient::AddListener", listener);
 }
 
 std::uint32_t CBootTimeCommClient::RemoveListener(IBootTimeEvents* listener) {
   KY_TRACE(L"boottime::CBootTimeCommClient::RemoveListener");
-  return events_.Unregister(listener);
+  return events_.Remove(listener);
 }
 
 void CBootTimeCommClient::OnDataAnalysed(std::uint32_t status) {
   KY_TRACE(L"boottime::CBootTimeCommClient::OnDataAnalysed");
   KY_LOG(logging::kLevelInfo, L"OnDataAnalysed error code %d", status);
-  events_.ForEach([status](IBootTimeEvents* listener) { listener->OnDataAnalysed(status); });
+  events_.Tell(status);
 }
 
 std::uint32_t CBootTimeCommClient::PostQuery(std::uint32_t id, const wchar_t* name, const void* payload,

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "boottime/boot_time_listeners.h"
 #include "boottime/comm/connector_loader.h"
 #include "boottime/comm/payload.h"
 #include "common/callback_list.h"
@@ -87,7 +88,7 @@ class CBootTimeCommClient : public IBootTimeCommClient,
   CConnectorLibrary connector_;
   pipelink::IConnPipeClient* pipe_ = nullptr;
   CallbackList<IBootTimeResponse*> responses_;
-  CallbackList<IBootTimeEvents*> events_;
+  BootTimeListeners events_;
 };
 
 }  // namespace boottime

@@ -225,6 +225,13 @@ class PluginRun : public ::testing::Test {
            WriteFile(ImpactFile(), kImpactFile);
   }
   std::size_t Logged(std::wstring_view text) const { return log_.count(text); }
+  // Init, listen and Start, as the host does, then wait for the run to end.
+  void RunToTheEnd(CBootTimePlugin& plugin, Listener& listener) {
+    ASSERT_EQ(plugin.Init(host_.get()), 0u);
+    ASSERT_EQ(plugin.AddListener(&listener), 0u);
+    ASSERT_EQ(plugin.Start(), 0u);
+    ASSERT_TRUE(listener.Heard());
+  }
 
   // Lets the host make the plug-ins and threads it keeps for its whole life, so that what
   // remains after a Stop is the module's.
@@ -235,10 +242,8 @@ class PluginRun : public ::testing::Test {
     {
       CBootTimePlugin plugin(clock, counters);
       Listener listener;
-      ASSERT_EQ(plugin.Init(host_.get()), 0u);
-      ASSERT_EQ(plugin.AddListener(&listener), 0u);
-      ASSERT_EQ(plugin.Start(), 0u);
-      ASSERT_TRUE(listener.Heard());
+      RunToTheEnd(plugin, listener);
+      if (HasFatalFailure()) return;
       EXPECT_EQ(plugin.Stop(), 0u);
       EXPECT_EQ(plugin.UnInit(), 0u);
     }
@@ -349,10 +354,8 @@ TEST_F(PluginRun, AStoredStartWithinTwoSecondsReloadsAndExactlyTwoSecondsMeasure
     FakeCounters counters(&clock);
     CBootTimePlugin plugin(clock, counters);
     Listener listener;
-    ASSERT_EQ(plugin.Init(host_.get()), 0u);
-    ASSERT_EQ(plugin.AddListener(&listener), 0u);
-    ASSERT_EQ(plugin.Start(), 0u);
-    ASSERT_TRUE(listener.Heard());
+    RunToTheEnd(plugin, listener);
+    if (HasFatalFailure()) return;
     EXPECT_EQ(Logged(L"load data from file"), c.reloads ? 1u : 0u);
     EXPECT_EQ(Logged(L"must start processes monitor (diff system start time)"), c.reloads ? 0u : 1u);
     EXPECT_EQ(Logged(L"Monitor did not detect boot time; Trying to load last boot time data"), c.reloads ? 0u : 1u);

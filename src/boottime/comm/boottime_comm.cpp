@@ -30,11 +30,6 @@ CBootTimeComm::~CBootTimeComm() {
   if (pipe_ != nullptr || listening_) Stop();
 }
 
-void* CBootTimeComm::GetInterface(const GUID& iid) {
-  return KyInterfaceFor<IBootTimeComm>(this, iid,
-                                       {lumera::ids::IKyBaseInterface, lumera::ids::IServPlugin, lumera::ids::IBootTimeComm});
-}
-
 std::uint32_t CBootTimeComm::Init(IServMain* host) {
   KY_TRACE(L"boottime::CBootTimeComm::Init");
   return ky::Guarded(L"boottime::CBootTimeComm::Init", ky::kGeneralFailure, [&]() -> std::uint32_t {
@@ -102,6 +97,11 @@ std::uint32_t CBootTimeComm::Stop() {
     }
     return 0;
   });
+}
+
+void* CBootTimeComm::GetInterface(const GUID& iid) {
+  return KyInterfaceFor<IBootTimeComm>(this, iid,
+                                       {lumera::ids::IKyBaseInterface, lumera::ids::IServPlugin, lumera::ids::IBootTimeComm});
 }
 
 void CBootTimeComm::OnDataAnalysed(std::uint32_t status) {

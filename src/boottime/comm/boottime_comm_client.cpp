@@ -16,12 +16,18 @@ constexpr wchar_t kNameTotal[] = L"NpcMsgBootTimeGetTotalBootImpact";
 constexpr wchar_t kNameImpact[] = L"NpcMsgBootTimeGetBootImpact";
 constexpr wchar_t kNameDisk[] = L"NpcMsgBootTimeGetDiskSpeed";
 
-// Reads one answer with `read` and, only when it is whole, hands it to `pass`.
-template <class Value, class Read, class Pass>
-bool ReadAndPass(Read read, Pass pass) {
+// The answer to one query, read whole or not at all.
+bool ReadAnswer(CPayloadReader& reader, std::uint32_t* value) { return reader.ReadBootTime(value); }
+bool ReadAnswer(CPayloadReader& reader, BootCounters* value) { return reader.ReadCounters(value); }
+bool ReadAnswer(CPayloadReader& reader, ky::List<ProcessImpact>* value) { return reader.ReadImpactList(value); }
+bool ReadAnswer(CPayloadReader& reader, DiskSpeed* value) { return reader.ReadDiskSpeed(value); }
+
+// Reads one answer and, only when it is whole, hands it to `on` with code 0.
+template <class Value, class Client, class Arg>
+bool Pass(CPayloadReader& reader, Client& client, void (Client::*on)(std::uint32_t, Arg)) {
   Value value{};
-  if (!read(&value)) return false;
-  pass(value);
+  if (!ReadAnswer(reader, &value)) return false;
+  (client.*on)(0, value);
   return true;
 }
 
@@ -289,25 +295,14 @@ std::uint32_t __cdecl CBootTimeCommClient::NpcCallback(void* context, const pipe
 
 std::uint32_t CBootTimeCommClient::HandleMessage(const pipelink::PipeMessage& message) {
   KY_TRACE(L"boottime::CBootTimeCommClient::NpcCallback");
+  using Self = CBootTimeCommClient;
   CPayloadReader reader(message.payload, message.size);
   bool read = false;
   switch (message.id) {
-    case msg::NpcMsgBootTimeGetBootTime:
-      read = ReadAndPass<std::uint32_t>([&](auto* v) { return reader.ReadBootTime(v); },
-                                        [&](const auto& v) { OnGetBootTime(0, v); });
-      break;
-    case msg::NpcMsgBootTimeGetTotalBootImpact:
-      read = ReadAndPass<BootCounters>([&](auto* v) { return reader.ReadCounters(v); },
-                                       [&](const auto& v) { OnGetTotalBootImpact(0, v); });
-      break;
-    case msg::NpcMsgBootTimeGetBootImpact:
-      read = ReadAndPass<ky::List<ProcessImpact>>([&](auto* v) { return reader.ReadImpactList(v); },
-                                                  [&](const auto& v) { OnGetBootImpact(0, v); });
-      break;
-    case msg::NpcMsgBootTimeGetDiskSpeed:
-      read = ReadAndPass<DiskSpeed>([&](auto* v) { return reader.ReadDiskSpeed(v); },
-                                    [&](const auto& v) { OnGetDiskSpeed(0, v); });
-      break;
+    case msg::NpcMsgBootTimeGetBootTime: read = Pass<std::uint32_t>(reader, *this, &Self::OnGetBootTime); break;
+    case msg::NpcMsgBootTimeGetTotalBootImpact: read = Pass<BootCounters>(reader, *this, &Self::OnGetTotalBootImpact); break;
+    case msg::NpcMsgBootTimeGetBootImpact: read = Pass<ky::List<ProcessImpact>>(reader, *this, &Self::OnGetBootImpact); break;
+    case msg::NpcMsgBootTimeGetDiskSpeed: read = Pass<DiskSpeed>(reader, *this, &Self::OnGetDiskSpeed); break;
     case msg::NpcMsgBootTimeGetBootTimeError:
     case msg::NpcMsgBootTimeGetTotalBootImpactError:
     case msg::NpcMsgBootTimeGetBootImpactError:

@@ -39,22 +39,23 @@ class CBootTimeCommClient : public IBootTimeCommClient,
   std::uint32_t Start() override;
   std::uint32_t Stop() override;
 
-  // Each query: 0, 13 for a null output, 2 when the request could not be sent, or the
-  // server's code; a short reply fills the output as far as it goes.
+  // Each query beside its asynchronous form. A synchronous one returns 0, 13 for a null
+  // output, 2 when the request could not be sent, or the server's code, and a short reply
+  // fills the output as far as it goes; an asynchronous one returns the post's code, and its
+  // answer goes to the response observers.
   std::uint32_t GetBootTime(std::uint32_t* milliseconds) override;
+  std::uint32_t GetBootTimeAsync() override;
   // Sends the boot-time query and reads its reply as counters: only `kernel` is written.
   std::uint32_t GetTotalBootImpact(BootCounters* total) override;
+  std::uint32_t GetTotalBootImpactAsync() override;
   std::uint32_t GetBootImpact(ky::IList<ProcessImpact>* impacts, const ProcessKey* key) override;
+  std::uint32_t GetBootImpactAsync(const ProcessKey* key) override;
   std::uint32_t GetDiskSpeed(DiskSpeed* speed) override;
+  std::uint32_t GetDiskSpeedAsync() override;
   // Observers of the server's data-analysed broadcast.
   std::uint32_t AddListener(IBootTimeEvents* listener) override;
   std::uint32_t RemoveListener(IBootTimeEvents* listener) override;
   void OnDataAnalysed(std::uint32_t status) override;
-
-  std::uint32_t GetBootTimeAsync() override;
-  std::uint32_t GetTotalBootImpactAsync() override;
-  std::uint32_t GetBootImpactAsync(const ProcessKey* key) override;
-  std::uint32_t GetDiskSpeedAsync() override;
   std::uint32_t AddResponseObserver(IBootTimeResponse* observer) override;
   std::uint32_t RemoveResponseObserver(IBootTimeResponse* observer) override;
 

@@ -155,10 +155,6 @@ TEST_F(BootEventTest, AnEmptyChannelCannotBeSubscribedAndTheMonitorRetries) {
   monitor.UnInit();
 }
 
-struct IgnoringObserver final : IWinBootEventsObserver {
-  void OnBootEvent(std::uint32_t, FILETIME, std::uint32_t) override {}
-};
-
 // Creation times compare by their upper 32 bits only (steps of about 429 s), as they always have.
 TEST_F(BootEventTest, TheSubscriptionStartsAfterTheNewestEventWhoseUpperHalfIsNotLater) {
   constexpr std::uint64_t kHigh = std::uint64_t{0x01DA0000} << 32;
@@ -167,7 +163,7 @@ TEST_F(BootEventTest, TheSubscriptionStartsAfterTheNewestEventWhoseUpperHalfIsNo
   add(kHigh + (std::uint64_t{1} << 32), 3, fakewevt::kUInt32);
   CWinBootEvents events(DoublePath());
   ASSERT_TRUE(events.Init());
-  IgnoringObserver observer;
+  Event observer(clock, DoublePath());  // never started: what it is told changes nothing here
   {
     CWinBootEvents::Subscription subscription(events, &observer);
     ASSERT_TRUE(subscription.Init(testing::ToFileTime(kHigh)));

@@ -79,7 +79,7 @@ class BootTimeMonitor {
   // Stops the boot event watcher and unregisters the logon observer (the plug-in's Stop).
   void StopWatchers();
 
-  // For tests only: the parts a test drives or inspects between cycles.
+  // For tests only: what a test drives or inspects between cycles.
   UserLogonObserver* LogonObserver() { return logonObserver_.get(); }
   WinBootEvent* BootEvent() { return winBootEvent_.get(); }
   Processes* ProcessList() { return processes_.get(); }

@@ -9,7 +9,7 @@
 #include <map>
 
 #include "agent_fixture.h"
-#include "boottime/plugin_startup_manager.h"
+#include "plugin/plugin_startup_manager.h"
 #include "central_server.h"
 #include "common/windows_version.h"
 #include "picojson.h"

@@ -11,6 +11,7 @@
 #include "common/log.h"
 #include "fakes.h"
 #include "support/failing_allocation.h"
+#include "support/fake_host.h"
 
 namespace boottime {
 namespace {
@@ -175,16 +176,7 @@ TEST(ProcessesMonitorQueues, EventsQueuedOnAnyThreadAreAppliedInOrder) {
 }
 
 TEST(ProcessesMonitorQueues, AHostWithoutTheProcessPlugInLeavesTheMonitorWithoutNotifications) {
-  struct NoPlugins final : IServMain, IPlgComponentManager {
-    const wchar_t* GetHostName() override { return L"test"; }
-    IPlgComponentManager* GetComponentManager() override { return this; }
-    IEventQueue* GetEventQueue() override { return nullptr; }
-    std::uint32_t GetPlugin(const wchar_t*, const GUID&, void** out) override {
-      *out = nullptr;
-      return ERROR_NOT_FOUND;
-    }
-    std::uint32_t ReleasePlugin(const wchar_t*) override { return ERROR_NOT_FOUND; }
-  } host;
+  testsupport::FakeHost host;  // offering no plug-in
   testsupport::CapturedLog log;
   BootTimeMonitor::ProcessesMonitor monitor(&host);
   EXPECT_FALSE(monitor.Start());

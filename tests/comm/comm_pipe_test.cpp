@@ -15,6 +15,7 @@
 #include "fake_boottime.h"
 #include "pipelink_fixture.h"
 #include "support/captured_log.h"
+#include "support/fake_host.h"
 
 namespace {
 
@@ -294,7 +295,7 @@ TEST(BootTimeClient, ServerThatDoesNotAnswerInTimeFailsTheQueryWith2) {
   lib.Server()->ReleasePipeServer(pipe);
 }
 
-TEST(BootTimeClient, UnknownOrUnreadableMessagesAreAcknowledgedWith31AndLogged) {
+TEST(BootTimeClient, EveryAnswerIsLoggedAndUnknownOrUnreadableOnesAreAcknowledgedWith31) {
   testsupport::CapturedLog log;
   CBootTimeCommClient client;
   Observer observer;
@@ -311,6 +312,25 @@ TEST(BootTimeClient, UnknownOrUnreadableMessagesAreAcknowledgedWith31AndLogged) 
   EXPECT_EQ(observer.code, 2u);
   EXPECT_EQ(deliver(boottime::msg::NpcMsgBootTimeGetBootTime, {0x10, 0x27, 0, 0}), 0u);
   EXPECT_EQ(observer.time, 10000u);
+
+  // Errors and empty lists are logged too.
+  struct Case {
+    std::uint32_t id;
+    std::vector<std::uint8_t> payload;
+    const wchar_t* logged;
+  } cases[] = {
+      {boottime::msg::NpcMsgBootTimeGetBootTimeError, {5, 0, 0, 0}, L"err=0x5 time=0"},
+      {boottime::msg::NpcMsgBootTimeGetTotalBootImpactError, {6, 0, 0, 0}, L"err=0x6 process=[cpuKernelTime=0"},
+      {boottime::msg::NpcMsgBootTimeGetBootImpactError, {7, 0, 0, 0}, L"err=0x7 process=[]"},
+      {boottime::msg::NpcMsgBootTimeGetDiskSpeedError, {8, 0, 0, 0}, L"err=0x8 diskSpeed=[min_hddUsage=0"},
+      {boottime::msg::NpcMsgBootTimeGetBootImpact, {0, 0, 0, 0}, L"err=0x0 process=[]"},
+      {boottime::msg::NpcMsgBootTimeGetBootTime, {9, 0, 0, 0}, L"err=0x0 time=9"},
+  };
+  for (const Case& c : cases) {
+    log.clear();
+    EXPECT_EQ(deliver(c.id, c.payload), 0u) << "message " << c.id;
+    EXPECT_TRUE(log.contains(c.logged)) << "message " << c.id;
+  }
 }
 
 // A server whose replies stop short: the client reads what is there and succeeds.
@@ -367,37 +387,6 @@ TEST(BootTimeClient, ShortRepliesAreReadAsFarAsTheyGoAndTheQueriesSucceed) {
   lib.Server()->ReleasePipeServer(pipe);
 }
 
-TEST(BootTimeClient, EveryAnswerIsLoggedErrorsAndEmptyListsIncluded) {
-  testsupport::CapturedLog log;
-  CBootTimeCommClient client;
-  auto deliver = [&](std::uint32_t id, std::vector<std::uint8_t> payload) {
-    pipelink::PipeMessage m{0, 0, static_cast<std::uint32_t>(payload.size()), id, payload.data(), 0, 1};
-    return CBootTimeCommClient::NpcCallback(&client, &m);
-  };
-  struct Case {
-    std::uint32_t id;
-    std::vector<std::uint8_t> payload;
-    const wchar_t* logged;
-  } cases[] = {
-      {boottime::msg::NpcMsgBootTimeGetBootTimeError, {5, 0, 0, 0}, L"err=0x5 time=0"},
-      {boottime::msg::NpcMsgBootTimeGetTotalBootImpactError, {6, 0, 0, 0}, L"err=0x6 process=[cpuKernelTime=0"},
-      {boottime::msg::NpcMsgBootTimeGetBootImpactError, {7, 0, 0, 0}, L"err=0x7 process=[]"},
-      {boottime::msg::NpcMsgBootTimeGetDiskSpeedError, {8, 0, 0, 0}, L"err=0x8 diskSpeed=[min_hddUsage=0"},
-      {boottime::msg::NpcMsgBootTimeGetBootImpact, {0, 0, 0, 0}, L"err=0x0 process=[]"},
-      {boottime::msg::NpcMsgBootTimeGetBootTime, {9, 0, 0, 0}, L"err=0x0 time=9"},
-  };
-  for (const Case& c : cases) {
-    log.clear();
-    EXPECT_EQ(deliver(c.id, c.payload), 0u) << "message " << c.id;
-    EXPECT_TRUE(log.contains(c.logged)) << "message " << c.id;
-  }
-}
-
-struct NoManagerHost final : IServMain {
-  const wchar_t* GetHostName() override { return L"test"; }
-  IPlgComponentManager* GetComponentManager() override { return nullptr; }
-  IEventQueue* GetEventQueue() override { return nullptr; }
-};
 
 TEST(BootTimeServer, RefusesAndNamesWhatTheHostDidNotGiveIt) {
   testsupport::CapturedLog log;
@@ -405,7 +394,8 @@ TEST(BootTimeServer, RefusesAndNamesWhatTheHostDidNotGiveIt) {
   CBootTimeComm server;
   EXPECT_EQ(server.Init(nullptr), 0xFFFFFFFFu);
   EXPECT_TRUE(log.contains(L"IServMain is null!"));
-  NoManagerHost host;
+  testsupport::FakeHost host;
+  host.withManager = false;
   EXPECT_EQ(server.Init(&host), 0xFFFFFFFFu);
   EXPECT_TRUE(log.contains(L"Component Manager is null!"));
   EXPECT_EQ(server.Start(), 31u);

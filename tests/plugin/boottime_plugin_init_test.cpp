@@ -4,14 +4,15 @@
 
 #include <windows.h>
 
-#include <map>
 #include <string>
 
 #include "../boottime/fakes.h"
 #include "common/module_library.h"
 #include "lumera/productinfo.h"
 #include "plugin/boottime_plugin.h"
+#include "lumera/interface_ids.h"
 #include "support/captured_log.h"
+#include "support/fake_host.h"
 #include "support/plugin_stub.h"
 #include "support/scratch_folder.h"
 
@@ -27,32 +28,15 @@ class FakeProductInfo final : public testsupport::PluginStub<IProductInfo> {
   std::wstring common;
 };
 
-// A host whose component manager knows only the plug-ins a test gives it, and counts.
-class FakeHost final : public IServMain, public IPlgComponentManager {
- public:
-  const wchar_t* GetHostName() override { return L"test"; }
-  IPlgComponentManager* GetComponentManager() override { return withManager ? this : nullptr; }
-  IEventQueue* GetEventQueue() override { return nullptr; }
-  std::uint32_t GetPlugin(const wchar_t* name, const GUID&, void** out) override {
-    *out = nullptr;
-    const std::wstring key = name;
-    if (key == L"LoadUsage" && withLoadUsage) *out = static_cast<ILoadUsage*>(&loadUsage);
-    if (key == L"productinfo" && withProductInfo) *out = static_cast<IProductInfo*>(&productInfo);
-    if (*out == nullptr) return ERROR_FILE_NOT_FOUND;
-    ++held[key];
-    return 0;
+// A host offering the two plug-ins the boot-time plug-in asks for.
+struct FakeHost final : testsupport::FakeHost {
+  FakeHost() {
+    missingCode = ERROR_FILE_NOT_FOUND;
+    Offer(L"LoadUsage", lumera::ids::LoadUsagePlugin, static_cast<ILoadUsage*>(&loadUsage));
+    Offer(L"productinfo", lumera::ids::ProductInfoPlugin, static_cast<IProductInfo*>(&productInfo));
   }
-  std::uint32_t ReleasePlugin(const wchar_t* name) override {
-    --held[name];
-    return 0;
-  }
-
-  bool withManager = true;
-  bool withLoadUsage = true;
-  bool withProductInfo = true;
   testing::FakeLoadUsage loadUsage;
   FakeProductInfo productInfo;
-  std::map<std::wstring, int> held;
 };
 
 TEST(BootTimePluginInit, AMissingHostOrPartOfItFailsAndHoldsNothing) {
@@ -71,7 +55,7 @@ TEST(BootTimePluginInit, AMissingHostOrPartOfItFailsAndHoldsNothing) {
   }
   {
     FakeHost host;
-    host.withLoadUsage = false;
+    host.withheld = {L"LoadUsage"};
     CBootTimePlugin plugin;
     EXPECT_EQ(plugin.Init(&host), static_cast<std::uint32_t>(ERROR_FILE_NOT_FOUND));
     EXPECT_TRUE(log.contains(L"GetPlugin LoadUsage failed 0x2"));
@@ -113,7 +97,7 @@ TEST(BootTimePluginInit, TheSettingsFolderComesFromProductInfoOrSitsBesideTheHos
     SCOPED_TRACE(c.what);
     log.clear();
     FakeHost host;
-    host.withProductInfo = c.withProductInfo;
+    if (!c.withProductInfo) host.withheld = {L"productinfo"};
     host.productInfo.common = c.common;
     CBootTimePlugin plugin;
     ASSERT_EQ(plugin.Init(&host), 0u);

@@ -7,6 +7,7 @@
 #include <tlhelp32.h>
 #include <winternl.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <mutex>
@@ -146,9 +147,7 @@ HandleCensus TakeHandleCensus() {
 // A thread that has just ended may still be closing its handles, so one handle is let pass.
 bool NoHandleOutlives(const HandleCensus& before, HandleCensus* after) {
   *after = TakeHandleCensus();
-  const DWORD newConnections = after->serviceManagerPipes > before.serviceManagerPipes
-                                   ? after->serviceManagerPipes - before.serviceManagerPipes
-                                   : 0;
+  const DWORD newConnections = after->serviceManagerPipes - std::min(after->serviceManagerPipes, before.serviceManagerPipes);
   return after->handles <= before.handles + 1 + 2 * newConnections;
 }
 
@@ -225,12 +224,23 @@ class PluginRun : public ::testing::Test {
            WriteFile(ImpactFile(), kImpactFile);
   }
   std::size_t Logged(std::wstring_view text) const { return log_.count(text); }
-  // Init, listen and Start, as the host does, then wait for the run to end.
-  void RunToTheEnd(CBootTimePlugin& plugin, Listener& listener) {
+  // Init, listen and Start, as the host does; `threadsBefore` is counted just before the Start.
+  void Launch(CBootTimePlugin& plugin, Listener& listener, std::size_t* threadsBefore = nullptr) {
     ASSERT_EQ(plugin.Init(host_.get()), 0u);
     ASSERT_EQ(plugin.AddListener(&listener), 0u);
+    if (threadsBefore != nullptr) *threadsBefore = ThreadCount();
     ASSERT_EQ(plugin.Start(), 0u);
+  }
+  void RunToTheEnd(CBootTimePlugin& plugin, Listener& listener) {
+    Launch(plugin, listener);
     ASSERT_TRUE(listener.Heard());
+  }
+  // Stop returns within a second and leaves no thread of the run behind.
+  static void StopPromptly(CBootTimePlugin& plugin, std::size_t threadsBefore) {
+    const auto stopAt = std::chrono::steady_clock::now();
+    EXPECT_EQ(plugin.Stop(), 0u);
+    EXPECT_LT(std::chrono::steady_clock::now() - stopAt, std::chrono::milliseconds(1000)) << "Stop waited";
+    EXPECT_TRUE(ThreadsBackTo(threadsBefore)) << ThreadCount() << " threads against " << threadsBefore;
   }
 
   // Lets the host make the plug-ins and threads it keeps for its whole life, so that what
@@ -287,13 +297,9 @@ TEST_F(PluginRun, FirstStartWithAUserLoggedOnMeasuresNothingAndTellsTwo) {
   EXPECT_EQ(plugin.GetTotalBootImpact(&total), 2u);
 
   // The report thread was started by the run; Stop must end and join it.
-  const auto stopAt = std::chrono::steady_clock::now();
-  EXPECT_EQ(plugin.Stop(), 0u);
-  EXPECT_LT(std::chrono::steady_clock::now() - stopAt, std::chrono::milliseconds(1000));
+  StopPromptly(plugin, threadsBefore);
   EXPECT_EQ(log_.entriesFor(L"boottime::CBootTimePlugin::SendReportToCentral").empty(), false)
       << "the run started a report";
-  EXPECT_TRUE(ThreadsBackTo(threadsBefore))
-      << "a thread of the run outlived Stop: " << ThreadCount() << " against " << threadsBefore;
   EXPECT_FALSE(Exists(BootFile()));
   EXPECT_FALSE(Exists(ImpactFile()));
   EXPECT_EQ(plugin.UnInit(), 0u);
@@ -315,21 +321,14 @@ TEST_F(PluginRun, StopDuringTheReportEndsTheCentralsConnectAtOnceAndLeavesNoThre
     FakeCounters counters(&clock);
     CBootTimePlugin plugin(clock, counters);
     Listener listener;
-    ASSERT_EQ(plugin.Init(host_.get()), 0u);
-    ASSERT_EQ(plugin.AddListener(&listener), 0u);
-    const std::size_t threadsBefore = ThreadCount();
-    ASSERT_EQ(plugin.Start(), 0u);
+    std::size_t threadsBefore = 0;
+    ASSERT_NO_FATAL_FAILURE(Launch(plugin, listener, &threadsBefore));
     ASSERT_TRUE(listener.Heard());
     ASSERT_TRUE(Eventually([&] { return log_.contains(L"-> CBaseStartupManager::Init"); }))
         << "the report did not start connecting";
-
-    const auto stopAt = std::chrono::steady_clock::now();
-    EXPECT_EQ(plugin.Stop(), 0u);
-    const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - stopAt);
-    EXPECT_LT(took.count(), 1000) << "Stop waited for the central's connect";
+    StopPromptly(plugin, threadsBefore);
     EXPECT_TRUE(log_.contains(L"Could not create a communication client.")) << "the connect was not ended by Stop";
     EXPECT_FALSE(log_.contains(L"Report JSON:")) << "a stopped report was sent";
-    EXPECT_TRUE(ThreadsBackTo(threadsBefore)) << ThreadCount() << " threads against " << threadsBefore;
     EXPECT_EQ(plugin.UnInit(), 0u);
   }
 }
@@ -354,8 +353,7 @@ TEST_F(PluginRun, AStoredStartWithinTwoSecondsReloadsAndExactlyTwoSecondsMeasure
     FakeCounters counters(&clock);
     CBootTimePlugin plugin(clock, counters);
     Listener listener;
-    RunToTheEnd(plugin, listener);
-    if (HasFatalFailure()) return;
+    ASSERT_NO_FATAL_FAILURE(RunToTheEnd(plugin, listener));
     EXPECT_EQ(Logged(L"load data from file"), c.reloads ? 1u : 0u);
     EXPECT_EQ(Logged(L"must start processes monitor (diff system start time)"), c.reloads ? 0u : 1u);
     EXPECT_EQ(Logged(L"Monitor did not detect boot time; Trying to load last boot time data"), c.reloads ? 0u : 1u);
@@ -389,10 +387,8 @@ TEST_F(PluginRun, StopDuringMonitoringEndsAtOnceWritesNothingAndASecondStartRelo
   ASSERT_TRUE(StoreResults(kFakeSystemStart - 60000, 999));  // an earlier boot's results
   HybridClock clock(0);
   CBootTimePlugin plugin(clock);
-  ASSERT_EQ(plugin.Init(host_.get()), 0u);
-  ASSERT_EQ(plugin.AddListener(&listener_), 0u);
-  const std::size_t threadsBefore = ThreadCount();
-  ASSERT_EQ(plugin.Start(), 0u);
+  std::size_t threadsBefore = 0;
+  ASSERT_NO_FATAL_FAILURE(Launch(plugin, listener_, &threadsBefore));
   ASSERT_TRUE(Eventually([&] { return Logged(L"User logged = FALSE") > 0; })) << "the monitor did not start";
 
   std::uint32_t ms = 0;
@@ -404,10 +400,7 @@ TEST_F(PluginRun, StopDuringMonitoringEndsAtOnceWritesNothingAndASecondStartRelo
   EXPECT_EQ(plugin.GetBootImpact(&impacts, nullptr), 1u);
   EXPECT_EQ(plugin.GetDiskSpeed(&disk), 1u);
 
-  const auto stopAt = std::chrono::steady_clock::now();
-  EXPECT_EQ(plugin.Stop(), 0u);
-  EXPECT_LT(std::chrono::steady_clock::now() - stopAt, std::chrono::milliseconds(1000));
-  EXPECT_TRUE(ThreadsBackTo(threadsBefore)) << ThreadCount() << " threads against " << threadsBefore;
+  StopPromptly(plugin, threadsBefore);
   EXPECT_EQ(listener_.Statuses(), std::vector<std::uint32_t>{2});
   EXPECT_EQ(plugin.GetBootTime(&ms), 2u);
   EXPECT_EQ(Logged(L"Loaded boot time 999"), 0u) << "a stopped run reloaded an earlier boot's files";
@@ -436,16 +429,11 @@ TEST_F(PluginRun, StopDuringTheDiskMeasurementEndsAtOnceWithRunStatusTwo) {
   // The monitor's minute after logon passes in virtual time; the disk's waits are real.
   HybridClock clock(BootTimeMonitor::kAfterLogonMs + 1000);
   CBootTimePlugin plugin(clock);
-  ASSERT_EQ(plugin.Init(host_.get()), 0u);
-  ASSERT_EQ(plugin.AddListener(&listener_), 0u);
-  const std::size_t threadsBefore = ThreadCount();
-  ASSERT_EQ(plugin.Start(), 0u);
+  std::size_t threadsBefore = 0;
+  ASSERT_NO_FATAL_FAILURE(Launch(plugin, listener_, &threadsBefore));
   ASSERT_TRUE(Eventually([&] { return log_.contains(L"BOOT DATA:") || listener_.Statuses().size() > 0; }));
   ASSERT_TRUE(listener_.Statuses().empty()) << "the run ended before its disk measurement";
-  const auto stopAt = std::chrono::steady_clock::now();
-  EXPECT_EQ(plugin.Stop(), 0u);
-  EXPECT_LT(std::chrono::steady_clock::now() - stopAt, std::chrono::milliseconds(1000));
-  EXPECT_TRUE(ThreadsBackTo(threadsBefore)) << ThreadCount() << " threads against " << threadsBefore;
+  StopPromptly(plugin, threadsBefore);
   EXPECT_EQ(listener_.Statuses(), std::vector<std::uint32_t>{2});
   // The boot itself was measured, so its results replace the earlier boot's.
   EXPECT_NE(testsupport::ReadFileBytes(ImpactFile()), std::string(kImpactFile));

@@ -16,6 +16,7 @@
 #include "event_queue.h"
 #include "lumera/interface_ids.h"
 #include "support/captured_log.h"
+#include "support/fake_host.h"
 #include "support/plugin_stub.h"
 #include "support/test_thread.h"
 #include "users/user_logon.h"
@@ -84,30 +85,14 @@ class FakeSessionChange final : public testsupport::PluginStub<ISessionChangePlu
   std::vector<ISessionChangeEvents*> handlers;
 };
 
-class FakeHost final : public IServMain, public IPlgComponentManager {
- public:
-  const wchar_t* GetHostName() override { return L"test"; }
-  IPlgComponentManager* GetComponentManager() override { return withManager ? this : nullptr; }
-  IEventQueue* GetEventQueue() override { return withQueue ? &queue : nullptr; }
-  std::uint32_t GetPlugin(const wchar_t* name, const GUID& iid, void** out) override {
-    if (!withPlugin || std::wstring(name) != L"sessionchange" || !KyIsEqualId(iid, lumera::ids::SessionChangePlugin)) {
-      return ERROR_NOT_FOUND;
-    }
-    ++gets;
-    *out = static_cast<ISessionChangePlugin*>(&plugin);
-    return 0;
+// A host offering "sessionchange" and a real event queue.
+struct FakeHost final : testsupport::FakeHost {
+  FakeHost() {
+    queue = &events;
+    Offer(L"sessionchange", lumera::ids::SessionChangePlugin, static_cast<ISessionChangePlugin*>(&plugin));
   }
-  std::uint32_t ReleasePlugin(const wchar_t*) override {
-    ++releases;
-    return 0;
-  }
-  bool withManager = true;
-  bool withPlugin = true;
-  bool withQueue = true;
-  int gets = 0;
-  int releases = 0;
   FakeSessionChange plugin;
-  host::EventQueue queue;
+  host::EventQueue events;
 };
 
 class RecordingObserver final : public IUserLogonObserver {
@@ -216,18 +201,18 @@ TEST(UserLogonStart, EachMissingHostPartIsLoggedAndUndone) {
     EXPECT_TRUE(log.contains(L"Component Manager is null!"));
 
     host.withManager = true;
-    host.withPlugin = false;
+    host.withheld = {L"sessionchange"};
     EXPECT_FALSE(tracker.Start());
     EXPECT_TRUE(log.contains(L"Error getting plugin: sessionchange"));
 
-    host.withPlugin = true;
-    host.withQueue = false;
+    host.withheld.clear();
+    host.queue = nullptr;
     EXPECT_FALSE(tracker.Start());
     EXPECT_TRUE(log.contains(L"EventQueue createSerialExecution failed 0x6"));
     EXPECT_EQ(host.gets, host.releases) << "the plug-in is given back";
     EXPECT_TRUE(host.plugin.handlers.empty());
 
-    host.withQueue = true;
+    host.queue = &host.events;
     EXPECT_TRUE(tracker.Start()) << "a failed Start leaves the count where it was";
     tracker.Stop();
     tracker.Uninit();

@@ -6,12 +6,8 @@
 #include <windows.h>
 #include <shlobj.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <string>
 
-#include "common/unique_handle.h"
 #include "picojson.h"
 #include "support/programs.h"
 #include "store_scratch.h"
@@ -23,8 +19,6 @@ using testsupport::Narrow;
 
 constexpr wchar_t kPackages[] =
     L"Local Settings\\Software\\Microsoft\\Windows\\CurrentVersion\\AppModel\\Repository\\Packages";
-constexpr wchar_t kSystemAppData[] =
-    L"Local Settings\\Software\\Microsoft\\Windows\\CurrentVersion\\AppModel\\SystemAppData";
 constexpr char kTask[] = "LumeraStagedTerminalTask";
 
 testsupport::ProgramRun RunTool(const std::wstring& arguments) { return testsupport::RunBinProgram(L"startupctl.exe", arguments); }
@@ -35,34 +29,16 @@ class StoreStartupCtl : public ::testing::Test {
  protected:
   void SetUp() override {
     storageExisted_ = ::GetFileAttributesW(StoragePath().c_str()) != INVALID_FILE_ATTRIBUTES;
-    const std::wstring suffix = std::to_wstring(::GetCurrentProcessId());
-    name_ = L"LumeraStaged" + suffix;
-    fullName_ = name_ + L"_1.21.0.0_x64__8wekyb3d8bbwe";
-    family_ = name_ + L"_8wekyb3d8bbwe";
-    folder_ = package_.path().substr(0, package_.path().size() - 1);
     ASSERT_TRUE(::CopyFileW((testsupport::ExeFolder() + L"store_fixture_app.exe").c_str(),
-                            package_.file(L"StagedTerminal.exe").c_str(), FALSE));
-    std::ofstream(std::filesystem::path(package_.file(L"AppxManifest.xml")), std::ios::binary)
-        << "<Package xmlns=\"http://schemas.microsoft.com/appx/manifest/foundation/windows10\"\n"
-           "  xmlns:uap5=\"http://schemas.microsoft.com/appx/manifest/uap/windows10/5\">\n"
-           "  <Properties><DisplayName>Staged Terminal</DisplayName>\n"
-           "    <PublisherDisplayName>Staged Publisher</PublisherDisplayName></Properties>\n"
-           "  <Applications>\n"
-           "    <Application Id=\"App\" Executable=\"StagedTerminal.exe\" EntryPoint=\"Windows.FullTrustApplication\">\n"
-           "      <Extensions><uap5:Extension Category=\"windows.startupTask\">\n"
-           "        <uap5:StartupTask TaskId=\"" << kTask << "\" Enabled=\"false\" DisplayName=\"Staged\"/>\n"
-           "      </uap5:Extension></Extensions>\n"
-           "    </Application>\n"
-           "  </Applications>\n"
-           "</Package>\n";
-    const std::wstring key = testing_store::UserClasses(kPackages) + L"\\" + fullName_;
-    ASSERT_EQ(testsupport::SetRegText(HKEY_USERS, key, L"PackageRootFolder", folder_), ERROR_SUCCESS);
+                            (package_.Folder() + L"\\StagedTerminal.exe").c_str(), FALSE));
+    package_.WriteManifest(testing_store::Manifest(testing_store::Uap5Application("App", "StagedTerminal.exe", kTask)));
+    ASSERT_EQ(testsupport::SetRegText(HKEY_USERS, PackageKey(), L"PackageRootFolder", package_.Folder()), ERROR_SUCCESS);
   }
   void TearDown() override {
-    ::RegDeleteTreeW(HKEY_USERS, (testing_store::UserClasses(kPackages) + L"\\" + fullName_).c_str());
-    ::RegDeleteTreeW(HKEY_USERS, (testing_store::UserClasses(kSystemAppData) + L"\\" + family_).c_str());
+    ::RegDeleteTreeW(HKEY_USERS, PackageKey().c_str());
     if (!storageExisted_) ::DeleteFileW(StoragePath().c_str());
   }
+  std::wstring PackageKey() const { return testing_store::UserClasses(kPackages) + L"\\" + package_.FullName(); }
 
   // The JSON listing's entry for the staged task; null when it is not listed.
   picojson::value Listed() const {
@@ -75,17 +51,9 @@ class StoreStartupCtl : public ::testing::Test {
     }
     return picojson::value();
   }
+  long long State() const { return package_.State(std::wstring(kTask, kTask + sizeof(kTask) - 1)); }
 
-  long long State() const {
-    DWORD value = 0;
-    DWORD bytes = sizeof(value);
-    const std::wstring key = testing_store::UserClasses(kSystemAppData) + L"\\" + family_ + L"\\" + std::wstring(kTask, kTask + sizeof(kTask) - 1);
-    if (::RegGetValueW(HKEY_USERS, key.c_str(), L"State", RRF_RT_REG_DWORD, nullptr, &value, &bytes)) return -1;
-    return value;
-  }
-
-  testsupport::ScratchFolder package_;
-  std::wstring name_, fullName_, family_, folder_;
+  testing_store::StagedPackage package_;
   bool storageExisted_ = false;
 };
 
@@ -103,9 +71,9 @@ TEST_F(StoreStartupCtl, ListsSwitchesAndReportsAStagedPackagesTask) {
   picojson::value entry = Listed();
   ASSERT_TRUE(entry.is<picojson::object>()) << "the staged task is listed";
   EXPECT_EQ(entry.get("kind").to_str(), "store");
-  EXPECT_EQ(entry.get("package").to_str(), Narrow(fullName_));
+  EXPECT_EQ(entry.get("package").to_str(), Narrow(package_.FullName()));
   EXPECT_EQ(entry.get("state").to_str(), "disabled") << "the manifest says Enabled=false and no State is kept";
-  EXPECT_EQ(entry.get("command").to_str(), Narrow(folder_ + L"\\StagedTerminal.exe"));
+  EXPECT_EQ(entry.get("command").to_str(), Narrow(package_.Folder() + L"\\StagedTerminal.exe"));
   EXPECT_EQ(entry.get("scope").to_str(), "user");
 
   auto run = RunTool(L"enable " + task);
@@ -118,7 +86,7 @@ TEST_F(StoreStartupCtl, ListsSwitchesAndReportsAStagedPackagesTask) {
   EXPECT_EQ(State(), 1);
   entry = Listed();
   EXPECT_EQ(entry.get("state").to_str(), "disabled");
-  EXPECT_EQ(entry.get("package").to_str(), Narrow(fullName_)) << "still one entry, merged with its stored record";
+  EXPECT_EQ(entry.get("package").to_str(), Narrow(package_.FullName())) << "still one entry, merged with its stored record";
 
   run = RunTool(L"delay " + task);
   ASSERT_EQ(run.exitCode, 0u) << run.output;
@@ -137,10 +105,10 @@ TEST_F(StoreStartupCtl, ListsSwitchesAndReportsAStagedPackagesTask) {
   ASSERT_TRUE(error.empty() && report.get("apps").is<picojson::array>()) << run.output;
   const picojson::value* app = nullptr;
   for (const auto& each : report.get("apps").get<picojson::array>()) {
-    if (each.get("name").to_str() == "Staged Terminal") app = &each;
+    if (each.get("name").to_str() == "Example Terminal") app = &each;
   }
   ASSERT_NE(app, nullptr) << "named as its package presents itself: " << run.output;
-  EXPECT_EQ(app->get("owner").to_str(), "Staged Publisher");
+  EXPECT_EQ(app->get("owner").to_str(), "Example Corporation");
   EXPECT_TRUE(app->get("isStore").is<bool>() && app->get("isStore").get<bool>());
   EXPECT_EQ(app->get("status").to_str(), "enabled");
 }

@@ -19,6 +19,7 @@
 #include "support/captured_log.h"
 #include "support/programs.h"
 #include "support/scratch_folder.h"
+#include "support/staged_console.h"
 #include "support/test_thread.h"
 
 namespace {
@@ -26,7 +27,6 @@ namespace {
 using Event = boottime::BootTimeMonitor::WinBootEvent;
 using winestandins::BootEventRecord;
 constexpr DWORD kDeadlineMs = 20000;
-constexpr wchar_t kConsoleValue[] = L"ConsoleSessionWineStandInTest";
 
 std::wstring StandInFolder() { return testsupport::ExeFolder() + L"..\\winestandins\\"; }
 
@@ -36,24 +36,16 @@ std::uint64_t Now() {
   return ky::FileTimeToU64(now);
 }
 
-void SetConsole(DWORD value) {
-  ASSERT_EQ(::RegSetKeyValueW(HKEY_LOCAL_MACHINE, lumera::dev::kDevelopmentKey, kConsoleValue, REG_DWORD, &value,
-                              sizeof value),
-            ERROR_SUCCESS);
-}
+// diagperf.exe, the writer, with `arguments`.
+std::wstring Writer(const std::wstring& arguments) { return L"\"" + StandInFolder() + L"diagperf.exe\" " + arguments; }
 
 class BootEventStandInTest : public ::testing::Test {
  protected:
   void SetUp() override {
     store = scratch.file(L"events.jsonl");
     ASSERT_TRUE(::SetEnvironmentVariableW(winestandins::kStoreOverride, store.c_str()));
-    ASSERT_TRUE(::SetEnvironmentVariableW(lumera::dev::kValueOverride, kConsoleValue));
   }
-  void TearDown() override {
-    ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, lumera::dev::kDevelopmentKey, kConsoleValue);
-    ::SetEnvironmentVariableW(winestandins::kStoreOverride, nullptr);
-    ::SetEnvironmentVariableW(lumera::dev::kValueOverride, nullptr);
-  }
+  void TearDown() override { ::SetEnvironmentVariableW(winestandins::kStoreOverride, nullptr); }
   // An event of the boot before this one, as an earlier run of the writer left it.
   void AddEarlierBoot(std::uint32_t bootTime) {
     BootEventRecord earlier;
@@ -62,9 +54,6 @@ class BootEventStandInTest : public ::testing::Test {
     earlier.postBootTime = bootTime - bootTime / 2;
     earlier.bootTime = bootTime;
     ASSERT_EQ(winestandins::AppendBootEvent(store, earlier), 0u);
-  }
-  ky::unique_handle StartWriter(const std::wstring& arguments) {
-    return testsupport::StartProgram(L"\"" + StandInFolder() + L"diagperf.exe\" " + arguments);
   }
   bool WaitLogged(const wchar_t* text) { return testsupport::WaitUntil([&] { return log.contains(text); }, kDeadlineMs); }
   std::vector<BootEventRecord> Stored() {
@@ -75,13 +64,14 @@ class BootEventStandInTest : public ::testing::Test {
 
   testsupport::CapturedLog log;
   testsupport::ScratchFolder scratch;
+  testsupport::StagedConsole console{L"ConsoleSessionWineStandInTest"};
   std::wstring store;
 };
 
 TEST_F(BootEventStandInTest, TheModuleTakesTheEventTheWriterWritesAfterLogonAndSkipsEarlierBoots) {
   if (!lumera::dev::RunningUnderWine()) GTEST_SKIP() << "the stand-ins are for Wine prefixes only";
   AddEarlierBoot(61000);
-  SetConsole(0);
+  console.Set(0);
 
   Event event(boottime::SystemClock::Instance(), StandInFolder() + L"wevtapi.dll");
   ASSERT_TRUE(event.Start());
@@ -93,12 +83,12 @@ TEST_F(BootEventStandInTest, TheModuleTakesTheEventTheWriterWritesAfterLogonAndS
   ASSERT_TRUE(WaitLogged(L"bootTime=72000"));
   EXPECT_FALSE(event.Done());
 
-  ky::unique_handle writer = StartWriter(L"--idle-seconds 1 --idle-percent 0 --poll-ms 100 --max-seconds 30");
+  ky::unique_handle writer = testsupport::StartProgram(Writer(L"--idle-seconds 1 --idle-percent 0 --poll-ms 100 --max-seconds 30"));
   ASSERT_TRUE(writer);
   EXPECT_EQ(::WaitForSingleObject(writer.get(), 1500), static_cast<DWORD>(WAIT_TIMEOUT))
       << "the writer must wait for the logon";
   const auto logonTick = static_cast<std::uint32_t>(::GetTickCount64());
-  SetConsole(1);
+  console.Set(1);
   ASSERT_EQ(::WaitForSingleObject(writer.get(), kDeadlineMs), WAIT_OBJECT_0);
   DWORD code = 99;
   ASSERT_TRUE(::GetExitCodeProcess(writer.get(), &code));
@@ -117,17 +107,10 @@ TEST_F(BootEventStandInTest, TheModuleTakesTheEventTheWriterWritesAfterLogonAndS
   event.Stop();
 
   // A second writer in the same boot adds nothing.
-  ky::unique_handle again = StartWriter(L"--max-seconds 5");
-  ASSERT_TRUE(again);
-  ASSERT_EQ(::WaitForSingleObject(again.get(), kDeadlineMs), WAIT_OBJECT_0);
+  ASSERT_NE(testsupport::RunProgram(Writer(L"--max-seconds 5"), kDeadlineMs).exitCode, static_cast<DWORD>(WAIT_TIMEOUT));
   EXPECT_EQ(Stored().size(), 3u);
-
   for (const wchar_t* bad : {L"--idle-percent 101", L"--poll-ms 0", L"--max-seconds", L"--unknown 1"}) {
-    ky::unique_handle refused = StartWriter(bad);
-    ASSERT_TRUE(refused);
-    ASSERT_EQ(::WaitForSingleObject(refused.get(), kDeadlineMs), WAIT_OBJECT_0);
-    ASSERT_TRUE(::GetExitCodeProcess(refused.get(), &code));
-    EXPECT_EQ(code, 2u) << bad;
+    EXPECT_EQ(testsupport::RunProgram(Writer(bad), kDeadlineMs).exitCode, 2u) << bad;
   }
 }
 
@@ -193,10 +176,7 @@ TEST(BootEventStore, MalformedAndOversizedLinesAreSkipped) {
                            "{\"id\":\"3\",\"created\":\"1\",\"BootTime\":\"4294967296\",\"MainPathBootTime\":\"0\","
                            "\"BootPostBootTime\":\"0\"}\n" +
                            winestandins::FormatBootEvent(good);  // no line end yet: still being written
-  ky::unique_file file(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
-  DWORD written = 0;
-  ASSERT_TRUE(::WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr));
-  file.reset();
+  testsupport::WriteFileBytes(path, text);
   std::vector<BootEventRecord> records;
   ASSERT_TRUE(winestandins::ReadBootEvents(path, records));
   ASSERT_EQ(records.size(), 1u);

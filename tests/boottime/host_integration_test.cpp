@@ -11,6 +11,7 @@
 #include "boottime/boot_time_disk_performance.h"
 #include "boottime/processes.h"
 #include "boottime/processes_monitor.h"
+#include "boottime_child.h"
 #include "common/unique_handle.h"
 #include "component_manager.h"
 #include "fakes.h"
@@ -28,32 +29,7 @@ namespace {
 
 constexpr DWORD kDeadlineMs = 10000;
 
-class Child {
- public:
-  Child() {
-    eventName_ = L"boottime_child_" + std::to_wstring(::GetCurrentProcessId()) + L"_" + std::to_wstring(++count_);
-    done_.reset(::CreateEventW(nullptr, TRUE, FALSE, eventName_.c_str()));
-    process_ = testsupport::StartProgram(L"\"" + testsupport::ExeFolder() + L"boottime_child.exe\" " + eventName_);
-    pid_ = process_ ? ::GetProcessId(process_.get()) : 0;
-  }
-  ~Child() { End(); }
-  std::uint32_t Pid() const { return pid_; }
-  // Asks the child to end and waits (bounded) until it has.
-  bool End() {
-    if (!process_) return true;
-    ::SetEvent(done_.get());
-    const bool ended = ::WaitForSingleObject(process_.get(), kDeadlineMs) == WAIT_OBJECT_0;
-    process_.reset();
-    return ended;
-  }
-
- private:
-  static inline int count_ = 0;
-  std::wstring eventName_;
-  ky::unique_handle done_;
-  ky::unique_handle process_;
-  std::uint32_t pid_ = 0;
-};
+using testing_boottime::Child;
 
 const TrackedProcess* Find(const BootTimeMonitor::Processes& processes, std::uint32_t pid) {
   for (const TrackedProcess& record : processes.List()) {

@@ -20,11 +20,11 @@
 #include "boottime/processes_monitor.h"
 #include "common/unique_handle.h"
 #include "component_manager.h"
-#include "lumera_dev/console_session.h"
 #include "lumera_dev/service_account.h"
 #include "plugin/boottime_plugin.h"
 #include "support/captured_log.h"
 #include "support/scratch_folder.h"
+#include "support/staged_console.h"
 #include "support/test_thread.h"
 #include "users/ky_users.h"
 #include "users/user_logon.h"
@@ -194,26 +194,13 @@ bool WriteFile(const std::wstring& path, const std::string& text) {
   return testsupport::ReadFileBytes(path) == text;
 }
 
-bool Exists(const std::wstring& path) { return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
-
 class PluginRun : public ::testing::Test {
  protected:
   void SetUp() override {
-    const std::wstring value = L"ConsoleSession.plugin" + std::to_wstring(::GetCurrentProcessId());
-    ::SetEnvironmentVariableW(lumera::dev::kValueOverride, value.c_str());
-    valueName_ = value;
     config_.folders[L"2:common"] = scratch_.path();
     host_ = std::make_unique<host::ComponentManager>(config_);
   }
-  void TearDown() override {
-    host_->Shutdown();
-    ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, lumera::dev::kDevelopmentKey, valueName_.c_str());
-  }
-  bool StageLogon(bool loggedOn) {
-    DWORD value = loggedOn ? 1 : 0;
-    return ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, lumera::dev::kDevelopmentKey, valueName_.c_str(), REG_DWORD, &value,
-                             sizeof value) == ERROR_SUCCESS;
-  }
+  void TearDown() override { host_->Shutdown(); }
   std::wstring Folder() const { return scratch_.path() + L"velora\\"; }
   std::wstring BootFile() const { return Folder() + BootTimeMonitor::kFileName; }
   std::wstring ImpactFile() const { return Folder() + kProcessImpactFileName; }
@@ -246,7 +233,7 @@ class PluginRun : public ::testing::Test {
   // Lets the host make the plug-ins and threads it keeps for its whole life, so that what
   // remains after a Stop is the module's.
   void WarmUpHost() {
-    ASSERT_TRUE(StageLogon(true));
+    ASSERT_NO_FATAL_FAILURE(console_.Set(1));
     FakeClock clock;
     FakeCounters counters(&clock);
     {
@@ -263,6 +250,7 @@ class PluginRun : public ::testing::Test {
     log_.clear();
   }
 
+  testsupport::StagedConsole console_{L"ConsoleSession.plugin"};
   testsupport::CapturedLog log_;
   testsupport::ScratchFolder scratch_;
   host::HostConfig config_;
@@ -270,12 +258,11 @@ class PluginRun : public ::testing::Test {
   CUserLogon tracker_;
   CUserLogon::ScopedOverride override_{tracker_};
   Listener listener_;
-  std::wstring valueName_;
 };
 
 TEST_F(PluginRun, FirstStartWithAUserLoggedOnMeasuresNothingAndTellsTwo) {
   WarmUpHost();
-  ASSERT_TRUE(StageLogon(true));
+  ASSERT_NO_FATAL_FAILURE(console_.Set(1));
   FakeClock clock;
   FakeCounters counters(&clock);
   CBootTimePlugin plugin(clock, counters);
@@ -300,8 +287,8 @@ TEST_F(PluginRun, FirstStartWithAUserLoggedOnMeasuresNothingAndTellsTwo) {
   StopPromptly(plugin, threadsBefore);
   EXPECT_EQ(log_.entriesFor(L"boottime::CBootTimePlugin::SendReportToCentral").empty(), false)
       << "the run started a report";
-  EXPECT_FALSE(Exists(BootFile()));
-  EXPECT_FALSE(Exists(ImpactFile()));
+  EXPECT_FALSE(testsupport::Exists(BootFile()));
+  EXPECT_FALSE(testsupport::Exists(ImpactFile()));
   EXPECT_EQ(plugin.UnInit(), 0u);
 }
 
@@ -315,7 +302,7 @@ TEST_F(PluginRun, StopDuringTheReportEndsTheCentralsConnectAtOnceAndLeavesNoThre
     SCOPED_TRACE(kind == UnansweringCentral::Kind::kSilent ? "central accepts and never welcomes" : "central busy");
     UnansweringCentral central(kind);
     ASSERT_TRUE(central.Ready(kind));
-    ASSERT_TRUE(StageLogon(true));
+    ASSERT_NO_FATAL_FAILURE(console_.Set(1));
     log_.clear();
     FakeClock clock;
     FakeCounters counters(&clock);
@@ -334,7 +321,7 @@ TEST_F(PluginRun, StopDuringTheReportEndsTheCentralsConnectAtOnceAndLeavesNoThre
 }
 
 TEST_F(PluginRun, AStoredStartWithinTwoSecondsReloadsAndExactlyTwoSecondsMeasures) {
-  ASSERT_TRUE(StageLogon(false));
+  ASSERT_NO_FATAL_FAILURE(console_.Set(0));
   struct Case {
     std::int64_t difference;
     bool reloads;
@@ -383,7 +370,7 @@ TEST_F(PluginRun, AStoredStartWithinTwoSecondsReloadsAndExactlyTwoSecondsMeasure
 
 TEST_F(PluginRun, StopDuringMonitoringEndsAtOnceWritesNothingAndASecondStartReloadsWithoutReport) {
   WarmUpHost();
-  ASSERT_TRUE(StageLogon(false));
+  ASSERT_NO_FATAL_FAILURE(console_.Set(0));
   ASSERT_TRUE(StoreResults(kFakeSystemStart - 60000, 999));  // an earlier boot's results
   HybridClock clock(0);
   CBootTimePlugin plugin(clock);
@@ -424,7 +411,7 @@ TEST_F(PluginRun, StopDuringMonitoringEndsAtOnceWritesNothingAndASecondStartRelo
 
 TEST_F(PluginRun, StopDuringTheDiskMeasurementEndsAtOnceWithRunStatusTwo) {
   WarmUpHost();
-  ASSERT_TRUE(StageLogon(true));
+  ASSERT_NO_FATAL_FAILURE(console_.Set(1));
   ASSERT_TRUE(StoreResults(kFakeSystemStart - 60000, 999));  // an earlier boot's results
   // The monitor's minute after logon passes in virtual time; the disk's waits are real.
   HybridClock clock(BootTimeMonitor::kAfterLogonMs + 1000);
@@ -444,7 +431,7 @@ TEST_F(PluginRun, StopDuringTheDiskMeasurementEndsAtOnceWithRunStatusTwo) {
 
 TEST_F(PluginRun, RunsStoppedWhileMonitoringLeaveNoHandleOrThreadBehind) {
   WarmUpHost();
-  ASSERT_TRUE(StageLogon(false));
+  ASSERT_NO_FATAL_FAILURE(console_.Set(0));
   // Wine opens a few handles of its own on first use, so leaks are counted over several runs.
   constexpr int kRuns = 4;
   HandleCensus before;

@@ -16,6 +16,7 @@
 #include "fake_wevtapi/fake_wevtapi.h"
 #include "fakes.h"
 #include "support/scratch_folder.h"
+#include "support/test_thread.h"
 
 namespace boottime {
 namespace {
@@ -56,10 +57,7 @@ class BootEventTest : public ::testing::Test {
   // Starts watching and waits for the real "RpcSs" notification to subscribe.
   void StartSubscribed(Event& event) {
     ASSERT_TRUE(event.Start());
-    const DWORD start = ::GetTickCount();
-    while (Stats().subscriptions == 0 && !event.Done() && ::GetTickCount() - start < kDeadlineMs) {
-      ::WaitForSingleObject(never.get(), 20);
-    }
+    testsupport::WaitUntil([&] { return Stats().subscriptions != 0 || event.Done(); }, kDeadlineMs);
     ASSERT_EQ(Stats().subscriptions, 1u) << "no subscription after the RpcSs notification; result "
                                           << event.ResultState();
   }
@@ -105,25 +103,25 @@ TEST_F(BootEventTest, OnlyAnEventOfThisBootCreatedAfterStartGivesItsTime) {
   EXPECT_EQ(Stats().foreignHandles, 0u) << "no call on a handle the library did not hand out";
 }
 
-TEST_F(BootEventTest, ThisBootsEventCreatedBeforeStartGivesThreeAndNoTime) {
-  add(Created(-3'600'000), 90000, fakewevt::kUInt32);
-  Event event(clock, DoublePath());
-  StartSubscribed(event);
-  add(Created(-1000), 41000, fakewevt::kUInt32);
-  ASSERT_TRUE(WaitDone(event));
-  EXPECT_EQ(event.ResultState(), Event::kResultBeforeStart);
-  EXPECT_EQ(event.BootTime(), 0u);
-}
-
-TEST_F(BootEventTest, AMissingOrMistypedBootTimeFails) {
-  for (std::uint32_t kind : {fakewevt::kMissing, fakewevt::kAsString}) {
+// This boot's event created before Start gives three; a missing or mistyped time fails.
+TEST_F(BootEventTest, AnEventBeforeStartOrWithoutAWholeTimeEndsTheWaitWithoutATime) {
+  const struct {
+    std::int64_t created;
+    std::uint32_t kind;
+    std::uint32_t state;
+  } cases[] = {{-1000, fakewevt::kUInt32, Event::kResultBeforeStart},
+               {1000, fakewevt::kMissing, Event::kResultFailed},
+               {1000, fakewevt::kAsString, Event::kResultFailed}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(::testing::Message() << "created " << c.created << ", kind " << c.kind);
     reset();
     add(Created(-3'600'000), 90000, fakewevt::kUInt32);
     Event event(clock, DoublePath());
     StartSubscribed(event);
-    add(Created(1000), 0, kind);
-    ASSERT_TRUE(WaitDone(event)) << kind;
-    EXPECT_EQ(event.ResultState(), Event::kResultFailed) << kind;
+    add(Created(c.created), 41000, c.kind);
+    ASSERT_TRUE(WaitDone(event));
+    EXPECT_EQ(event.ResultState(), c.state);
+    EXPECT_EQ(event.BootTime(), 0u);
     event.Stop();
   }
 }
@@ -227,8 +225,7 @@ TEST_F(BootEventTest, TheMonitorStopsAtThisBootsEventButKeepsItsOwnMeasure) {
   ASSERT_EQ(monitor.Init(nullptr, &data), 0u);
   staged.onWait = [&] {
     if (staged.waits != 1) return;
-    const DWORD start = ::GetTickCount();
-    while (Stats().subscriptions == 0 && ::GetTickCount() - start < kDeadlineMs) ::WaitForSingleObject(never.get(), 20);
+    testsupport::WaitUntil([&] { return Stats().subscriptions != 0; }, kDeadlineMs);
     add((staged.WallClock() + 500) * 10000, 102026, fakewevt::kUInt32);
     ::WaitForSingleObject(monitor.BootEvent()->DoneEvent(), kDeadlineMs);
   };

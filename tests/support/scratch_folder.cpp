@@ -3,12 +3,13 @@
 #include <windows.h>
 
 #include <atomic>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
 
+#include "common/json_file.h"
 #include "common/module_library.h"
-#include "common/unique_handle.h"
 
 namespace testsupport {
 namespace {
@@ -42,13 +43,8 @@ std::wstring UniqueSuffix() {
 std::wstring ExeFolder() { return ky::ModuleFolder(nullptr); }
 
 std::string ReadFileBytes(const std::wstring& path) {
-  ky::unique_file file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                     nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
   std::string bytes;
-  if (!file) return bytes;
-  char chunk[64 * 1024];
-  DWORD read = 0;
-  while (::ReadFile(file.get(), chunk, sizeof(chunk), &read, nullptr) && read > 0) bytes.append(chunk, read);
+  (void)ky::ReadFileBytes(path, bytes, SIZE_MAX);
   return bytes;
 }
 

@@ -11,11 +11,9 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <cwchar>
 #include <filesystem>
 #include <map>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "common/com_ptr.h"
@@ -25,6 +23,7 @@
 #include "picojson.h"
 #include "stageduser/hive_registry.h"
 #include "support/programs.h"
+#include "support/registry_values.h"
 #include "support/scratch_folder.h"
 
 namespace {
@@ -96,14 +95,10 @@ TEST(LogonEntries, TakeStringRunValuesAndFilesAndReadEachOnesApproval) {
   files.kind = logon::EntryKind::kStartupFile;
   files.folder = folder.path().substr(0, folder.path().size() - 1);
   files.approval = {HKEY_CURRENT_USER, scratch.top + L"\\ApprovedFolder"};
-  for (const auto& [name, type, text] : {std::tuple{L"Plain", REG_SZ, L"plain.exe /a"},
-                                         std::tuple{L"Expanding", REG_EXPAND_SZ, L"%WINDIR%\\x.exe"}}) {
-    ASSERT_EQ(::RegSetKeyValueW(HKEY_CURRENT_USER, run.run.subkey.c_str(), name, type, text,
-                                static_cast<DWORD>((wcslen(text) + 1) * sizeof(wchar_t))),
-              ERROR_SUCCESS);
-  }
-  const DWORD word = 1;
-  ASSERT_EQ(::RegSetKeyValueW(HKEY_CURRENT_USER, run.run.subkey.c_str(), L"NotText", REG_DWORD, &word, sizeof word), 0);
+  ASSERT_EQ(testsupport::SetRegText(HKEY_CURRENT_USER, run.run.subkey, L"Plain", L"plain.exe /a"), ERROR_SUCCESS);
+  ASSERT_EQ(testsupport::SetRegText(HKEY_CURRENT_USER, run.run.subkey, L"Expanding", L"%WINDIR%\\x.exe", REG_EXPAND_SZ),
+            ERROR_SUCCESS);
+  ASSERT_EQ(testsupport::SetRegDword(HKEY_CURRENT_USER, run.run.subkey, L"NotText", 1), ERROR_SUCCESS);
   Approve(run.approval, L"Plain", kDisabled);
   Approve(run.approval, L"Expanding", kEnabled);
   testsupport::WriteFileBytes(folder.file(L"app.exe"));
@@ -154,6 +149,12 @@ LogonOutput Parse(const std::string& output) {
   return lines;
 }
 
+// One of the staging tools in build/bin/winestandins.
+testsupport::ProgramRun Tool(const wchar_t* exe, const std::wstring& arguments) {
+  return testsupport::RunProgram(testsupport::Quoted(testsupport::BinFolder() / L"winestandins" / exe) + L" " + arguments,
+                                 kToolTimeoutMs);
+}
+
 // A staged user of the test's own, created by stageduser.exe with a development key of its
 // own, and everything it made removed afterwards.
 class StagedLogon : public ::testing::Test {
@@ -162,8 +163,7 @@ class StagedLogon : public ::testing::Test {
     ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
     const auto run = Tool(L"stageduser.exe", L"create " + name_ + L" --sid " + sid_ + L" --key " + devKey_);
     ASSERT_EQ(run.exitCode, 0u) << run.output;
-    const DWORD loggedOn = 1;
-    ASSERT_EQ(::RegSetKeyValueW(HKEY_LOCAL_MACHINE, devKey_.c_str(), L"ConsoleSession", REG_DWORD, &loggedOn, sizeof loggedOn), 0);
+    ASSERT_EQ(testsupport::SetRegDword(HKEY_LOCAL_MACHINE, devKey_, L"ConsoleSession", 1), ERROR_SUCCESS);
     ASSERT_TRUE(winestandins::ProfileOfSid(sid_, profile_));
     startup_ = profile_ + L"\\" + winestandins::kStartupFolder;
   }
@@ -174,11 +174,6 @@ class StagedLogon : public ::testing::Test {
     std::error_code ignored;
     if (!profile_.empty()) std::filesystem::remove_all(std::filesystem::path(profile_), ignored);
     ::CoUninitialize();
-  }
-
-  static testsupport::ProgramRun Tool(const wchar_t* exe, const std::wstring& arguments) {
-    return testsupport::RunProgram(testsupport::Quoted(testsupport::BinFolder() / L"winestandins" / exe) + L" " + arguments,
-                                   kToolTimeoutMs);
   }
 
   // stagedlogon.exe for this test's user: its environment names the test's development key.
@@ -198,10 +193,8 @@ class StagedLogon : public ::testing::Test {
            testsupport::Quoted(folder_.file(report));
   }
   void SetRunValue(const std::wstring& report) const {
-    const std::wstring command = Workload(report);
-    ASSERT_EQ(::RegSetKeyValueW(HKEY_USERS, (sid_ + L"\\" + logon::kRunSubkey).c_str(), L"LumeraProbeRun", REG_SZ,
-                                command.c_str(), static_cast<DWORD>((command.size() + 1) * sizeof(wchar_t))),
-              0);
+    ASSERT_EQ(testsupport::SetRegText(HKEY_USERS, sid_ + L"\\" + logon::kRunSubkey, L"LumeraProbeRun", Workload(report)),
+              ERROR_SUCCESS);
   }
   void SetShortcut(const std::wstring& report) const {
     ky::com_ptr<IShellLinkW> link;
@@ -254,10 +247,13 @@ class StagedLogon : public ::testing::Test {
 TEST_F(StagedLogon, PassesOverWhatStartupctlDisabledAndStartsItOnceEnabledAgain) {
   SetRunValue(L"run.json");
   SetShortcut(L"link.json");
-  for (const wchar_t* name : {L"LumeraProbeRun", L"LumeraProbe.lnk"}) {
-    const auto run = Startupctl(std::wstring(L"disable ") + name);
-    ASSERT_EQ(run.exitCode, 0u) << run.output;
-  }
+  const auto switchBoth = [&](const std::wstring& verb) {
+    for (const wchar_t* name : {L"LumeraProbeRun", L"LumeraProbe.lnk"}) {
+      const auto run = Startupctl(verb + name);
+      ASSERT_EQ(run.exitCode, 0u) << run.output;
+    }
+  };
+  ASSERT_NO_FATAL_FAILURE(switchBoth(L"disable "));
   const LogonOutput first = Logon();
   for (const char* name : {"LumeraProbeRun", "LumeraProbe.lnk"}) {
     const auto found = first.find(name);
@@ -272,10 +268,7 @@ TEST_F(StagedLogon, PassesOverWhatStartupctlDisabledAndStartsItOnceEnabledAgain)
   EXPECT_TRUE(testsupport::ReadFileBytes(folder_.file(L"run.json")).empty()) << "a disabled Run entry ran";
   EXPECT_TRUE(testsupport::ReadFileBytes(folder_.file(L"link.json")).empty()) << "a disabled shortcut ran";
 
-  for (const wchar_t* name : {L"LumeraProbeRun", L"LumeraProbe.lnk"}) {
-    const auto run = Startupctl(std::wstring(L"enable ") + name);
-    ASSERT_EQ(run.exitCode, 0u) << run.output;
-  }
+  ASSERT_NO_FATAL_FAILURE(switchBoth(L"enable "));
   const LogonOutput second = Logon();
   ExpectStartedAndReported(second, "LumeraProbeRun", L"run.json");
   ExpectStartedAndReported(second, "LumeraProbe.lnk", L"link.json");
@@ -312,18 +305,14 @@ TEST_F(StagedLogon, RefusesAGarbledSavedHiveAndLoadsItWholeOnceMended) {
 }
 
 TEST(StagingTools, AnswerHelpWithZeroAndABadCommandLineWithTwo) {
-  const auto tool = [](const wchar_t* exe, const std::wstring& arguments) {
-    return testsupport::RunProgram(testsupport::Quoted(testsupport::BinFolder() / L"winestandins" / exe) + L" " + arguments,
-                                   kToolTimeoutMs);
-  };
   for (const wchar_t* exe : {L"stageduser.exe", L"stagedlogon.exe"}) {
-    const auto help = tool(exe, L"--help");
+    const auto help = Tool(exe, L"--help");
     EXPECT_EQ(help.exitCode, 0u) << Narrow(exe);
     EXPECT_NE(help.output.find("Exit codes"), std::string::npos) << help.output;
-    EXPECT_EQ(tool(exe, L"--bogus").exitCode, 2u) << Narrow(exe);
+    EXPECT_EQ(Tool(exe, L"--bogus").exitCode, 2u) << Narrow(exe);
   }
-  EXPECT_EQ(tool(L"stageduser.exe", L"create bad:name").exitCode, 2u);
-  EXPECT_EQ(tool(L"stageduser.exe", L"create someone --sid S-1-5-18").exitCode, 2u) << "not an account's SID";
+  EXPECT_EQ(Tool(L"stageduser.exe", L"create bad:name").exitCode, 2u);
+  EXPECT_EQ(Tool(L"stageduser.exe", L"create someone --sid S-1-5-18").exitCode, 2u) << "not an account's SID";
 }
 
 }  // namespace

@@ -8,9 +8,9 @@
 
 #include "../boottime/fakes.h"
 #include "common/module_library.h"
+#include "lumera/interface_ids.h"
 #include "lumera/productinfo.h"
 #include "plugin/boottime_plugin.h"
-#include "lumera/interface_ids.h"
 #include "support/captured_log.h"
 #include "support/fake_host.h"
 #include "support/plugin_stub.h"

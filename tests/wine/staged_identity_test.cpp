@@ -19,6 +19,7 @@
 #include "lumera/kyusers.h"
 #include "lumera_dev/console_session.h"
 #include "lumera_dev/staged_identity.h"
+#include "support/registry_values.h"
 #include "support/scratch_folder.h"
 
 namespace {
@@ -114,14 +115,10 @@ class StagedIdentityTest : public ::testing::Test {
   }
 
   void SetText(HKEY root, const std::wstring& path, const wchar_t* name, const std::wstring& text, DWORD type) {
-    ASSERT_EQ(::RegSetKeyValueW(root, path.c_str(), name, type, text.c_str(),
-                                static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t))),
-              ERROR_SUCCESS)
-        << name;
+    ASSERT_EQ(testsupport::SetRegText(root, path, name, text, type), ERROR_SUCCESS) << name;
   }
   void SetConsole(DWORD loggedOn) {
-    ASSERT_EQ(::RegSetKeyValueW(HKEY_LOCAL_MACHINE, key_.c_str(), lumera::dev::kConsoleSessionValue, REG_DWORD,
-                                &loggedOn, sizeof loggedOn),
+    ASSERT_EQ(testsupport::SetRegDword(HKEY_LOCAL_MACHINE, key_, lumera::dev::kConsoleSessionValue, loggedOn),
               ERROR_SUCCESS);
   }
   std::wstring ProfileKey() const { return std::wstring(lumera::dev::kProfileListKey) + L"\\" + sid_; }

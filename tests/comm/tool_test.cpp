@@ -1,7 +1,6 @@
 // boottime.exe against a real "boottimepipe" server backed by a fake plug-in.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <string>
 
 #include "boottime/comm/boottime_comm.h"
@@ -50,15 +49,14 @@ TEST(BootTimeTool, PrintsAnswersFailuresAndBroadcasts) {
 
   {
     // Broadcast until the tool has connected and heard one.
-    std::atomic<bool> stop{false};
+    testsupport::Event stop;
     testsupport::TestThread broadcaster([&] {
-      while (!stop) {
+      do {
         fake.OnDataAnalysed(0);
-        ::Sleep(100);
-      }
+      } while (!stop.waitFor(100));
     });
     const auto watch = RunTool(L"watch --count 1");
-    stop = true;
+    stop.set();
     EXPECT_EQ(watch.exitCode, 0u) << watch.output;
     EXPECT_NE(watch.output.find("data analysed: status 0"), std::string::npos) << watch.output;
   }

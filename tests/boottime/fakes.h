@@ -109,8 +109,7 @@ class FakeCounters final : public IProcessCountersSource {
 
 // Whether the log has a message under boottime::`function` with exactly `text`.
 inline bool Logged(const testsupport::CapturedLog& log, const std::wstring& function, std::wstring_view text) {
-  const auto entries = log.entriesFor(L"boottime::" + function);
-  return std::any_of(entries.begin(), entries.end(), [&](const testsupport::LogEntry& e) { return e.text == text; });
+  return log.countUnder(L"boottime::" + function, text) > 0;
 }
 
 // A "LoadUsage" plug-in answering `code`, or else the scripted figures in turn (the last one

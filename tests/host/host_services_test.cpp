@@ -167,12 +167,8 @@ TEST(SerialExecution, AnAllocationFailureInPostOrInAnItemIsACodeAndALogLineAndTh
   ASSERT_TRUE(WaitFor(journal.released, kItems + 2)) << "the refused item is released too: Post owns it either way";
   EXPECT_EQ(journal.order.size(), static_cast<std::size_t>(posted)) << "every queued item ran, the throwing one aside";
   EXPECT_EQ(journal.order.back(), 1000);
-  auto outOfMemoryUnder = [&log](const wchar_t* where) {
-    const auto lines = log.entriesFor(where);
-    return std::count_if(lines.begin(), lines.end(), [](const auto& e) { return e.text == L"exception: out of memory"; });
-  };
-  EXPECT_EQ(outOfMemoryUnder(L"host::SerialExecution::Post"), 1);
-  EXPECT_EQ(outOfMemoryUnder(L"host::SerialExecution::Run"), 1);
+  EXPECT_EQ(log.countUnder(L"host::SerialExecution::Post", L"exception: out of memory"), 1u);
+  EXPECT_EQ(log.countUnder(L"host::SerialExecution::Run", L"exception: out of memory"), 1u);
   EXPECT_EQ(queue.destroySerialExecution(execution), 0u);
 }
 

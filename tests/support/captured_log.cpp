@@ -1,5 +1,7 @@
 #include "support/captured_log.h"
 
+#include <algorithm>
+
 #include "support/scratch_folder.h"
 
 namespace testsupport {
@@ -26,6 +28,11 @@ std::vector<LogEntry> CapturedLog::entriesFor(std::wstring_view function) const 
     if (entry.function == function) result.push_back(std::move(entry));
   }
   return result;
+}
+
+std::size_t CapturedLog::countUnder(std::wstring_view function, std::wstring_view text) const {
+  const auto under = entriesFor(function);
+  return static_cast<std::size_t>(std::count_if(under.begin(), under.end(), [&](const LogEntry& e) { return e.text == text; }));
 }
 
 void CapturedLog::clear() {

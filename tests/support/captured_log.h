@@ -52,6 +52,8 @@ class CapturedLog {
   std::vector<LogEntry> entries() const;
   // Messages written under this function name, oldest first.
   std::vector<LogEntry> entriesFor(std::wstring_view function) const;
+  // How many messages under this function name have exactly the given text.
+  std::size_t countUnder(std::wstring_view function, std::wstring_view text) const;
   void clear();
   // Whether any message's text contains the given text, and how many do.
   bool contains(std::wstring_view text) const { return count(text) > 0; }

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <string>
 
+#include "startup/scratch.h"
 #include "startup/startup_storage.h"
 #include "support/captured_log.h"
 #include "support/programs.h"
@@ -20,13 +21,6 @@
 #include "users/user_profile.h"
 
 namespace {
-
-bool LoggedUnder(const testsupport::CapturedLog& log, std::wstring_view function, std::wstring_view text) {
-  for (const auto& entry : log.entriesFor(function)) {
-    if (entry.text == text) return true;
-  }
-  return false;
-}
 
 // A profile of the account the test runs as, with its own token, made current for one test.
 std::shared_ptr<const velora::utils::CUserProfile> ProfileWithToken() {
@@ -52,8 +46,8 @@ TEST(StartLauncherCheckExec, ALogoffStartsTheCheckAsTheUserFromTheModulesFolderO
   {
     const ProfileOverride nobody(get, set, nullptr);
     check.OnLogoff(2, L"user");  // no folder known: the users library is not loaded
-    EXPECT_TRUE(LoggedUnder(log, L"CStartLauncherCheckExec::Run",
-                            L"Process = 'StartLauncher.exe /checkcrtuser' could not be created. Error = 1008"))
+    EXPECT_GT(log.countUnder(L"CStartLauncherCheckExec::Run",
+                             L"Process = 'StartLauncher.exe /checkcrtuser' could not be created. Error = 1008"), 0u)
         << "without the user's token nothing is started as the service";
   }
 
@@ -88,20 +82,13 @@ TEST(StartLauncherCheckExec, ALogoffStartsTheCheckAsTheUserFromTheModulesFolderO
   const std::wstring folder = tracker.AppDataFolder();
   ASSERT_FALSE(folder.empty()) << "the Wine user has a roaming folder";
   check.OnLogoff(3, L"user");
-  EXPECT_TRUE(LoggedUnder(log, L"CStartLauncherCheckExec::Run",
-                          L"Process = 'StartLauncher.exe \"/checkuser:" + folder + L"\"' could not be created. Error = 2"))
+  EXPECT_GT(log.countUnder(L"CStartLauncherCheckExec::Run",
+                           L"Process = 'StartLauncher.exe \"/checkuser:" + folder + L"\"' could not be created. Error = 2"), 0u)
       << "StartLauncher.exe is not beside the test program; the planted copies are not started";
   velora::utils::CKYUsers::Instance().UnloadDll();
 }
 
-startup::StartupItemPtr Item(const wchar_t* name, const std::wstring& location, const std::wstring& path) {
-  auto item = std::make_shared<startup::StartupItem>();
-  item->name = name;
-  item->location = location;
-  item->path = path;
-  item->isUser = 1;
-  return item;
-}
+using testing_startup::MakeItem;
 
 class StartLauncherProgram : public ::testing::Test {
  protected:
@@ -138,12 +125,12 @@ TEST_F(StartLauncherProgram, DropsStaleRecordsAndKeepsLiveOnes) {
   std::ofstream(std::filesystem::path(live)) << "x";
   startup::storage::CStartupItemsStorage store;
   store.Init(storePath);
-  ASSERT_EQ(store.SaveStartupItems({Item(L"LiveRun", run, L"\"" + live + L"\" /min"),
-                                    Item(L"StaleRun", run, L"C:\\nowhere\\gone.exe")},
+  ASSERT_EQ(store.SaveStartupItems({MakeItem(L"LiveRun", run, L"\"" + live + L"\" /min"),
+                                    MakeItem(L"StaleRun", run, L"C:\\nowhere\\gone.exe")},
                                    startup::kCategoryDisabled),
             0u);
-  ASSERT_EQ(store.SaveStartupItems({Item(L"StaleLink.lnk", folder.path(), folder.file(L"gone.lnk")),
-                                    Item(L"live.exe", folder.path(), live)},
+  ASSERT_EQ(store.SaveStartupItems({MakeItem(L"StaleLink.lnk", folder.path(), folder.file(L"gone.lnk")),
+                                    MakeItem(L"live.exe", folder.path(), live)},
                                    startup::kCategoryStartupDelayed),
             0u);
 

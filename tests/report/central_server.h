@@ -5,6 +5,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -38,28 +39,18 @@ class CentralServer {
 
   // The first message with `id` (waiting up to `ms` for it), taken out of the inbox.
   bool Take(std::uint32_t id, ReceivedMessage& out, DWORD ms = testsupport::kLongWait) {
-    const ULONGLONG deadline = ::GetTickCount64() + ms;
-    for (;;) {
-      {
-        std::lock_guard<std::mutex> hold(lock_);
-        for (auto it = inbox_.begin(); it != inbox_.end(); ++it) {
-          if (it->id == id) {
-            out = *it;
-            inbox_.erase(it);
-            return true;
-          }
-        }
-      }
-      const ULONGLONG now = ::GetTickCount64();
-      if (now >= deadline || !arrived_.waitFor(static_cast<DWORD>(deadline - now))) return false;
-      ::ResetEvent(arrived_.get());
-    }
+    return testsupport::WaitUntil([&] {
+      std::lock_guard<std::mutex> hold(lock_);
+      const auto it = std::find_if(inbox_.begin(), inbox_.end(), [&](const ReceivedMessage& m) { return m.id == id; });
+      if (it == inbox_.end()) return false;
+      out = *it;
+      inbox_.erase(it);
+      return true;
+    }, ms);
   }
   std::size_t Count(std::uint32_t id) {
     std::lock_guard<std::mutex> hold(lock_);
-    std::size_t n = 0;
-    for (const auto& message : inbox_) n += message.id == id ? 1 : 0;
-    return n;
+    return static_cast<std::size_t>(std::count_if(inbox_.begin(), inbox_.end(), [&](const auto& m) { return m.id == id; }));
   }
 
   // Posts `bytes` as they are (no terminator added) to the client that spoke last.
@@ -70,12 +61,9 @@ class CentralServer {
  private:
   static std::uint32_t __cdecl Callback(void* context, const pipelink::PipeMessage* message) {
     auto* self = static_cast<CentralServer*>(context);
-    {
-      std::lock_guard<std::mutex> hold(self->lock_);
-      self->lastClient_ = message->clientId;
-      self->inbox_.push_back({message->id, std::string(reinterpret_cast<const char*>(message->payload), message->size)});
-    }
-    self->arrived_.set();
+    std::lock_guard<std::mutex> hold(self->lock_);
+    self->lastClient_ = message->clientId;
+    self->inbox_.push_back({message->id, std::string(reinterpret_cast<const char*>(message->payload), message->size)});
     return 0;
   }
 
@@ -84,7 +72,6 @@ class CentralServer {
   std::mutex lock_;
   std::vector<ReceivedMessage> inbox_;
   std::uint32_t lastClient_ = 0;
-  testsupport::Event arrived_;
 };
 
 // A manager that keeps every app list it is given and reports a list set by the test.
@@ -95,19 +82,19 @@ class ListManager final : public startup::CBaseStartupManager {
   void AppListReceived(const startup::AppList& list) override {
     std::lock_guard<std::mutex> hold(lock_);
     lists_.push_back(list);
-    received_.set();
   }
   bool Init() override { return CBaseStartupManager::Init(); }
   std::uint32_t BuildAndReport() override { return SendReportToCentral(toReport); }
 
   // The next list given (waiting for it), or false.
   bool NextList(startup::AppList& list) {
-    if (!received_.waitFor(testsupport::kLongWait)) return false;
-    std::lock_guard<std::mutex> hold(lock_);
-    list = lists_.front();
-    lists_.erase(lists_.begin());
-    if (lists_.empty()) ::ResetEvent(received_.get());
-    return true;
+    return testsupport::WaitUntil([&] {
+      std::lock_guard<std::mutex> hold(lock_);
+      if (lists_.empty()) return false;
+      list = lists_.front();
+      lists_.erase(lists_.begin());
+      return true;
+    });
   }
 
   startup::AppList toReport;
@@ -115,7 +102,6 @@ class ListManager final : public startup::CBaseStartupManager {
  private:
   std::mutex lock_;
   std::vector<startup::AppList> lists_;
-  testsupport::Event received_;
 };
 
 }  // namespace testing_report

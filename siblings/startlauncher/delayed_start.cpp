@@ -25,6 +25,8 @@ constexpr wchar_t kWaitOption[] = L"--wait-ms";
 constexpr wchar_t kGapOption[] = L"--gap-ms";
 // CLSID_ApplicationActivationManager, which the SDK declares only for Windows 8 and later.
 constexpr GUID kActivationManager = {0x45BA127D, 0x10A8, 0x46EA, {0x8A, 0xB7, 0x56, 0xEA, 0x90, 0x78, 0x94, 0x3C}};
+// An environment block has no stated length; one beyond this is taken as ended.
+constexpr std::size_t kMaxEnvironmentChars = 1 << 20;
 constexpr unsigned long long kMaxOptionMs = 24ull * 60 * 60 * 1000;
 
 struct Section {
@@ -63,21 +65,42 @@ std::wstring FolderEntryFile(const startup::StartupItem& item) {
   return item.backupPath.empty() ? WithBackslash(item.location) + item.name : item.backupPath;
 }
 
-// 0 with `pid` set, or the error; a Run entry's command runs as Explorer runs it at logon: as
-// this user, with the environment Windows builds from the user's token.
-std::uint32_t StartCommand(const startup::StartupItem& item, const velora::utils::CUserProfile& user, DWORD& pid) {
-  std::wstring command;
-  const auto environment = user.Environment();
-  if (environment == nullptr) return ERROR_NO_TOKEN;
-  if (const std::uint32_t expanded = environment->Expand(item.path, command); expanded != 0) return expanded;
+// Takes the environment Windows builds from the user's token for a logon as this process's own,
+// so that a Run entry's command, the Path it is found on and a shortcut the shell opens all see
+// the user's variables, whoever started the launcher; 0 or the error, nothing changed on failure.
+std::uint32_t AdoptUserEnvironment(const velora::utils::CUserProfile& user) {
+  KY_TRACE(L"startlauncher::AdoptUserEnvironment");
   velora::utils::unique_environment_block block;
-  if (!::CreateEnvironmentBlock(block.put(), user.Token(), FALSE)) return ::GetLastError();
+  if (!::CreateEnvironmentBlock(block.put(), user.Token(), FALSE)) {
+    const std::uint32_t error = ::GetLastError();
+    KY_LOG(logging::kLevelError, L"CreateEnvironmentBlock failed 0x%x", error);
+    return error;
+  }
+  const auto* text = static_cast<const wchar_t*>(block.get());
+  for (std::size_t read = 0; read < kMaxEnvironmentChars && *text != L'\0';) {
+    const std::wstring entry = text;
+    // Entries of the form "=C:=C:\folder" are the shell's drive folders, not variables.
+    const std::size_t equals = entry.find(L'=', 1);
+    if (equals != std::wstring::npos) {
+      (void)::SetEnvironmentVariableW(entry.substr(0, equals).c_str(), entry.c_str() + equals + 1);
+    }
+    read += entry.size() + 1;
+    text += entry.size() + 1;
+  }
+  return 0;
+}
+
+// 0 with `pid` set, or the error; a Run entry's command runs as Explorer runs it at logon, as
+// this user, in the environment adopted above.
+std::uint32_t StartCommand(const startup::StartupItem& item, DWORD& pid) {
+  std::wstring command(velora::utils::kEnvironmentTextChars, L'\0');
+  const DWORD expanded = ::ExpandEnvironmentStringsW(item.path.c_str(), command.data(), static_cast<DWORD>(command.size()));
+  if (expanded == 0 || expanded > command.size()) return expanded == 0 ? ::GetLastError() : ERROR_FILENAME_EXCED_RANGE;
+  command.resize(expanded);
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
   PROCESS_INFORMATION process{};
-  command.push_back(L'\0');
-  if (!::CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, CREATE_UNICODE_ENVIRONMENT, block.get(),
-                        nullptr, &startup, &process)) {
+  if (!::CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process)) {
     return ::GetLastError();
   }
   const ky::unique_handle thread(process.hThread);
@@ -176,6 +199,7 @@ int RunDelayed(const DelayedOptions& options) {
   }
   localFolder = WithBackslash(localFolder) + startup::storage::kStorageFolderName;
   (void)::SHCreateDirectoryExW(nullptr, localFolder.c_str(), nullptr);
+  (void)AdoptUserEnvironment(*user);
   auto& store = startup::storage::CStartupItemsStorage::Instance();
   store.Init(storeFolder + startup::storage::kStorageFileName);
 
@@ -222,7 +246,7 @@ int RunDelayed(const DelayedOptions& options) {
     DWORD pid = 0;
     std::uint32_t result = 0;
     if (entry.kind == startup::kSourceRunKey) {
-      result = StartCommand(item, *user, pid);
+      result = StartCommand(item, pid);
     } else if (entry.kind == startup::kSourceStartupFolder) {
       result = OpenFolderEntry(FolderEntryFile(item), pid);
     } else {
@@ -234,7 +258,11 @@ int RunDelayed(const DelayedOptions& options) {
     }
     ++started;
     lastStart = ::GetTickCount64();
-    KY_LOG(logging::kLevelInfo, L"started %s pid %u", item.name.c_str(), static_cast<unsigned>(pid));
+    if (pid != 0) {
+      KY_LOG(logging::kLevelInfo, L"started %s pid %u", item.name.c_str(), static_cast<unsigned>(pid));
+    } else {
+      KY_LOG(logging::kLevelInfo, L"started %s, the shell gave no process id", item.name.c_str());
+    }
     (void)marker.Add(key);
   }
   KY_LOG(logging::kLevelInfo, L"done: %u started", static_cast<unsigned>(started));

@@ -139,6 +139,11 @@ TEST_F(DelayedStart, ARunEntryAndAShortcutStartAfterTheWaitOneGapApartAsTheUserO
   Ctl(L"delay", Name(L"DelayRun"));
   Ctl(L"delay", Name(L"DelayLink") + L".lnk");
   ASSERT_TRUE(StartsOf(Program(L"DelayRun")).empty()) << "delaying starts nothing";
+  const std::string table = testsupport::RunBinProgram(L"startupctl.exe", L"list").output;
+  const std::size_t row = table.find(Narrow(Name(L"DelayRun")) + "\t");
+  ASSERT_NE(row, std::string::npos) << table;
+  EXPECT_NE(table.substr(row, table.find('\n', row) - row).find("\tdelayed (starts after the boot)\t"), std::string::npos)
+      << table;
 
   const unsigned long long launched = NowMs();
   const auto run = Launch(kWaitMs, kGapMs);

@@ -23,8 +23,6 @@ namespace {
 
 constexpr wchar_t kWaitOption[] = L"--wait-ms";
 constexpr wchar_t kGapOption[] = L"--gap-ms";
-// CLSID_ApplicationActivationManager, which the SDK declares only for Windows 8 and later.
-constexpr GUID kActivationManager = {0x45BA127D, 0x10A8, 0x46EA, {0x8A, 0xB7, 0x56, 0xEA, 0x90, 0x78, 0x94, 0x3C}};
 // An environment block has no stated length; one beyond this is taken as ended.
 constexpr std::size_t kMaxEnvironmentChars = 1 << 20;
 constexpr unsigned long long kMaxOptionMs = 24ull * 60 * 60 * 1000;
@@ -127,22 +125,43 @@ std::uint32_t OpenFolderEntry(const std::wstring& file, DWORD& pid) {
   return 0;
 }
 
-// A Store task starts through the system's activation manager with its application's id; the
-// store keeps only the task, so the application is not known here.
+// The system's activation manager, declared here because the SDK declares it only for Windows 8
+// and later; ActivateApplication is its first method.
+struct IActivationManager : IUnknown {
+  virtual HRESULT STDMETHODCALLTYPE ActivateApplication(LPCWSTR appUserModelId, LPCWSTR arguments, int options,
+                                                        DWORD* processId) = 0;
+};
+constexpr GUID kActivationManager = {0x45BA127D, 0x10A8, 0x46EA, {0x8A, 0xB7, 0x56, 0xEA, 0x90, 0x78, 0x94, 0x3C}};
+constexpr GUID kIActivationManager = {0x2E941141, 0x7F97, 0x4756, {0xBA, 0x1D, 0x9D, 0xEC, 0xDE, 0x89, 0x4A, 0x3D}};
+constexpr int kActivateNoOptions = 0;
+
+// A Store task starts as the system starts it at logon: its package's application activated by
+// its user model id, found again among the packages installed for the user.
 std::uint32_t ActivateStoreEntry(const startup::StartupItem& item, DWORD& pid) {
   KY_TRACE(L"startlauncher::ActivateStoreEntry");
-  const ComScope com;
-  ky::com_ptr<IUnknown> manager;
-  const HRESULT created =
-      ::CoCreateInstance(kActivationManager, nullptr, CLSCTX_LOCAL_SERVER, IID_IUnknown, manager.put_void());
-  if (FAILED(created)) {
-    KY_LOG(logging::kLevelError, L"no application activation manager 0x%x", static_cast<unsigned>(created));
-    return static_cast<std::uint32_t>(created);
+  startup::MicrosoftStoreAppsEnumerator packages(startup::SidOfLocation(item.location));
+  startup::MicrosoftStoreTask task;
+  if (const std::uint32_t found = packages.FindTask(item, task); found != 0) {
+    KY_LOG(logging::kLevelError, L"task %s of %s not found 0x%x", item.name.c_str(), item.location.c_str(), found);
+    return found;
   }
-  KY_LOG(logging::kLevelError, L"application of task %s of %s not known", item.name.c_str(),
-         startup::FamilyOfLocation(item.location).c_str());
-  pid = 0;
-  return ERROR_NOT_SUPPORTED;
+  if (task.applicationId.empty()) return ERROR_NOT_FOUND;
+  const std::wstring appUserModelId = task.familyName + L"!" + task.applicationId;
+  const ComScope com;
+  ky::com_ptr<IActivationManager> manager;
+  HRESULT result =
+      ::CoCreateInstance(kActivationManager, nullptr, CLSCTX_LOCAL_SERVER, kIActivationManager, manager.put_void());
+  if (FAILED(result)) {
+    KY_LOG(logging::kLevelError, L"no application activation manager for %s 0x%x", appUserModelId.c_str(),
+           static_cast<unsigned>(result));
+    return static_cast<std::uint32_t>(result);
+  }
+  result = manager->ActivateApplication(appUserModelId.c_str(), nullptr, kActivateNoOptions, &pid);
+  if (FAILED(result)) {
+    KY_LOG(logging::kLevelError, L"ActivateApplication %s failed 0x%x", appUserModelId.c_str(), static_cast<unsigned>(result));
+    return static_cast<std::uint32_t>(result);
+  }
+  return 0;
 }
 
 // Whether the entry is still in its delayed section, read anew.
@@ -238,8 +257,7 @@ int RunDelayed(const DelayedOptions& options) {
     startup::IStartupAppsActions* actions = exec.Find(entry.kind);
     const bool folderFileGone = entry.kind == startup::kSourceStartupFolder &&
                                 ::GetFileAttributesW(FolderEntryFile(item).c_str()) == INVALID_FILE_ATTRIBUTES;
-    if (folderFileGone || (actions != nullptr && entry.kind != startup::kSourceStoreApp &&
-                           actions->Check(item) != startup::kActionOk)) {
+    if (folderFileGone || (actions != nullptr && actions->Check(item) != startup::kActionOk)) {
       KY_LOG(logging::kLevelInfo, L"skipped %s: target gone (%s)", item.name.c_str(), item.path.c_str());
       continue;
     }

@@ -1,6 +1,7 @@
 #include "install/own_entries.h"
 
 #include <windows.h>
+#include <shlobj.h>
 
 #include "common/text_convert.h"
 #include "lumera/productinfo.h"
@@ -12,7 +13,7 @@ namespace {
 
 std::wstring AgentPath(const HostConfig& config) {
   const auto it = config.items.find(lumera::ProductInfoKey(lumera::kItemAgentPath, L"Desktop"));
-  return it == config.items.end() ? std::wstring() : it->second;
+  return it == config.items.end() ? DefaultAgentFolder() : it->second;
 }
 
 // Opens the agent's store at `agentPath` through the library beside the host; 0 or the error.
@@ -35,16 +36,16 @@ std::uint32_t AddOwnEntries(const std::wstring& folder, const HostConfig& config
   if (written != ERROR_SUCCESS) return static_cast<std::uint32_t>(written);
   const std::wstring agentPath = AgentPath(config);
   if (agentPath.empty()) {
-    note = L"no agent folder configured (item 422:Desktop): the product's programs are not filtered from lists";
+    note = L"no agent folder (item 422:Desktop, or ProgramData): the product's programs are not filtered from lists";
     return 0;
   }
+  (void)::SHCreateDirectoryExW(nullptr, agentPath.c_str(), nullptr);
   startup::AppAgentDPDll agent;
   if (const std::uint32_t opened = OpenAgent(agent, agentPath); opened != 0) return opened;
   appagentdp::Transaction* transaction = nullptr;
   if (const std::uint32_t begun = agent.beginTransaction(kAgentApplication, &transaction); begun != 0) return begun;
-  // The folder without its last backslash, as an installer records it; the filter compares prefixes.
-  const std::wstring own = folder.size() > 1 && folder.back() == L'\\' ? folder.substr(0, folder.size() - 1) : folder;
-  const std::wstring paths = ky::Utf8ToWide(picojson::value(picojson::array{picojson::value(ky::WideToUtf8(own))}).serialize());
+  // Kept with its last backslash: the filter compares prefixes, and "C:\Lumera" would also hide "C:\Lumera2".
+  const std::wstring paths = ky::Utf8ToWide(picojson::value(picojson::array{picojson::value(ky::WideToUtf8(folder))}).serialize());
   const std::uint32_t set = agent.set(transaction, appagentdp::kAppPathsValue, paths.c_str());
   const std::uint32_t ended = agent.endTransaction(transaction);
   return set != 0 ? set : ended;
@@ -54,11 +55,11 @@ std::uint32_t RemoveOwnEntries(const HostConfig& config) {
   const LSTATUS deleted = ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kMachineRunKey, kLauncherRunValue);
   if (deleted != ERROR_SUCCESS && deleted != ERROR_FILE_NOT_FOUND) return static_cast<std::uint32_t>(deleted);
   const std::wstring agentPath = AgentPath(config);
-  if (agentPath.empty()) return 0;
+  if (agentPath.empty() || ::GetFileAttributesW(agentPath.c_str()) == INVALID_FILE_ATTRIBUTES) return 0;
   startup::AppAgentDPDll agent;
   if (const std::uint32_t opened = OpenAgent(agent, agentPath); opened != 0) return opened;
   const std::uint32_t removed = agent.remApp(kAgentApplication);
-  return removed == ERROR_FILE_NOT_FOUND || removed == ERROR_PATH_NOT_FOUND ? 0 : removed;
+  return removed == ERROR_NOT_FOUND ? 0 : removed;
 }
 
 }  // namespace host

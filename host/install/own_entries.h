@@ -21,9 +21,10 @@ inline constexpr wchar_t kAgentApplication[] = L"Lumera";
 // The Run value's command: the launcher in `folder` (ending in a backslash), by its full path.
 std::wstring LauncherCommand(const std::wstring& folder);
 
-// Writes the machine's Run value, then, when `config` names the agent's folder (item 422
-// "Desktop"), the product's "app_paths" through AppAgentDP.dll of `folder`. 0, or the first
-// failing step's error; `note` says what could not be recorded and why, or stays empty.
+// Writes the machine's Run value, then the product's "app_paths" (`folder` itself) through
+// AppAgentDP.dll of `folder` in the agent's folder: the one `config` names (item 422 "Desktop"),
+// else DefaultAgentFolder(), created when missing. 0, or the first failing step's error; `note`
+// says what could not be recorded and why, or stays empty.
 [[nodiscard]] std::uint32_t AddOwnEntries(const std::wstring& folder, const HostConfig& config, std::wstring& note);
 // Deletes the Run value (a missing one is fine) and the product's application from the agent's
 // store. 0 or the first error.

@@ -55,7 +55,7 @@ TEST(OwnEntries, InstallRegistersTheLauncherByFullPathOutOfTheListsAndUninstallR
   ASSERT_EQ(installed.exitCode, 0u) << installed.output;
   EXPECT_EQ(RunValue(), L"\"" + product.path() + L"StartLauncher.exe\" /delayed");
   const std::string recorded = testsupport::ReadFileBytes(agent.file(L"Lumera\\app_paths"));
-  EXPECT_NE(recorded.find(JsonPath(product.path().substr(0, product.path().size() - 1))), std::string::npos) << recorded;
+  EXPECT_NE(recorded.find(JsonPath(product.path())), std::string::npos) << recorded;
   EXPECT_FALSE(Listed(product.path())) << "the product's own entry is filtered out";
   EXPECT_TRUE(Listed(testsupport::BinFolder())) << "without the agent's data the same entry shows";
 

@@ -44,8 +44,11 @@ std::uint32_t AddOwnEntries(const std::wstring& folder, const HostConfig& config
   if (const std::uint32_t opened = OpenAgent(agent, agentPath); opened != 0) return opened;
   appagentdp::Transaction* transaction = nullptr;
   if (const std::uint32_t begun = agent.beginTransaction(kAgentApplication, &transaction); begun != 0) return begun;
-  // Kept with its last backslash: the filter compares prefixes, and "C:\Lumera" would also hide "C:\Lumera2".
-  const std::wstring paths = ky::Utf8ToWide(picojson::value(picojson::array{picojson::value(ky::WideToUtf8(folder))}).serialize());
+  // The launcher's own path rather than the folder: the filter compares prefixes, and a
+  // development folder also holds the test programs whose entries must stay visible.
+  const std::wstring launcher = folder + kLauncherProgram;
+  const std::wstring paths =
+      ky::Utf8ToWide(picojson::value(picojson::array{picojson::value(ky::WideToUtf8(launcher))}).serialize());
   const std::uint32_t set = agent.set(transaction, appagentdp::kAppPathsValue, paths.c_str());
   const std::uint32_t ended = agent.endTransaction(transaction);
   return set != 0 ? set : ended;

@@ -1,7 +1,6 @@
 // What `lumerahost.exe install` adds beside the service and `uninstall` takes away: the logon
-// entry that starts the user's delayed apps, and the product's own folder among the agent's
-// application folders, which is how the apps filter keeps the product's programs (that entry
-// among them) out of every list and report.
+// entry that starts the user's delayed apps, and that launcher among the agent's application
+// paths, which is how the apps filter keeps the product's programs out of every list and report.
 #pragma once
 
 #include <cstdint>
@@ -21,7 +20,7 @@ inline constexpr wchar_t kAgentApplication[] = L"Lumera";
 // The Run value's command: the launcher in `folder` (ending in a backslash), by its full path.
 std::wstring LauncherCommand(const std::wstring& folder);
 
-// Writes the machine's Run value, then the product's "app_paths" (`folder` itself) through
+// Writes the machine's Run value, then the product's "app_paths" (the launcher's path) through
 // AppAgentDP.dll of `folder` in the agent's folder: the one `config` names (item 422 "Desktop"),
 // else DefaultAgentFolder(), created when missing. 0, or the first failing step's error; `note`
 // says what could not be recorded and why, or stays empty.

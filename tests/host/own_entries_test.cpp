@@ -1,6 +1,6 @@
 // `lumerahost.exe install` from a folder of its own: the machine's Run key starts the delayed-start
-// launcher of that folder by its full path, the folder is recorded as the product's in the agent's
-// data, so the entry stays out of `startupctl list`; `uninstall` takes both away.
+// launcher of that folder by its full path, which is recorded as the product's in the agent's data,
+// so the entry stays out of `startupctl list`; `uninstall` takes both away.
 #include <gtest/gtest.h>
 
 #include <windows.h>
@@ -55,7 +55,7 @@ TEST(OwnEntries, InstallRegistersTheLauncherByFullPathOutOfTheListsAndUninstallR
   ASSERT_EQ(installed.exitCode, 0u) << installed.output;
   EXPECT_EQ(RunValue(), L"\"" + product.path() + L"StartLauncher.exe\" /delayed");
   const std::string recorded = testsupport::ReadFileBytes(agent.file(L"Lumera\\app_paths"));
-  EXPECT_NE(recorded.find(JsonPath(product.path())), std::string::npos) << recorded;
+  EXPECT_NE(recorded.find(JsonPath(product.file(L"StartLauncher.exe"))), std::string::npos) << recorded;
   EXPECT_FALSE(Listed(product.path())) << "the product's own entry is filtered out";
   EXPECT_TRUE(Listed(testsupport::BinFolder())) << "without the agent's data the same entry shows";
 

@@ -1,5 +1,6 @@
 #include "boot_wait.h"
 
+#include <atomic>
 #include <memory>
 #include <string>
 
@@ -36,7 +37,7 @@ class AnalysedListener final : public boottime::IBootTimeEvents {
 
  private:
   ky::unique_handle event_{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
-  volatile std::uint32_t status_ = boottime::kStatusNotYetKnown;
+  std::atomic<std::uint32_t> status_{boottime::kStatusNotYetKnown};
 };
 
 // One connection to "boottimepipe"; everything it made is undone when it goes.

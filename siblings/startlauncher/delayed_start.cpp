@@ -239,8 +239,8 @@ int RunDelayed(const DelayedOptions& options) {
     const startup::StartupItem& item = *entry.item;
     const std::wstring key = EntryKey(entry.category, item);
     if (started == kMaxStartsPerRun) {
-      KY_LOG(logging::kLevelInfo, L"skipped %s: %u started in this run already", item.name.c_str(), static_cast<unsigned>(started));
-      continue;
+      KY_LOG(logging::kLevelInfo, L"stopped before %s: %u started in this run", item.name.c_str(), static_cast<unsigned>(started));
+      break;
     }
     if (marker.Contains(key)) {
       KY_LOG(logging::kLevelInfo, L"skipped %s: already started in this logon", item.name.c_str());

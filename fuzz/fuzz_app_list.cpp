@@ -45,20 +45,16 @@ fuzz::Outcome ReadAppList(const std::uint8_t* data, std::size_t size) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  fuzz::Target target;
-  target.name = "app_list";
-  target.json = true;
-  target.maxBytes = 64 * 1024;
-  target.read = &ReadAppList;
-  target.dictionary = {"apps", "name", "owner", "qid", "status", "enabled", "disabled", "delayed", "time"};
-  target.corpus = {
-      fuzz::ToBytes(R"({"apps":[]})"),
-      fuzz::ToBytes(
-          R"({"apps":[{"name":"Viewer","owner":"Nexalon","qid":"3f2a","status":"disabled"},)"
-          R"({"name":"\u00e9\u4e2d","owner":"","qid":"","status":"paused"},{"name":"NoOwner","qid":"1","status":"enabled"},)"
-          R"({"name":"Late","owner":"O","qid":"9","status":"delayed","time":1200},7,null]})"),
-      fuzz::ToBytes(R"({"apps":{}})"),
-      fuzz::ToBytes(R"([{"apps":[]}])"),
-  };
-  return fuzz::Run(argc, argv, target);
+  return fuzz::Run(argc, argv,
+                   {.name = "app_list",
+                    .corpus = {fuzz::ToBytes(R"({"apps":[]})"),
+                               fuzz::ToBytes(
+                                   R"({"apps":[{"name":"Viewer","owner":"Nexalon","qid":"3f2a","status":"disabled"},)"
+                                   R"({"name":"\u00e9\u4e2d","owner":"","qid":"","status":"paused"},{"name":"NoOwner","qid":"1","status":"enabled"},)"
+                                   R"({"name":"Late","owner":"O","qid":"9","status":"delayed","time":1200},7,null]})"),
+                               fuzz::ToBytes(R"({"apps":{}})"), fuzz::ToBytes(R"([{"apps":[]}])")},
+                    .dictionary = {"apps", "name", "owner", "qid", "status", "enabled", "disabled", "delayed", "time"},
+                    .json = true,
+                    .maxBytes = 64 * 1024,
+                    .read = &ReadAppList});
 }

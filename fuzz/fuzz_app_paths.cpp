@@ -52,18 +52,14 @@ fuzz::Outcome AddPaths(const std::uint8_t* data, std::size_t size) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  fuzz::Target target;
-  target.name = "app_paths";
-  target.json = true;
-  target.maxBytes = 16 * 1024;
-  target.read = &AddPaths;
-  target.dictionary = {"C:\\\\Program Files\\\\", "\\u00c9", "\\ud800", "\\udc00", "%ProgramFiles%"};
-  target.corpus = {
-      fuzz::ToBytes(R"(["C:\\Program Files\\Nexalon\\Viewer","D:\\APPS\\Tool\\"])"),
-      fuzz::ToBytes(R"([""])"),
-      fuzz::ToBytes(R"(["\u00C9T\u00C9",7,null,{"a":"B"},["C:\\x"]])"),
-      fuzz::ToBytes(R"({"app_paths":["C:\\x"]})"),
-      fuzz::ToBytes("[\"C:\\\\\xff\xd8\x01\"]"),
-  };
-  return fuzz::Run(argc, argv, target);
+  return fuzz::Run(argc, argv,
+                   {.name = "app_paths",
+                    .corpus = {fuzz::ToBytes(R"(["C:\\Program Files\\Nexalon\\Viewer","D:\\APPS\\Tool\\"])"),
+                               fuzz::ToBytes(R"([""])"),
+                               fuzz::ToBytes(R"(["\u00C9T\u00C9",7,null,{"a":"B"},["C:\\x"]])"),
+                               fuzz::ToBytes(R"({"app_paths":["C:\\x"]})"), fuzz::ToBytes("[\"C:\\\\\xff\xd8\x01\"]")},
+                    .dictionary = {"C:\\\\Program Files\\\\", "\\u00c9", "\\ud800", "\\udc00", "%ProgramFiles%"},
+                    .json = true,
+                    .maxBytes = 16 * 1024,
+                    .read = &AddPaths});
 }

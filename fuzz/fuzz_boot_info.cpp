@@ -1,33 +1,36 @@
-// fuzz_boot_info.exe: "last_boot_time_information.json" as the boot-time monitor reads it: the
-// document and its "bootTime" text, and (every Kth input) the monitor's own load from the file,
-// followed by a store and a second load that must give the same boot time.
+// fuzz_boot_info.exe: "last_boot_time_information.json" through its codec: the record of the
+// document must encode and decode back the same; and (every Kth input) the monitor's own load
+// from the file, followed by a store and a second load that must give the same boot time.
 #include <windows.h>
 
-#include <charconv>
 #include <string>
 
+#include "boottime/boot_info_file.h"
 #include "boottime/boot_time_monitor.h"
-#include "common/json_file.h"
 #include "fuzz_driver.h"
 
 namespace {
 
+using boottime::BootInfoRecord;
+using boottime::BootInfoStatus;
 using boottime::BootTimeMonitor;
 
 fuzz::Outcome ReadDocument(const std::uint8_t* data, std::size_t size) {
-  const char* text = reinterpret_cast<const char*>(data);
-  picojson::value root;
+  BootInfoRecord record;
   std::string error;
-  if (!ky::ParseJsonText(text, text + size, root, error)) return 1;
-  if (!root.is<picojson::object>()) return 2;
-  const picojson::value& bootTime = root.get("bootTime");
-  const picojson::value& start = root.get("systemStartTimestamp");
-  fuzz::Outcome outcome = 3 + (start.is<std::string>() ? 4 : 0);
-  if (!bootTime.is<std::string>()) return outcome + (bootTime.is<picojson::null>() ? 0 : 8);
-  const std::string& digits = bootTime.get<std::string>();
-  std::int32_t value = 0;
-  const auto [end, failed] = std::from_chars(digits.data(), digits.data() + digits.size(), value, 10);
-  return outcome + 16 + (failed != std::errc() ? 16 : end != digits.data() + digits.size() ? 32 : value < 0 ? 48 : 64);
+  const BootInfoStatus status =
+      boottime::DecodeBootInfo(std::string_view(reinterpret_cast<const char*>(data), size), record, error);
+  if (status != BootInfoStatus::kOk) return status == BootInfoStatus::kParseError ? 1 : 2;
+  if (record.bootTime && record.systemStart) {
+    BootInfoRecord again;
+    if (boottime::DecodeBootInfo(boottime::EncodeBootInfo(*record.systemStart, *record.bootTime), again, error) !=
+            BootInfoStatus::kOk ||
+        again.bootTime != record.bootTime || again.systemStart != record.systemStart) {
+      fuzz::Fail("an encoded record did not decode back the same");
+    }
+  }
+  return 3 + (record.hasBootTime ? 4 : 0) + (record.bootTime ? 8 + (*record.bootTime < 0 ? 8 : 0) : 0) +
+         (record.systemStart ? 32 : 0);
 }
 
 // The monitor only reads from a folder: the scratch file's name ends in the file name it wants.

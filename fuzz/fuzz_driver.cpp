@@ -205,7 +205,7 @@ void WriteScratchFile(const std::wstring& path, const std::uint8_t* data, std::s
   }
 }
 
-int Run(int argc, char** argv, Target& target) {
+int Run(int argc, char** argv, const Target& target) {
   Options options;
   if (!ParseOptions(argc, argv, target, options)) {
     std::fprintf(stderr, "usage: fuzz_%s.exe [--inputs N] [--seconds S] [--seed X] [--max-depth N] [--file-every K] [--self-check 1|2]\n",

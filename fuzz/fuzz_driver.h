@@ -24,10 +24,11 @@ namespace fuzz {
 using Outcome = std::uint64_t;
 using ReaderFn = Outcome (*)(const std::uint8_t* data, std::size_t size);
 
+// Each driver's main returns Run(argc, argv, {.name = ..., .corpus = ..., .read = ...}).
 struct Target {
   const char* name = "";
-  std::vector<Bytes> corpus;
-  std::vector<std::string> dictionary;
+  std::vector<Bytes> corpus{};
+  std::vector<std::string> dictionary{};
   bool json = false;
   std::size_t maxBytes = 4096;
   // Runs the reader over bytes that end (or start) at a page no one may touch.
@@ -45,7 +46,7 @@ struct Target {
 inline Outcome Bucket(std::size_t count) { return count == 0 ? 0 : count == 1 ? 1 : count < 8 ? 2 : count < 256 ? 3 : 4; }
 
 // Parses the options and runs the target; returns the process exit code.
-int Run(int argc, char** argv, Target& target);
+int Run(int argc, char** argv, const Target& target);
 
 // A scratch file in the temporary folder, unique to this process and name, removed at exit;
 // for the readers that only read from a path.

@@ -43,20 +43,16 @@ fuzz::Outcome ReadFrame(const std::uint8_t* data, std::size_t size) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  fuzz::Target target;
-  target.name = "frame";
-  target.maxBytes = 4096;
-  target.read = &ReadFrame;
   const std::string key("\0\0\0\0\0\0\0\0\x04\0\0\0\0\0\0\0\x02\0\0\0a\0\0\0", 24);
-  target.corpus = {
-      Frame(0, pipelink::kIdHello, pipelink::kFlagControl, 0, ""),
-      Frame(7, 1, pipelink::kFlagReplyExpected, 0, ""),
-      Frame(7, 3, pipelink::kFlagReplyExpected, 0, key),
-      Frame(7, 3, 0, 0, key),
-      Frame(0, 3, pipelink::kFlagIsReply, 0, std::string("\x01\0\0\0", 4) + key + std::string(20, '\x05')),
-      Frame(0, 1, pipelink::kFlagIsReply, 1, ""),
-      Frame(0, 20, 0, 0, std::string("\0\0\0\0", 4)),
-      Frame(0, 12, 0, 0, std::string("\x02\0\0\0", 4)),
-  };
-  return fuzz::Run(argc, argv, target);
+  return fuzz::Run(argc, argv,
+                   {.name = "frame",
+                    .corpus = {Frame(0, pipelink::kIdHello, pipelink::kFlagControl, 0, ""),
+                               Frame(7, 1, pipelink::kFlagReplyExpected, 0, ""),
+                               Frame(7, 3, pipelink::kFlagReplyExpected, 0, key), Frame(7, 3, 0, 0, key),
+                               Frame(0, 3, pipelink::kFlagIsReply, 0,
+                                     std::string("\x01\0\0\0", 4) + key + std::string(20, '\x05')),
+                               Frame(0, 1, pipelink::kFlagIsReply, 1, ""), Frame(0, 20, 0, 0, std::string("\0\0\0\0", 4)),
+                               Frame(0, 12, 0, 0, std::string("\x02\0\0\0", 4))},
+                    .maxBytes = 4096,
+                    .read = &ReadFrame});
 }

@@ -85,24 +85,21 @@ fuzz::Bytes Encoded(void (*write)(CPayloadWriter&)) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  fuzz::Target target;
-  target.name = "payload";
-  target.maxBytes = 4096;
-  target.read = &ReadPayload;
-  target.corpus = {
-      Encoded([](CPayloadWriter& w) { w.WriteBootTime(41250); }),
-      Encoded([](CPayloadWriter& w) { w.WriteCounters(boottime::BootCounters{1, 2, 3, 4, 5}); }),
-      Encoded([](CPayloadWriter& w) { w.WriteProcessKey(4, 1000, L"C:\\Windows\\explorer.exe"); }),
-      Encoded([](CPayloadWriter& w) { w.WriteProcessKey(0, 0, L""); }),
-      Encoded([](CPayloadWriter& w) { w.WriteDiskSpeed(boottime::DiskSpeed{0.5, 99.5, 12.25}); }),
-      Encoded([](CPayloadWriter& w) { w.WriteImpactList(ky::List<ProcessImpact>()); }),
-      Encoded([](CPayloadWriter& w) {
-        ky::List<ProcessImpact> impacts;
-        impacts.Add({4, 1000, L"C:\\Windows\\explorer.exe", 10, 20, 4096, 512, 64});
-        impacts.Add({1000, 1200, L"app.exe", 1, 2, 3, 4, 5});
-        impacts.Add({0, 4, L"", 0, 0, 0, 0, 0});
-        w.WriteImpactList(impacts);
-      }),
-  };
-  return fuzz::Run(argc, argv, target);
+  return fuzz::Run(argc, argv,
+                   {.name = "payload",
+                    .corpus = {Encoded([](CPayloadWriter& w) { w.WriteBootTime(41250); }),
+                               Encoded([](CPayloadWriter& w) { w.WriteCounters(boottime::BootCounters{1, 2, 3, 4, 5}); }),
+                               Encoded([](CPayloadWriter& w) { w.WriteProcessKey(4, 1000, L"C:\\Windows\\explorer.exe"); }),
+                               Encoded([](CPayloadWriter& w) { w.WriteProcessKey(0, 0, L""); }),
+                               Encoded([](CPayloadWriter& w) { w.WriteDiskSpeed(boottime::DiskSpeed{0.5, 99.5, 12.25}); }),
+                               Encoded([](CPayloadWriter& w) { w.WriteImpactList(ky::List<ProcessImpact>()); }),
+                               Encoded([](CPayloadWriter& w) {
+                                 ky::List<ProcessImpact> impacts;
+                                 impacts.Add({4, 1000, L"C:\\Windows\\explorer.exe", 10, 20, 4096, 512, 64});
+                                 impacts.Add({1000, 1200, L"app.exe", 1, 2, 3, 4, 5});
+                                 impacts.Add({0, 4, L"", 0, 0, 0, 0, 0});
+                                 w.WriteImpactList(impacts);
+                               })},
+                    .maxBytes = 4096,
+                    .read = &ReadPayload});
 }

@@ -94,25 +94,23 @@ fuzz::Outcome ReadStoreFile(const std::uint8_t* data, std::size_t size) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  fuzz::Target target;
-  target.name = "storage";
-  target.json = true;
-  target.maxBytes = 64 * 1024;
-  target.read = &ReadDocument;
-  target.readFile = &ReadStoreFile;
-  target.fileEvery = 1024;
-  target.dictionary = {"user", "system", "boot_time", "Disabled", "Delayed", "StartupDisabled", "StartupDelayed",
-                       "Name", "Cmd", "Path", "BkpPath", "ChangedTime", "path", "time"};
-  target.corpus = {
-      fuzz::ToBytes("{}"),
-      fuzz::ToBytes("[]"),
-      fuzz::ToBytes(
-          R"({"boot_time":[{"path":"C:\\app.exe","time":1200},{"path":"x","time":-1.5}],"system":{"Delayed":[{"BkpPath":"",)"
-          R"("ChangedTime":1700000000,"Cmd":"C:\\sys.exe","Name":"Sys","Path":"HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Run"}]},)"
-          R"("user":{"Disabled":[{"BkpPath":"","ChangedTime":1700000000,"Cmd":"C:\\a.exe -x","Name":"A","Path":"HKCU\\Run"},)"
-          R"({"Cmd":"C:\\b.exe","Name":"B","Path":"HKCU\\Run"}],"StartupDisabled":[{"BkpPath":"C:\\KyBkpFolder\\c.lnk",)"
-          R"("ChangedTime":1.7e9,"Cmd":"C:\\c.lnk","Name":"c.lnk","Path":"C:\\Startup"}]}})"),
-      fuzz::ToBytes(R"({"user":{"Delayed":[{"Name":"\u00e9\u4e2d","Cmd":"\"C:\\x y.exe\" /s","Path":"p"}]},"system":null})"),
-  };
-  return fuzz::Run(argc, argv, target);
+  return fuzz::Run(
+      argc, argv,
+      {.name = "storage",
+       .corpus = {fuzz::ToBytes("{}"), fuzz::ToBytes("[]"),
+                  fuzz::ToBytes(
+                      R"({"boot_time":[{"path":"C:\\app.exe","time":1200},{"path":"x","time":-1.5}],"system":{"Delayed":[{"BkpPath":"",)"
+                      R"("ChangedTime":1700000000,"Cmd":"C:\\sys.exe","Name":"Sys","Path":"HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Run"}]},)"
+                      R"("user":{"Disabled":[{"BkpPath":"","ChangedTime":1700000000,"Cmd":"C:\\a.exe -x","Name":"A","Path":"HKCU\\Run"},)"
+                      R"({"Cmd":"C:\\b.exe","Name":"B","Path":"HKCU\\Run"}],"StartupDisabled":[{"BkpPath":"C:\\KyBkpFolder\\c.lnk",)"
+                      R"("ChangedTime":1.7e9,"Cmd":"C:\\c.lnk","Name":"c.lnk","Path":"C:\\Startup"}]}})"),
+                  fuzz::ToBytes(
+                      R"({"user":{"Delayed":[{"Name":"\u00e9\u4e2d","Cmd":"\"C:\\x y.exe\" /s","Path":"p"}]},"system":null})")},
+       .dictionary = {"user", "system", "boot_time", "Disabled", "Delayed", "StartupDisabled", "StartupDelayed", "Name",
+                      "Cmd", "Path", "BkpPath", "ChangedTime", "path", "time"},
+       .json = true,
+       .maxBytes = 64 * 1024,
+       .read = &ReadDocument,
+       .readFile = &ReadStoreFile,
+       .fileEvery = 1024});
 }

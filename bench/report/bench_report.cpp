@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "bench_timing.h"
-#include "boottime/plugin_startup_manager.h"
+#include "plugin/plugin_startup_manager.h"
 #include "common/command_line.h"
 #include "common/module_library.h"
 #include "common/unique_handle.h"

@@ -8,15 +8,12 @@
 #include <ostream>
 #include <string>
 
-#include <picojson.h>
-
 #include "boottime/boot_time_data.h"
+#include "boottime/impact_file.h"
 #include "lumera/boottime.h"
 #include "lumera/ky_list.h"
 
 namespace boottime {
-
-inline constexpr wchar_t kProcessImpactFileName[] = L"last_boot_time_process_impact.json";
 
 class BootTimeAnalyser {
  public:
@@ -29,7 +26,7 @@ class BootTimeAnalyser {
 
   // Binds to the sample store (not owned).
   void Start(const BootTimeData* data);
-  // The CPU pass, then the I/O pass, each under the store's lock.
+  // One pass over the stored processes under the store's lock: CPU time, then I/O bytes.
   void AnalyseData();
 
   // Writes every impact to `path`; false (logged) when the file cannot be written.
@@ -37,9 +34,6 @@ class BootTimeAnalyser {
   // Adds the impacts of the file at `path`; false (logged) when the file is missing or not
   // a document of impacts. Bad elements are logged and skipped.
   [[nodiscard]] bool LoadLastBootProcessImpactFromDisk(const std::wstring& path);
-  // Reads one element of "processes" into the map; false (logged) when keys are missing.
-  // Throws std::invalid_argument / std::out_of_range for a number that does not convert.
-  [[nodiscard]] bool ReadProcessImpactFromJsonValue(const picojson::value& value);
 
   // "process impact", blank line, "pid,name,kernel,user,read,write,other" per impact,
   // "done process impact", blank line.
@@ -56,6 +50,8 @@ class BootTimeAnalyser {
 
  private:
   ProcessImpact& Entry(const ProcessSamples& process);
+  // Keeps one decoded element, or logs why it is skipped (`loader` names the caller's log).
+  void ReadProcessImpactFromJsonValue(const ImpactElement& element, const wchar_t* loader);
 
   const BootTimeData* data_ = nullptr;
   std::map<std::uint64_t, ProcessImpact> impacts_;  // keyed by pid only

@@ -8,9 +8,10 @@
 #include "boottime/process_utils.h"
 #include "boottime/processes.h"
 #include "boottime/processes_monitor.h"
-#include "boottime/win_boot_event.h"
+#include "boottime/boot_event_watch.h"
 #include "common/guard.h"
 #include "common/log.h"
+#include "common/safe_file.h"
 #include "common/stop_wait.h"
 #include "users/user_logon.h"
 
@@ -100,19 +101,12 @@ void BootTimeMonitor::Start(HANDLE stopEvent) {
     for (std::uint32_t pid : utils::GetAllProcessesPids()) (void)processes_->Add(pid);
     if (!processesMonitor_->Start()) KY_LOG(logging::kLevelWarning, L"processes monitor not started");
     timeSystem_ = 0;
-    std::vector<ProcessEvent> started;
-    std::vector<ProcessEvent> stopped;
     for (;;) {
       const bool logged = logonObserver_->Logged();
       KY_LOG(logging::kLevelDebug, L"User logged = %s", logged ? L"TRUE" : L"FALSE");
-      processesMonitor_->TakeEvents(started, stopped);
       // A minute past logon new processes are deliberately no longer followed.
-      if (!(logged && clock_.TickCount() - logonObserver_->LogonTime() >= kAfterLogonMs)) {
-        KY_LOG(logging::kLevelDebug, L"LOAD STEP DATA");
-        for (const ProcessEvent& event : started) (void)processes_->Add(event);
-      }
-      KY_LOG(logging::kLevelDebug, L"REM STEP DATA");
-      for (const ProcessEvent& event : stopped) (void)processes_->Rem(event);
+      const bool followStarts = !(logged && clock_.TickCount() - logonObserver_->LogonTime() >= kAfterLogonMs);
+      processesMonitor_->ApplyEvents(*processes_, followStarts, kyTrace_.Name());
       processes_->Update();
 
       if (ky::WaitMeansStop(clock_.WaitForStop(stopEvent, kCycleMs))) {
@@ -208,6 +202,55 @@ std::uint32_t BootTimeMonitor::AnalyzeSamples() {
 std::uint32_t BootTimeMonitor::ComputeBootTime(std::uint32_t m, std::uint32_t s, std::uint32_t l) {
   if (s == 0) return m;
   return m >= l ? s + (m - l) : std::max(m, s);
+}
+
+void BootTimeMonitor::WriteProcessListing(std::wostream& out) const {
+  out << L"Listing processes\n";
+  if (processes_) {
+    for (const TrackedProcess& process : processes_->List()) {
+      out << process.pid << L',' << process.ppid << L',' << process.name << L'\n';
+    }
+  }
+  out << L"Done\n";
+}
+
+void BootTimeMonitor::StoreBootTimeOnDisk(const std::wstring& folder) {
+  KY_TRACE(L"boottime::BootTimeMonitor::StoreBootTimeOnDisk");
+  std::lock_guard hold(lock_);
+  const std::int64_t systemStart = SystemStartTime(clock_);
+  KY_LOG(logging::kLevelInfo, L"systemStartTime %lld", systemStart);
+  const std::wstring path = folder + kFileName;
+  const std::string text = EncodeBootInfo(systemStart, static_cast<std::int32_t>(bootTime_));
+  if (const std::uint32_t written = ky::WriteFileWhole(path, text); written != 0) {
+    KY_LOG(logging::kLevelError, L"WriteFileWhole %s failed 0x%x", path.c_str(), written);
+    KY_LOG(logging::kLevelError, L"Failed to save boot time data in JSON");
+  }
+}
+
+void BootTimeMonitor::LoadLastBootTimeFromDisk(const std::wstring& folder) {
+  KY_TRACE(L"boottime::BootTimeMonitor::LoadLastBootTimeFromDisk");
+  std::lock_guard hold(lock_);
+  BootInfoRecord record;
+  std::string error;
+  const BootInfoStatus read = ReadBootInfoFile(folder + kFileName, record, error);
+  status_ = kStatusNone;
+  if (read == BootInfoStatus::kCannotOpen) {
+    KY_LOG(logging::kLevelError, L"Can't find last boot information data");
+  } else if (read == BootInfoStatus::kTooLarge || read == BootInfoStatus::kParseError) {
+    KY_LOG(logging::kLevelError, L"Invalid json file format : %S",
+           read == BootInfoStatus::kTooLarge ? "file too large" : error.c_str());
+  } else if (read != BootInfoStatus::kOk || !record.hasBootTime) {
+    KY_LOG(logging::kLevelError, L"Invalid last boot json file");
+  } else {
+    KY_LOG(logging::kLevelInfo, L"Loading boot time from json");
+    if (!record.bootTime) {
+      KY_LOG(logging::kLevelError, L"Invalid last boot json file");
+      return;
+    }
+    bootTime_ = static_cast<std::uint32_t>(*record.bootTime);
+    KY_LOG(logging::kLevelInfo, L"Loaded boot time %d", *record.bootTime);
+    status_ = kStatusFound;
+  }
 }
 
 }  // namespace boottime

@@ -12,8 +12,10 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <ostream>
 #include <string>
 
+#include "boottime/boot_info_file.h"
 #include "boottime/clock.h"
 #include "boottime/process_counters_source.h"
 #include "common/critical_section.h"
@@ -39,7 +41,7 @@ class BootTimeMonitor {
   static constexpr std::uint32_t kStatusFound = 0;
   static constexpr std::uint32_t kStatusNotYetKnown = 1;
   static constexpr std::uint32_t kStatusNone = 2;
-  static constexpr wchar_t kFileName[] = L"last_boot_time_information.json";
+  static constexpr const wchar_t* kFileName = kBootInfoFileName;
 
   explicit BootTimeMonitor(IClock& clock = SystemClock::Instance(),
                            IProcessCountersSource& counters = SystemCountersSource::Instance());
@@ -69,17 +71,20 @@ class BootTimeMonitor {
   // Reads the boot time back: status 0, or status 2 (logged) with the boot time unchanged.
   void LoadLastBootTimeFromDisk(const std::wstring& folder);
 
+  // "Listing processes", "pid,ppid,name" per followed process, "Done", a line each.
+  void WriteProcessListing(std::wostream& out) const;
+
   // The status; writes the boot time to *bootTime when given.
   std::uint32_t Result(std::uint32_t* bootTime = nullptr);
-  ky::CriticalSection& Lock() { return lock_; }
+  // Stops the boot event watcher and unregisters the logon observer (the plug-in's Stop).
+  void StopWatchers();
 
+  // For tests only: what a test drives or inspects between cycles.
   UserLogonObserver* LogonObserver() { return logonObserver_.get(); }
   WinBootEvent* BootEvent() { return winBootEvent_.get(); }
   Processes* ProcessList() { return processes_.get(); }
   ProcessesMonitor* ProcessEvents() { return processesMonitor_.get(); }
   std::uint32_t TimeSystemMark() const { return timeSystem_; }
-  // Stops the boot event watcher and unregisters the logon observer (the plug-in's Stop).
-  void StopWatchers();
 
  private:
   void SetStatus(std::uint32_t status);

@@ -30,4 +30,9 @@ class SystemClock final : public IClock {
   static SystemClock& Instance();
 };
 
+// When the machine started, in ms since 1601: the wall clock less the 32-bit tick count.
+inline std::int64_t SystemStartTime(IClock& clock) {
+  return static_cast<std::int64_t>(clock.WallClock()) - static_cast<std::int64_t>(clock.TickCount());
+}
+
 }  // namespace boottime

@@ -61,11 +61,15 @@ void BootTimeMonitor::ProcessesMonitor::TakeEvents(std::vector<ProcessEvent>& st
   stopped = std::move(emptyStopped);
 }
 
-void BootTimeMonitor::ProcessesMonitor::ApplyEvents(Processes& processes) {
+void BootTimeMonitor::ProcessesMonitor::ApplyEvents(Processes& processes, bool followStarts, const wchar_t* function) {
   std::vector<ProcessEvent> started;
   std::vector<ProcessEvent> stopped;
   TakeEvents(started, stopped);
-  for (const ProcessEvent& event : started) (void)processes.Add(event);
+  if (followStarts) {
+    logging::Write(logging::kLevelDebug, function, L"LOAD STEP DATA");
+    for (const ProcessEvent& event : started) (void)processes.Add(event);
+  }
+  logging::Write(logging::kLevelDebug, function, L"REM STEP DATA");
   for (const ProcessEvent& event : stopped) (void)processes.Rem(event);
 }
 

@@ -31,9 +31,10 @@ class BootTimeMonitor::ProcessesMonitor final : public IProcessDPObserver {
 
   // Swaps both queues out whole under the lock.
   void TakeEvents(std::vector<ProcessEvent>& started, std::vector<ProcessEvent>& stopped);
-  // Takes the queues and applies them outside the lock: Add for every start, then Rem for
-  // every stop, each in queue order.
-  void ApplyEvents(Processes& processes);
+  // One cycle's notifications: takes the queues and applies them outside the lock, Add for
+  // every start (only when `followStarts`; the others are dropped), then Rem for every stop,
+  // each in queue order, with the step lines logged under `function`.
+  void ApplyEvents(Processes& processes, bool followStarts, const wchar_t* function);
 
  private:
   IServMain* host_;

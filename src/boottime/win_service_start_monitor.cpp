@@ -2,12 +2,12 @@
 
 #include "common/guard.h"
 #include "common/log.h"
+#include "common/module_library.h"
 
 namespace boottime {
 namespace {
 
 constexpr wchar_t kAdvapi[] = L"Advapi32.dll";
-constexpr char kNotifyFunction[] = "NotifyServiceStatusChangeW";
 
 }  // namespace
 
@@ -83,11 +83,13 @@ VOID CALLBACK WinServiceStartMonitor::OnNotify(void* parameter) {
 
 DWORD WinServiceStartMonitor::Run() {
   KY_TRACE(L"boottime::WinServiceStartMonitor::Run");
-  HMODULE advapi = ::GetModuleHandleW(kAdvapi);
-  if (advapi == nullptr) return ::GetLastError();
-  auto notifyChange = reinterpret_cast<decltype(&::NotifyServiceStatusChangeW)>(
-      reinterpret_cast<void*>(::GetProcAddress(advapi, kNotifyFunction)));
-  if (notifyChange == nullptr) return ::GetLastError();
+  ky::ModuleLibrary advapi;
+  if (const std::uint32_t loaded = advapi.Load(kAdvapi); loaded != 0) return loaded;
+  decltype(&::NotifyServiceStatusChangeW) notifyChange = nullptr;
+  if (const std::uint32_t bound = advapi.Bind({KY_BIND_DECLARED(NotifyServiceStatusChangeW, notifyChange)});
+      bound != 0) {
+    return bound;
+  }
   SERVICE_NOTIFYW& notify = *notify_;
   notify.dwVersion = SERVICE_NOTIFY_STATUS_CHANGE;
   notify.pfnNotifyCallback = &OnNotify;

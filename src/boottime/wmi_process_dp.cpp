@@ -8,32 +8,23 @@ namespace boottime {
 bool WmiProcessDP::Init(IServMain* host) {
   KY_TRACE(L"boottime::WmiProcessDP::Init");
   return ky::Guarded(L"boottime::WmiProcessDP::Init", false, [&]() -> bool {
-    componentManager_ = host != nullptr ? host->GetComponentManager() : nullptr;
-    void* object = nullptr;
-    const std::uint32_t result =
-        componentManager_ != nullptr
-            ? componentManager_->GetPlugin(kPluginName, lumera::ids::WmiProcessDPPlugin, &object)
-            : ERROR_INVALID_DATA;
-    if (result != 0 || object == nullptr) {
+    IPlgComponentManager* manager = host != nullptr ? host->GetComponentManager() : nullptr;
+    if (plugin_.Acquire(manager, kPluginName, lumera::ids::WmiProcessDPPlugin) != 0 || !plugin_) {
       KY_LOG_STREAM(logging::kLevelWarning) << L"GetPlugin " << kPluginName << L" failed";
       return false;
     }
-    plugin_ = static_cast<IWMIProcessDP*>(object);
     return true;
   });
 }
 
 void WmiProcessDP::UnInit() {
   KY_TRACE(L"boottime::WmiProcessDP::UnInit");
-  if (componentManager_ != nullptr && plugin_ != nullptr) {
-    (void)componentManager_->ReleasePlugin(kPluginName);
-    plugin_ = nullptr;
-  }
+  plugin_.Reset();
 }
 
 bool WmiProcessDP::Start(IProcessDPObserver* observer) {
   KY_TRACE(L"boottime::WmiProcessDP::Start");
-  if (plugin_ == nullptr) return false;
+  if (!plugin_) return false;
   observer_ = observer;
   const std::uint32_t result = plugin_->RegisterEventsHandler(this);
   if (result != 0) {
@@ -45,7 +36,7 @@ bool WmiProcessDP::Start(IProcessDPObserver* observer) {
 
 void WmiProcessDP::Stop() {
   KY_TRACE(L"boottime::WmiProcessDP::Stop");
-  if (plugin_ != nullptr) (void)plugin_->UnregisterEventsHandler(this);
+  if (plugin_) (void)plugin_->UnregisterEventsHandler(this);
 }
 
 ProcessEvent WmiProcessDP::ToEvent(const WMIProcessInfo* info) const {
@@ -60,28 +51,32 @@ ProcessEvent WmiProcessDP::ToEvent(const WMIProcessInfo* info) const {
   return event;
 }
 
+void WmiProcessDP::Forward(const wchar_t* function, const WMIProcessInfo* info, bool started) {
+  ky::GuardedVoid(function, [&] {
+    if (info == nullptr) return;
+    logging::CLogStream(logging::kLevelDebug, function) << L"pid=" << info->pid << L" name=" << info->name
+                                                        << L" path=" << info->imagePath << L" cmdline="
+                                                        << info->commandLine;
+    const ProcessEvent event = ToEvent(info);
+    logging::Write(logging::kLevelDebug, function, started ? L"New process started [%s] [%d]" : L"New process stopped [%s] [%d]",
+                   event.name.c_str(), static_cast<int>(info->pid));
+    if (observer_ == nullptr) return;
+    if (started) {
+      observer_->OnProcessStarted(event);
+    } else {
+      observer_->OnProcessStopped(event);
+    }
+  });
+}
+
 void WmiProcessDP::OnProcessStarted(const WMIProcessInfo* info) {
   KY_TRACE(L"boottime::WmiProcessDP::OnProcessStarted");
-  ky::GuardedVoid(L"boottime::WmiProcessDP::OnProcessStarted", [&] {
-    if (info == nullptr) return;
-    KY_LOG_STREAM(logging::kLevelDebug) << L"pid=" << info->pid << L" name=" << info->name << L" path="
-                                        << info->imagePath << L" cmdline=" << info->commandLine;
-    const ProcessEvent event = ToEvent(info);
-    KY_LOG(logging::kLevelDebug, L"New process started [%s] [%d]", event.name.c_str(), static_cast<int>(info->pid));
-    if (observer_ != nullptr) observer_->OnProcessStarted(event);
-  });
+  Forward(kyTrace_.Name(), info, true);
 }
 
 void WmiProcessDP::OnProcessEnded(const WMIProcessInfo* info) {
   KY_TRACE(L"boottime::WmiProcessDP::OnProcessEnded");
-  ky::GuardedVoid(L"boottime::WmiProcessDP::OnProcessEnded", [&] {
-    if (info == nullptr) return;
-    KY_LOG_STREAM(logging::kLevelDebug) << L"pid=" << info->pid << L" name=" << info->name << L" path="
-                                        << info->imagePath << L" cmdline=" << info->commandLine;
-    const ProcessEvent event = ToEvent(info);
-    KY_LOG(logging::kLevelDebug, L"New process stopped [%s] [%d]", event.name.c_str(), static_cast<int>(info->pid));
-    if (observer_ != nullptr) observer_->OnProcessStopped(event);
-  });
+  Forward(kyTrace_.Name(), info, false);
 }
 
 }  // namespace boottime

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "boottime/process_dp.h"
+#include "common/plugin_ref.h"
 #include "lumera/wmiprocessdp.h"
 
 namespace boottime {
@@ -13,7 +14,7 @@ class WmiProcessDP final : public IProcessDP, public IWMIProcessDPEvents {
   WmiProcessDP() = default;
   WmiProcessDP(const WmiProcessDP&) = delete;
   WmiProcessDP& operator=(const WmiProcessDP&) = delete;
-  // Releases nothing by itself: Stop and UnInit undo Start and Init.
+  // Gives the plug-in back if UnInit did not; Stop undoes Start.
   ~WmiProcessDP() override = default;
 
   [[nodiscard]] bool Init(IServMain* host) override;
@@ -26,9 +27,10 @@ class WmiProcessDP final : public IProcessDP, public IWMIProcessDPEvents {
 
  private:
   ProcessEvent ToEvent(const WMIProcessInfo* info) const;
+  // Logs the notification under `function` and passes it on as a start or a stop.
+  void Forward(const wchar_t* function, const WMIProcessInfo* info, bool started);
 
-  IPlgComponentManager* componentManager_ = nullptr;
-  IWMIProcessDP* plugin_ = nullptr;
+  ky::PluginRef<IWMIProcessDP> plugin_;
   IProcessDPObserver* observer_ = nullptr;
 };
 

@@ -57,25 +57,17 @@ class CSyncRWLock final : public ISyncRWLock {
   std::map<DWORD, std::uint32_t> readers_;
 };
 
-// Scoped holders.
-class SharedLock {
+// Holds `lock` in one mode for its own life, on the calling thread.
+template <void (ISyncRWLock::*Acquire)(DWORD), void (ISyncRWLock::*Release)(DWORD)>
+class ScopedRWLock {
  public:
-  explicit SharedLock(ISyncRWLock& lock) : lock_(lock) { lock_.AcquireRead(); }
-  ~SharedLock() { lock_.ReleaseRead(); }
-  SharedLock(const SharedLock&) = delete;
-  SharedLock& operator=(const SharedLock&) = delete;
+  explicit ScopedRWLock(ISyncRWLock& lock) : lock_(lock) { (lock_.*Acquire)(0); }
+  ~ScopedRWLock() { (lock_.*Release)(0); }
+  ScopedRWLock(const ScopedRWLock&) = delete;
+  ScopedRWLock& operator=(const ScopedRWLock&) = delete;
 
  private:
   ISyncRWLock& lock_;
 };
-
-class ExclusiveLock {
- public:
-  explicit ExclusiveLock(ISyncRWLock& lock) : lock_(lock) { lock_.AcquireWrite(); }
-  ~ExclusiveLock() { lock_.ReleaseWrite(); }
-  ExclusiveLock(const ExclusiveLock&) = delete;
-  ExclusiveLock& operator=(const ExclusiveLock&) = delete;
-
- private:
-  ISyncRWLock& lock_;
-};
+using SharedLock = ScopedRWLock<&ISyncRWLock::AcquireRead, &ISyncRWLock::ReleaseRead>;
+using ExclusiveLock = ScopedRWLock<&ISyncRWLock::AcquireWrite, &ISyncRWLock::ReleaseWrite>;

@@ -66,36 +66,23 @@ struct HandleTraits : KernelHandleTraits {
 struct FileHandleTraits : KernelHandleTraits {
   static type invalid() noexcept { return INVALID_HANDLE_VALUE; }
 };
-struct RegKeyTraits {
-  using type = HKEY;
+// A kind whose only "no handle" is null, closed by `Close`.
+template <class T, auto Close>
+struct NullHandleTraits {
+  using type = T;
   static type invalid() noexcept { return nullptr; }
   static bool is_valid(type h) noexcept { return h != nullptr; }
-  static void close(type h) noexcept { ::RegCloseKey(h); }
+  static void close(type h) noexcept { (void)Close(h); }
 };
-struct ModuleTraits {
-  using type = HMODULE;
-  static type invalid() noexcept { return nullptr; }
-  static bool is_valid(type h) noexcept { return h != nullptr; }
-  static void close(type h) noexcept { ::FreeLibrary(h); }
-};
+using RegKeyTraits = NullHandleTraits<HKEY, &::RegCloseKey>;
+using ModuleTraits = NullHandleTraits<HMODULE, &::FreeLibrary>;
+using LocalMemTraits = NullHandleTraits<HLOCAL, &::LocalFree>;
+using ServiceHandleTraits = NullHandleTraits<SC_HANDLE, &::CloseServiceHandle>;
 struct FindTraits {
   using type = HANDLE;
   static type invalid() noexcept { return INVALID_HANDLE_VALUE; }
   static bool is_valid(type h) noexcept { return h != nullptr && h != INVALID_HANDLE_VALUE; }
   static void close(type h) noexcept { ::FindClose(h); }
-};
-struct LocalMemTraits {
-  using type = HLOCAL;
-  static type invalid() noexcept { return nullptr; }
-  static bool is_valid(type h) noexcept { return h != nullptr; }
-  static void close(type h) noexcept { ::LocalFree(h); }
-};
-
-struct ServiceHandleTraits {
-  using type = SC_HANDLE;
-  static type invalid() noexcept { return nullptr; }
-  static bool is_valid(type h) noexcept { return h != nullptr; }
-  static void close(type h) noexcept { ::CloseServiceHandle(h); }
 };
 
 using unique_handle = unique_any<HandleTraits>;       // events, threads, processes, semaphores

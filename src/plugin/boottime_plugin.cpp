@@ -1,15 +1,10 @@
 #include "plugin/boottime_plugin.h"
 
-#include <shlwapi.h>
-
 #include <mutex>
-#include <vector>
 
 #include "common/guard.h"
 #include "common/log.h"
-#include "common/module_library.h"
 #include "lumera/interface_ids.h"
-#include "lumera/productinfo.h"
 #include "plugin/settings_folder.h"
 #include "users/ky_users.h"
 #include "users/user_logon.h"
@@ -19,9 +14,6 @@ namespace {
 
 constexpr std::uint32_t kHostMissing = 0xFFFFFFFF;
 constexpr wchar_t kLoadUsage[] = L"LoadUsage";
-constexpr wchar_t kProductInfo[] = L"productinfo";
-constexpr wchar_t kSettingsSubfolder[] = L"velora\\";
-constexpr wchar_t kFallbackSubfolder[] = L"settings\\velora\\";
 
 }  // namespace
 
@@ -31,7 +23,7 @@ CBootTimePlugin::CBootTimePlugin(IClock& clock, IProcessCountersSource& counters
 CBootTimePlugin::~CBootTimePlugin() {
   ky::GuardedVoid(L"boottime::CBootTimePlugin::~CBootTimePlugin", [&] {
     EndProcessingThread();
-    JoinReportThread();
+    report_.Join();
   });
 }
 
@@ -44,7 +36,7 @@ std::uint32_t CBootTimePlugin::Init(IServMain* host) {
   KY_TRACE(L"boottime::CBootTimePlugin::Init");
   return ky::Guarded(L"boottime::CBootTimePlugin::Init", ky::kGeneralFailure, [&]() -> std::uint32_t {
     const std::uint32_t result = InitSteps(host);
-    diskPerformance_.SetLoadUsage(static_cast<ILoadUsage*>(loadUsage_));
+    diskPerformance_.SetLoadUsage(loadUsage_.get());
     return result;
   });
 }
@@ -64,11 +56,10 @@ std::uint32_t CBootTimePlugin::InitSteps(IServMain* host) {
     UnInit();
     return kHostMissing;
   }
-  if (loadUsage_ == nullptr) {
-    const std::uint32_t result = componentManager_->GetPlugin(kLoadUsage, lumera::ids::LoadUsagePlugin, &loadUsage_);
+  if (!loadUsage_) {
+    const std::uint32_t result = loadUsage_.Acquire(componentManager_, kLoadUsage, lumera::ids::LoadUsagePlugin);
     if (result != 0) {
       KY_LOG(logging::kLevelError, L"GetPlugin %s failed 0x%x", kLoadUsage, result);
-      loadUsage_ = nullptr;
       UnInit();
       return result;
     }
@@ -81,7 +72,7 @@ std::uint32_t CBootTimePlugin::InitSteps(IServMain* host) {
   if (CUserLogon::Instance().RegisterObserver(checker_.get()) != 0) {
     KY_LOG(logging::kLevelDebug, L"current-user checker already registered");
   }
-  GetSettingsFolderPath();
+  settingsFolder_ = plugin::ResolveSettingsFolder(componentManager_);
   const std::uint32_t result = monitor_.Init(host, &data_);
   if (result != 0) {
     KY_LOG(logging::kLevelError, L"BootTimeMonitor init err=%0x%x", result);
@@ -96,11 +87,10 @@ std::uint32_t CBootTimePlugin::UnInit() {
   return ky::Guarded(L"boottime::CBootTimePlugin::UnInit", ky::kGeneralFailure, [&]() -> std::uint32_t {
     // The threads end first: the monitor's members they use are freed just after.
     EndProcessingThread();
-    JoinReportThread();
+    report_.Join();
     monitor_.UnInit();
     diskPerformance_.SetLoadUsage(nullptr);
-    if (loadUsage_ != nullptr && componentManager_ != nullptr) (void)componentManager_->ReleasePlugin(kLoadUsage);
-    loadUsage_ = nullptr;
+    loadUsage_.Reset();
     monitorEvent_.reset();
     if (checker_) {
       (void)CUserLogon::Instance().Observers().Unregister(checker_.get());
@@ -120,15 +110,6 @@ void CBootTimePlugin::EndProcessingThread() {
   if (monitorEvent_) (void)::SetEvent(monitorEvent_.get());
   (void)::WaitForSingleObject(processingThread_.get(), INFINITE);
   processingThread_.reset();
-}
-
-void CBootTimePlugin::JoinReportThread() {
-  std::thread report;
-  {
-    std::lock_guard hold(reportLock_);
-    report = std::move(reportThread_);
-  }
-  if (report.joinable()) report.join();
 }
 
 std::uint32_t CBootTimePlugin::Start() {
@@ -159,48 +140,19 @@ std::uint32_t CBootTimePlugin::Stop() {
       KY_LOG(logging::kLevelError, L"SetEvent MonitorEvent failed error code %lu", ::GetLastError());
     }
     monitor_.StopWatchers();
-    JoinReportThread();
+    report_.Join();
     if (processingThread_) {
       (void)::WaitForSingleObject(processingThread_.get(), INFINITE);
       processingThread_.reset();
     }
     // The run may have started its report between the first join and its own end.
-    JoinReportThread();
+    report_.Join();
     if (logonStarted_) {
       CUserLogon::Instance().Stop();
       logonStarted_ = false;
     }
     return 0;
   });
-}
-
-void CBootTimePlugin::GetSettingsFolderPath() {
-  KY_TRACE(L"boottime::CBootTimePlugin::GetSettingsFolderPath");
-  std::wstring folder;
-  if (componentManager_ == nullptr) {
-    KY_LOG(logging::kLevelError, L"Component Manager is null!");
-  } else {
-    void* object = nullptr;
-    if (componentManager_->GetPlugin(kProductInfo, lumera::ids::ProductInfoPlugin, &object) != 0 || object == nullptr) {
-      KY_LOG(logging::kLevelWarning, L"Error getting plugin: %s", kProductInfo);
-    } else {
-      const wchar_t* common = static_cast<IProductInfo*>(object)->GetFolder(lumera::kFolderKindCommon, L"common");
-      if (common != nullptr) folder = common;
-      (void)componentManager_->ReleasePlugin(kProductInfo);
-    }
-  }
-  if (!folder.empty()) {
-    if (folder.back() != L'\\') folder += L'\\';
-    folder += kSettingsSubfolder;
-    if (::PathIsRelativeW(folder.c_str())) folder = ky::ThisModuleFolder() + folder;
-  } else {
-    folder = ky::ModuleFolder(nullptr);
-    if (!folder.empty() && folder.back() != L'\\' && folder.back() != L'/') folder += L'\\';
-    folder += kFallbackSubfolder;
-  }
-  plugin::PrepareSettingsFolder(folder);
-  settingsFolder_ = folder;
-  KY_LOG(logging::kLevelInfo, L"settingsFolderPath=%s", settingsFolder_.c_str());
 }
 
 // Each query takes the status lock first and releases it before it takes the lock of the
@@ -247,14 +199,12 @@ std::uint32_t CBootTimePlugin::GetDiskSpeed(DiskSpeed* speed) {
 
 std::uint32_t CBootTimePlugin::AddListener(IBootTimeEvents* listener) {
   KY_TRACE(L"boottime::CBootTimePlugin::AddListener");
-  if (listener == nullptr) return ERROR_INVALID_DATA;
-  return ky::Guarded(L"boottime::CBootTimePlugin::AddListener", ky::kGeneralFailure,
-                     [&] { return listeners_.Register(listener); });
+  return listeners_.Add(L"boottime::CBootTimePlugin::AddListener", listener);
 }
 
 std::uint32_t CBootTimePlugin::RemoveListener(IBootTimeEvents* listener) {
   KY_TRACE(L"boottime::CBootTimePlugin::RemoveListener");
-  return listeners_.Unregister(listener);
+  return listeners_.Remove(listener);
 }
 
 }  // namespace boottime

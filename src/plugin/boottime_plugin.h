@@ -10,20 +10,21 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
 
-#include "boottime/analyser_state.h"
+#include "boottime/boot_time_analyser_state.h"
 #include "boottime/boot_time_data.h"
 #include "boottime/boot_time_disk_performance.h"
+#include "boottime/boot_time_listeners.h"
 #include "boottime/boot_time_monitor.h"
 #include "boottime/clock.h"
 #include "boottime/process_counters_source.h"
-#include "common/callback_list.h"
 #include "common/critical_section.h"
+#include "common/plugin_ref.h"
 #include "common/unique_handle.h"
 #include "lumera/boottime.h"
+#include "lumera/loadusage.h"
+#include "plugin/central_report.h"
 #include "plugin/startup_manager_observer.h"
 #include "users/start_launcher_check.h"
 
@@ -62,20 +63,15 @@ class CBootTimePlugin final : public IBootTime, public IStartupManagerObserver {
   const std::wstring& SettingsFolder() const { return settingsFolder_; }
   // The stored start of the system (ms since 1601) from the last boot time file, 0 when unknown.
   std::int64_t GetLastSystemStartTime();
-  // Wall clock minus the 32-bit tick count, in ms since 1601.
-  std::int64_t CurrentSystemStartTime();
 
  private:
   std::uint32_t InitSteps(IServMain* host);
-  void GetSettingsFolderPath();
   void StartProcessingThread();
   static DWORD WINAPI ProcessingThreadProc(LPVOID context);
   void ProcessingThread();
-  void SendReportToCentral();
   void DumpRun();
   bool StopRequested() const;
   void EndProcessingThread();
-  void JoinReportThread();
   std::uint32_t OverallStatus();
 
   IClock& clock_;
@@ -86,16 +82,15 @@ class CBootTimePlugin final : public IBootTime, public IStartupManagerObserver {
   BootTimeData data_;
   BootTimeDiskPerformance diskPerformance_;
   AnalyserState analyser_;
-  CallbackList<IBootTimeEvents*> listeners_;
+  BootTimeListeners listeners_;
   IPlgComponentManager* componentManager_ = nullptr;  // the host's; never released
-  void* loadUsage_ = nullptr;
+  ky::PluginRef<ILoadUsage> loadUsage_;
   std::uint32_t overallStatus_ = kStatusNotYetKnown;
   ky::CriticalSection statusLock_;
   std::unique_ptr<CStartLauncherCheckExec> checker_;
-  std::mutex reportLock_;  // guards reportThread_ between the processing thread and Stop
-  std::thread reportThread_;
   bool logonInitialised_ = false;
   bool logonStarted_ = false;
+  CentralReport report_;  // declared last, so that it is joined before what it reads goes
 };
 
 }  // namespace boottime

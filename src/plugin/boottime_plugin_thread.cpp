@@ -3,14 +3,10 @@
 #include <sstream>
 #include <utility>
 
-#include "boottime/plugin_startup_manager.h"
-#include "boottime/processes.h"
+#include "boottime/boot_info_file.h"
 #include "common/guard.h"
-#include "common/json_file.h"
 #include "common/log.h"
 #include "common/stop_wait.h"
-#include "lumera/interface_ids.h"
-#include "lumera/productinfo.h"
 #include "plugin/boottime_plugin.h"
 #include "users/user_logon.h"
 
@@ -18,23 +14,6 @@ namespace boottime {
 namespace {
 
 constexpr std::int64_t kSameBootMs = 2000;
-constexpr char kSystemStartKey[] = "systemStartTimestamp";
-constexpr wchar_t kProductInfo[] = L"productinfo";
-
-// A whole signed 64-bit decimal number, else nothing.
-bool ParseInt64(const std::string& text, std::int64_t& out) {
-  if (text.empty()) return false;
-  std::size_t i = text[0] == '-' || text[0] == '+' ? 1 : 0;
-  if (i == text.size()) return false;
-  std::uint64_t magnitude = 0;
-  for (; i < text.size(); ++i) {
-    if (text[i] < '0' || text[i] > '9') return false;
-    if (magnitude > (static_cast<std::uint64_t>(INT64_MAX) - (text[i] - '0')) / 10) return false;
-    magnitude = magnitude * 10 + static_cast<std::uint64_t>(text[i] - '0');
-  }
-  out = text[0] == '-' ? -static_cast<std::int64_t>(magnitude) : static_cast<std::int64_t>(magnitude);
-  return true;
-}
 
 // The log takes messages of about 4000 characters, so a dump goes out one line at a time.
 void LogLines(const wchar_t* function, std::uint32_t level, const std::wstring& text) {
@@ -65,22 +44,12 @@ bool CBootTimePlugin::StopRequested() const {
   return ky::WaitForStop(monitorEvent_.get(), 0);
 }
 
-std::int64_t CBootTimePlugin::CurrentSystemStartTime() {
-  return static_cast<std::int64_t>(clock_.WallClock()) - static_cast<std::int64_t>(clock_.TickCount());
-}
-
 std::int64_t CBootTimePlugin::GetLastSystemStartTime() {
   KY_TRACE(L"boottime::CBootTimePlugin::GetLastSystemStartTime");
-  picojson::value document;
+  BootInfoRecord record;
   std::string error;
-  if (ky::ReadJsonFile(settingsFolder_ + BootTimeMonitor::kFileName, document, error) != ky::JsonReadResult::kOk) {
-    return 0;
-  }
-  if (!document.is<picojson::object>() || !document.contains(kSystemStartKey)) return 0;
-  const picojson::value& value = document.get(kSystemStartKey);
-  std::int64_t start = 0;
-  if (!value.is<std::string>() || !ParseInt64(value.get<std::string>(), start)) return 0;
-  return start;
+  if (ReadBootInfoFile(settingsFolder_ + kBootInfoFileName, record, error) != BootInfoStatus::kOk) return 0;
+  return record.systemStart.value_or(0);
 }
 
 void CBootTimePlugin::ProcessingThread() {
@@ -101,7 +70,7 @@ void CBootTimePlugin::ProcessingThread() {
       next = Next::kDone;
     }
   } else {
-    const std::int64_t currentStart = CurrentSystemStartTime();
+    const std::int64_t currentStart = SystemStartTime(clock_);
     KY_LOG(logging::kLevelInfo, L"lastSystemStartTime=%lld ; currentSystemStartTime=%lld", lastStart, currentStart);
     const std::int64_t diff = lastStart > currentStart ? lastStart - currentStart : currentStart - lastStart;
     if (diff >= kSameBootMs) {
@@ -148,13 +117,7 @@ void CBootTimePlugin::ProcessingThread() {
 void CBootTimePlugin::DumpRun() {
   KY_TRACE(L"boottime::CBootTimePlugin::DumpRun");
   std::wostringstream out;
-  out << L"Listing processes\n";
-  if (const BootTimeMonitor::Processes* processes = monitor_.ProcessList()) {
-    for (const TrackedProcess& process : processes->List()) {
-      out << process.pid << L',' << process.ppid << L',' << process.name << L'\n';
-    }
-  }
-  out << L"Done\n";
+  monitor_.WriteProcessListing(out);
   data_.Dump(out);
   analyser_.WriteListing(out);
   LogLines(kyTrace_.Name(), logging::kLevelDebug, out.str());
@@ -169,44 +132,8 @@ void CBootTimePlugin::OnDataAnalysed(std::uint32_t status) {
       monitor_.StoreBootTimeOnDisk(settingsFolder_);
       (void)analyser_.Store(settingsFolder_ + kProcessImpactFileName);
     }
-    JoinReportThread();
-    {
-      // Checked under the lock Stop joins under, so a report started here is always joined.
-      std::lock_guard hold(reportLock_);
-      if (!StopRequested()) reportThread_ = std::thread([this] { SendReportToCentral(); });
-    }
-    listeners_.ForEach([status](IBootTimeEvents* listener) { listener->OnDataAnalysed(status); });
-  });
-}
-
-void CBootTimePlugin::SendReportToCentral() {
-  KY_TRACE(L"boottime::CBootTimePlugin::SendReportToCentral");
-  ky::GuardedVoid(L"boottime::CBootTimePlugin::SendReportToCentral", [&] {
-    void* object = nullptr;
-    IProductInfo* info = nullptr;
-    if (componentManager_ != nullptr &&
-        componentManager_->GetPlugin(kProductInfo, lumera::ids::ProductInfoPlugin, &object) == 0) {
-      info = static_cast<IProductInfo*>(object);
-    }
-    if (!StopRequested()) {
-      CPluginStartupManager manager([info] { return info; });
-      manager.SetStopEvent(monitorEvent_.get());
-      (void)manager.Init();
-      ky::List<ProcessImpact> impacts;
-      if (!StopRequested() && GetBootImpact(&impacts, nullptr) == kStatusAvailable) {
-        const std::uint32_t sent = manager.SendImpactReportToCentral(impacts.Items());
-        if (sent != 0) KY_LOG(logging::kLevelWarning, L"process impact report not sent 0x%x", sent);
-        manager.SetBootImpacts(std::move(impacts.Items()));
-      }
-      std::uint32_t bootTime = 0;
-      if (GetBootTime(&bootTime) == kStatusAvailable) manager.SetBootTime(bootTime);
-      if (!StopRequested()) {
-        const std::uint32_t sent = manager.BuildAndReport();
-        if (sent != 0) KY_LOG(logging::kLevelWarning, L"startup apps report not sent 0x%x", sent);
-      }
-      manager.Uninit();
-    }
-    if (info != nullptr) (void)componentManager_->ReleasePlugin(kProductInfo);
+    report_.Start(monitorEvent_.get(), componentManager_, *this);
+    listeners_.Tell(status);
   });
 }
 

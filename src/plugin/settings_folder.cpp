@@ -1,9 +1,50 @@
 #include "plugin/settings_folder.h"
 
+#include <shlwapi.h>
+
 #include "common/log.h"
+#include "common/module_library.h"
+#include "common/plugin_ref.h"
 #include "common/service_folder.h"
+#include "lumera/interface_ids.h"
+#include "lumera/productinfo.h"
 
 namespace plugin {
+namespace {
+
+constexpr wchar_t kProductInfo[] = L"productinfo";
+constexpr wchar_t kSettingsSubfolder[] = L"velora\\";
+constexpr wchar_t kFallbackSubfolder[] = L"settings\\velora\\";
+
+}  // namespace
+
+std::wstring ResolveSettingsFolder(IPlgComponentManager* manager) {
+  // Logged under the plug-in's name, where this has always been logged.
+  KY_TRACE(L"boottime::CBootTimePlugin::GetSettingsFolderPath");
+  std::wstring folder;
+  if (manager == nullptr) {
+    KY_LOG(logging::kLevelError, L"Component Manager is null!");
+  } else {
+    ky::PluginRef<IProductInfo> info;
+    if (info.Acquire(manager, kProductInfo, lumera::ids::ProductInfoPlugin) != 0 || !info) {
+      KY_LOG(logging::kLevelWarning, L"Error getting plugin: %s", kProductInfo);
+    } else if (const wchar_t* common = info->GetFolder(lumera::kFolderKindCommon, L"common")) {
+      folder = common;
+    }
+  }
+  if (!folder.empty()) {
+    if (folder.back() != L'\\') folder += L'\\';
+    folder += kSettingsSubfolder;
+    if (::PathIsRelativeW(folder.c_str())) folder = ky::ThisModuleFolder() + folder;
+  } else {
+    folder = ky::ModuleFolder(nullptr);
+    if (!folder.empty() && folder.back() != L'\\' && folder.back() != L'/') folder += L'\\';
+    folder += kFallbackSubfolder;
+  }
+  PrepareSettingsFolder(folder);
+  KY_LOG(logging::kLevelInfo, L"settingsFolderPath=%s", folder.c_str());
+  return folder;
+}
 
 void PrepareSettingsFolder(const std::wstring& folder) {
   KY_TRACE(L"plugin::PrepareSettingsFolder");

@@ -15,6 +15,14 @@ std::string ForLog(std::string_view text) {
   return text.size() <= kLoggedTextBytes ? std::string(text) : std::string(text.substr(0, kLoggedTextBytes)) + "...";
 }
 
+// Each field an app must hold as text, in the order checked, and what is logged without it.
+constexpr std::pair<const char*, const wchar_t*> kAppFields[] = {
+    {"name", L"App object doesn't have a name."},
+    {"owner", L"App object doesn't have an owner."},
+    {"qid", L"App object doesn't have a QID."},
+    {"status", L"App object doesn't have status."},
+};
+
 picojson::value Number(double value) { return picojson::value(value); }
 picojson::value Text(const std::wstring& text) { return picojson::value(ky::WideToUtf8(text)); }
 
@@ -68,34 +76,28 @@ std::uint32_t BuildAppList(std::string_view text, AppList& list) {
   std::int32_t status = kStatusEnabled;
   const picojson::value none;
   for (const auto& app : root.get("apps").get<picojson::array>()) {
-    const bool isObject = app.is<picojson::object>();
-    const picojson::value& name = isObject ? app.get("name") : none;
-    const picojson::value& owner = isObject ? app.get("owner") : none;
-    const picojson::value& qid = isObject ? app.get("qid") : none;
-    const picojson::value& word = isObject ? app.get("status") : none;
-    if (!name.is<std::string>()) {
-      KY_LOG(logging::kLevelError, L"App object doesn't have a name.");
+    const auto field = [&](const char* key) -> const picojson::value& {
+      return app.is<picojson::object>() ? app.get(key) : none;
+    };
+    const wchar_t* missing = nullptr;
+    for (const auto& [key, message] : kAppFields) {
+      if (!field(key).is<std::string>()) {
+        missing = message;
+        break;
+      }
+    }
+    if (missing != nullptr) {
+      KY_LOG(logging::kLevelError, missing);
       continue;
     }
-    if (!owner.is<std::string>()) {
-      KY_LOG(logging::kLevelError, L"App object doesn't have an owner.");
-      continue;
-    }
-    if (!qid.is<std::string>()) {
-      KY_LOG(logging::kLevelError, L"App object doesn't have a QID.");
-      continue;
-    }
-    if (!word.is<std::string>()) {
-      KY_LOG(logging::kLevelError, L"App object doesn't have status.");
-      continue;
-    }
-    if (!StatusFromWord(word.get<std::string>(), status)) {
-      KY_LOG(logging::kLevelError, L"Unrecognized startup status: %S. Using default.", word.get<std::string>().c_str());
+    const std::string& word = field("status").get<std::string>();
+    if (!StatusFromWord(word, status)) {
+      KY_LOG(logging::kLevelError, L"Unrecognized startup status: %S. Using default.", word.c_str());
     }
     auto entry = std::make_shared<StartupItemEx>();
-    entry->name = ky::Utf8ToWide(name.get<std::string>());
-    entry->owner = ky::Utf8ToWide(owner.get<std::string>());
-    entry->qid = ky::Utf8ToWide(qid.get<std::string>());
+    entry->name = ky::Utf8ToWide(field("name").get<std::string>());
+    entry->owner = ky::Utf8ToWide(field("owner").get<std::string>());
+    entry->qid = ky::Utf8ToWide(field("qid").get<std::string>());
     entry->status = status;
     list.push_back(std::move(entry));
   }

@@ -8,7 +8,6 @@
 #include "common/unique_handle.h"
 #include "startup/command_target.h"
 #include "startup/registry_root.h"
-#include "startup/startup_storage.h"
 
 namespace startup {
 
@@ -110,49 +109,15 @@ std::uint8_t CheckCommandTarget(const StartupItem& item) {
   return ::GetFileAttributesW(target.c_str()) == INVALID_FILE_ATTRIBUTES ? kActionFailed : kActionOk;
 }
 
-std::uint8_t CRunKeyAppsActions::Remove(const StartupItemList& items, bool updateStorage, const char* category,
-                                        const wchar_t* function, const wchar_t* format) {
-  std::uint8_t result = kActionOk;
-  for (const StartupItemPtr& item : items) {
-    logging::Write(logging::kLevelInfo, function, format, item->location.c_str(), item->name.c_str());
-    if (item->Actionable() && DeleteRunValue(*item) == 0) {
-      if (!updateStorage) continue;
-      if (storage::CStartupItemsStorage::Instance().SaveStartupItem(item, category) == 0) continue;
-      // A value is never left deleted without a record of it.
-      (void)RollbackToRegistry(*item);
-    }
-    logging::Write(logging::kLevelError, function, L"FAILED %s", item->location.c_str());
-    result = kActionFailed;
-  }
-  return result;
+CStartupAppsActions::Undo CRunKeyAppsActions::TakeOut(StartupItem& item, const wchar_t*&) {
+  if (DeleteRunValue(item) != 0) return {};
+  return [&item] { (void)RollbackToRegistry(item); };
 }
 
-std::uint8_t CRunKeyAppsActions::Disable(const StartupItemList& items, bool updateStorage) {
-  KY_TRACE(L"CRunKeyAppsActions::Disable");
-  return Remove(items, updateStorage, kCategoryDisabled, kyTrace_.Name(), L"Disable %s %s");
-}
-
-std::uint8_t CRunKeyAppsActions::Delay(const StartupItemList& items, bool updateStorage) {
-  KY_TRACE(L"CRunKeyAppsActions::Delay");
-  return Remove(items, updateStorage, kCategoryDelayed, kyTrace_.Name(), L"Delay %s %s");
-}
-
-std::uint8_t CRunKeyAppsActions::Enable(const StartupItemList& items, bool updateStorage) {
-  KY_TRACE(L"CRunKeyAppsActions::Enable");
-  std::uint8_t result = kActionOk;
-  for (const StartupItemPtr& item : items) {
-    KY_LOG(logging::kLevelInfo, L"Enable %s %s", item->location.c_str(), item->name.c_str());
-    if (item->Actionable() && RollbackToRegistry(*item) != 0) {
-      KY_LOG(logging::kLevelError, L"RollbackToRegistry FAILED %s", item->location.c_str());
-      result = kActionFailed;
-    }
-  }
-  if (updateStorage) {
-    auto& store = storage::CStartupItemsStorage::Instance();
-    (void)store.RemoveStartupItems(items, kCategoryDisabled);
-    (void)store.RemoveStartupItems(items, kCategoryDelayed);
-  }
-  return result;
+bool CRunKeyAppsActions::PutBack(StartupItem& item, const wchar_t* function) {
+  if (!item.Actionable() || RollbackToRegistry(item) == 0) return true;
+  logging::Write(logging::kLevelError, function, L"RollbackToRegistry FAILED %s", item.location.c_str());
+  return false;
 }
 
 std::uint8_t CRunKeyAppsActions::Check(const StartupItem& item) {

@@ -4,7 +4,7 @@
 
 #include <windows.h>
 
-#include "startup/startup_item.h"
+#include "startup/startup_apps_actions.h"
 
 namespace startup {
 
@@ -24,17 +24,15 @@ class CRunKeyAppsEnumerator final : public IStartupAppsEnumerator {
   std::uint8_t isUser_;
 };
 
-class CRunKeyAppsActions final : public IStartupAppsActions {
+class CRunKeyAppsActions final : public CStartupAppsActions {
  public:
-  [[nodiscard]] std::uint8_t Disable(const StartupItemList& items, bool updateStorage) override;
-  [[nodiscard]] std::uint8_t Enable(const StartupItemList& items, bool updateStorage) override;
-  [[nodiscard]] std::uint8_t Delay(const StartupItemList& items, bool updateStorage) override;
+  CRunKeyAppsActions() : CStartupAppsActions(L"CRunKeyAppsActions", kCategoryDisabled, kCategoryDelayed) {}
   // 0 when the command's target file exists.
   [[nodiscard]] std::uint8_t Check(const StartupItem& item) override;
 
  private:
-  std::uint8_t Remove(const StartupItemList& items, bool updateStorage, const char* category,
-                      const wchar_t* function, const wchar_t* format);
+  Undo TakeOut(StartupItem& item, const wchar_t*& failure) override;
+  bool PutBack(StartupItem& item, const wchar_t* function) override;
 };
 
 // Deletes the value `name` from the key named by `location`; 0, 31 for a malformed location

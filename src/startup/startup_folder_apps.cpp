@@ -11,7 +11,6 @@
 #include "common/log.h"
 #include "common/unique_handle.h"
 #include "startup/run_key_apps.h"
-#include "startup/startup_storage.h"
 
 namespace startup {
 namespace {
@@ -128,75 +127,38 @@ bool CStartupFolderActions::CreateBackupFolderForStartupItem(const StartupItem& 
   return true;
 }
 
-std::uint8_t CStartupFolderActions::PutAside(const StartupItemList& items, bool updateStorage, const char* category,
-                                             const wchar_t* function, const wchar_t* format) {
-  std::uint8_t result = kActionOk;
-  for (const StartupItemPtr& item : items) {
-    logging::Write(logging::kLevelInfo, function, format, item->location.c_str(), item->name.c_str());
-    // An empty location would put the backup folder at the root of the current drive.
-    if (!item->Actionable()) {
-      logging::Write(logging::kLevelError, function, L"FAILED %s", item->location.c_str());
-      result = kActionFailed;
-      continue;
-    }
-    if (!CreateBackupFolderForStartupItem(*item)) {
-      logging::Write(logging::kLevelError, function, L"FAILED CreateBackupFolderForStartupItem %s",
-                     item->location.c_str());
-      result = kActionFailed;
-      continue;
-    }
-    const std::wstring source = WithBackslash(item->location) + item->name;
-    const std::wstring destination = BackupFolderOf(*item) + item->name;
-    if (MoveStartupFile(source, destination) != 0) {
-      result = kActionFailed;
-      continue;
-    }
-    const StartupItem before = *item;
-    item->backupPath = destination;
-    // A shortcut's path names its target, which has not moved.
-    if (source.find(L".lnk") == std::wstring::npos) item->path = destination;
-    if (updateStorage && storage::CStartupItemsStorage::Instance().SaveStartupItem(item, category) != 0) {
-      (void)MoveStartupFile(destination, source);
-      *item = before;
-      logging::Write(logging::kLevelError, function, L"FAILED storage::SaveStartupItem %s", item->location.c_str());
-      result = kActionFailed;
-    }
+CStartupAppsActions::Undo CStartupFolderActions::TakeOut(StartupItem& item, const wchar_t*& failure) {
+  if (!CreateBackupFolderForStartupItem(item)) {
+    failure = L"FAILED CreateBackupFolderForStartupItem %s";
+    return {};
   }
-  return result;
+  const std::wstring source = WithBackslash(item.location) + item.name;
+  const std::wstring destination = BackupFolderOf(item) + item.name;
+  if (MoveStartupFile(source, destination) != 0) {
+    failure = nullptr;
+    return {};
+  }
+  const StartupItem before = item;
+  item.backupPath = destination;
+  // A shortcut's path names its target, which has not moved.
+  if (source.find(L".lnk") == std::wstring::npos) item.path = destination;
+  return [&item, before, source, destination] {
+    (void)MoveStartupFile(destination, source);
+    item = before;
+  };
 }
 
-std::uint8_t CStartupFolderActions::Disable(const StartupItemList& items, bool updateStorage) {
-  KY_TRACE(L"CStartupFolderActions::Disable");
-  return PutAside(items, updateStorage, kCategoryStartupDisabled, kyTrace_.Name(), L"Disable %s %s");
-}
-
-std::uint8_t CStartupFolderActions::Delay(const StartupItemList& items, bool updateStorage) {
-  KY_TRACE(L"CStartupFolderActions::Delay");
-  return PutAside(items, updateStorage, kCategoryStartupDelayed, kyTrace_.Name(), L"Delay %s %s");
-}
-
-std::uint8_t CStartupFolderActions::Enable(const StartupItemList& items, bool updateStorage) {
-  KY_TRACE(L"CStartupFolderActions::Enable");
-  std::uint8_t result = kActionOk;
-  for (const StartupItemPtr& item : items) {
-    KY_LOG(logging::kLevelInfo, L"Enable %s %s", item->location.c_str(), item->name.c_str());
-    if (!item->Actionable()) continue;
-    const std::wstring source = BackupFolderOf(*item) + item->name;
-    const std::wstring destination = WithBackslash(item->location) + item->name;
-    if (MoveStartupFile(source, destination) != 0) {
-      KY_LOG(logging::kLevelError, L"FAILED MoveFile(%s, %s)", source.c_str(), destination.c_str());
-      result = kActionFailed;
-      continue;
-    }
-    item->backupPath.clear();
-    if (destination.find(L".lnk") == std::wstring::npos) item->path = destination;
+bool CStartupFolderActions::PutBack(StartupItem& item, const wchar_t* function) {
+  if (!item.Actionable()) return true;
+  const std::wstring source = BackupFolderOf(item) + item.name;
+  const std::wstring destination = WithBackslash(item.location) + item.name;
+  if (MoveStartupFile(source, destination) != 0) {
+    logging::Write(logging::kLevelError, function, L"FAILED MoveFile(%s, %s)", source.c_str(), destination.c_str());
+    return false;
   }
-  if (updateStorage) {
-    auto& store = storage::CStartupItemsStorage::Instance();
-    (void)store.RemoveStartupItems(items, kCategoryStartupDisabled);
-    (void)store.RemoveStartupItems(items, kCategoryStartupDelayed);
-  }
-  return result;
+  item.backupPath.clear();
+  if (destination.find(L".lnk") == std::wstring::npos) item.path = destination;
+  return true;
 }
 
 std::uint8_t CStartupFolderActions::Check(const StartupItem& item) {

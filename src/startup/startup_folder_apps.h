@@ -3,7 +3,7 @@
 // back) with a record in the store.
 #pragma once
 
-#include "startup/startup_item.h"
+#include "startup/startup_apps_actions.h"
 
 namespace startup {
 
@@ -22,12 +22,12 @@ class CStartupFolderEnumerator final : public IStartupAppsEnumerator {
   std::uint8_t isUser_;
 };
 
-class CStartupFolderActions final : public IStartupAppsActions {
+class CStartupFolderActions final : public CStartupAppsActions {
  public:
-  explicit CStartupFolderActions(std::wstring backupFolderName) : backupFolderName_(std::move(backupFolderName)) {}
-  [[nodiscard]] std::uint8_t Disable(const StartupItemList& items, bool updateStorage) override;
-  [[nodiscard]] std::uint8_t Enable(const StartupItemList& items, bool updateStorage) override;
-  [[nodiscard]] std::uint8_t Delay(const StartupItemList& items, bool updateStorage) override;
+  explicit CStartupFolderActions(std::wstring backupFolderName)
+      : CStartupAppsActions(L"CStartupFolderActions", kCategoryStartupDisabled, kCategoryStartupDelayed,
+                            L"FAILED storage::SaveStartupItem %s"),
+        backupFolderName_(std::move(backupFolderName)) {}
   // 0 when the target of the item's path exists.
   [[nodiscard]] std::uint8_t Check(const StartupItem& item) override;
 
@@ -37,8 +37,8 @@ class CStartupFolderActions final : public IStartupAppsActions {
   [[nodiscard]] bool CreateBackupFolderForStartupItem(const StartupItem& item) const;
 
  private:
-  std::uint8_t PutAside(const StartupItemList& items, bool updateStorage, const char* category,
-                        const wchar_t* function, const wchar_t* format);
+  Undo TakeOut(StartupItem& item, const wchar_t*& failure) override;
+  bool PutBack(StartupItem& item, const wchar_t* function) override;
 
   std::wstring backupFolderName_;
 };

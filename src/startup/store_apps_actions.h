@@ -3,24 +3,23 @@
 // change recorded in the backup store under the Store categories.
 #pragma once
 
-#include "startup/startup_item.h"
+#include "startup/startup_apps_actions.h"
 
 namespace startup {
 
 inline constexpr char kCategoryStoreDisabled[] = "StoreDisabled";
 inline constexpr char kCategoryStoreDelayed[] = "StoreDelayed";
 
-class MicrosoftStoreAppsActions final : public IStartupAppsActions {
+class MicrosoftStoreAppsActions final : public CStartupAppsActions {
  public:
-  [[nodiscard]] std::uint8_t Disable(const StartupItemList& items, bool updateStorage) override;
-  [[nodiscard]] std::uint8_t Enable(const StartupItemList& items, bool updateStorage) override;
-  [[nodiscard]] std::uint8_t Delay(const StartupItemList& items, bool updateStorage) override;
+  MicrosoftStoreAppsActions()
+      : CStartupAppsActions(L"MicrosoftStoreAppsActions", kCategoryStoreDisabled, kCategoryStoreDelayed) {}
   // 0 when an installed package of the item's family still declares the task.
   [[nodiscard]] std::uint8_t Check(const StartupItem& item) override;
 
  private:
-  std::uint8_t MarkDisabled(const StartupItemList& items, bool updateStorage, const char* category,
-                            const wchar_t* function, const wchar_t* format);
+  Undo TakeOut(StartupItem& item, const wchar_t*& failure) override;
+  bool PutBack(StartupItem& item, const wchar_t* function) override;
 };
 
 }  // namespace startup

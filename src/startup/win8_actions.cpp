@@ -6,65 +6,20 @@
 #include "common/unique_handle.h"
 #include "startup/registry_root.h"
 #include "startup/run_key_apps.h"
-#include "startup/startup_storage.h"
 #include "startup/win8_startup_item.h"
 
 namespace startup {
-namespace {
 
-// The tracer name of a method, "Class::Method", built once per call.
-std::wstring Qualified(const wchar_t* className, const wchar_t* method) {
-  return std::wstring(className) + L"::" + method;
+CStartupAppsActions::Undo CWin8AppsActions::TakeOut(StartupItem& item, const wchar_t*&) {
+  if (Win8StartupItem::Disable(item, kind_) != 0) return {};
+  return [this, &item] { (void)Win8StartupItem::Enable(item, kind_); };
 }
 
-}  // namespace
-
-std::uint8_t CWin8AppsActions::MarkDisabled(const StartupItemList& items, bool updateStorage, const char* category,
-                                            const wchar_t* function, const wchar_t* format) {
-  std::uint8_t result = kActionOk;
-  for (const StartupItemPtr& item : items) {
-    logging::Write(logging::kLevelInfo, function, format, item->location.c_str(), item->name.c_str());
-    if (item->Actionable() && Win8StartupItem::Disable(*item, kind_) == 0) {
-      if (!updateStorage) continue;
-      if (storage::CStartupItemsStorage::Instance().SaveStartupItem(item, category) == 0) continue;
-      // The state goes back so the entry is never disabled without a record of it.
-      (void)Win8StartupItem::Enable(*item, kind_);
-    }
-    logging::Write(logging::kLevelError, function, L"FAILED %s", item->location.c_str());
-    result = kActionFailed;
-  }
-  return result;
-}
-
-std::uint8_t CWin8AppsActions::Disable(const StartupItemList& items, bool updateStorage) {
-  const std::wstring name = Qualified(className_, L"Disable");
-  logging::CTracer kyTrace_(name.c_str());
-  return MarkDisabled(items, updateStorage, disabledCategory_, kyTrace_.Name(), L"Disable %s %s");
-}
-
-std::uint8_t CWin8AppsActions::Delay(const StartupItemList& items, bool updateStorage) {
-  const std::wstring name = Qualified(className_, L"Delay");
-  logging::CTracer kyTrace_(name.c_str());
-  return MarkDisabled(items, updateStorage, delayedCategory_, kyTrace_.Name(), L"Delay %s %s");
-}
-
-std::uint8_t CWin8AppsActions::Enable(const StartupItemList& items, bool updateStorage) {
-  const std::wstring name = Qualified(className_, L"Enable");
-  logging::CTracer kyTrace_(name.c_str());
-  std::uint8_t result = kActionOk;
-  for (const StartupItemPtr& item : items) {
-    KY_LOG(logging::kLevelInfo, L"Enable %s %s", item->location.c_str(), item->name.c_str());
-    if (Win8StartupItem::Enable(*item, kind_) != 0) {
-      KY_LOG(logging::kLevelError, L"Win8StartupItem::Enable FAILED %s", item->location.c_str());
-      result = kActionFailed;
-    }
-  }
-  if (updateStorage) {
-    auto& store = storage::CStartupItemsStorage::Instance();
-    (void)store.RemoveStartupItems(items, disabledCategory_);
-    (void)store.RemoveStartupItems(items, delayedCategory_);
-  }
-  return result;
+// Unlike the other kinds, an entry lacking a name, location or path is not passed over here.
+bool CWin8AppsActions::PutBack(StartupItem& item, const wchar_t* function) {
+  if (Win8StartupItem::Enable(item, kind_) == 0) return true;
+  logging::Write(logging::kLevelError, function, L"Win8StartupItem::Enable FAILED %s", item.location.c_str());
+  return false;
 }
 
 CWin8RunKeyAppsActions::CWin8RunKeyAppsActions()

@@ -2,30 +2,22 @@
 // StartupApproved value is toggled, with the change recorded in the store.
 #pragma once
 
-#include "startup/startup_item.h"
+#include "startup/startup_apps_actions.h"
 
 namespace startup {
 
 // One procedure for both kinds; they differ in the kind and the store categories.
-class CWin8AppsActions : public IStartupAppsActions {
- public:
-  [[nodiscard]] std::uint8_t Disable(const StartupItemList& items, bool updateStorage) override;
-  [[nodiscard]] std::uint8_t Enable(const StartupItemList& items, bool updateStorage) override;
-  [[nodiscard]] std::uint8_t Delay(const StartupItemList& items, bool updateStorage) override;
-
+class CWin8AppsActions : public CStartupAppsActions {
  protected:
   CWin8AppsActions(StartupSourceKind kind, const char* disabledCategory, const char* delayedCategory,
                    const wchar_t* className)
-      : kind_(kind), disabledCategory_(disabledCategory), delayedCategory_(delayedCategory), className_(className) {}
+      : CStartupAppsActions(className, disabledCategory, delayedCategory), kind_(kind) {}
 
  private:
-  std::uint8_t MarkDisabled(const StartupItemList& items, bool updateStorage, const char* category,
-                            const wchar_t* function, const wchar_t* format);
+  Undo TakeOut(StartupItem& item, const wchar_t*& failure) override;
+  bool PutBack(StartupItem& item, const wchar_t* function) override;
 
   StartupSourceKind kind_;
-  const char* disabledCategory_;
-  const char* delayedCategory_;
-  const wchar_t* className_;
 };
 
 class CWin8RunKeyAppsActions final : public CWin8AppsActions {

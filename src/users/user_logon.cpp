@@ -75,13 +75,10 @@ bool CUserLogon::Start() {
       KY_LOG(logging::kLevelError, L"Component Manager is null!");
       return false;
     }
-    void* object = nullptr;
-    const std::uint32_t got = manager->GetPlugin(kPluginName, lumera::ids::SessionChangePlugin, &object);
-    if (got != 0 || object == nullptr) {
+    if (sessionPlugin_.Acquire(manager, kPluginName, lumera::ids::SessionChangePlugin) != 0 || !sessionPlugin_) {
       KY_LOG(logging::kLevelError, L"Error getting plugin: %s", kPluginName);
       return false;
     }
-    sessionPlugin_ = static_cast<ISessionChangePlugin*>(object);
     eventQueue_ = servMain_->GetEventQueue();
     ISerialExecution* execution = nullptr;
     const std::uint32_t created =
@@ -108,10 +105,9 @@ void CUserLogon::Stop() {
 void CUserLogon::UndoStart() {
   if (servMain_ == nullptr) return;
   // Unregistered before the serial execution goes, so no notification can post to it then.
-  if (sessionPlugin_ != nullptr) {
+  if (sessionPlugin_) {
     (void)sessionPlugin_->UnregisterEventsHandler(this);
-    if (IPlgComponentManager* manager = servMain_->GetComponentManager()) (void)manager->ReleasePlugin(kPluginName);
-    sessionPlugin_ = nullptr;
+    sessionPlugin_.Reset();
   }
   ISerialExecution* execution = serialExecution_.exchange(nullptr);
   if (eventQueue_ != nullptr && execution != nullptr) (void)eventQueue_->destroySerialExecution(execution);

@@ -16,6 +16,7 @@
 
 #include "common/callback_list.h"
 #include "common/critical_section.h"
+#include "common/plugin_ref.h"
 #include "lumera/ky_base.h"
 #include "lumera/sessionchange.h"
 
@@ -94,7 +95,7 @@ class CUserLogon final : public ISessionChangeEvents {
   IServMain* servMain_ = nullptr;
   IEventQueue* eventQueue_ = nullptr;
   std::atomic<ISerialExecution*> serialExecution_{nullptr};
-  ISessionChangePlugin* sessionPlugin_ = nullptr;
+  ky::PluginRef<ISessionChangePlugin> sessionPlugin_;
   ky::CriticalSection lock_;
   CallbackList<IUserLogonObserver*> observers_;
   std::atomic<std::int32_t> initCount_{0};

@@ -9,7 +9,8 @@
 
 #include "boottime/boot_time_data.h"
 #include "boottime/boot_time_monitor.h"
-#include "boottime/win_boot_event.h"
+#include "boottime/boot_event_watch.h"
+#include "boottime/event_log_boot_events.h"
 #include "boottime/win_service_start_monitor.h"
 #include "common/unique_handle.h"
 #include "fake_wevtapi/fake_wevtapi.h"
@@ -128,7 +129,11 @@ TEST_F(BootEventTest, AMissingOrMistypedBootTimeFails) {
 }
 
 TEST_F(BootEventTest, AnEmptyChannelCannotBeSubscribedAndTheMonitorRetries) {
-  Event event(clock, DoublePath());
+  testing::FakeCounters counters;
+  BootTimeData data;
+  BootTimeMonitor monitor(clock, counters);
+  ASSERT_EQ(monitor.Init(nullptr, &data), 0u);
+  Event& event = *monitor.BootEvent();
   ASSERT_TRUE(event.Start());
   ASSERT_TRUE(WaitDone(event)) << "no bookmark: the subscription fails";
   EXPECT_EQ(event.ResultState(), Event::kResultFailed);
@@ -137,13 +142,34 @@ TEST_F(BootEventTest, AnEmptyChannelCannotBeSubscribedAndTheMonitorRetries) {
   EXPECT_TRUE(log.contains(L"WinBootEvents Subscribe failed 0x57"));
 
   add(Created(-3'600'000), 90000, fakewevt::kUInt32);
-  event.Retry();
+  EXPECT_FALSE(monitor.IsBootFinished()) << "a failed watch does not end the boot";
+  EXPECT_TRUE(Logged(log, L"BootTimeMonitor::IsBootFinished", L"WinBootEvent retry"));
   EXPECT_FALSE(event.Done()) << "the retry subscribed";
   EXPECT_EQ(Stats().subscriptions, 1u);
   add(Created(1000), 777, fakewevt::kUInt32);
   ASSERT_TRUE(WaitDone(event));
-  EXPECT_EQ(event.ResultState(), Event::kResultFound);
-  EXPECT_EQ(event.BootTime(), 777u);
+  EXPECT_TRUE(monitor.IsBootFinished());
+  std::uint32_t bootTime = 0;
+  EXPECT_EQ(monitor.Result(&bootTime), 0u);
+  EXPECT_EQ(bootTime, 777u);
+  monitor.UnInit();
+}
+
+// Creation times compare by their upper 32 bits only (steps of about 429 s), as they always have.
+TEST_F(BootEventTest, TheSubscriptionStartsAfterTheNewestEventWhoseUpperHalfIsNotLater) {
+  constexpr std::uint64_t kHigh = std::uint64_t{0x01DA0000} << 32;
+  add(kHigh, 1, fakewevt::kUInt32);
+  add(kHigh + 0xFFFF0000u, 2, fakewevt::kUInt32);  // later, same upper half
+  add(kHigh + (std::uint64_t{1} << 32), 3, fakewevt::kUInt32);
+  CWinBootEvents events(DoublePath());
+  ASSERT_TRUE(events.Init());
+  Event observer(clock, DoublePath());  // never started: what it is told changes nothing here
+  {
+    CWinBootEvents::Subscription subscription(events, &observer);
+    ASSERT_TRUE(subscription.Init(testing::ToFileTime(kHigh)));
+    EXPECT_EQ(Stats().bookmarkRecord, 2) << "the later event of the same upper half is not skipped";
+  }
+  EXPECT_EQ(Stats().openHandles, 0u);
 }
 
 TEST_F(BootEventTest, AQueryThatFailsWithoutAnErrorAsWinesDoesEndsTheWaitWithOne) {

@@ -66,7 +66,7 @@ const TrackedProcess* Find(const BootTimeMonitor::Processes& processes, std::uin
 template <class Done>
 bool ApplyUntil(BootTimeMonitor::ProcessesMonitor& monitor, BootTimeMonitor::Processes& processes, Done done) {
   return testsupport::WaitUntil([&] {
-    monitor.ApplyEvents(processes);
+    monitor.ApplyEvents(processes, true, L"test");
     return done();
   }, kDeadlineMs);
 }

@@ -5,7 +5,10 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <string>
+#include <vector>
 
 #include "boottime/boot_time_data.h"
 #include "boottime/boot_time_monitor.h"
@@ -107,21 +110,45 @@ TEST_F(MonitorTest, TheTwoHourLimitEndsMonitoringOfBusyProcessesWithoutATime) {
 TEST_F(MonitorTest, WithAUserLoggedOnAnEmptyListEndsMonitoringOnlyAfterMoreThanAMinute) {
   struct Case {
     std::uint32_t logonTime;
+    bool logoff;
     const wchar_t* stopLine;
   };
   // Cycles end at 6000, 7000, ...: a logon at 5000 reaches exactly 60000 ms at 65000 and goes
-  // on; one at 4999 is 60001 ms past at 65000 and stops there.
-  for (const Case& c : {Case{5000, L"now=66000, logon time=5000, system time=0"},
-                        Case{4999, L"now=65000, logon time=4999, system time=0"}}) {
+  // on; one at 4999 is 60001 ms past at 65000 and stops there. A logoff clears the logon
+  // time, so the minute counts from tick 0.
+  for (const Case& c : {Case{5000, false, L"now=66000, logon time=5000, system time=0"},
+                        Case{4999, false, L"now=65000, logon time=4999, system time=0"},
+                        Case{5000, true, L"now=61000, logon time=0, system time=0"}}) {
     log.clear();
     clock = FakeClock{};
     Make(false);
     clock.tick = 5000;
     monitor->LogonObserver()->OnLogon(c.logonTime, L"DOMAIN\\user");
+    if (c.logoff) monitor->LogonObserver()->OnLogoff(5000, L"DOMAIN\\user");
     EXPECT_EQ(Run(), 0u) << c.logonTime;
     EXPECT_TRUE(Logged(log, L"BootTimeMonitor::Start", c.stopLine)) << c.logonTime;
     EXPECT_EQ(bootTime, 0u) << "no process was busy and no time system mark was taken";
   }
+}
+
+TEST_F(MonitorTest, ProcessesStartedAMinuteOrMorePastLogonAreNotFollowed) {
+  Make(true);
+  clock.tick = 1000;
+  monitor->LogonObserver()->OnLogon(1000, L"user");
+  clock.stopAtWait = 62;  // the notifications below are applied at 60000 and 61000
+  clock.onWait = [this] {
+    const std::uint32_t sinceLogon = clock.tick - 1000;
+    if (sinceLogon != 59000 && sinceLogon != 60000) return;
+    ProcessEvent event;
+    event.pid = ::GetCurrentProcessId();
+    event.name = std::to_wstring(sinceLogon);
+    monitor->ProcessEvents()->OnProcessStarted(event);
+  };
+  EXPECT_EQ(Run(), 2u);
+  std::vector<std::wstring> names;
+  for (const TrackedProcess& process : monitor->ProcessList()->List()) names.push_back(process.name);
+  EXPECT_NE(std::find(names.begin(), names.end(), L"59000"), names.end()) << "started 59 s past logon";
+  EXPECT_EQ(std::find(names.begin(), names.end(), L"60000"), names.end()) << "started 60 s past logon";
 }
 
 TEST_F(MonitorTest, WithNobodyLoggedOnTheTimeSystemMarkIsTakenOnceAndSetsTheBootTimeAtLogon) {
@@ -170,6 +197,10 @@ TEST(MonitorAnalyzeSamples, TheLatestSampleEndingATwentyPercentStepIsTheBusyEnd)
   EXPECT_EQ(monitor.AnalyzeSamples(), 3000u) << "a busy end earlier than the maximum changes nothing";
   data.AddSample(4, At(3500, 300, 600));
   EXPECT_EQ(monitor.AnalyzeSamples(), 3500u);
+
+  data.AddProcess(0, 5, L"clock went back");  // quiet, but its time does not advance at the end
+  for (auto s : {At(1000, 0, 0), At(4000, 0, 0), At(3800, 0, 0)}) data.AddSample(5, s);
+  EXPECT_EQ(monitor.AnalyzeSamples(), 3800u) << "a step back in time ends the walk as a busy step does";
 }
 
 class LastBootTimeFileTest : public MonitorTest {

@@ -167,10 +167,10 @@ TEST(ProcessesMonitorQueues, EventsQueuedOnAnyThreadAreAppliedInOrder) {
   monitor.OnProcessStarted(ProcessEvent{1, kNoSuchPid, L"gone"});
   monitor.OnProcessStarted(ProcessEvent{1, self, L"b"});
   monitor.OnProcessStopped(ProcessEvent{0, self, L""});
-  monitor.ApplyEvents(processes);
+  monitor.ApplyEvents(processes, true, L"test");
   ASSERT_EQ(processes.Count(), 1u) << "starts first, then stops: one of the two records of self is left";
   EXPECT_EQ(processes.List().front().name, L"b");
-  monitor.ApplyEvents(processes);
+  monitor.ApplyEvents(processes, true, L"test");
   EXPECT_EQ(processes.Count(), 1u) << "the queues were taken whole";
 }
 

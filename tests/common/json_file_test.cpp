@@ -1,8 +1,6 @@
 // The one bounded JSON reader behind every JSON file of the module and its tools.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "common/json_file.h"
@@ -49,7 +47,7 @@ TEST(JsonFile, NestingBeyondTheLimitIsRefusedBeforeParsingWhateverTheBrackets) {
 TEST(JsonFile, ReadsWhatTheFileHoldsUpToItsLimit) {
   testsupport::ScratchFolder folder;
   const std::wstring path = folder.file(L"doc.json");
-  std::ofstream(std::filesystem::path(path), std::ios::binary) << "{\"k\":\"v\"}";
+  testsupport::WriteFileBytes(path, "{\"k\":\"v\"}");
   picojson::value value;
   std::string error;
   ASSERT_EQ(ky::ReadJsonFile(path, value, error, 9), ky::JsonReadResult::kOk);
@@ -58,7 +56,7 @@ TEST(JsonFile, ReadsWhatTheFileHoldsUpToItsLimit) {
   EXPECT_TRUE(value.is<picojson::null>());
   EXPECT_EQ(ky::ReadJsonFile(folder.file(L"none.json"), value, error), ky::JsonReadResult::kCannotOpen);
   EXPECT_EQ(ky::ReadJsonFile(folder.path(), value, error), ky::JsonReadResult::kCannotOpen) << "a folder";
-  std::ofstream(std::filesystem::path(path), std::ios::binary | std::ios::trunc) << Nested("{\"a\":", "}", 10000);
+  testsupport::WriteFileBytes(path, Nested("{\"a\":", "}", 10000));
   EXPECT_EQ(ky::ReadJsonFile(path, value, error), ky::JsonReadResult::kParseError);
   EXPECT_EQ(error, "nested deeper than 100 levels");
 }

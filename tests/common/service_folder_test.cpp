@@ -12,6 +12,7 @@
 
 #include "common/service_folder.h"
 #include "common/unique_handle.h"
+#include "support/programs.h"
 #include "support/scratch_folder.h"
 
 namespace {
@@ -52,7 +53,7 @@ std::uint32_t SetDescriptor(const std::wstring& path, const wchar_t* sddl) {
                                  owner, nullptr, list, nullptr);
 }
 
-std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
+using testsupport::Narrow;
 
 TEST(ServiceFolder, OnlyAnOwnerAndListAsStrictAsTheServicesAreKept) {
   struct Case {

@@ -4,13 +4,11 @@
 
 #include <windows.h>
 
-#include <cstring>
 #include <map>
 #include <string>
 
 #include "../boottime/fakes.h"
 #include "common/module_library.h"
-#include "common/unique_handle.h"
 #include "lumera/productinfo.h"
 #include "plugin/boottime_plugin.h"
 #include "support/captured_log.h"
@@ -152,12 +150,7 @@ TEST(BootTimePluginInit, TheStoredSystemStartIsZeroUnlessTheFileHoldsAWholeNumbe
   };
   for (const auto& [text, expected] : cases) {
     SCOPED_TRACE(text);
-    {
-      ky::unique_file file(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
-      ASSERT_TRUE(file);
-      DWORD written = 0;
-      ASSERT_TRUE(::WriteFile(file.get(), text, static_cast<DWORD>(std::strlen(text)), &written, nullptr));
-    }
+    testsupport::WriteFileBytes(path, text);
     EXPECT_EQ(plugin.GetLastSystemStartTime(), expected);
   }
   EXPECT_EQ(plugin.UnInit(), 0u);

@@ -166,20 +166,26 @@ class UnansweringCentral {
                                    PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_REJECT_REMOTE_CLIENTS, 1, 4096,
                                    4096, 0, nullptr));
     if (!pipe_) return;
-    OVERLAPPED ov{};
-    ov.hEvent = connected_.get();
-    if (!::ConnectNamedPipe(pipe_.get(), &ov) && ::GetLastError() == ERROR_PIPE_CONNECTED) ::SetEvent(connected_.get());
+    // The connect completes into this object when a client comes, so the OVERLAPPED lives
+    // here, and the destructor waits for the cancelled connect before it goes.
+    overlapped_.hEvent = connected_.get();
+    if (!::ConnectNamedPipe(pipe_.get(), &overlapped_) && ::GetLastError() == ERROR_PIPE_CONNECTED) {
+      ::SetEvent(connected_.get());
+    }
     if (kind == Kind::kBusy) {
       occupant_.reset(::CreateFileW(path, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
     }
   }
   ~UnansweringCentral() {
-    if (pipe_) ::CancelIoEx(pipe_.get(), nullptr);
+    if (!pipe_) return;
+    DWORD bytes = 0;
+    if (::CancelIoEx(pipe_.get(), &overlapped_)) (void)::GetOverlappedResult(pipe_.get(), &overlapped_, &bytes, TRUE);
   }
   bool Ready(Kind kind) const { return pipe_.valid() && (kind == Kind::kSilent || occupant_.valid()); }
 
  private:
   ky::unique_handle connected_{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+  OVERLAPPED overlapped_{};
   ky::unique_file pipe_;
   ky::unique_file occupant_;
 };
@@ -219,6 +225,13 @@ class PluginRun : public ::testing::Test {
            WriteFile(ImpactFile(), kImpactFile);
   }
   std::size_t Logged(std::wstring_view text) const { return log_.count(text); }
+  // Init, listen and Start, as the host does, then wait for the run to end.
+  void RunToTheEnd(CBootTimePlugin& plugin, Listener& listener) {
+    ASSERT_EQ(plugin.Init(host_.get()), 0u);
+    ASSERT_EQ(plugin.AddListener(&listener), 0u);
+    ASSERT_EQ(plugin.Start(), 0u);
+    ASSERT_TRUE(listener.Heard());
+  }
 
   // Lets the host make the plug-ins and threads it keeps for its whole life, so that what
   // remains after a Stop is the module's.
@@ -229,10 +242,8 @@ class PluginRun : public ::testing::Test {
     {
       CBootTimePlugin plugin(clock, counters);
       Listener listener;
-      ASSERT_EQ(plugin.Init(host_.get()), 0u);
-      ASSERT_EQ(plugin.AddListener(&listener), 0u);
-      ASSERT_EQ(plugin.Start(), 0u);
-      ASSERT_TRUE(listener.Heard());
+      RunToTheEnd(plugin, listener);
+      if (HasFatalFailure()) return;
       EXPECT_EQ(plugin.Stop(), 0u);
       EXPECT_EQ(plugin.UnInit(), 0u);
     }
@@ -328,38 +339,46 @@ TEST_F(PluginRun, AStoredStartWithinTwoSecondsReloadsAndExactlyTwoSecondsMeasure
   struct Case {
     std::int64_t difference;
     bool reloads;
+    bool impactFile;  // without it the analyser has no result, and nothing is written back
   };
-  for (const Case c : {Case{1999, true}, Case{-1999, true}, Case{2000, false}}) {
-    SCOPED_TRACE(c.difference);
+  for (const Case c : {Case{1999, true, true}, Case{-1999, true, true}, Case{2000, false, true},
+                       Case{1999, true, false}}) {
+    SCOPED_TRACE(::testing::Message() << c.difference << (c.impactFile ? "" : " without the impact file"));
     log_.clear();
     ASSERT_TRUE(StoreResults(kFakeSystemStart + c.difference, 4321));
+    if (!c.impactFile) {
+      ASSERT_TRUE(::DeleteFileW(ImpactFile().c_str()));
+    }
     FakeClock clock;
     clock.stopAtWait = 3;  // a measurement gives up early and falls back to the files
     FakeCounters counters(&clock);
     CBootTimePlugin plugin(clock, counters);
     Listener listener;
-    ASSERT_EQ(plugin.Init(host_.get()), 0u);
-    ASSERT_EQ(plugin.AddListener(&listener), 0u);
-    ASSERT_EQ(plugin.Start(), 0u);
-    ASSERT_TRUE(listener.Heard());
+    RunToTheEnd(plugin, listener);
+    if (HasFatalFailure()) return;
     EXPECT_EQ(Logged(L"load data from file"), c.reloads ? 1u : 0u);
     EXPECT_EQ(Logged(L"must start processes monitor (diff system start time)"), c.reloads ? 0u : 1u);
     EXPECT_EQ(Logged(L"Monitor did not detect boot time; Trying to load last boot time data"), c.reloads ? 0u : 1u);
-    EXPECT_EQ(listener.Statuses(), std::vector<std::uint32_t>{0});
+    const std::uint32_t status = c.impactFile ? 0u : 2u;
+    EXPECT_EQ(listener.Statuses(), std::vector<std::uint32_t>{status});
     std::uint32_t ms = 0;
-    EXPECT_EQ(plugin.GetBootTime(&ms), 0u);
-    EXPECT_EQ(ms, 4321u);
+    EXPECT_EQ(plugin.GetBootTime(&ms), status);
     ky::List<ProcessImpact> impacts;
-    ASSERT_EQ(plugin.GetBootImpact(&impacts, nullptr), 0u);
-    ASSERT_EQ(impacts.Count(), 1u);
-    EXPECT_EQ(impacts.Items()[0].write, 3145728u);
+    EXPECT_EQ(plugin.GetBootImpact(&impacts, nullptr), status);
+    EXPECT_EQ(impacts.Count(), c.impactFile ? 1u : 0u);
     BootCounters total;
-    EXPECT_EQ(plugin.GetTotalBootImpact(&total), 0u);
-    EXPECT_EQ(total.user, 2500u);
+    EXPECT_EQ(plugin.GetTotalBootImpact(&total), status);
     EXPECT_EQ(plugin.Stop(), 0u);
     EXPECT_EQ(plugin.UnInit(), 0u);
-    // Reloaded results are written back unchanged.
-    EXPECT_NE(testsupport::ReadFileBytes(BootFile()).find("\"4321\""), std::string::npos);
+    const std::string bootFile = testsupport::ReadFileBytes(BootFile());
+    EXPECT_NE(bootFile.find("\"4321\""), std::string::npos);
+    // Written back with the current system start only when both results are there.
+    const std::int64_t start = c.impactFile ? kFakeSystemStart : kFakeSystemStart + c.difference;
+    EXPECT_NE(bootFile.find(std::to_string(start)), std::string::npos) << bootFile;
+    if (!c.impactFile) continue;
+    ASSERT_EQ(impacts.Count(), 1u);
+    EXPECT_EQ(impacts.Items()[0].write, 3145728u);
+    EXPECT_EQ(total.user, 2500u);
     EXPECT_NE(testsupport::ReadFileBytes(ImpactFile()).find("\"3145728\""), std::string::npos);
   }
 }
@@ -367,6 +386,7 @@ TEST_F(PluginRun, AStoredStartWithinTwoSecondsReloadsAndExactlyTwoSecondsMeasure
 TEST_F(PluginRun, StopDuringMonitoringEndsAtOnceWritesNothingAndASecondStartReloadsWithoutReport) {
   WarmUpHost();
   ASSERT_TRUE(StageLogon(false));
+  ASSERT_TRUE(StoreResults(kFakeSystemStart - 60000, 999));  // an earlier boot's results
   HybridClock clock(0);
   CBootTimePlugin plugin(clock);
   ASSERT_EQ(plugin.Init(host_.get()), 0u);
@@ -390,8 +410,10 @@ TEST_F(PluginRun, StopDuringMonitoringEndsAtOnceWritesNothingAndASecondStartRelo
   EXPECT_TRUE(ThreadsBackTo(threadsBefore)) << ThreadCount() << " threads against " << threadsBefore;
   EXPECT_EQ(listener_.Statuses(), std::vector<std::uint32_t>{2});
   EXPECT_EQ(plugin.GetBootTime(&ms), 2u);
-  EXPECT_FALSE(Exists(BootFile()));
-  EXPECT_FALSE(Exists(ImpactFile()));
+  EXPECT_EQ(Logged(L"Loaded boot time 999"), 0u) << "a stopped run reloaded an earlier boot's files";
+  EXPECT_NE(testsupport::ReadFileBytes(BootFile()).find(std::to_string(kFakeSystemStart - 60000)), std::string::npos)
+      << "a stopped run wrote the results";
+  EXPECT_EQ(testsupport::ReadFileBytes(ImpactFile()), kImpactFile);
   EXPECT_TRUE(log_.entriesFor(L"boottime::CBootTimePlugin::SendReportToCentral").empty()) << "a stopped run reports";
 
   // The stop event stays set: the files of this boot still load, and nothing is reported.

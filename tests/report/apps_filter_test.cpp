@@ -4,7 +4,6 @@
 
 #include <windows.h>
 
-
 #include "agent_fixture.h"
 #include "common/module_library.h"
 #include "lumera/interface_ids.h"
@@ -20,7 +19,7 @@ using startup::CAppsFilter;
 using testing_report::AgentStore;
 using testing_report::FakeProductInfo;
 
-std::string FileText(const std::wstring& path) { return testsupport::ReadFileBytes(path); }
+using testsupport::ReadFileBytes;
 
 TEST(AppAgentDP, ValuesAreWrittenAtTheEndOfATransactionThatHoldsTheAppsLock) {
   AgentStore agent;
@@ -36,7 +35,7 @@ TEST(AppAgentDP, ValuesAreWrittenAtTheEndOfATransactionThatHoldsTheAppsLock) {
   const wchar_t* value = nullptr;
   ASSERT_EQ(dll.get(first, L"app_paths", &value), 0u);
   EXPECT_STREQ(value, L"[\"C:\\\\Suite\"]") << "the transaction sees its own write";
-  EXPECT_EQ(FileText(agent.Path() + L"Suite\\app_paths"), "") << "nothing reaches the value before the end";
+  EXPECT_EQ(ReadFileBytes(agent.Path() + L"Suite\\app_paths"), "") << "nothing reaches the value before the end";
   EXPECT_EQ(dll.get(first, L"..\\escape", &value), static_cast<std::uint32_t>(ERROR_INVALID_PARAMETER));
   EXPECT_EQ(dll.get(first, L"absent", &value), static_cast<std::uint32_t>(ERROR_FILE_NOT_FOUND));
 
@@ -48,7 +47,7 @@ TEST(AppAgentDP, ValuesAreWrittenAtTheEndOfATransactionThatHoldsTheAppsLock) {
   ASSERT_EQ(dll.endTransaction(first), 0u);
   ASSERT_TRUE(waiter.join(testsupport::kLongWait));
   ASSERT_EQ(secondResult, 0u);
-  EXPECT_EQ(FileText(agent.Path() + L"Suite\\app_paths"), "[\"C:\\\\Suite\"]");
+  EXPECT_EQ(ReadFileBytes(agent.Path() + L"Suite\\app_paths"), "[\"C:\\\\Suite\"]");
   ASSERT_EQ(dll.endTransaction(second), 0u);
 
   agent.AddApp(L"Other");

@@ -11,6 +11,7 @@
 
 #include "comm/pipelink_fixture.h"
 #include "startup/central_messages.h"
+#include "startup/startup_manager.h"
 #include "support/test_thread.h"
 
 namespace testing_report {
@@ -84,6 +85,37 @@ class CentralServer {
   std::vector<ReceivedMessage> inbox_;
   std::uint32_t lastClient_ = 0;
   testsupport::Event arrived_;
+};
+
+// A manager that keeps every app list it is given and reports a list set by the test.
+class ListManager final : public startup::CBaseStartupManager {
+ public:
+  using CBaseStartupManager::CBaseStartupManager;
+  ~ListManager() override { Uninit(); }
+  void AppListReceived(const startup::AppList& list) override {
+    std::lock_guard<std::mutex> hold(lock_);
+    lists_.push_back(list);
+    received_.set();
+  }
+  bool Init() override { return CBaseStartupManager::Init(); }
+  std::uint32_t BuildAndReport() override { return SendReportToCentral(toReport); }
+
+  // The next list given (waiting for it), or false.
+  bool NextList(startup::AppList& list) {
+    if (!received_.waitFor(testsupport::kLongWait)) return false;
+    std::lock_guard<std::mutex> hold(lock_);
+    list = lists_.front();
+    lists_.erase(lists_.begin());
+    if (lists_.empty()) ::ResetEvent(received_.get());
+    return true;
+  }
+
+  startup::AppList toReport;
+
+ private:
+  std::mutex lock_;
+  std::vector<startup::AppList> lists_;
+  testsupport::Event received_;
 };
 
 }  // namespace testing_report

@@ -4,14 +4,10 @@
 
 #include <windows.h>
 
-#include <mutex>
-
 #include "central_process.h"
-#include "comm/pipelink_fixture.h"
+#include "central_server.h"
 #include "picojson.h"
 #include "report_files.h"
-#include "startup/scratch.h"
-#include "startup/startup_manager.h"
 #include "support/programs.h"
 #include "support/test_thread.h"
 
@@ -21,49 +17,23 @@ using testing_report::Background;
 using testing_report::CentralTool;
 using testing_report::PipeListening;
 
-std::wstring Tool() { return CentralTool(); }
-
-class ListKeeper final : public startup::CBaseStartupManager {
- public:
-  using CBaseStartupManager::CBaseStartupManager;
-  ~ListKeeper() override { Uninit(); }
-  void AppListReceived(const startup::AppList& list) override {
-    std::lock_guard<std::mutex> hold(lock_);
-    names_.clear();
-    for (const auto& app : list) names_ += std::string(app->name.begin(), app->name.end()) + ",";
-    received_.set();
-  }
-  bool Init() override { return CBaseStartupManager::Init(); }
-  std::uint32_t BuildAndReport() override { return SendReportToCentral(apps); }
-  std::string Names() {
-    std::lock_guard<std::mutex> hold(lock_);
-    return names_;
-  }
-  testsupport::Event received_;
-  startup::AppList apps;
-
- private:
-  std::mutex lock_;
-  std::string names_;
-};
-
 startup::StartupItemExPtr App(const wchar_t* name, std::int32_t status, std::uint32_t time) {
   return testing_report::App(name, status, time, L"Maker Ltd",
                              L"0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef");
 }
 
 TEST(CentralTool, CommandLineHelpAndFailures) {
-  const auto help = testsupport::RunProgram(Tool() + L" --help");
+  const auto help = testsupport::RunProgram(CentralTool() + L" --help");
   EXPECT_EQ(help.exitCode, 0u);
   EXPECT_NE(help.output.find("--apps FILE"), std::string::npos);
   EXPECT_NE(help.output.find("Exit codes"), std::string::npos);
 
-  const auto bad = testsupport::RunProgram(Tool() + L" --count 0");
+  const auto bad = testsupport::RunProgram(CentralTool() + L" --count 0");
   EXPECT_EQ(bad.exitCode, 2u);
   EXPECT_NE(bad.output.find("--count needs a number"), std::string::npos);
-  EXPECT_EQ(testsupport::RunProgram(Tool() + L" --bogus").exitCode, 2u);
-  EXPECT_EQ(testsupport::RunProgram(Tool() + L" --count").exitCode, 2u);
-  EXPECT_EQ(testsupport::RunProgram(Tool() + L" --apps C:\\no-such-folder-lumera\\apps.json").exitCode, 1u);
+  EXPECT_EQ(testsupport::RunProgram(CentralTool() + L" --bogus").exitCode, 2u);
+  EXPECT_EQ(testsupport::RunProgram(CentralTool() + L" --count").exitCode, 2u);
+  EXPECT_EQ(testsupport::RunProgram(CentralTool() + L" --apps C:\\no-such-folder-lumera\\apps.json").exitCode, 1u);
 }
 
 TEST(CentralTool, AnswersAnUpdateRequestAndPrintsEachReportUntilTheCount) {
@@ -78,16 +48,18 @@ TEST(CentralTool, AnswersAnUpdateRequestAndPrintsEachReportUntilTheCount) {
 
   testing_pipelink::Library library;
   ASSERT_TRUE(library.Ready());
-  ListKeeper manager(library.Client());
+  testing_report::ListManager manager(library.Client());
   ASSERT_TRUE(manager.Init());
   ASSERT_TRUE(manager.Connected());
   ASSERT_EQ(manager.SendUpdateListRequest(), 0u);
-  ASSERT_TRUE(manager.received_.waitFor(testsupport::kLongWait));
-  EXPECT_EQ(manager.Names(), "Tray,");
+  startup::AppList list;
+  ASSERT_TRUE(manager.NextList(list));
+  ASSERT_EQ(list.size(), 1u);
+  EXPECT_EQ(list[0]->name, L"Tray");
 
-  manager.apps = {App(L"Tray Helper", startup::kStatusEnabled, 1200), App(L"Sync", startup::kStatusDelayed, 300)};
+  manager.toReport = {App(L"Tray Helper", startup::kStatusEnabled, 1200), App(L"Sync", startup::kStatusDelayed, 300)};
   ASSERT_EQ(manager.BuildAndReport(), 0u);
-  manager.apps = {};
+  manager.toReport = {};
   ASSERT_EQ(manager.BuildAndReport(), 0u);
   EXPECT_EQ(central.Wait(testsupport::kLongWait), 0u);
 

@@ -9,12 +9,13 @@
 #include <map>
 
 #include "agent_fixture.h"
-#include "boottime/plugin_startup_manager.h"
+#include "plugin/plugin_startup_manager.h"
 #include "central_server.h"
 #include "common/windows_version.h"
 #include "picojson.h"
 #include "report_files.h"
 #include "startup/action_exec.h"
+#include "startup/scratch.h"
 #include "startup/startup_items.h"
 #include "support/captured_log.h"
 #include "support/programs.h"
@@ -36,14 +37,7 @@ std::wstring UserStartupFolder() { return testsupport::SpecialFolder(CSIDL_START
 
 // The user Run key's item of that name, as the manager's own sources list it.
 startup::StartupItemPtr RunItem(const std::wstring& name) {
-  startup::CStartupItems sources;
-  const auto& [enumerator, path] = sources.RunKeySources().front();
-  startup::StartupItemList items;
-  (void)enumerator->GetStartupApps(path, items);
-  for (const auto& item : items) {
-    if (item->name == name) return item;
-  }
-  return nullptr;
+  return testing_startup::Named(testing_startup::Enumerate(startup::CStartupItems().RunKeySources()), name);
 }
 
 TEST(PluginStartupManager, ReportsEveryReportableEntryWithOwnerStatusIdentityAndBootTime) {

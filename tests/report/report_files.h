@@ -11,6 +11,7 @@
 
 #include "startup/central_messages.h"
 #include "support/programs.h"
+#include "support/registry_values.h"
 #include "support/scratch_folder.h"
 
 namespace testing_report {
@@ -40,13 +41,12 @@ inline startup::StartupItemExPtr App(const wchar_t* name, std::int32_t status, s
   return app;
 }
 
-inline constexpr wchar_t kRunKey[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Run";
-inline constexpr wchar_t kApprovedRun[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\StartupApproved\\Run";
+using testsupport::kApprovedRun;
+using testsupport::kRunKey;
 
 // Sets the user Run key's value `name` to `command`.
 inline bool SetRun(const std::wstring& name, const std::wstring& command) {
-  return ::RegSetKeyValueW(HKEY_CURRENT_USER, kRunKey, name.c_str(), REG_SZ, command.c_str(),
-                           static_cast<DWORD>((command.size() + 1) * sizeof(wchar_t))) == ERROR_SUCCESS;
+  return testsupport::SetRegText(HKEY_CURRENT_USER, kRunKey, name, command) == ERROR_SUCCESS;
 }
 
 // The user's Run and StartupApproved values of `runNames`, the Startup folder's `folderEntry`,

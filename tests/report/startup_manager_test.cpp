@@ -5,8 +5,6 @@
 
 #include <windows.h>
 
-#include <mutex>
-
 #include "central_server.h"
 #include "picojson.h"
 #include "report_files.h"
@@ -21,38 +19,8 @@ using startup::kStatusDisabled;
 using startup::kStatusEnabled;
 using testing_report::App;
 using testing_report::CentralServer;
+using testing_report::ListManager;
 using testing_report::ReceivedMessage;
-
-// A manager that keeps every app list it is given and reports a list set by the test.
-class ListManager final : public startup::CBaseStartupManager {
- public:
-  using CBaseStartupManager::CBaseStartupManager;
-  ~ListManager() override { Uninit(); }
-  void AppListReceived(const AppList& list) override {
-    std::lock_guard<std::mutex> hold(lock_);
-    lists_.push_back(list);
-    received_.set();
-  }
-  bool Init() override { return CBaseStartupManager::Init(); }
-  std::uint32_t BuildAndReport() override { return SendReportToCentral(toReport); }
-
-  // The next list given (waiting for it), or false.
-  bool NextList(AppList& list) {
-    if (!received_.waitFor(testsupport::kLongWait)) return false;
-    std::lock_guard<std::mutex> hold(lock_);
-    list = lists_.front();
-    lists_.erase(lists_.begin());
-    if (lists_.empty()) ::ResetEvent(received_.get());
-    return true;
-  }
-
-  AppList toReport;
-
- private:
-  std::mutex lock_;
-  std::vector<AppList> lists_;
-  testsupport::Event received_;
-};
 
 picojson::value Parse(const std::string& text) {
   picojson::value value;

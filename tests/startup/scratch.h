@@ -5,21 +5,20 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
+#include <algorithm>
 #include <string>
+#include <vector>
 
 #include "common/unique_handle.h"
+#include "startup/startup_items.h"
 #include "startup/startup_storage.h"
+#include "support/registry_values.h"
 #include "support/scoped_override.h"
 #include "support/scratch_folder.h"
 
 namespace testing_startup {
 
-inline std::wstring UniqueSuffix() {
-  static LONG counter = 0;
-  return std::to_wstring(::GetCurrentProcessId()) + L"_" + std::to_wstring(::InterlockedIncrement(&counter));
-}
+using testsupport::UniqueSuffix;
 
 // HKCU\Software\LumeraTest<n>\...\CurrentVersion\Run, deleted with everything under it.
 class ScratchRunKey {
@@ -42,8 +41,7 @@ class ScratchRunKey {
   std::wstring Location() const { return L"HKEY_CURRENT_USER\\" + subkey_; }
 
   LSTATUS Set(const std::wstring& name, DWORD type, const std::wstring& data) const {
-    return ::RegSetKeyValueW(HKEY_CURRENT_USER, subkey_.c_str(), name.c_str(), type, data.c_str(),
-                             static_cast<DWORD>((data.size() + 1) * sizeof(wchar_t)));
+    return testsupport::SetRegText(HKEY_CURRENT_USER, subkey_, name, data, type);
   }
   // The value's type and text; type 0 when it is missing.
   DWORD Get(const std::wstring& name, std::wstring* text = nullptr) const {
@@ -102,6 +100,23 @@ inline startup::StartupItemPtr MakeItem(const std::wstring& name, const std::wst
   item->path = path;
   item->isUser = isUser;
   return item;
+}
+
+// Every item the sources list.
+inline std::vector<startup::StartupItemPtr> Enumerate(const startup::StartupSourceList& sources) {
+  std::vector<startup::StartupItemPtr> all;
+  for (const auto& [enumerator, path] : sources) {
+    startup::StartupItemList items;
+    (void)enumerator->GetStartupApps(path, items);
+    all.insert(all.end(), items.begin(), items.end());
+  }
+  return all;
+}
+
+// The item of that name, null when none has it.
+inline startup::StartupItemPtr Named(const std::vector<startup::StartupItemPtr>& items, const std::wstring& name) {
+  const auto it = std::find_if(items.begin(), items.end(), [&](const auto& item) { return item->name == name; });
+  return it == items.end() ? nullptr : *it;
 }
 
 }  // namespace testing_startup

@@ -16,27 +16,32 @@
 #include "lumera/storeappslist.h"
 #include "lumera_dev/staged_identity.h"
 #include "picojson.h"
+#include "report/report_files.h"
 #include "startup/action_exec.h"
 #include "startup/application.h"
+#include "startup/scratch.h"
 #include "startup/startup_items.h"
 #include "startup/startup_storage.h"
 #include "startup/store_startup_item.h"
 #include "startup/win8_startup_item.h"
+#include "store/store_scratch.h"
 #include "support/programs.h"
+#include "support/registry_values.h"
 #include "support/staged_user.h"
 
 namespace {
 
+using testing_report::Fixture;
+using testing_startup::Enumerate;
+using testing_startup::Named;
 using testsupport::Narrow;
 using testsupport::StagedUser;
 
-constexpr wchar_t kRunKey[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Run";
-constexpr wchar_t kApprovedFolder[] =
-    L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\StartupApproved\\StartupFolder";
-constexpr wchar_t kApprovedRun[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\StartupApproved\\Run";
+using testsupport::HasRegValue;
+using testsupport::kApprovedFolder;
+using testsupport::kApprovedRun;
+using testsupport::kRunKey;
 constexpr char kUserCompany[] = "Fixture Works Ltd";
-
-std::wstring Fixture(const wchar_t* name) { return testsupport::ExeFolder() + L"report_fixture_" + name + L".exe"; }
 
 bool SamePath(const std::wstring& a, const std::wstring& b) { return _wcsicmp(a.c_str(), b.c_str()) == 0; }
 
@@ -46,30 +51,10 @@ void Copy(const std::wstring& from, const std::wstring& to) {
   ASSERT_TRUE(::CopyFileW(from.c_str(), to.c_str(), FALSE)) << Narrow(to);
 }
 
-bool HasValue(HKEY root, const std::wstring& key, const std::wstring& name) {
-  return ::RegGetValueW(root, key.c_str(), name.c_str(), RRF_RT_ANY, nullptr, nullptr, nullptr) == ERROR_SUCCESS;
-}
-
 std::wstring OwnStartupFolder() {
   ky::unique_cotaskmem_string path;
   EXPECT_TRUE(SUCCEEDED(::SHGetKnownFolderPath(FOLDERID_Startup, 0, nullptr, path.put())));
   return path ? std::wstring(path.get()) : std::wstring();
-}
-
-// Every item the sources list, by name.
-std::vector<startup::StartupItemPtr> Enumerate(const startup::StartupSourceList& sources) {
-  std::vector<startup::StartupItemPtr> all;
-  for (const auto& [enumerator, path] : sources) {
-    startup::StartupItemList items;
-    (void)enumerator->GetStartupApps(path, items);
-    all.insert(all.end(), items.begin(), items.end());
-  }
-  return all;
-}
-
-startup::StartupItemPtr Named(const std::vector<startup::StartupItemPtr>& items, const std::wstring& name) {
-  const auto it = std::find_if(items.begin(), items.end(), [&](const auto& item) { return item->name == name; });
-  return it == items.end() ? nullptr : *it;
 }
 
 // The staged user with a program only their profile holds (started through %LOCALAPPDATA%), a
@@ -97,9 +82,7 @@ class SecondIdentity : public ::testing::Test {
     user_->SetRun(LocalName(), L"\"%LOCALAPPDATA%\\Programs\\Tool\\tool" + id_ + L".exe\" --tray");
     user_->SetRun(PathName(), pathTool_ + L" --quiet");
     Copy(Fixture(L"full"), user_->Startup() + L"\\" + StartupName());
-    ASSERT_EQ(::RegSetKeyValueW(HKEY_CURRENT_USER, kRunKey, DecoyRun().c_str(), REG_SZ, Fixture(L"german").c_str(),
-                                static_cast<DWORD>((Fixture(L"german").size() + 1) * sizeof(wchar_t))),
-              ERROR_SUCCESS);
+    ASSERT_EQ(testsupport::SetRegText(HKEY_CURRENT_USER, kRunKey, DecoyRun(), Fixture(L"german")), ERROR_SUCCESS);
     decoyStartup_ = OwnStartupFolder() + L"\\" + DecoyStartup();
     Copy(Fixture(L"german"), decoyStartup_);
   }
@@ -184,8 +167,8 @@ TEST_F(SecondIdentity, ChangesGoToTheUsersHiveAndTheStoreToTheUsersFolder) {
   const auto file = Named(items, StartupName());
   ASSERT_NE(file, nullptr);
   ASSERT_EQ(startup::Win8StartupItem::Disable(*file, startup::kSourceStartupFolder), 0u);
-  EXPECT_TRUE(HasValue(HKEY_USERS, user_->Hive(kApprovedFolder), StartupName()));
-  EXPECT_FALSE(HasValue(HKEY_CURRENT_USER, kApprovedFolder, StartupName())) << "never the service's own hive";
+  EXPECT_TRUE(HasRegValue(HKEY_USERS, user_->Hive(kApprovedFolder), StartupName()));
+  EXPECT_FALSE(HasRegValue(HKEY_CURRENT_USER, kApprovedFolder, StartupName())) << "never the service's own hive";
   EXPECT_FALSE(startup::Win8StartupItem::IsEnabled(*file, startup::kSourceStartupFolder));
   ASSERT_EQ(startup::Win8StartupItem::Enable(*file, startup::kSourceStartupFolder), 0u);
   EXPECT_TRUE(startup::Win8StartupItem::IsEnabled(*file, startup::kSourceStartupFolder));
@@ -193,8 +176,8 @@ TEST_F(SecondIdentity, ChangesGoToTheUsersHiveAndTheStoreToTheUsersFolder) {
   const auto run = Named(Enumerate(sources.RunKeySources()), LocalName());
   ASSERT_NE(run, nullptr);
   ASSERT_EQ(startup::Win8StartupItem::Disable(*run, startup::kSourceRunKey), 0u);
-  EXPECT_TRUE(HasValue(HKEY_USERS, user_->Hive(kApprovedRun), LocalName()));
-  EXPECT_FALSE(HasValue(HKEY_CURRENT_USER, kApprovedRun, LocalName()));
+  EXPECT_TRUE(HasRegValue(HKEY_USERS, user_->Hive(kApprovedRun), LocalName()));
+  EXPECT_FALSE(HasRegValue(HKEY_CURRENT_USER, kApprovedRun, LocalName()));
 }
 
 TEST_F(SecondIdentity, TheUsersStoreTasksComeFromTheUsersClasses) {
@@ -206,18 +189,11 @@ TEST_F(SecondIdentity, TheUsersStoreTasksComeFromTheUsersClasses) {
   const std::wstring decoyFullName = L"DecoyPkg" + id_ + L"_1.0.0.0_x64__8wekyb3d8bbwe";
   Copy(Fixture(L"full"), packageFolder.file(L"App.exe"));
   testsupport::WriteFileBytes(packageFolder.file(L"AppxManifest.xml"),
-      "<Package xmlns=\"http://schemas.microsoft.com/appx/manifest/foundation/windows10\"\n"
-      "  xmlns:uap5=\"http://schemas.microsoft.com/appx/manifest/uap/windows10/5\">\n"
-      "  <Applications><Application Id=\"App\" Executable=\"App.exe\" EntryPoint=\"Windows.FullTrustApplication\">\n"
-      "    <Extensions><uap5:Extension Category=\"windows.startupTask\">\n"
-      "      <uap5:StartupTask TaskId=\"LumeraTask\" Enabled=\"true\" DisplayName=\"Task\"/>\n"
-      "    </uap5:Extension></Extensions></Application></Applications>\n</Package>\n");
+                              testing_store::Manifest(testing_store::Uap5Application("App", "App.exe", "LumeraTask", "true")));
   const std::wstring root = packageFolder.path().substr(0, packageFolder.path().size() - 1);
   const auto registerPackage = [&](HKEY hive, const std::wstring& classes, const std::wstring& name) {
     const std::wstring key = classes + storeapps::kPackagesKeyPath + L"\\" + name;
-    ASSERT_EQ(::RegSetKeyValueW(hive, key.c_str(), storeapps::kRootFolderValue, REG_SZ, root.c_str(),
-                                static_cast<DWORD>((root.size() + 1) * sizeof(wchar_t))),
-              ERROR_SUCCESS);
+    ASSERT_EQ(testsupport::SetRegText(hive, key, storeapps::kRootFolderValue, root), ERROR_SUCCESS);
   };
   registerPackage(HKEY_USERS, user_->Hive(L"Software\\Classes\\"), fullName);
   registerPackage(HKEY_CURRENT_USER, L"Software\\Classes\\", decoyFullName);
@@ -287,9 +263,9 @@ TEST_F(SecondIdentity, TheToolsListAndChangeTheConsoleUsersEntries) {
   const std::wstring store = user_->Roaming() + L"\\Nexalon\\Lumera\\Storage.json";
   EXPECT_NE(testsupport::ReadFileBytes(store).find(Narrow(LocalName())), std::string::npos) << "the user's own store";
   if (testsupport::WineFlavourIsWin10()) {
-    EXPECT_TRUE(HasValue(HKEY_USERS, user_->Hive(kApprovedRun), LocalName()));
+    EXPECT_TRUE(HasRegValue(HKEY_USERS, user_->Hive(kApprovedRun), LocalName()));
   } else {
-    EXPECT_FALSE(HasValue(HKEY_USERS, user_->RunKey(), LocalName())) << "below Windows 8 the value is taken out";
+    EXPECT_FALSE(HasRegValue(HKEY_USERS, user_->RunKey(), LocalName())) << "below Windows 8 the value is taken out";
   }
   // The logoff check reads the user's commands in the user's environment, so it keeps them.
   const auto check = testsupport::RunBinProgram(L"StartLauncher.exe", L"\"/checkuser:" + user_->Roaming() + L"\"");
@@ -298,15 +274,15 @@ TEST_F(SecondIdentity, TheToolsListAndChangeTheConsoleUsersEntries) {
 
   const auto enabled = testsupport::RunBinProgram(L"startupctl.exe", L"enable " + LocalName());
   ASSERT_EQ(enabled.exitCode, 0u) << enabled.output;
-  EXPECT_TRUE(HasValue(HKEY_USERS, user_->RunKey(), LocalName()));
+  EXPECT_TRUE(HasRegValue(HKEY_USERS, user_->RunKey(), LocalName()));
   EXPECT_EQ(testsupport::ReadFileBytes(store).find(Narrow(LocalName())), std::string::npos);
 
   const auto delayed = testsupport::RunBinProgram(L"startupctl.exe", L"delay " + StartupName());
   ASSERT_EQ(delayed.exitCode, 0u) << delayed.output;
   EXPECT_NE(testsupport::ReadFileBytes(store).find("StartupDelayed"), std::string::npos) << "the user's own store";
   if (testsupport::WineFlavourIsWin10()) {
-    EXPECT_TRUE(HasValue(HKEY_USERS, user_->Hive(kApprovedFolder), StartupName()));
-    EXPECT_FALSE(HasValue(HKEY_CURRENT_USER, kApprovedFolder, StartupName()));
+    EXPECT_TRUE(HasRegValue(HKEY_USERS, user_->Hive(kApprovedFolder), StartupName()));
+    EXPECT_FALSE(HasRegValue(HKEY_CURRENT_USER, kApprovedFolder, StartupName()));
   } else {
     EXPECT_EQ(::GetFileAttributesW((user_->Startup() + L"\\" + StartupName()).c_str()), INVALID_FILE_ATTRIBUTES)
         << "below Windows 8 the file is put aside in the user's folder";

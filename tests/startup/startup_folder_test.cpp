@@ -7,31 +7,31 @@
 
 #include <algorithm>
 
+#include "common/com_ptr.h"
 #include "scratch.h"
 #include "startup/startup_folder_apps.h"
 #include "support/captured_log.h"
+#include "support/registry_values.h"
 
 namespace {
 
 using startup::CStartupFolderActions;
 using testing_startup::MakeItem;
 using testing_startup::ScratchStore;
+using testsupport::Exists;
 using testsupport::ScratchFolder;
-
-bool Exists(const std::wstring& path) { return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 
 // Writes a shortcut to `target`; false when the shell could not.
 bool MakeShortcut(const std::wstring& file, const std::wstring& target) {
   const bool com = SUCCEEDED(::CoInitialize(nullptr));
-  IShellLinkW* link = nullptr;
-  IPersistFile* persist = nullptr;
-  bool ok = SUCCEEDED(::CoCreateInstance(CLSID_ShellLink, nullptr, CLSCTX_INPROC_SERVER, IID_IShellLinkW,
-                                         reinterpret_cast<void**>(&link))) &&
-            SUCCEEDED(link->SetPath(target.c_str())) &&
-            SUCCEEDED(link->QueryInterface(IID_IPersistFile, reinterpret_cast<void**>(&persist))) &&
-            SUCCEEDED(persist->Save(file.c_str(), TRUE));
-  if (persist != nullptr) persist->Release();
-  if (link != nullptr) link->Release();
+  ky::com_ptr<IShellLinkW> link;
+  ky::com_ptr<IPersistFile> persist;
+  const bool ok =
+      SUCCEEDED(::CoCreateInstance(CLSID_ShellLink, nullptr, CLSCTX_INPROC_SERVER, IID_IShellLinkW, link.put_void())) &&
+      SUCCEEDED(link->SetPath(target.c_str())) && SUCCEEDED(link.query(IID_IPersistFile, persist)) &&
+      SUCCEEDED(persist->Save(file.c_str(), TRUE));
+  persist.reset();
+  link.reset();
   if (com) ::CoUninitialize();
   return ok;
 }

@@ -11,21 +11,19 @@
 
 #include "picojson.h"
 #include "support/programs.h"
+#include "support/registry_values.h"
 
 namespace {
 
 using testsupport::Narrow;
 
-constexpr wchar_t kRunKey[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Run";
-constexpr wchar_t kApprovedRun[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\StartupApproved\\Run";
-constexpr wchar_t kApprovedFolder[] =
-    L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\StartupApproved\\StartupFolder";
-
+using testsupport::Exists;
+using testsupport::kApprovedFolder;
+using testsupport::kApprovedRun;
+using testsupport::kRunKey;
 using testsupport::SpecialFolder;
 
 testsupport::ProgramRun RunTool(const std::wstring& arguments) { return testsupport::RunBinProgram(L"startupctl.exe", arguments); }
-
-bool Exists(const std::wstring& path) { return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 
 // The state the JSON listing gives the named entry; empty when it is not listed.
 std::string StateOf(const std::wstring& name) {
@@ -40,18 +38,14 @@ std::string StateOf(const std::wstring& name) {
 
 // First byte of the StartupApproved value; -1 when it is missing.
 int Approved(const wchar_t* key, const std::wstring& name) {
-  BYTE bytes[128] = {};
-  DWORD length = sizeof bytes;
-  if (::RegGetValueW(HKEY_CURRENT_USER, key, name.c_str(), RRF_RT_REG_BINARY, nullptr, bytes, &length)) return -1;
-  return bytes[0];
+  const auto bytes = testsupport::RegBinary(HKEY_CURRENT_USER, key, name);
+  return bytes.empty() ? -1 : bytes[0];
 }
 
 class StartupCtl : public ::testing::Test {
  protected:
   void SetUp() override {
-    const std::wstring command = L"%windir%\\notepad.exe /lumera";
-    ASSERT_EQ(::RegSetKeyValueW(HKEY_CURRENT_USER, kRunKey, value_.c_str(), REG_EXPAND_SZ, command.c_str(),
-                                static_cast<DWORD>((command.size() + 1) * 2)),
+    ASSERT_EQ(testsupport::SetRegText(HKEY_CURRENT_USER, kRunKey, value_, L"%windir%\\notepad.exe /lumera", REG_EXPAND_SZ),
               ERROR_SUCCESS);
     std::filesystem::create_directories(std::filesystem::path(folder_));
     std::ofstream(std::filesystem::path(folder_ + file_)) << "@echo off\r\n";

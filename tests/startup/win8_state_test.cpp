@@ -9,6 +9,7 @@
 #include "startup/startup_items.h"
 #include "startup/win8_startup_item.h"
 #include "support/captured_log.h"
+#include "support/registry_values.h"
 
 namespace {
 
@@ -19,20 +20,12 @@ using testing_startup::MakeItem;
 using testing_startup::ScratchRunKey;
 using testing_startup::ScratchStore;
 
-constexpr wchar_t kFolderApprovedKey[] =
-    L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\StartupApproved\\StartupFolder";
+using testsupport::kApprovedFolder;
 
 std::wstring ApprovedOf(const ScratchRunKey& key) { return key.Top() + L"\\CurrentVersion\\Explorer\\StartupApproved\\Run"; }
 
-std::vector<BYTE> ReadBinary(HKEY root, const std::wstring& subkey, const std::wstring& name) {
-  std::vector<BYTE> bytes(256);
-  DWORD length = static_cast<DWORD>(bytes.size());
-  if (::RegGetValueW(root, subkey.c_str(), name.c_str(), RRF_RT_REG_BINARY, nullptr, bytes.data(), &length) !=
-      ERROR_SUCCESS) {
-    return {};
-  }
-  bytes.resize(length);
-  return bytes;
+std::vector<BYTE> ApprovedBytes(const ScratchRunKey& key) {
+  return testsupport::RegBinary(HKEY_CURRENT_USER, ApprovedOf(key), L"Tool");
 }
 
 TEST(StartupApproved, KeysFollowTheEntrysKindRootAndRunKey) {
@@ -56,13 +49,13 @@ TEST(StartupApproved, KeysFollowTheEntrysKindRootAndRunKey) {
   item->isUser = 0;
   ASSERT_TRUE(startup::GetItemRegKey(*item, kSourceStartupFolder, root, subkey));
   EXPECT_EQ(root, HKEY_LOCAL_MACHINE) << "the machine's Startup folder";
-  EXPECT_EQ(subkey, kFolderApprovedKey);
+  EXPECT_EQ(subkey, kApprovedFolder);
   item->isUser = 1;
   ASSERT_TRUE(startup::GetItemRegKey(*item, kSourceStartupFolder, root, subkey));
   EXPECT_EQ(root, HKEY_USERS) << "the user's own hive, never the service's HKEY_CURRENT_USER";
   std::wstring sid;
   ASSERT_TRUE(startup::CStartupItems::GetCrtUserSid(sid));
-  EXPECT_EQ(subkey, sid + L"\\" + kFolderApprovedKey);
+  EXPECT_EQ(subkey, sid + L"\\" + kApprovedFolder);
 }
 
 TEST(StartupApproved, AMissingValueIsCreatedDisabledAndEnabledBackInPlace) {
@@ -72,13 +65,13 @@ TEST(StartupApproved, AMissingValueIsCreatedDisabledAndEnabledBackInPlace) {
   testsupport::CapturedLog log;
   ASSERT_EQ(Win8StartupItem::Enable(*item, kSourceRunKey), 0u);
   EXPECT_TRUE(log.contains(L"item is enabled"));
-  EXPECT_TRUE(ReadBinary(HKEY_CURRENT_USER, ApprovedOf(key), L"Tool").empty()) << "enable of a missing value writes nothing";
+  EXPECT_TRUE(ApprovedBytes(key).empty()) << "enable of a missing value writes nothing";
 
   ASSERT_EQ(Win8StartupItem::Disable(*item, kSourceRunKey), 0u);
-  EXPECT_EQ(ReadBinary(HKEY_CURRENT_USER, ApprovedOf(key), L"Tool"), std::vector<BYTE>({1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(ApprovedBytes(key), std::vector<BYTE>({1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
   EXPECT_FALSE(Win8StartupItem::IsEnabled(*item, kSourceRunKey));
   ASSERT_EQ(Win8StartupItem::Enable(*item, kSourceRunKey), 0u);
-  EXPECT_EQ(ReadBinary(HKEY_CURRENT_USER, ApprovedOf(key), L"Tool").at(0), 0);
+  EXPECT_EQ(ApprovedBytes(key).at(0), 0);
 }
 
 TEST(StartupApproved, TheSecondPairKeepsItsWordsAndTheTimeBytes) {
@@ -91,17 +84,17 @@ TEST(StartupApproved, TheSecondPairKeepsItsWordsAndTheTimeBytes) {
   ASSERT_EQ(Win8StartupItem::Disable(*item, kSourceRunKey), 0u);
   std::vector<BYTE> expected = system;
   expected[0] = 3;
-  EXPECT_EQ(ReadBinary(HKEY_CURRENT_USER, ApprovedOf(key), L"Tool"), expected) << "2 becomes 3, all other bytes kept";
+  EXPECT_EQ(ApprovedBytes(key), expected) << "2 becomes 3, all other bytes kept";
   ASSERT_EQ(Win8StartupItem::Disable(*item, kSourceRunKey), 0u) << "already disabled is success";
   ASSERT_EQ(Win8StartupItem::Enable(*item, kSourceRunKey), 0u);
-  EXPECT_EQ(ReadBinary(HKEY_CURRENT_USER, ApprovedOf(key), L"Tool"), system);
+  EXPECT_EQ(ApprovedBytes(key), system);
 
   expected[0] = 7;
   ASSERT_EQ(::RegSetKeyValueW(HKEY_CURRENT_USER, ApprovedOf(key).c_str(), L"Tool", REG_BINARY, expected.data(), 12),
             ERROR_SUCCESS);
   EXPECT_FALSE(Win8StartupItem::IsEnabled(*item, kSourceRunKey)) << "an unknown word is not enabled";
   ASSERT_EQ(Win8StartupItem::Enable(*item, kSourceRunKey), 0u);
-  EXPECT_EQ(ReadBinary(HKEY_CURRENT_USER, ApprovedOf(key), L"Tool").at(0), 2);
+  EXPECT_EQ(ApprovedBytes(key).at(0), 2);
 }
 
 TEST(StartupApproved, RunActionsRecordTheChangeAndUndoItWhenTheStoreFails) {

@@ -6,7 +6,6 @@
 #include <shlobj.h>
 
 #include <filesystem>
-#include <fstream>
 #include <set>
 #include <string>
 #include <thread>
@@ -14,10 +13,12 @@
 
 #include "picojson.h"
 #include "support/programs.h"
+#include "support/registry_values.h"
+#include "support/scratch_folder.h"
 
 namespace {
 
-constexpr wchar_t kRunKey[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Run";
+using testsupport::kRunKey;
 constexpr int kFillers = 3000;
 constexpr int kEntriesPerWriter = 200;
 constexpr int kStale = 10;
@@ -27,10 +28,8 @@ using testsupport::Narrow;
 
 // The names the store holds under "user" / "Disabled"; false when it does not parse.
 bool StoredNames(const std::wstring& path, std::multiset<std::string>& names) {
-  std::ifstream file(std::filesystem::path(path), std::ios::binary);
-  const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
   picojson::value document;
-  if (!picojson::parse(document, text).empty()) return false;
+  if (!picojson::parse(document, testsupport::ReadFileBytes(path)).empty()) return false;
   const picojson::value& section = document.get("user").get("Disabled");
   if (!section.is<picojson::array>()) return true;
   for (const auto& element : section.get<picojson::array>()) names.insert(element.get("Name").to_str());
@@ -40,44 +39,34 @@ bool StoredNames(const std::wstring& path, std::multiset<std::string>& names) {
 class TwoWriters : public ::testing::Test {
  protected:
   void SetUp() override {
-    const std::wstring command = L"C:\\windows\\notepad.exe";
     for (int i = 0; i < 2 * kEntriesPerWriter; ++i) {
       names_.push_back(L"LumeraTwoWriters" + std::to_wstring(::GetCurrentProcessId()) + L"_" + std::to_wstring(i));
-      ASSERT_EQ(::RegSetKeyValueW(HKEY_CURRENT_USER, kRunKey, names_.back().c_str(), REG_SZ, command.c_str(),
-                                  static_cast<DWORD>((command.size() + 1) * 2)),
-                ERROR_SUCCESS);
+      ASSERT_EQ(testsupport::SetRegText(HKEY_CURRENT_USER, kRunKey, names_.back(), L"C:\\windows\\notepad.exe"), ERROR_SUCCESS);
     }
     std::filesystem::create_directories(std::filesystem::path(storage_).parent_path());
     if (::GetFileAttributesW(storage_.c_str()) != INVALID_FILE_ATTRIBUTES) {
       ASSERT_TRUE(::MoveFileExW(storage_.c_str(), saved_.c_str(), MOVEFILE_REPLACE_EXISTING));
       storageSaved_ = true;
     }
-    // A store that has been in use for a long time: every record names one existing program.
     picojson::array fillers;
-    for (int i = 0; i < kFillers; ++i) {
+    const auto add = [&fillers](const std::string& name, const char* command) {
       picojson::object item;
-      item["Name"] = picojson::value("LumeraFiller" + std::to_string(i));
-      item["Cmd"] = picojson::value("C:\\windows\\notepad.exe");
+      item["Name"] = picojson::value(name);
+      item["Cmd"] = picojson::value(command);
       item["Path"] = picojson::value("HKEY_CURRENT_USER\\Software\\Lumera\\Nowhere");
       item["BkpPath"] = picojson::value("");
       item["ChangedTime"] = picojson::value(1700000000.0);
       fillers.emplace_back(std::move(item));
-    }
+    };
+    // A store that has been in use for a long time: every record names one existing program.
+    for (int i = 0; i < kFillers; ++i) add("LumeraFiller" + std::to_string(i), "C:\\windows\\notepad.exe");
     // Records whose program is gone, which the service's read-back takes out: a writer of its own.
-    for (int i = 0; i < kStale; ++i) {
-      picojson::object item;
-      item["Name"] = picojson::value("LumeraStale" + std::to_string(i));
-      item["Cmd"] = picojson::value("C:\\no-such-folder-lumera\\gone.exe");
-      item["Path"] = picojson::value("HKEY_CURRENT_USER\\Software\\Lumera\\Nowhere");
-      item["BkpPath"] = picojson::value("");
-      item["ChangedTime"] = picojson::value(1700000000.0);
-      fillers.emplace_back(std::move(item));
-    }
+    for (int i = 0; i < kStale; ++i) add("LumeraStale" + std::to_string(i), "C:\\no-such-folder-lumera\\gone.exe");
     picojson::object disabled;
     disabled["Disabled"] = picojson::value(std::move(fillers));
     picojson::object root;
     root["user"] = picojson::value(std::move(disabled));
-    std::ofstream(std::filesystem::path(storage_), std::ios::binary) << picojson::value(std::move(root)).serialize();
+    testsupport::WriteFileBytes(storage_, picojson::value(std::move(root)).serialize());
   }
 
   void TearDown() override {
@@ -106,10 +95,7 @@ class TwoWriters : public ::testing::Test {
     }
   }
 
-  bool InRunKey(const std::wstring& name) const {
-    return ::RegGetValueW(HKEY_CURRENT_USER, kRunKey, name.c_str(), RRF_RT_REG_SZ, nullptr, nullptr, nullptr) ==
-           ERROR_SUCCESS;
-  }
+  static bool InRunKey(const std::wstring& name) { return testsupport::HasRegValue(HKEY_CURRENT_USER, kRunKey, name); }
 
   // How many entries are neither in their Run key nor in the store; how many are recorded.
   void Count(int& lost, int& recorded, int& fillers, int* stale = nullptr) const {
@@ -121,12 +107,13 @@ class TwoWriters : public ::testing::Test {
       recorded += inStore ? 1 : 0;
       if (!inStore && !InRunKey(name)) ++lost;
     }
-    fillers = 0;
-    for (int i = 0; i < kFillers; ++i) fillers += stored.count("LumeraFiller" + std::to_string(i)) != 0 ? 1 : 0;
-    if (stale != nullptr) {
-      *stale = 0;
-      for (int i = 0; i < kStale; ++i) *stale += stored.count("LumeraStale" + std::to_string(i)) != 0 ? 1 : 0;
-    }
+    const auto present = [&stored](const char* prefix, int n) {
+      int found = 0;
+      for (int i = 0; i < n; ++i) found += stored.count(prefix + std::to_string(i)) != 0 ? 1 : 0;
+      return found;
+    };
+    fillers = present("LumeraFiller", kFillers);
+    if (stale != nullptr) *stale = present("LumeraStale", kStale);
   }
 
   std::vector<std::wstring> names_;

@@ -32,9 +32,7 @@ class RepositoryEntry {
   RepositoryEntry& operator=(const RepositoryEntry&) = delete;
 
   void Set(const wchar_t* name, const std::wstring& text) const {
-    ASSERT_EQ(::RegSetKeyValueW(HKEY_USERS, key_.c_str(), name, REG_SZ, text.c_str(),
-                                static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t))),
-              ERROR_SUCCESS);
+    ASSERT_EQ(testsupport::SetRegText(HKEY_USERS, key_, name, text), ERROR_SUCCESS);
   }
 
  private:
@@ -51,7 +49,7 @@ TEST(StoreAppsList, ListsPackagesWithFamilyNamesAndLeavesOutIncompleteOnes) {
   RepositoryEntry entry(package.FullName());
   entry.Set(storeapps::kRootFolderValue, package.Folder());
   entry.Set(storeapps::kDisplayNameValue, L"Staged Terminal");
-  const std::wstring unique = testing_store::Unique();
+  const std::wstring unique = testsupport::UniqueSuffix();
   RepositoryEntry noFolder(L"LumeraNoFolder" + unique + L"_1.0.0.0_x64__pub");
   RepositoryEntry badName(L"LumeraBadName" + unique + L"_1.0.0.0_x64");
   badName.Set(storeapps::kRootFolderValue, package.Folder());

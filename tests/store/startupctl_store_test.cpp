@@ -56,9 +56,7 @@ class StoreStartupCtl : public ::testing::Test {
            "  </Applications>\n"
            "</Package>\n";
     const std::wstring key = testing_store::UserClasses(kPackages) + L"\\" + fullName_;
-    ASSERT_EQ(::RegSetKeyValueW(HKEY_USERS, key.c_str(), L"PackageRootFolder", REG_SZ, folder_.c_str(),
-                                static_cast<DWORD>((folder_.size() + 1) * sizeof(wchar_t))),
-              ERROR_SUCCESS);
+    ASSERT_EQ(testsupport::SetRegText(HKEY_USERS, key, L"PackageRootFolder", folder_), ERROR_SUCCESS);
   }
   void TearDown() override {
     ::RegDeleteTreeW(HKEY_USERS, (testing_store::UserClasses(kPackages) + L"\\" + fullName_).c_str());

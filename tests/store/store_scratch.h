@@ -7,14 +7,13 @@
 #include <gtest/gtest.h>
 
 #include <cwchar>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include "lumera/storeappslist.h"
 #include "startup/startup_items.h"
 #include "startup/store_apps_enumerator.h"
+#include "support/registry_values.h"
 #include "support/scratch_folder.h"
 
 namespace testing_store {
@@ -50,10 +49,7 @@ inline std::string Uap5Application(const std::string& id, const std::string& exe
          "    </Application>\n";
 }
 
-inline std::wstring Unique() {
-  static LONG counter = 0;
-  return std::to_wstring(::GetCurrentProcessId()) + L"x" + std::to_wstring(::InterlockedIncrement(&counter));
-}
+using testsupport::UniqueSuffix;
 
 template <std::size_t N>
 void Copy(wchar_t (&target)[N], const std::wstring& text) {
@@ -83,7 +79,7 @@ inline std::wstring StateKeyOf(const std::wstring& family) { return SystemAppDat
 class StagedPackage {
  public:
   StagedPackage() {
-    name_ = L"LumeraTest" + Unique();
+    name_ = L"LumeraTest" + UniqueSuffix();
     fullName_ = name_ + L"_1.21.0.0_x64__8wekyb3d8bbwe";
     family_ = name_ + L"_8wekyb3d8bbwe";
   }
@@ -92,7 +88,7 @@ class StagedPackage {
   StagedPackage& operator=(const StagedPackage&) = delete;
 
   void WriteManifest(const std::string& text) const {
-    std::ofstream(std::filesystem::path(folder_.file(L"AppxManifest.xml")), std::ios::binary) << text;
+    testsupport::WriteFileBytes(folder_.file(L"AppxManifest.xml"), text);
   }
   MicrosoftStoreApp Record() const {
     MicrosoftStoreApp app{};
@@ -120,8 +116,7 @@ class StagedPackage {
   }
   void SetState(const std::wstring& taskId, DWORD value) const {
     const std::wstring key = StateKeyOf(family_) + L"\\" + taskId;
-    ASSERT_EQ(::RegSetKeyValueW(HKEY_USERS, key.c_str(), L"State", REG_DWORD, &value, sizeof(value)),
-              ERROR_SUCCESS);
+    ASSERT_EQ(testsupport::SetRegDword(HKEY_USERS, key, L"State", value), ERROR_SUCCESS);
   }
 
  private:

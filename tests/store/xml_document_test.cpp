@@ -2,8 +2,6 @@
 // bounds that refuse a document.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "lumera/wxmlutil.h"
@@ -13,10 +11,6 @@ namespace {
 
 constexpr wchar_t kUap5[] = L"http://schemas.microsoft.com/appx/manifest/uap/windows10/5";
 constexpr wchar_t kFoundation[] = L"http://schemas.microsoft.com/appx/manifest/foundation/windows10";
-
-void WriteBytes(const std::wstring& path, const std::string& bytes) {
-  std::ofstream(std::filesystem::path(path), std::ios::binary) << bytes;
-}
 
 bool ParseText(TiXmlDocument& document, const std::string& text) { return document.Parse(text.data(), text.size()); }
 
@@ -75,7 +69,7 @@ TEST(WXmlDocument, ReadsUtf16FilesAndKeepsTheLastErrorUntilTheNextLoad) {
   testsupport::ScratchFolder folder;
   const std::wstring path = folder.file(L"doc.xml");
   const std::wstring text = L"\xFEFF<r a=\"\u20AC\"/>";
-  WriteBytes(path, std::string(reinterpret_cast<const char*>(text.data()), text.size() * 2));
+  testsupport::WriteFileBytes(path, std::string(reinterpret_cast<const char*>(text.data()), text.size() * 2));
   TiXmlDocument document;
   ASSERT_TRUE(document.LoadFile(path.c_str())) << std::hex << document.ErrorId();
   EXPECT_STREQ(document.RootElement()->Attribute(L"a"), L"\u20AC");
@@ -104,7 +98,7 @@ TEST(WXmlDocument, RefusesMalformedOversizedDeepAndDtdDocuments) {
   std::string text = "<a>";
   text.append(wxml::kMaxDocumentBytes, ' ');
   text += "</a>";
-  WriteBytes(big, text);
+  testsupport::WriteFileBytes(big, text);
   EXPECT_FALSE(document.LoadFile(big.c_str()));
   EXPECT_EQ(document.ErrorId(), wxml::kErrorTooLarge);
   EXPECT_EQ(document.RootElement(), nullptr);

@@ -13,11 +13,19 @@ std::filesystem::path BinFolder() { return std::filesystem::path(ExeFolder()).pa
 
 std::wstring Quoted(const std::filesystem::path& path) { return L"\"" + path.wstring() + L"\""; }
 
-ky::unique_handle StartProgram(std::wstring commandLine) {
+ky::unique_handle StartProgram(std::wstring commandLine, const std::wstring& outputFile) {
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
+  SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+  ky::unique_file output;
+  if (!outputFile.empty()) {
+    output.reset(::CreateFileW(outputFile.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit, CREATE_ALWAYS, 0, nullptr));
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdOutput = startup.hStdError = output.get();
+  }
   PROCESS_INFORMATION info{};
-  if (!::CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info)) {
+  if (!::CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, output.valid(), 0, nullptr, nullptr, &startup,
+                        &info)) {
     return ky::unique_handle();
   }
   ky::unique_handle thread(info.hThread);

@@ -23,8 +23,9 @@ struct ProgramRun {
 // timeoutMs; a program still running then is terminated.
 ProgramRun RunProgram(const std::wstring& commandLine, DWORD timeoutMs = 30000);
 
-// Starts the command line without waiting; the process handle, empty when it did not start.
-ky::unique_handle StartProgram(std::wstring commandLine);
+// Starts the command line without waiting, its standard output and error into `outputFile` when
+// one is named; the process handle, empty when it did not start.
+ky::unique_handle StartProgram(std::wstring commandLine, const std::wstring& outputFile = L"");
 
 // Quotes a path for a command line.
 std::wstring Quoted(const std::filesystem::path& path);

@@ -34,6 +34,11 @@ ScratchFolder::~ScratchFolder() {
   std::filesystem::remove_all(std::filesystem::path(path_), ignored);
 }
 
+std::wstring UniqueSuffix() {
+  static std::atomic<unsigned> next{0};
+  return std::to_wstring(::GetCurrentProcessId()) + L"x" + std::to_wstring(next.fetch_add(1) + 1);
+}
+
 std::wstring ExeFolder() { return ky::ModuleFolder(nullptr); }
 
 std::string ReadFileBytes(const std::wstring& path) {

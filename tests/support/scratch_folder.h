@@ -22,6 +22,9 @@ class ScratchFolder {
   std::wstring path_;
 };
 
+// "<process id>x<n>", new on every call, for names no other test or test program uses.
+std::wstring UniqueSuffix();
+
 // The folder of the running program, ending with a backslash.
 std::wstring ExeFolder();
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "common/unique_handle.h"
+#include "support/registry_values.h"
 #include "users/user_profile.h"
 
 namespace testsupport {
@@ -14,22 +15,13 @@ namespace {
 constexpr wchar_t kDevelopmentKey[] = L"Software\\Nexalon\\Lumera\\Development";
 constexpr wchar_t kDevKeyVariable[] = L"LUMERA_DEV_KEY";
 constexpr wchar_t kProfileList[] = L"Software\\Microsoft\\Windows NT\\CurrentVersion\\ProfileList\\";
-constexpr wchar_t kRunKey[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Run";
-
-std::wstring Unique() {
-  static LONG counter = 0;
-  return std::to_wstring(::GetCurrentProcessId()) + L"x" + std::to_wstring(::InterlockedIncrement(&counter));
-}
 
 void SetText(HKEY root, const std::wstring& key, const wchar_t* name, const std::wstring& text, DWORD type = REG_SZ) {
-  ASSERT_EQ(::RegSetKeyValueW(root, key.c_str(), name, type, text.c_str(),
-                              static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t))),
-            ERROR_SUCCESS)
-      << "staging " << testing::PrintToString(key);
+  ASSERT_EQ(SetRegText(root, key, name, text, type), ERROR_SUCCESS) << "staging " << testing::PrintToString(key);
 }
 
 void SetDword(HKEY root, const std::wstring& key, const wchar_t* name, DWORD value) {
-  ASSERT_EQ(::RegSetKeyValueW(root, key.c_str(), name, REG_DWORD, &value, sizeof(value)), ERROR_SUCCESS);
+  ASSERT_EQ(SetRegDword(root, key, name, value), ERROR_SUCCESS);
 }
 
 void CreateKey(HKEY root, const std::wstring& key) {
@@ -42,7 +34,7 @@ void CreateKey(HKEY root, const std::wstring& key) {
 }  // namespace
 
 StagedUser::StagedUser(bool loggedOn) {
-  const std::wstring unique = Unique();
+  const std::wstring unique = UniqueSuffix();
   name_ = L"lumerauser" + unique;
   sid_ = L"S-1-5-21-7-" + std::to_wstring(::GetCurrentProcessId()) + L"-" + unique.substr(unique.find(L'x') + 1) + L"-1001";
   devKey_ = std::wstring(kDevelopmentKey) + L"\\Test" + unique;

@@ -10,40 +10,20 @@
 
 #include "common/unique_handle.h"
 #include "component_manager.h"
-#include "lumera_dev/console_session.h"
 #include "lumera/interface_ids.h"
 #include "lumera/kyusers.h"
 #include "plugins/sessionchange.h"
 #include "support/captured_log.h"
 #include "support/plugin_stub.h"
 #include "support/scratch_folder.h"
+#include "support/staged_console.h"
 #include "support/test_thread.h"
 #include "users/ky_users.h"
 #include "users/user_logon.h"
 
 namespace {
 
-constexpr DWORD kDeadlineMs = 10000;
-
-// Stages this process's own console value and deletes it afterwards.
-class StagedConsole {
- public:
-  StagedConsole() : name_(L"ConsoleSession.test" + std::to_wstring(::GetCurrentProcessId())) {
-    ::SetEnvironmentVariableW(lumera::dev::kValueOverride, name_.c_str());
-  }
-  ~StagedConsole() {
-    ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, lumera::dev::kDevelopmentKey, name_.c_str());
-    ::SetEnvironmentVariableW(lumera::dev::kValueOverride, nullptr);
-  }
-  void Set(DWORD loggedOn) {
-    ASSERT_EQ(::RegSetKeyValueW(HKEY_LOCAL_MACHINE, lumera::dev::kDevelopmentKey, name_.c_str(), REG_DWORD, &loggedOn,
-                                sizeof loggedOn),
-              ERROR_SUCCESS);
-  }
-
- private:
-  std::wstring name_;
-};
+using testsupport::StagedConsole;
 
 class Recorder final : public ISessionChangeEvents, public IUserLogonObserver {
  public:
@@ -53,11 +33,20 @@ class Recorder final : public ISessionChangeEvents, public IUserLogonObserver {
   }
   void OnLogon(std::uint32_t, const wchar_t* user) override { Add(std::wstring(L"logon ") + user); }
   void OnLogoff(std::uint32_t, const wchar_t* user) override { Add(std::wstring(L"logoff ") + user); }
-  std::vector<std::wstring> WaitFor(std::size_t n) { return records_.WaitFor(n, kDeadlineMs); }
+  std::vector<std::wstring> WaitFor(std::size_t n) { return records_.WaitFor(n); }
 
  private:
   void Add(std::wstring record) { records_.Add(std::move(record)); }
   testsupport::Records<std::wstring> records_;
+};
+
+// The host with its "sessionchange" plug-in and a recorder for that plug-in's events.
+struct HostWithSessionChange {
+  host::HostConfig config;
+  host::ComponentManager host{config};
+  ISessionChangePlugin* plugin =
+      testsupport::GetPlugin<ISessionChangePlugin>(host, L"sessionchange", lumera::ids::SessionChangePlugin);
+  Recorder recorder;
 };
 
 TEST(SessionChange, TheStagedConsoleLogsOnAndOffForTheHostAndTheUsersLibrary) {
@@ -72,11 +61,9 @@ TEST(SessionChange, TheStagedConsoleLogsOnAndOffForTheHostAndTheUsersLibrary) {
   info.size = sizeof info;
   EXPECT_EQ(advanced(&info), static_cast<std::uint32_t>(ERROR_NO_TOKEN)) << "nobody at the console yet";
 
-  host::HostConfig config;
-  host::ComponentManager host(config);
-  auto* plugin = testsupport::GetPlugin<ISessionChangePlugin>(host, L"sessionchange", lumera::ids::SessionChangePlugin);
+  HostWithSessionChange h;
+  auto& [config, host, plugin, recorder] = h;
   ASSERT_NE(plugin, nullptr);
-  Recorder recorder;
   ASSERT_EQ(plugin->RegisterEventsHandler(&recorder), 0u);
   EXPECT_EQ(plugin->RegisterEventsHandler(&recorder), 183u);
 
@@ -96,11 +83,9 @@ TEST(SessionChange, TheStagedConsoleLogsOnAndOffForTheHostAndTheUsersLibrary) {
 TEST(SessionChange, AsAServiceItDeliversWhatTheControlHandlerRelaysAndNothingElse) {
   StagedConsole console;  // named but never set: nothing staged to follow
   host::SetSessionChangesFromService(true);
-  host::HostConfig config;
-  host::ComponentManager host(config);
-  auto* plugin = testsupport::GetPlugin<ISessionChangePlugin>(host, L"sessionchange", lumera::ids::SessionChangePlugin);
+  HostWithSessionChange h;
+  auto& [config, host, plugin, recorder] = h;
   ASSERT_NE(plugin, nullptr);
-  Recorder recorder;
   ASSERT_EQ(plugin->RegisterEventsHandler(&recorder), 0u);
   WTSSESSION_NOTIFICATION notification{sizeof notification, 1};
   host::RelaySessionChange(WTS_SESSION_LOCK, &notification);

@@ -13,6 +13,7 @@
 #include "support/programs.h"
 #include "support/scoped_override.h"
 #include "support/scratch_folder.h"
+#include "support/staged_console.h"
 #include "users/ky_users.h"
 #include "users/start_launcher_check.h"
 #include "users/user_logon.h"
@@ -175,15 +176,12 @@ TEST_F(StartLauncherProgram, ABadCommandLineGetsTheUsageAndTwo) {
 }
 
 TEST_F(StartLauncherProgram, TheConsoleUsersCheckWithNobodyAtTheConsoleChangesNothing) {
-  const std::wstring value = L"ConsoleSession.launcher" + std::to_wstring(::GetCurrentProcessId());
-  const DWORD loggedOff = 0;
-  ASSERT_EQ(::RegSetKeyValueW(HKEY_LOCAL_MACHINE, L"Software\\Nexalon\\Lumera\\Development", value.c_str(), REG_DWORD,
-                              &loggedOff, sizeof loggedOff),
-            ERROR_SUCCESS);
-  ::SetEnvironmentVariableW(L"LUMERA_DEV_CONSOLE_VALUE", value.c_str());
-  const auto result = Launch(L"/checkcrtuser");
-  ::SetEnvironmentVariableW(L"LUMERA_DEV_CONSOLE_VALUE", nullptr);
-  ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, L"Software\\Nexalon\\Lumera\\Development", value.c_str());
+  testsupport::ProgramRun result;
+  {
+    const testsupport::StagedConsole console(L"ConsoleSession.launcher");
+    console.Set(0);
+    result = Launch(L"/checkcrtuser");
+  }
   EXPECT_EQ(result.exitCode, 0u) << result.output;
   EXPECT_NE(result.output.find("no console user folder to check 0x3f0"), std::string::npos) << result.output;
 }

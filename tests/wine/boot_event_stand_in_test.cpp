@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "boottime/win_boot_event.h"
+#include "boottime/boot_event_watch.h"
 #include "common/boot_event_store.h"
 #include "common/module_library.h"
 #include "common/unique_handle.h"

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cwchar>
 
-#include "boottime/plugin_startup_manager.h"
+#include "plugin/plugin_startup_manager.h"
 #include "plugin/productinfo_loader.h"
 
 namespace startupctl {

@@ -13,6 +13,15 @@ constexpr std::uint32_t kHostMissing = 0xFFFFFFFF;
 constexpr wchar_t kBootTimePlugin[] = L"boottime";
 constexpr wchar_t kConnServerPlugin[] = L"connserver";
 
+// Logs the plug-in's answer to `query` under `function` and, when it is 0, has `write` put
+// the value into the reply.
+template <class Write>
+std::uint32_t Answered(const wchar_t* function, const wchar_t* query, std::uint32_t code, Write write) {
+  logging::Write(logging::kLevelInfo, function, L"%s err=%d", query, code);
+  if (code == 0) write();
+  return code;
+}
+
 }  // namespace
 
 CBootTimeComm::CBootTimeComm() = default;
@@ -21,37 +30,19 @@ CBootTimeComm::~CBootTimeComm() {
   if (pipe_ != nullptr || listening_) Stop();
 }
 
-void* CBootTimeComm::GetInterface(const GUID& iid) {
-  if (KyIsEqualId(iid, lumera::ids::IKyBaseInterface) || KyIsEqualId(iid, lumera::ids::IServPlugin) ||
-      KyIsEqualId(iid, lumera::ids::IBootTimeComm)) {
-    return static_cast<IBootTimeComm*>(this);
-  }
-  return nullptr;
-}
-
 std::uint32_t CBootTimeComm::Init(IServMain* host) {
   KY_TRACE(L"boottime::CBootTimeComm::Init");
   return ky::Guarded(L"boottime::CBootTimeComm::Init", ky::kGeneralFailure, [&]() -> std::uint32_t {
-    if (host == nullptr) {
-      KY_LOG(logging::kLevelError, L"IServMain is null!");
+    IPlgComponentManager* manager = host != nullptr ? host->GetComponentManager() : nullptr;
+    if (manager == nullptr) {
+      KY_LOG(logging::kLevelError, host == nullptr ? L"IServMain is null!" : L"Component Manager is null!");
       return kHostMissing;
     }
-    componentManager_ = host->GetComponentManager();
-    if (componentManager_ == nullptr) {
-      KY_LOG(logging::kLevelError, L"Component Manager is null!");
-      return kHostMissing;
-    }
-    void* object = nullptr;
-    if (componentManager_->GetPlugin(kBootTimePlugin, lumera::ids::IBootTime, &object) != 0 || object == nullptr) {
+    if (bootTime_.Acquire(manager, kBootTimePlugin, lumera::ids::IBootTime) != 0 || !bootTime_) {
       KY_LOG(logging::kLevelError, L"Error getting plugin: %s", kBootTimePlugin);
-    } else {
-      bootTime_ = static_cast<IBootTime*>(object);
     }
-    object = nullptr;
-    if (componentManager_->GetPlugin(kConnServerPlugin, lumera::ids::PipeLinkServer, &object) != 0 || object == nullptr) {
+    if (connServer_.Acquire(manager, kConnServerPlugin, lumera::ids::PipeLinkServer) != 0 || !connServer_) {
       KY_LOG(logging::kLevelError, L"Error getting connector server.");
-    } else {
-      connServer_ = static_cast<pipelink::IConnServer*>(object);
     }
     return 0;
   });
@@ -59,19 +50,15 @@ std::uint32_t CBootTimeComm::Init(IServMain* host) {
 
 std::uint32_t CBootTimeComm::UnInit() {
   KY_TRACE(L"boottime::CBootTimeComm::UnInit");
-  if (componentManager_ != nullptr) {
-    if (bootTime_ != nullptr) componentManager_->ReleasePlugin(kBootTimePlugin);
-    if (connServer_ != nullptr) componentManager_->ReleasePlugin(kConnServerPlugin);
-  }
-  bootTime_ = nullptr;
-  connServer_ = nullptr;
+  bootTime_.Reset();
+  connServer_.Reset();
   return 0;
 }
 
 std::uint32_t CBootTimeComm::Start() {
   KY_TRACE(L"boottime::CBootTimeComm::Start");
   return ky::Guarded(L"boottime::CBootTimeComm::Start", ky::kGeneralFailure, [&]() -> std::uint32_t {
-    if (connServer_ == nullptr) {
+    if (!connServer_) {
       KY_LOG(logging::kLevelError, L"Connector server is null.");
       return ERROR_GEN_FAILURE;
     }
@@ -89,7 +76,7 @@ std::uint32_t CBootTimeComm::Start() {
       KY_LOG(logging::kLevelError, L"Could not register comm server: %s", msg::kPipeName);
       return result;
     }
-    if (bootTime_ != nullptr) {
+    if (bootTime_) {
       const std::uint32_t added = bootTime_->AddListener(this);
       listening_ = added == 0;
       if (added != 0) KY_LOG(logging::kLevelWarning, L"AddListener failed 0x%x", added);
@@ -101,21 +88,26 @@ std::uint32_t CBootTimeComm::Start() {
 std::uint32_t CBootTimeComm::Stop() {
   KY_TRACE(L"boottime::CBootTimeComm::Stop");
   return ky::Guarded(L"boottime::CBootTimeComm::Stop", ky::kGeneralFailure, [&]() -> std::uint32_t {
-    if (listening_ && bootTime_ != nullptr) bootTime_->RemoveListener(this);
+    if (listening_ && bootTime_) bootTime_->RemoveListener(this);
     listening_ = false;
     if (pipe_ != nullptr) {
       pipe_->UnregisterCallback(pipelink::kCallbackMessages);
-      if (connServer_ != nullptr) connServer_->ReleasePipeServer(pipe_);
+      if (connServer_) connServer_->ReleasePipeServer(pipe_);
       pipe_ = nullptr;
     }
     return 0;
   });
 }
 
+void* CBootTimeComm::GetInterface(const GUID& iid) {
+  return KyInterfaceFor<IBootTimeComm>(this, iid,
+                                       {lumera::ids::IKyBaseInterface, lumera::ids::IServPlugin, lumera::ids::IBootTimeComm});
+}
+
 void CBootTimeComm::OnDataAnalysed(std::uint32_t status) {
   KY_TRACE(L"boottime::CBootTimeComm::OnDataAnalysed");
   ky::GuardedVoid(L"boottime::CBootTimeComm::OnDataAnalysed", [&] {
-    if (connServer_ == nullptr) return;
+    if (!connServer_) return;
     CPayloadWriter payload;
     payload.WriteU32(status);
     const std::uint32_t result = connServer_->Broadcast(msg::NpcMsgBootTimeOnDataAnalysed, payload.Data(), payload.Size(),
@@ -125,10 +117,8 @@ void CBootTimeComm::OnDataAnalysed(std::uint32_t status) {
 }
 
 std::uint32_t __cdecl CBootTimeComm::NpcCallback(void* context, const pipelink::PipeMessage* message) {
-  return ky::Guarded(L"boottime::CBootTimeComm::NpcCallback", ky::kGeneralFailure, [&]() -> std::uint32_t {
-    if (context == nullptr || message == nullptr) return ERROR_GEN_FAILURE;
-    return static_cast<CBootTimeComm*>(context)->HandleMessage(*message);
-  });
+  return msg::Deliver<CBootTimeComm>(L"boottime::CBootTimeComm::NpcCallback", context, message,
+                                     [](CBootTimeComm& self, const pipelink::PipeMessage& m) { return self.HandleMessage(m); });
 }
 
 std::uint32_t CBootTimeComm::HandleMessage(const pipelink::PipeMessage& message) {
@@ -151,22 +141,17 @@ std::uint32_t CBootTimeComm::HandleMessage(const pipelink::PipeMessage& message)
 
 std::uint32_t CBootTimeComm::Query(const pipelink::PipeMessage& message, CPayloadWriter& payload) {
   KY_TRACE(L"boottime::CBootTimeComm::Query");
-  if (bootTime_ == nullptr) return ERROR_GEN_FAILURE;
-  std::uint32_t code = 0;
+  if (!bootTime_) return ERROR_GEN_FAILURE;
   switch (message.id) {
     case msg::NpcMsgBootTimeGetBootTime: {
       std::uint32_t milliseconds = 0;
-      code = bootTime_->GetBootTime(&milliseconds);
-      KY_LOG(logging::kLevelInfo, L"GetBootTime err=%d", code);
-      if (code == 0) payload.WriteBootTime(milliseconds);
-      break;
+      return Answered(kyTrace_.Name(), L"GetBootTime", bootTime_->GetBootTime(&milliseconds),
+                      [&] { payload.WriteBootTime(milliseconds); });
     }
     case msg::NpcMsgBootTimeGetTotalBootImpact: {
       BootCounters total;
-      code = bootTime_->GetTotalBootImpact(&total);
-      KY_LOG(logging::kLevelInfo, L"GetTotalBootImpact err=%d", code);
-      if (code == 0) payload.WriteCounters(total);
-      break;
+      return Answered(kyTrace_.Name(), L"GetTotalBootImpact", bootTime_->GetTotalBootImpact(&total),
+                      [&] { payload.WriteCounters(total); });
     }
     case msg::NpcMsgBootTimeGetBootImpact: {
       ProcessKey key;
@@ -177,24 +162,20 @@ std::uint32_t CBootTimeComm::Query(const pipelink::PipeMessage& message, CPayloa
       }
       // The plug-in's entries go straight into the reply; on failure the reply carries only the code.
       CEncodedImpactList impacts(payload);
-      code = bootTime_->GetBootImpact(&impacts, &key);
-      KY_LOG(logging::kLevelInfo, L"GetBootImpact err=%d", code);
+      const std::uint32_t code = Answered(kyTrace_.Name(), L"GetBootImpact", bootTime_->GetBootImpact(&impacts, &key), [] {});
       // The key's text, with zero counters, names the request in the log.
       KY_LOG(logging::kLevelInfo, L"err=0x%x process=[%s]", code,
              DescribeImpact(ProcessImpact{key.ppid, key.pid, key.name}).c_str());
-      break;
+      return code;
     }
     case msg::NpcMsgBootTimeGetDiskSpeed: {
       DiskSpeed speed;
-      code = bootTime_->GetDiskSpeed(&speed);
-      KY_LOG(logging::kLevelInfo, L"GetDiskSpeed err=%d", code);
-      if (code == 0) payload.WriteDiskSpeed(speed);
-      break;
+      return Answered(kyTrace_.Name(), L"GetDiskSpeed", bootTime_->GetDiskSpeed(&speed),
+                      [&] { payload.WriteDiskSpeed(speed); });
     }
     default:
       return ERROR_GEN_FAILURE;
   }
-  return code;
 }
 
 void CBootTimeComm::Answer(const pipelink::PipeMessage& message, std::uint32_t code, const CPayloadWriter& payload) {

@@ -9,6 +9,7 @@
 #include <cstdint>
 
 #include "boottime/comm/payload.h"
+#include "common/plugin_ref.h"
 #include "lumera/boottime.h"
 #include "lumera/pipelink.h"
 
@@ -22,9 +23,15 @@ class CBootTimeComm : public IBootTimeComm, public IBootTimeEvents {
   CBootTimeComm& operator=(const CBootTimeComm&) = delete;
 
   void* GetInterface(const GUID& iid) override;
+  // 0 even when "boottime" or "connserver" cannot be had (logged); 0xFFFFFFFF without a
+  // host or component manager.
   std::uint32_t Init(IServMain* host) override;
+  // Gives back both plug-ins; always 0.
   std::uint32_t UnInit() override;
+  // Opens "boottimepipe" and listens to the plug-in: 0, 31 without "connserver", or the
+  // connector's code (nothing left open).
   std::uint32_t Start() override;
+  // Stops listening and closes the pipe; always 0.
   std::uint32_t Stop() override;
   // Broadcasts message 20 with the value to every connected client.
   void OnDataAnalysed(std::uint32_t status) override;
@@ -38,9 +45,8 @@ class CBootTimeComm : public IBootTimeComm, public IBootTimeEvents {
   std::uint32_t Query(const pipelink::PipeMessage& message, CPayloadWriter& payload);
   void Answer(const pipelink::PipeMessage& message, std::uint32_t code, const CPayloadWriter& payload);
 
-  IPlgComponentManager* componentManager_ = nullptr;  // the host's; lives as long as the host
-  IBootTime* bootTime_ = nullptr;
-  pipelink::IConnServer* connServer_ = nullptr;
+  ky::PluginRef<IBootTime> bootTime_;
+  ky::PluginRef<pipelink::IConnServer> connServer_;
   pipelink::IConnPipeServer* pipe_ = nullptr;
   bool listening_ = false;
 };

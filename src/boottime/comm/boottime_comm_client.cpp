@@ -16,6 +16,21 @@ constexpr wchar_t kNameTotal[] = L"NpcMsgBootTimeGetTotalBootImpact";
 constexpr wchar_t kNameImpact[] = L"NpcMsgBootTimeGetBootImpact";
 constexpr wchar_t kNameDisk[] = L"NpcMsgBootTimeGetDiskSpeed";
 
+// The answer to one query, read whole or not at all.
+bool ReadAnswer(CPayloadReader& reader, std::uint32_t* value) { return reader.ReadBootTime(value); }
+bool ReadAnswer(CPayloadReader& reader, BootCounters* value) { return reader.ReadCounters(value); }
+bool ReadAnswer(CPayloadReader& reader, ky::List<ProcessImpact>* value) { return reader.ReadImpactList(value); }
+bool ReadAnswer(CPayloadReader& reader, DiskSpeed* value) { return reader.ReadDiskSpeed(value); }
+
+// Reads one answer and, only when it is whole, hands it to `on` with code 0.
+template <class Value, class Client, class Arg>
+bool Pass(CPayloadReader& reader, Client& client, void (Client::*on)(std::uint32_t, Arg)) {
+  Value value{};
+  if (!ReadAnswer(reader, &value)) return false;
+  (client.*on)(0, value);
+  return true;
+}
+
 }  // namespace
 
 CBootTimeCommClient::CBootTimeCommClient() = default;
@@ -26,12 +41,10 @@ CBootTimeCommClient::~CBootTimeCommClient() {
 }
 
 void* CBootTimeCommClient::GetInterface(const GUID& iid) {
-  if (KyIsEqualId(iid, lumera::ids::IKyBaseInterface) || KyIsEqualId(iid, lumera::ids::IServPlugin) ||
-      KyIsEqualId(iid, lumera::ids::IBootTime) || KyIsEqualId(iid, lumera::ids::IBootTimeCommClient)) {
-    return static_cast<IBootTimeCommClient*>(this);
-  }
   if (KyIsEqualId(iid, lumera::ids::IBootTimeCommClientAsync)) return static_cast<IBootTimeCommClientAsync*>(this);
-  return nullptr;
+  return KyInterfaceFor<IBootTimeCommClient>(this, iid,
+                                             {lumera::ids::IKyBaseInterface, lumera::ids::IServPlugin,
+                                              lumera::ids::IBootTime, lumera::ids::IBootTimeCommClient});
 }
 
 std::uint32_t CBootTimeCommClient::Init(IServMain*) {
@@ -116,102 +129,88 @@ std::uint32_t CBootTimeCommClient::SendQuery(std::uint32_t id, const wchar_t* na
   return 0;
 }
 
-std::uint32_t CBootTimeCommClient::GetBootTime(std::uint32_t* milliseconds) {
-  KY_TRACE(L"boottime::CBootTimeCommClient::GetBootTime");
-  return ky::Guarded(L"boottime::CBootTimeCommClient::GetBootTime", ky::kGeneralFailure, [&]() -> std::uint32_t {
-    if (milliseconds == nullptr) return ERROR_INVALID_DATA;
+template <class Read>
+std::uint32_t CBootTimeCommClient::Query(const wchar_t* function, std::uint32_t id, const wchar_t* name,
+                                         const CPayloadWriter* request, Read read) {
+  return ky::Guarded(function, ky::kGeneralFailure, [&]() -> std::uint32_t {
     Reply reply;
-    const std::uint32_t result = SendQuery(msg::NpcMsgBootTimeGetBootTime, kNameBootTime, nullptr, 0, &reply);
+    const std::uint32_t result = request == nullptr ? SendQuery(id, name, nullptr, 0, &reply)
+                                                    : SendQuery(id, name, request->Data(), request->Size(), &reply);
     if (result != 0) return result;
-    CPayloadReader reader(reply->payload, reply->size);
     // A short reply is read as far as it goes; what it does not hold is left as it was.
-    (void)reader.ReadBootTime(milliseconds);
-    KY_LOG(logging::kLevelInfo, L"time=%d", *milliseconds);
+    CPayloadReader reader(reply->payload, reply->size);
+    read(reader);
     return 0;
   });
+}
+
+std::uint32_t CBootTimeCommClient::GetBootTime(std::uint32_t* milliseconds) {
+  KY_TRACE(L"boottime::CBootTimeCommClient::GetBootTime");
+  if (milliseconds == nullptr) return ERROR_INVALID_DATA;
+  return Query(L"boottime::CBootTimeCommClient::GetBootTime", msg::NpcMsgBootTimeGetBootTime, kNameBootTime, nullptr,
+               [&](CPayloadReader& reader) {
+                 (void)reader.ReadBootTime(milliseconds);
+                 KY_LOG(logging::kLevelInfo, L"time=%d", *milliseconds);
+               });
 }
 
 std::uint32_t CBootTimeCommClient::GetTotalBootImpact(BootCounters* total) {
   KY_TRACE(L"boottime::CBootTimeCommClient::GetTotalBootImpact");
-  return ky::Guarded(L"boottime::CBootTimeCommClient::GetTotalBootImpact", ky::kGeneralFailure, [&]() -> std::uint32_t {
-    if (total == nullptr) return ERROR_INVALID_DATA;
-    Reply reply;
-    // Sends the boot-time query, not id 2: the operation has always been defined this way.
-    const std::uint32_t result = SendQuery(msg::NpcMsgBootTimeGetBootTime, kNameTotal, nullptr, 0, &reply);
-    if (result != 0) return result;
-    CPayloadReader reader(reply->payload, reply->size);
-    (void)reader.ReadCounters(total);
-    KY_LOG(logging::kLevelInfo, L"process=[%s]", DescribeCounters(*total).c_str());
-    return 0;
-  });
+  if (total == nullptr) return ERROR_INVALID_DATA;
+  // Sends the boot-time query, not id 2: the operation has always been defined this way.
+  return Query(L"boottime::CBootTimeCommClient::GetTotalBootImpact", msg::NpcMsgBootTimeGetBootTime, kNameTotal,
+               nullptr, [&](CPayloadReader& reader) {
+                 (void)reader.ReadCounters(total);
+                 KY_LOG(logging::kLevelInfo, L"process=[%s]", DescribeCounters(*total).c_str());
+               });
 }
 
 std::uint32_t CBootTimeCommClient::GetBootImpact(ky::IList<ProcessImpact>* impacts, const ProcessKey* key) {
   KY_TRACE(L"boottime::CBootTimeCommClient::GetBootImpact");
-  return ky::Guarded(L"boottime::CBootTimeCommClient::GetBootImpact", ky::kGeneralFailure, [&]() -> std::uint32_t {
-    if (impacts == nullptr || key == nullptr) return ERROR_INVALID_DATA;
-    CPayloadWriter request;
-    request.WriteProcessKey(*key);
-    Reply reply;
-    const std::uint32_t result =
-        SendQuery(msg::NpcMsgBootTimeGetBootImpact, kNameImpact, request.Data(), request.Size(), &reply);
-    if (result != 0) return result;
-    CPayloadReader reader(reply->payload, reply->size);
-    std::uint32_t count = 0;
-    if (!reader.ReadU32(&count)) return 0;
-    // Entries are taken as far as the reply holds whole ones; each needs bytes, so a lying
-    // count costs nothing.
-    ProcessImpact impact;
-    ProcessKey key;
-    BootCounters counters;
-    for (std::uint32_t i = 0; i < count; ++i) {
-      if (!reader.ReadProcessKey(&key) || !reader.ReadCounters(&counters)) break;
-      impact.ppid = key.ppid;
-      impact.pid = key.pid;
-      impact.name.swap(key.name);
-      impact.kernel = counters.kernel;
-      impact.user = counters.user;
-      impact.read = counters.read;
-      impact.write = counters.write;
-      impact.other = counters.other;
-      KY_LOG(logging::kLevelDebug, L"process=[" BOOTTIME_IMPACT_FORMAT L"]", impact.ppid, impact.pid,
-             impact.name.c_str(), impact.kernel, impact.user, impact.read, impact.write, impact.other);
-      impacts->Add(impact);
-    }
-    return 0;
-  });
+  if (impacts == nullptr || key == nullptr) return ERROR_INVALID_DATA;
+  CPayloadWriter request;
+  if (!ky::GuardedVoid(L"boottime::CBootTimeCommClient::GetBootImpact", [&] { request.WriteProcessKey(*key); })) {
+    return ky::kGeneralFailure;
+  }
+  return Query(L"boottime::CBootTimeCommClient::GetBootImpact", msg::NpcMsgBootTimeGetBootImpact, kNameImpact,
+               &request, [&](CPayloadReader& reader) {
+                 std::uint32_t count = 0;
+                 if (!reader.ReadU32(&count)) return;
+                 // Entries are taken as far as the reply holds whole ones; each needs bytes, so a
+                 // lying count costs nothing.
+                 ProcessImpact impact;
+                 for (std::uint32_t i = 0; i < count && reader.ReadImpact(&impact); ++i) {
+                   KY_LOG(logging::kLevelDebug, L"process=[" BOOTTIME_IMPACT_FORMAT L"]", impact.ppid, impact.pid,
+                          impact.name.c_str(), impact.kernel, impact.user, impact.read, impact.write, impact.other);
+                   impacts->Add(impact);
+                 }
+               });
 }
 
 std::uint32_t CBootTimeCommClient::GetDiskSpeed(DiskSpeed* speed) {
   KY_TRACE(L"boottime::CBootTimeCommClient::GetDiskSpeed");
-  return ky::Guarded(L"boottime::CBootTimeCommClient::GetDiskSpeed", ky::kGeneralFailure, [&]() -> std::uint32_t {
-    if (speed == nullptr) return ERROR_INVALID_DATA;
-    Reply reply;
-    const std::uint32_t result = SendQuery(msg::NpcMsgBootTimeGetDiskSpeed, kNameDisk, nullptr, 0, &reply);
-    if (result != 0) return result;
-    CPayloadReader reader(reply->payload, reply->size);
-    (void)reader.ReadDiskSpeed(speed);
-    KY_LOG(logging::kLevelInfo, L"diskSpeed=[%s]", DescribeDiskSpeed(*speed).c_str());
-    return 0;
-  });
+  if (speed == nullptr) return ERROR_INVALID_DATA;
+  return Query(L"boottime::CBootTimeCommClient::GetDiskSpeed", msg::NpcMsgBootTimeGetDiskSpeed, kNameDisk, nullptr,
+               [&](CPayloadReader& reader) {
+                 (void)reader.ReadDiskSpeed(speed);
+                 KY_LOG(logging::kLevelInfo, L"diskSpeed=[%s]", DescribeDiskSpeed(*speed).c_str());
+               });
 }
 
 std::uint32_t CBootTimeCommClient::AddListener(IBootTimeEvents* listener) {
   KY_TRACE(L"boottime::CBootTimeCommClient::AddListener");
-  if (listener == nullptr) return ERROR_INVALID_DATA;
-  return ky::Guarded(L"boottime::CBootTimeCommClient::AddListener", ky::kGeneralFailure,
-                     [&] { return events_.Register(listener); });
+  return events_.Add(L"boottime::CBootTimeCommClient::AddListener", listener);
 }
 
 std::uint32_t CBootTimeCommClient::RemoveListener(IBootTimeEvents* listener) {
   KY_TRACE(L"boottime::CBootTimeCommClient::RemoveListener");
-  return events_.Unregister(listener);
+  return events_.Remove(listener);
 }
 
 void CBootTimeCommClient::OnDataAnalysed(std::uint32_t status) {
   KY_TRACE(L"boottime::CBootTimeCommClient::OnDataAnalysed");
   KY_LOG(logging::kLevelInfo, L"OnDataAnalysed error code %d", status);
-  events_.ForEach([status](IBootTimeEvents* listener) { listener->OnDataAnalysed(status); });
+  events_.Tell(status);
 }
 
 std::uint32_t CBootTimeCommClient::PostQuery(std::uint32_t id, const wchar_t* name, const void* payload,
@@ -289,37 +288,21 @@ void CBootTimeCommClient::OnGetDiskSpeed(std::uint32_t code, const DiskSpeed& sp
 }
 
 std::uint32_t __cdecl CBootTimeCommClient::NpcCallback(void* context, const pipelink::PipeMessage* message) {
-  return ky::Guarded(L"boottime::CBootTimeCommClient::NpcCallback", ky::kGeneralFailure, [&]() -> std::uint32_t {
-    if (context == nullptr || message == nullptr) return ERROR_GEN_FAILURE;
-    return static_cast<CBootTimeCommClient*>(context)->HandleMessage(*message);
-  });
+  return msg::Deliver<CBootTimeCommClient>(
+      L"boottime::CBootTimeCommClient::NpcCallback", context, message,
+      [](CBootTimeCommClient& self, const pipelink::PipeMessage& m) { return self.HandleMessage(m); });
 }
 
 std::uint32_t CBootTimeCommClient::HandleMessage(const pipelink::PipeMessage& message) {
   KY_TRACE(L"boottime::CBootTimeCommClient::NpcCallback");
+  using Self = CBootTimeCommClient;
   CPayloadReader reader(message.payload, message.size);
   bool read = false;
   switch (message.id) {
-    case msg::NpcMsgBootTimeGetBootTime: {
-      std::uint32_t milliseconds = 0;
-      if ((read = reader.ReadBootTime(&milliseconds))) OnGetBootTime(0, milliseconds);
-      break;
-    }
-    case msg::NpcMsgBootTimeGetTotalBootImpact: {
-      BootCounters total;
-      if ((read = reader.ReadCounters(&total))) OnGetTotalBootImpact(0, total);
-      break;
-    }
-    case msg::NpcMsgBootTimeGetBootImpact: {
-      ky::List<ProcessImpact> impacts;
-      if ((read = reader.ReadImpactList(&impacts))) OnGetBootImpact(0, impacts);
-      break;
-    }
-    case msg::NpcMsgBootTimeGetDiskSpeed: {
-      DiskSpeed speed;
-      if ((read = reader.ReadDiskSpeed(&speed))) OnGetDiskSpeed(0, speed);
-      break;
-    }
+    case msg::NpcMsgBootTimeGetBootTime: read = Pass<std::uint32_t>(reader, *this, &Self::OnGetBootTime); break;
+    case msg::NpcMsgBootTimeGetTotalBootImpact: read = Pass<BootCounters>(reader, *this, &Self::OnGetTotalBootImpact); break;
+    case msg::NpcMsgBootTimeGetBootImpact: read = Pass<ky::List<ProcessImpact>>(reader, *this, &Self::OnGetBootImpact); break;
+    case msg::NpcMsgBootTimeGetDiskSpeed: read = Pass<DiskSpeed>(reader, *this, &Self::OnGetDiskSpeed); break;
     case msg::NpcMsgBootTimeGetBootTimeError:
     case msg::NpcMsgBootTimeGetTotalBootImpactError:
     case msg::NpcMsgBootTimeGetBootImpactError:

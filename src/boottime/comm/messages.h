@@ -1,7 +1,12 @@
 // Message ids of "boottimepipe", the same on both sides.
 #pragma once
 
+#include <windows.h>
+
 #include <cstdint>
+
+#include "common/guard.h"
+#include "lumera/pipelink.h"
 
 namespace boottime::msg {
 
@@ -21,5 +26,16 @@ inline constexpr std::uint32_t NpcMsgBootTimeOnDataAnalysed = 20;
 inline constexpr std::uint32_t kErrorIdOffset = 9;
 
 constexpr std::uint32_t ErrorIdOf(std::uint32_t queryId) { return queryId + kErrorIdOffset; }
+
+// The body of a connector callback on either side: `handle(receiver, message)` for the
+// object behind `context`, 31 when either is null, and an exception turned into a failure
+// logged under `function`.
+template <class Receiver, class Handle>
+std::uint32_t Deliver(const wchar_t* function, void* context, const pipelink::PipeMessage* message, Handle handle) {
+  return ky::Guarded(function, ky::kGeneralFailure, [&]() -> std::uint32_t {
+    if (context == nullptr || message == nullptr) return ERROR_GEN_FAILURE;
+    return handle(*static_cast<Receiver*>(context), *message);
+  });
+}
 
 }  // namespace boottime::msg

@@ -86,10 +86,11 @@ class CPayloadReader {
     requires std::invocable<Visit&, const ProcessImpact&>
   [[nodiscard]] bool ReadImpactList(Visit&& visit);
   [[nodiscard]] bool ReadDiskSpeed(DiskSpeed* speed);
+  // One list entry (key, then counters); on failure *impact may hold a part of it.
+  [[nodiscard]] bool ReadImpact(ProcessImpact* impact);
 
  private:
   const std::uint8_t* Take(std::size_t bytes);
-  [[nodiscard]] bool ReadImpact(ProcessImpact* impact);
   [[nodiscard]] bool SkipImpact();
   // Reads the count and checks that every entry is readable; the position is left after the count.
   [[nodiscard]] bool CheckImpactList(std::uint32_t* count);

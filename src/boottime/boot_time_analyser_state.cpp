@@ -1,4 +1,4 @@
-#include "boottime/analyser_state.h"
+#include "boottime/boot_time_analyser_state.h"
 
 #include <mutex>
 

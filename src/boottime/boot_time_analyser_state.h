@@ -15,12 +15,9 @@
 
 namespace boottime {
 
+// Neither copied nor moved: it holds a lock.
 class AnalyserState {
  public:
-  AnalyserState() = default;
-  AnalyserState(const AnalyserState&) = delete;
-  AnalyserState& operator=(const AnalyserState&) = delete;
-
   // Binds to `data`, and when it holds samples analyses them and sums the impacts (status
   // 0); without samples the status becomes 2. Earlier impacts are dropped first.
   void Analyse(const BootTimeData* data);

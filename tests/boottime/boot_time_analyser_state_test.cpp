@@ -4,7 +4,7 @@
 #include <atomic>
 #include <thread>
 
-#include "boottime/analyser_state.h"
+#include "boottime/boot_time_analyser_state.h"
 #include "boottime/impact_rating.h"
 #include "support/captured_log.h"
 #include "support/scratch_folder.h"

@@ -1,4 +1,4 @@
-#include "boottime/win_boot_events.h"
+#include "boottime/event_log_boot_events.h"
 
 #include "common/guard.h"
 #include "common/log.h"

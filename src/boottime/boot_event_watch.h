@@ -13,7 +13,7 @@
 
 #include "boottime/boot_time_monitor.h"
 #include "boottime/clock.h"
-#include "boottime/win_boot_events.h"
+#include "boottime/event_log_boot_events.h"
 #include "boottime/win_service_start_monitor.h"
 #include "common/critical_section.h"
 #include "common/unique_handle.h"

@@ -1,4 +1,4 @@
-#include "boottime/win_boot_event.h"
+#include "boottime/boot_event_watch.h"
 
 #include <mutex>
 
@@ -21,21 +21,17 @@ bool BootTimeMonitor::WinBootEvent::Start() {
   result_ = kResultWaiting;
   startTime_ = static_cast<std::int64_t>(clock_.WallClock());
   subscribed_ = false;
-  auto events = std::make_unique<CWinBootEvents>(library_);
-  if (!events->Init()) {
-    KY_LOG(logging::kLevelError, L"WinBootEvents init failed");
+  auto fail = [&](const wchar_t* what) {
+    KY_LOG(logging::kLevelError, L"%s", what);
     result_ = kResultFailed;
     ::SetEvent(done_.get());
     return false;
-  }
+  };
+  auto events = std::make_unique<CWinBootEvents>(library_);
+  if (!events->Init()) return fail(L"WinBootEvents init failed");
   bootEvents_ = std::move(events);
   auto monitor = std::make_unique<WinServiceStartMonitor>(kService, this);
-  if (!monitor->Start()) {
-    KY_LOG(logging::kLevelError, L"WinServiceStartMonitor failed to start");
-    result_ = kResultFailed;
-    ::SetEvent(done_.get());
-    return false;
-  }
+  if (!monitor->Start()) return fail(L"WinServiceStartMonitor failed to start");
   serviceMonitor_ = std::move(monitor);
   return true;
 }
@@ -104,8 +100,7 @@ void BootTimeMonitor::WinBootEvent::OnBootEvent(std::uint32_t bootTime, FILETIME
       ::SetEvent(done_.get());
       return;
     }
-    const std::int64_t systemStart =
-        static_cast<std::int64_t>(clock_.WallClock()) - static_cast<std::int64_t>(clock_.TickCount());
+    const std::int64_t systemStart = SystemStartTime(clock_);
     const auto eventTime = static_cast<std::int64_t>(ky::FileTimeToU64(created) / 10000);
     // An earlier boot's event: a later one of this boot may still come.
     if (eventTime < systemStart) return;

@@ -1,4 +1,4 @@
-#include "boottime/plugin_startup_manager.h"
+#include "plugin/plugin_startup_manager.h"
 
 #include <windows.h>
 #include <shlobj.h>

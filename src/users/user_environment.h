@@ -20,13 +20,7 @@ namespace velora::utils {
 inline constexpr DWORD kEnvironmentTextChars = 32767;
 
 // CreateEnvironmentBlock's block.
-struct EnvironmentBlockTraits {
-  using type = void*;
-  static type invalid() noexcept { return nullptr; }
-  static bool is_valid(type h) noexcept { return h != nullptr; }
-  static void close(type h) noexcept { ::DestroyEnvironmentBlock(h); }
-};
-using unique_environment_block = ky::unique_any<EnvironmentBlockTraits>;
+using unique_environment_block = ky::unique_any<ky::NullHandleTraits<void*, &::DestroyEnvironmentBlock>>;
 
 class CEnvironment {
  public:

@@ -85,6 +85,7 @@ BootWait WaitForBootEnd(DWORD waitMs) {
   std::unique_ptr<Connection> connection;
   int noResults = 0;
   std::uint32_t lastCode = 0;
+  ULONGLONG nextQuery = 0;
   for (;;) {
     if (!module.Loaded()) {
       const std::uint32_t loaded = module.Load(ky::ThisModuleFolder() + kModuleName);
@@ -96,12 +97,14 @@ BootWait WaitForBootEnd(DWORD waitMs) {
       const std::uint32_t opened = fresh->Open();
       if (opened == 0) {
         connection = std::move(fresh);
+        nextQuery = 0;
       } else if (opened != lastCode) {
         KY_LOG(logging::kLevelInfo, L"boottimepipe not reached 0x%x", opened);
       }
       lastCode = opened;
     }
-    if (connection != nullptr) {
+    if (connection != nullptr && ::GetTickCount64() >= nextQuery) {
+      nextQuery = ::GetTickCount64() + kBootRequeryMs;
       std::uint32_t milliseconds = 0;
       const std::uint32_t answer = connection->Client()->GetBootTime(&milliseconds);
       if (answer == boottime::kStatusAvailable) {

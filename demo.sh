@@ -3,7 +3,8 @@
 # auto-start service of a fresh prefix whose machine started seconds ago; nobody is logged on
 # until "stageduser", a second identity beside the Wine account the service runs as, logs on at
 # about 10 s and the logon starts its Run-key and Startup-folder programs (among them
-# workload.exe: CPU, then disk, then quiet); the service's account holds decoys the module must
+# workload.exe: CPU, then disk, then quiet), and StartLauncher.exe /delayed, which starts the
+# entry the user delayed once the boot is over; the service's account holds decoys the module must
 # leave alone. The module decides when the boot is over, analyses, measures the disk, stores
 # its two files and reports to lumeracentral.exe; the demo then shows the results and restarts
 # the service in the same boot, which reloads them from the files.
@@ -47,6 +48,9 @@ summary_boot_time
 if [ -s "$STAGED_WORKLOAD_REPORT" ]; then
   echo "  workload.exe     $(sed 's/[{}"]//g' "$STAGED_WORKLOAD_REPORT")"
 fi
+# StartLauncher.exe /delayed starts the entry delayed before the boot once the module has answered.
+for _ in $(seq 120); do [ -s "$STAGED_DELAYED_REPORT" ] && break; sleep 0.25; done
+summary_delayed
 for _ in $(seq 20); do [ -s "$STAGED_OUT/monitor-cost.txt" ] && break; sleep 0.1; done
 if [ -s "$STAGED_OUT/monitor-cost.txt" ]; then
   awk '{ printf "  monitor cost     %d ms of host CPU in %.1f s of monitoring (%.2f %% of one core)\n", $1, $2 / 1000, $2 ? 100 * $1 / $2 : 0 }' \

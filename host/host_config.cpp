@@ -20,6 +20,11 @@ std::wstring DefaultCommonFolder() {
   return std::wstring(programData) + L"\\Nexalon\\Lumera";
 }
 
+std::wstring DefaultAgentFolder() {
+  const std::wstring common = DefaultCommonFolder();
+  return common.empty() ? common : common + L"\\Agent";
+}
+
 bool LoadHostConfig(const std::wstring& path, HostConfig& config, std::wstring& error) {
   picojson::value root;
   std::string parseError;

@@ -28,5 +28,8 @@ struct HostConfig {
 
 // The common data folder when the configuration names none: ProgramData\Nexalon\Lumera.
 std::wstring DefaultCommonFolder();
+// The agent's folder when the configuration names none (item 422 "Desktop"), as hostconfig.dll
+// answers it: ProgramData\Nexalon\Lumera\Agent.
+std::wstring DefaultAgentFolder();
 
 }  // namespace host

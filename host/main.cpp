@@ -2,7 +2,8 @@
 //
 //   lumerahost.exe [--config FILE] [--seconds N] [--log-console]   run in the console
 //   lumerahost.exe --service [--config FILE]                      run under the service manager
-//   lumerahost.exe install [--config FILE] | uninstall            register or remove the service
+//   lumerahost.exe install [--config FILE] | uninstall [--config FILE]
+//                                       register or remove the service and the delayed-start entry
 #include <windows.h>
 
 #include <cstdio>
@@ -16,6 +17,7 @@
 #include "common/unique_handle.h"
 #include "component_manager.h"
 #include "host_config.h"
+#include "install/own_entries.h"
 #include "lumera/logcore.h"
 #include "module_runner.h"
 #include "plugins/sessionchange.h"
@@ -42,7 +44,7 @@ void Usage() {
   std::fwprintf(stderr,
                 L"usage: lumerahost.exe [--config FILE] [--seconds N] [--log-console]\n"
                 L"       lumerahost.exe --service [--config FILE]\n"
-                L"       lumerahost.exe install [--config FILE] | uninstall\n");
+                L"       lumerahost.exe install [--config FILE] | uninstall [--config FILE]\n");
 }
 
 bool ParseOptions(Options& options) {
@@ -157,6 +159,8 @@ void WINAPI ServiceMain(DWORD, LPWSTR*) {
 }
 
 int InstallService(bool install) {
+  host::HostConfig config;
+  if (!LoadConfig(config)) return 1;
   ky::unique_schandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
   if (!manager) {
     std::fwprintf(stderr, L"lumerahost: OpenSCManager failed %lu\n", ::GetLastError());
@@ -169,6 +173,10 @@ int InstallService(bool install) {
       return 1;
     }
     std::wprintf(L"service %ls removed\n", kServiceName);
+    if (const std::uint32_t removed = host::RemoveOwnEntries(config); removed != 0) {
+      std::fwprintf(stderr, L"lumerahost: removing the delayed-start entry failed %u\n", removed);
+      return 1;
+    }
     return 0;
   }
   wchar_t exe[MAX_PATH] = {};
@@ -182,6 +190,13 @@ int InstallService(bool install) {
     return 1;
   }
   std::wprintf(L"service %ls installed: %ls\n", kServiceName, command.c_str());
+  std::wstring note;
+  if (const std::uint32_t added = host::AddOwnEntries(ky::ThisModuleFolder(), config, note); added != 0) {
+    std::fwprintf(stderr, L"lumerahost: registering the delayed-start entry failed %u\n", added);
+    return 1;
+  }
+  std::wprintf(L"delayed start registered: %ls\n", host::LauncherCommand(ky::ThisModuleFolder()).c_str());
+  if (!note.empty()) std::fwprintf(stderr, L"lumerahost: %ls\n", note.c_str());
   return 0;
 }
 

@@ -13,7 +13,9 @@
 #   staged_init OUT BIN            folders and names; OUT is wiped
 #   staged_prepare [WORKLOAD ARG...] fresh prefix, host installed as an auto-start service, the
 #                                  staged user with the workload in its Run key and a light one
-#                                  in its Startup folder, the decoys in the Wine account's
+#                                  in its Startup folder, a short one delayed through startupctl
+#                                  (StartLauncher.exe /delayed starts it after the boot), the
+#                                  decoys in the Wine account's
 #   staged_enter CMD [ARG...]      runs CMD in the time namespace (the rest of the session)
 #   staged_start                   inside: wineserver, central stand-in, waits for the host
 #   staged_logon_at SECONDS        inside: the staged logon once the machine is that old
@@ -46,7 +48,8 @@ staged_init() {
   STAGED_WORKLOAD_REPORT=$STAGED_OUT/workload.json
   STAGED_TIMES=$STAGED_OUT/times.txt
   STAGED_LOGON_OUT=$STAGED_OUT/stagedlogon.txt
-  export STAGED_OUT STAGED_BIN STAGED_PREFIX STAGED_LOG STAGED_DATA STAGED_CENTRAL STAGED_CENTRAL_JSON \
+  STAGED_DELAYED_REPORT=$STAGED_OUT/delayed.json
+  export STAGED_DELAYED_REPORT STAGED_OUT STAGED_BIN STAGED_PREFIX STAGED_LOG STAGED_DATA STAGED_CENTRAL STAGED_CENTRAL_JSON \
     STAGED_WORKLOAD_REPORT STAGED_TIMES STAGED_LOGON_OUT STAGED_BOOT_AGE STAGED_PROGRESS STAGED_USER STAGED_USER_SID
   export WINEPREFIX=$STAGED_PREFIX WINEDEBUG=-all
   find "$STAGED_OUT" -mindepth 1 -delete 2>/dev/null || true
@@ -78,6 +81,9 @@ JSON
 
   wineserver -p1 </dev/null >/dev/null 2>&1
   wine "$STAGED_BIN/lumerahost.exe" install --config "$(staged_winpath "$STAGED_OUT/lumerahost.json")" >/dev/null
+  # The launcher install registered, with waits that fit a staged boot.
+  wine reg add 'HKLM\Software\Microsoft\Windows\CurrentVersion\Run' /v LumeraDelayedStart \
+    /d "\"$(staged_winpath "$STAGED_BIN/StartLauncher.exe")\" /delayed --wait-ms 150000 --gap-ms 1000" /f >/dev/null 2>&1
   # Installed on demand; the boot is to start it like any auto-start service.
   wine reg add "HKLM\\System\\CurrentControlSet\\Services\\$STAGED_SERVICE" /v Start /t REG_DWORD /d 2 /f >/dev/null 2>&1
   wine reg add "$STAGED_DEV_KEY" /v ConsoleSession /t REG_DWORD /d 0 /f >/dev/null 2>&1
@@ -88,6 +94,11 @@ JSON
   wine reg add "$STAGED_RUN_KEY" /v LumeraWorkload /d "$run" /f >/dev/null 2>&1
   startup="$STAGED_PREFIX/drive_c/users/$STAGED_USER/AppData/Roaming/Microsoft/Windows/Start Menu/Programs/Startup"
   cp "$STAGED_BIN/workload.exe" "$startup/workload-light.exe"
+  # Delayed as a person would, with the user at the console for a moment.
+  wine reg add "$STAGED_RUN_KEY" /v LumeraDelayed /d "\"$workload\" --busy-ms 200 --quiet-ms 0 --report $(staged_winpath "$STAGED_DELAYED_REPORT")" /f >/dev/null 2>&1
+  wine reg add "$STAGED_DEV_KEY" /v ConsoleSession /t REG_DWORD /d 1 /f >/dev/null 2>&1
+  wine "$STAGED_BIN/startupctl.exe" delay LumeraDelayed </dev/null >/dev/null
+  wine reg add "$STAGED_DEV_KEY" /v ConsoleSession /t REG_DWORD /d 0 /f >/dev/null 2>&1
   # Keys under HKEY_USERS\<SID> end with this wineserver: the hive goes into the profile, and the
   # staged logon loads it back, as Windows loads NTUSER.DAT.
   wine stageduser.exe logoff "$STAGED_USER" >/dev/null

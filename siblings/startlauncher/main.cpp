@@ -3,6 +3,9 @@
 //
 //   StartLauncher.exe /checkuser:<application-data folder>
 //   StartLauncher.exe /checkcrtuser        the console user's folder, from kyusers.dll
+//   StartLauncher.exe /delayed [--wait-ms N] [--gap-ms N]
+//                                          at logon, in the user's session: after the boot's
+//                                          end, starts the entries the user delayed
 //
 // Exit codes: 0 when the check ran or there was nothing to check (a missing or unreadable
 // store changes nothing), 1 when the store could not be written, 2 for a bad command line.
@@ -15,6 +18,7 @@
 #include "common/log.h"
 #include "common/unique_handle.h"
 #include "lumera_dev/console_user_main.h"
+#include "delayed_start.h"
 #include "store_check.h"
 #include "users/ky_users.h"
 
@@ -22,10 +26,11 @@ namespace {
 
 constexpr wchar_t kCheckUser[] = L"/checkuser:";
 constexpr wchar_t kCheckCurrentUser[] = L"/checkcrtuser";
+constexpr wchar_t kDelayed[] = L"/delayed";
 constexpr std::size_t kMaxFolderChars = MAX_PATH;
 
 int Usage() {
-  std::fputs("usage: StartLauncher.exe /checkuser:<folder> | /checkcrtuser\n", stderr);
+  std::fputs("usage: StartLauncher.exe /checkuser:<folder> | /checkcrtuser | /delayed [--wait-ms N] [--gap-ms N]\n", stderr);
   return 2;
 }
 
@@ -49,6 +54,10 @@ int CheckCurrentUser() {
 }
 
 int Run(const std::vector<std::wstring>& args) {
+  if (args.size() >= 2 && args[1] == kDelayed) {
+    startlauncher::DelayedOptions options;
+    return startlauncher::ParseDelayedOptions(args, options) ? startlauncher::RunDelayed(options) : Usage();
+  }
   if (args.size() != 2) return Usage();
   const std::wstring& option = args[1];
   if (option == kCheckCurrentUser) return CheckCurrentUser();

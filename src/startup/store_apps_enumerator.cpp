@@ -46,6 +46,7 @@ void AddTasksOfPackage(const MicrosoftStoreApp& app, const std::wstring& path, s
     task.displayName = FirstReadable(app.displayName, manifest.displayName);
     task.publisherDisplayName = FirstReadable(app.publisherDisplayName, manifest.publisherDisplayName);
     task.manifestEnabled = declared.enabled;
+    task.applicationId = declared.applicationId;
     tasks.push_back(std::move(task));
   }
 }

@@ -20,6 +20,7 @@ struct MicrosoftStoreTask {
   StartupItemPtr item;
   std::wstring packageFullName;
   std::wstring familyName;
+  std::wstring applicationId;  // with the family, the app's user model id "<family>!<id>"
   // The package's, from the repository or else the manifest; empty when both hold only a
   // resource reference, which only Windows' resource loader can resolve.
   std::wstring displayName;

@@ -58,6 +58,7 @@ void AddTasksOfApplication(const TiXmlElement& application, const std::wstring& 
       }
       task.executable = Joined(folder, relative);
       task.displayName = Text(declared->Attribute(L"DisplayName"));
+      task.applicationId = Text(application.Attribute(L"Id"));
       const std::wstring enabled = Text(declared->Attribute(L"Enabled"));
       task.enabled = enabled == L"true" || enabled == L"1";
       tasks.push_back(std::move(task));

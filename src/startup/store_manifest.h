@@ -18,6 +18,7 @@ struct StoreStartupTask {
   std::wstring taskId;
   std::wstring executable;  // the package folder joined with the manifest's relative path
   std::wstring displayName;
+  std::wstring applicationId;  // the declaring Application's Id, which activation names
   bool enabled = false;     // the manifest's Enabled, which holds while Windows keeps no State
 };
 

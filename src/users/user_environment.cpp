@@ -14,14 +14,6 @@ namespace {
 constexpr std::size_t kMaxBlockChars = 1 << 20;
 constexpr wchar_t kPathName[] = L"Path";
 
-struct EnvironmentBlockTraits {
-  using type = void*;
-  static type invalid() noexcept { return nullptr; }
-  static bool is_valid(type h) noexcept { return h != nullptr; }
-  static void close(type h) noexcept { ::DestroyEnvironmentBlock(h); }
-};
-using unique_environment_block = ky::unique_any<EnvironmentBlockTraits>;
-
 std::wstring Trim(const std::wstring& text) {
   const std::size_t first = text.find_first_not_of(L" \t\"");
   if (first == std::wstring::npos) return {};

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <windows.h>
+#include <userenv.h>
 
 #include <memory>
 #include <string>
@@ -17,6 +18,9 @@
 namespace velora::utils {
 
 inline constexpr DWORD kEnvironmentTextChars = 32767;
+
+// CreateEnvironmentBlock's block.
+using unique_environment_block = ky::unique_any<ky::NullHandleTraits<void*, &::DestroyEnvironmentBlock>>;
 
 class CEnvironment {
  public:

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "common/unique_handle.h"
+#include "picojson.h"
 #include "support/programs.h"
 
 namespace {
@@ -26,8 +27,12 @@ DWORD WaitForState(SC_HANDLE service, DWORD wanted) {
 
 TEST(HostService, InstallsStartsStopsAndUninstalls) {
   const std::filesystem::path config = std::filesystem::temp_directory_path() / L"lumerahost-service-test.json";
-  std::ofstream(config, std::ios::binary) << "{\"objects\": [\"boottime\"]}";
-  RunHostCommand(L"uninstall");  // a leftover from an interrupted run
+  // A scratch agent folder: the install records the build's folder as the product's in it, which
+  // would hide the test fixtures there from every other test's lists.
+  const std::filesystem::path agent = std::filesystem::temp_directory_path() / L"lumerahost-service-test-agent";
+  std::ofstream(config, std::ios::binary) << "{\"objects\": [\"boottime\"], \"items\": {\"422:Desktop\": "
+                                          << picojson::value(agent.string()).serialize() << "}}";
+  RunHostCommand(L"uninstall --config " + testsupport::Quoted(config));  // a leftover from an interrupted run
   ASSERT_EQ(RunHostCommand(L"install --config " + testsupport::Quoted(config)), 0u);
 
   ky::unique_schandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
@@ -42,9 +47,10 @@ TEST(HostService, InstallsStartsStopsAndUninstalls) {
   EXPECT_EQ(WaitForState(service.get(), SERVICE_STOPPED), static_cast<DWORD>(SERVICE_STOPPED));
   service.reset();
 
-  EXPECT_EQ(RunHostCommand(L"uninstall"), 0u);
+  EXPECT_EQ(RunHostCommand(L"uninstall --config " + testsupport::Quoted(config)), 0u);
   EXPECT_FALSE(ky::unique_schandle(::OpenServiceW(manager.get(), L"LumeraHost", SERVICE_QUERY_STATUS)));
   std::filesystem::remove(config);
+  std::filesystem::remove_all(agent);
 }
 
 }  // namespace

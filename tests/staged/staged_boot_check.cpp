@@ -134,6 +134,21 @@ TEST_F(StagedBoot, NobodyIsLoggedOnUntilTheStagedLogonSoTheBootIsMonitored) {
   EXPECT_FALSE(loggedOnFirst) << "a logon was seen before the monitor started";
 }
 
+// The Run entry delayed through startupctl before the boot was left out of the logon and started
+// by StartLauncher.exe /delayed after the boot's end, so the boot neither waited for nor counted it.
+TEST_F(StagedBoot, TheDelayedEntryStartsAfterTheBootEndAndStaysOutOfItsImpact) {
+  const picojson::value delayed = ReadJson(Out() / "delayed.json");
+  ASSERT_TRUE(delayed.is<picojson::object>()) << "the delayed workload did not start";
+  const picojson::value info = ReadJson(Out() / "data" / "velora" / "last_boot_time_information.json");
+  const std::int64_t bootTime = Number(info.get("bootTime"));
+  EXPECT_GT(Number(delayed.get("busyStartTick")), bootTime) << "started before the boot's end";
+  const picojson::value impact = ReadJson(Out() / "data" / "velora" / "last_boot_time_process_impact.json");
+  ASSERT_TRUE(impact.get("processes").is<picojson::array>());
+  for (const picojson::value& process : impact.get("processes").get<picojson::array>()) {
+    EXPECT_NE(Number(process.get("pid")), Number(delayed.get("pid"))) << "the delayed workload counted in the boot";
+  }
+}
+
 TEST_F(StagedBoot, TheBootEndsWhenTheWorkloadStopsBeingBusy) {
   const picojson::value info = ReadJson(Out() / "data" / "velora" / "last_boot_time_information.json");
   ASSERT_TRUE(info.is<picojson::object>());

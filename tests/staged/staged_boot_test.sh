@@ -25,6 +25,8 @@ if [ "${1:-}" = --inside ]; then
     grep -q 'workload.exe' "$STAGED_CENTRAL_JSON" 2>/dev/null && grep -q '"apps"' "$STAGED_CENTRAL_JSON" && break
     sleep 0.25
   done
+  # StartLauncher.exe /delayed starts the delayed workload once the module has answered.
+  for _ in $(seq 120); do [ -s "$STAGED_DELAYED_REPORT" ] && break; sleep 0.25; done
   STAGED_OUT=$(staged_winpath "$STAGED_OUT") WINEDEBUG=-all wine "$check" --gtest_brief=1
   exit $?
 fi

@@ -44,6 +44,7 @@ TEST(StoreManifest, Uap5AndDesktopTasksGiveOneItemEachWithTheirExecutable) {
   EXPECT_EQ(first.isUser, 1);
   EXPECT_FALSE(tasks[0].manifestEnabled);
   EXPECT_EQ(tasks[0].familyName, uap5.Family());
+  EXPECT_EQ(tasks[0].applicationId, L"App") << "activation names the app as <family>!<Application Id>";
   EXPECT_EQ(tasks[0].packageFullName, uap5.FullName());
   EXPECT_EQ(tasks[0].displayName, L"Example Terminal") << "taken from the manifest when the repository has none";
   EXPECT_EQ(tasks[0].publisherDisplayName, L"Example Corporation");

@@ -17,6 +17,9 @@
 #include "lumera_dev/console_user_main.h"
 #include "app_details.h"
 #include "picojson.h"
+#include "plugin/productinfo_loader.h"
+#include "startup/apps_filter.h"
+#include "startup/command_target.h"
 #include "report_command.h"
 #include "startup_catalog.h"
 
@@ -37,6 +40,9 @@ int Usage() {
   return kUsageError;
 }
 
+// The launcher starts a delayed entry once the module has measured the boot.
+constexpr wchar_t kDelayedShown[] = L"delayed (starts after the boot)";
+
 const wchar_t* Scope(const startup::StartupItem& item) { return item.isUser != 0 ? L"user" : L"machine"; }
 
 // Whose entries are shown: the user logged on at the console, as the service sees them.
@@ -45,8 +51,22 @@ std::wstring Whose(const velora::utils::CUserProfile* user) {
   return L"user " + user->UserName() + L" (" + user->Sid() + L")";
 }
 
+// The product's own programs (its delayed-start entry among them) stay out of the list as they
+// stay out of the report: the apps filter's folders, from the agent's data.
+std::vector<startupctl::Entry> WithoutOwnPrograms(std::vector<startupctl::Entry> entries) {
+  startup::CAppsFilter filter([] { return static_cast<IProductInfo*>(plugin::AcquireProductInfo()); });
+  filter.Init();
+  plugin::ReleaseProductInfo();
+  std::erase_if(entries, [&](const startupctl::Entry& entry) {
+    std::wstring target;
+    return startup::ResolveCommandTarget(entry.item->path, target, *startup::EnvironmentOf(*entry.item)) &&
+           filter.Matches(target);
+  });
+  return entries;
+}
+
 int List(startupctl::CStartupCatalog& catalog, const velora::utils::CUserProfile* user, bool json) {
-  const std::vector<startupctl::Entry> entries = catalog.List();
+  const std::vector<startupctl::Entry> entries = WithoutOwnPrograms(catalog.List());
   if (json) {
     picojson::array list;
     for (const auto& entry : entries) {
@@ -80,7 +100,7 @@ int List(startupctl::CStartupCatalog& catalog, const velora::utils::CUserProfile
   for (const auto& entry : entries) {
     const startupctl::AppDetails details = startupctl::DetailsOf(entry);
     table += entry.item->name + L"\t" + startupctl::KindName(entry.kind) + L"\t" + Scope(*entry.item) + L"\t" +
-             entry.state + L"\t" + entry.item->location + L"\t" + entry.item->path + L"\t" + details.description +
+             (entry.state == startupctl::kStateDelayed ? kDelayedShown : entry.state) + L"\t" + entry.item->location + L"\t" + entry.item->path + L"\t" + details.description +
              L"\t" + details.company + L"\t" + details.qid + (entry.package.empty() ? L"" : L"\t" + entry.package) +
              L"\n";
   }

@@ -1,0 +1,192 @@
+// StartLauncher.exe /delayed for a console user who is not the account the test runs as: the
+// entries that user delayed through startupctl start after the wait, as that user, one gap
+// apart and once per logon; entries enabled again or whose program is gone never start.
+#include <gtest/gtest.h>
+
+#include <windows.h>
+#include <shlobj.h>
+#include <shobjidl.h>
+
+#include <cstdio>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "common/com_ptr.h"
+#include "lumera_dev/staged_identity.h"
+#include "support/programs.h"
+#include "support/scoped_override.h"
+#include "support/scratch_folder.h"
+#include "support/staged_user.h"
+
+namespace {
+
+using testsupport::Narrow;
+
+constexpr DWORD kWaitMs = 2000;
+constexpr DWORD kGapMs = 200;
+// GetSystemTimeAsFileTime moves in steps of up to 16 ms.
+constexpr unsigned long long kClockStepMs = 20;
+
+struct Start {
+  unsigned long pid = 0;
+  unsigned long long ms = 0;
+  std::string localAppData;
+};
+
+unsigned long long NowMs() {
+  FILETIME now{};
+  ::GetSystemTimeAsFileTime(&now);
+  return ((static_cast<unsigned long long>(now.dwHighDateTime) << 32) | now.dwLowDateTime) / 10000;
+}
+
+// What start_recorder.exe wrote beside the program at `exe`, one record per start.
+std::vector<Start> StartsOf(const std::wstring& exe) {
+  std::istringstream lines(testsupport::ReadFileBytes(exe + L".starts"));
+  std::vector<Start> starts;
+  Start start;
+  while (lines >> start.pid >> start.ms >> start.localAppData) starts.push_back(start);
+  return starts;
+}
+
+// The starts recorded once `count` of them are there, or what there is after a bounded wait: a
+// started program writes its record after the launcher has gone on.
+std::vector<Start> WaitForStarts(const std::wstring& exe, std::size_t count) {
+  constexpr DWORD kRecordWaitMs = 10000;
+  const ULONGLONG deadline = ::GetTickCount64() + kRecordWaitMs;
+  std::vector<Start> starts = StartsOf(exe);
+  while (starts.size() < count && ::GetTickCount64() < deadline) {
+    ::Sleep(20);
+    starts = StartsOf(exe);
+  }
+  return starts;
+}
+
+std::string Lower(std::string text) {
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
+
+std::wstring Env(const wchar_t* name) {
+  std::wstring value(32768, L'\0');
+  value.resize(::GetEnvironmentVariableW(name, value.data(), static_cast<DWORD>(value.size())));
+  return value;
+}
+
+class DelayedStart : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { (void)lumera::dev::InstallStagedIdentity(::GetModuleHandleW(nullptr)); }
+
+  void SetUp() override {
+    static LONG counter = 0;
+    id_ = std::to_wstring(::GetCurrentProcessId()) + L"n" + std::to_wstring(::InterlockedIncrement(&counter));
+    user_ = std::make_unique<testsupport::StagedUser>();
+    logDir_ = std::make_unique<testsupport::ScopedOverride<std::wstring>>(
+        [] { return Env(L"LUMERA_LOG_DIR"); },
+        [](const std::wstring& v) { ::SetEnvironmentVariableW(L"LUMERA_LOG_DIR", v.empty() ? nullptr : v.c_str()); },
+        logs_.path());
+  }
+  void TearDown() override {
+    logDir_.reset();
+    user_.reset();
+  }
+
+  // A copy of the recorder among the user's own programs, reached only through their profile.
+  std::wstring Program(const std::wstring& name) const { return user_->Local() + L"\\Programs\\" + name + id_ + L".exe"; }
+  std::wstring Name(const std::wstring& name) const { return name + id_; }
+  void PlaceProgram(const std::wstring& name) const {
+    ::SHCreateDirectoryExW(nullptr, (user_->Local() + L"\\Programs").c_str(), nullptr);
+    ASSERT_TRUE(::CopyFileW((testsupport::ExeFolder() + L"start_recorder.exe").c_str(), Program(name).c_str(), FALSE));
+  }
+  void AddRun(const std::wstring& name) const {
+    PlaceProgram(name);
+    user_->SetRun(Name(name), L"\"%LOCALAPPDATA%\\Programs\\" + name + id_ + L".exe\" --tray");
+  }
+  // A shortcut in the user's Startup folder to the program.
+  void AddShortcut(const std::wstring& name) const {
+    PlaceProgram(name);
+    ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+    {
+      ky::com_ptr<IShellLinkW> link;
+      ASSERT_TRUE(SUCCEEDED(::CoCreateInstance(CLSID_ShellLink, nullptr, CLSCTX_INPROC_SERVER, IID_IShellLinkW, link.put_void())));
+      link->SetPath(Program(name).c_str());
+      ky::com_ptr<IPersistFile> file;
+      ASSERT_TRUE(SUCCEEDED(link.query(IID_IPersistFile, file)));
+      ASSERT_TRUE(SUCCEEDED(file->Save((user_->Startup() + L"\\" + Name(name) + L".lnk").c_str(), TRUE)));
+    }
+    ::CoUninitialize();
+  }
+  static void Ctl(const std::wstring& verb, const std::wstring& name) {
+    const auto run = testsupport::RunBinProgram(L"startupctl.exe", verb + L" " + name);
+    ASSERT_EQ(run.exitCode, 0u) << Narrow(verb + L" " + name) << ": " << run.output;
+  }
+  static testsupport::ProgramRun Launch(DWORD waitMs, DWORD gapMs) {
+    return testsupport::RunBinProgram(L"StartLauncher.exe", L"/delayed --wait-ms " + std::to_wstring(waitMs) +
+                                                                L" --gap-ms " + std::to_wstring(gapMs));
+  }
+  std::string Log() const { return testsupport::ReadFileBytes(logs_.file(L"lumera.log")); }
+
+  std::wstring id_;
+  std::unique_ptr<testsupport::StagedUser> user_;
+  testsupport::ScratchFolder logs_;
+  std::unique_ptr<testsupport::ScopedOverride<std::wstring>> logDir_;
+};
+
+TEST_F(DelayedStart, ARunEntryAndAShortcutStartAfterTheWaitOneGapApartAsTheUserOncePerLogon) {
+  AddRun(L"DelayRun");
+  AddShortcut(L"DelayLink");
+  Ctl(L"delay", Name(L"DelayRun"));
+  Ctl(L"delay", Name(L"DelayLink") + L".lnk");
+  ASSERT_TRUE(StartsOf(Program(L"DelayRun")).empty()) << "delaying starts nothing";
+  const std::string table = testsupport::RunBinProgram(L"startupctl.exe", L"list").output;
+  const std::size_t row = table.find(Narrow(Name(L"DelayRun")) + "\t");
+  ASSERT_NE(row, std::string::npos) << table;
+  EXPECT_NE(table.substr(row, table.find('\n', row) - row).find("\tdelayed (starts after the boot)\t"), std::string::npos)
+      << table;
+
+  const unsigned long long launched = NowMs();
+  const auto run = Launch(kWaitMs, kGapMs);
+  ASSERT_EQ(run.exitCode, 0u) << run.output << Log();
+  const auto runStarts = WaitForStarts(Program(L"DelayRun"), 1);
+  const auto linkStarts = WaitForStarts(Program(L"DelayLink"), 1);
+  ASSERT_EQ(runStarts.size(), 1u) << Log();
+  ASSERT_EQ(linkStarts.size(), 1u) << Log();
+  for (const Start& start : {runStarts[0], linkStarts[0]}) {
+    EXPECT_GE(start.ms + kClockStepMs, launched + kWaitMs) << "no module answered: the launcher waits it out";
+    EXPECT_EQ(Lower(start.localAppData), Lower(Narrow(user_->Local()))) << "started in the console user's environment";
+  }
+  const unsigned long long apart =
+      runStarts[0].ms > linkStarts[0].ms ? runStarts[0].ms - linkStarts[0].ms : linkStarts[0].ms - runStarts[0].ms;
+  EXPECT_GE(apart + kClockStepMs, kGapMs) << "one at a time, a gap apart";
+  const std::string log = Log();
+  EXPECT_NE(log.find("started " + Narrow(Name(L"DelayRun")) + " pid " + std::to_string(runStarts[0].pid)), std::string::npos)
+      << log;
+  EXPECT_NE(log.find("started " + Narrow(Name(L"DelayLink")) + ".lnk"), std::string::npos) << log;
+
+  const auto again = Launch(0, 0);
+  EXPECT_EQ(again.exitCode, 0u) << again.output;
+  EXPECT_EQ(StartsOf(Program(L"DelayRun")).size(), 1u) << "a second run in the same logon starts nothing";
+  EXPECT_EQ(StartsOf(Program(L"DelayLink")).size(), 1u);
+  EXPECT_NE(Log().find("skipped " + Narrow(Name(L"DelayRun")) + ": already started in this logon"), std::string::npos);
+  Ctl(L"enable", Name(L"DelayRun"));
+  Ctl(L"enable", Name(L"DelayLink") + L".lnk");
+}
+
+TEST_F(DelayedStart, AnEntryEnabledAgainOrWhoseProgramIsGoneIsNotStarted) {
+  AddRun(L"Back");
+  AddRun(L"Gone");
+  AddRun(L"Kept");
+  for (const wchar_t* name : {L"Back", L"Gone", L"Kept"}) Ctl(L"delay", Name(name));
+  Ctl(L"enable", Name(L"Back"));
+  ASSERT_TRUE(::DeleteFileW(Program(L"Gone").c_str()));
+
+  const auto run = Launch(0, 0);
+  ASSERT_EQ(run.exitCode, 0u) << run.output;
+  EXPECT_TRUE(StartsOf(Program(L"Back")).empty()) << "enabled again: the logon starts it, not the launcher";
+  EXPECT_EQ(WaitForStarts(Program(L"Kept"), 1).size(), 1u) << Log();
+  EXPECT_NE(Log().find("skipped " + Narrow(Name(L"Gone")) + ": target gone"), std::string::npos) << Log();
+  Ctl(L"enable", Name(L"Kept"));
+}
+
+}  // namespace

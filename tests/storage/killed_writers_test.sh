@@ -36,8 +36,13 @@ for ((i = 1; i <= kills; i++)); do
   done
   if [[ "$line" != checked* ]]; then
     kill -9 "$pid" 2>/dev/null || true
-    wait "$pid" 2>/dev/null || true
-    echo "after kill $((i - 1)) of $kills:" >&2
+    status=0
+    wait "$pid" 2>/dev/null || status=$?
+    # What the run found is kept for a post-mortem: a silent end (no output, no kill of ours)
+    # is either a crash on what the killed writer left or a process that never started.
+    kept="$work.failed"
+    rm -rf "$kept" && cp -r "$work" "$kept"
+    echo "after kill $((i - 1)) of $kills: the run ended with status $status after $w polls; its folder is kept in $kept (storage_churn.exe FOLDER check repeats the check on it)" >&2
     cat "$out" >&2
     exit 1
   fi

@@ -61,6 +61,9 @@ staged_uptime() { cut -d' ' -f1 /proc/uptime; }
 
 staged_prepare() {
   local root=$STAGED_BIN/../wine repo
+  # Most steps below are quiet; a failing one names itself before set -e ends the script.
+  set -E
+  trap 'echo "staged boot: preparing the prefix failed with status $? at: $BASH_COMMAND" >&2' ERR
   repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
   if [ ! -f "$root/template/.ready" ]; then
     "$repo/cmake/wine-prefix.sh" setup "$root" >/dev/null
@@ -103,6 +106,8 @@ JSON
   # staged logon loads it back, as Windows loads NTUSER.DAT.
   wine stageduser.exe logoff "$STAGED_USER" >/dev/null
   wineserver -w
+  trap - ERR
+  set +E
 }
 
 # The namespace's clocks start STAGED_BOOT_AGE seconds after the staged machine's start.

@@ -30,7 +30,8 @@ for ((i = 1; i <= kills; i++)); do
   # The check comes first; the kill lands only once it has passed.
   line=
   for ((w = 0; w < 4000; w++)); do
-    [[ -s "$out" ]] && read -r line <"$out" && break
+    while read -r first; do [[ "$first" == checked* ]] && line=$first; done <"$out"
+    [[ -n "$line" ]] && break
     kill -0 "$pid" 2>/dev/null || break
     pause 0.005
   done
@@ -42,7 +43,7 @@ for ((i = 1; i <= kills; i++)); do
     # is either a crash on what the killed writer left or a process that never started.
     kept="$work.failed"
     rm -rf "$kept" && cp -r "$work" "$kept"
-    echo "after kill $((i - 1)) of $kills: the run ended with status $status after $w polls; its folder is kept in $kept (storage_churn.exe FOLDER check repeats the check on it)" >&2
+    echo "after kill $((i - 1)) of $kills: the run ended with status $status after $w polls ($(grep -q '^started' "$out" && echo 'it started' || echo 'it never started')); its folder is kept in $kept (storage_churn.exe FOLDER check repeats the check on it)" >&2
     cat "$out" >&2
     exit 1
   fi

@@ -167,6 +167,9 @@ int wmain(int argc, wchar_t** argv) {
     std::fputs("usage: storage_churn.exe FOLDER seed|run|check\n", stderr);
     return 2;
   }
+  // The first line tells a run that died in its check from one that never started.
+  std::printf("started\n");
+  std::fflush(stdout);
   std::wstring folder = argv[1];
   if (folder.back() != L'\\') folder.push_back(L'\\');
   const std::wstring mode = argv[2];

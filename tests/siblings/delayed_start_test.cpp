@@ -79,8 +79,7 @@ class DelayedStart : public ::testing::Test {
   static void SetUpTestSuite() { (void)lumera::dev::InstallStagedIdentity(::GetModuleHandleW(nullptr)); }
 
   void SetUp() override {
-    static LONG counter = 0;
-    id_ = std::to_wstring(::GetCurrentProcessId()) + L"n" + std::to_wstring(::InterlockedIncrement(&counter));
+    id_ = testsupport::UniqueSuffix();
     user_ = std::make_unique<testsupport::StagedUser>();
     logDir_ = std::make_unique<testsupport::ScopedOverride<std::wstring>>(
         [] { return Env(L"LUMERA_LOG_DIR"); },

@@ -27,6 +27,7 @@
 #include "store/store_scratch.h"
 #include "support/programs.h"
 #include "support/registry_values.h"
+#include "support/scratch_folder.h"
 #include "support/staged_user.h"
 
 namespace {
@@ -65,8 +66,7 @@ class SecondIdentity : public ::testing::Test {
   static void SetUpTestSuite() { (void)lumera::dev::InstallStagedIdentity(::GetModuleHandleW(nullptr)); }
 
   void SetUp() override {
-    static LONG counter = 0;
-    id_ = std::to_wstring(::GetCurrentProcessId()) + L"n" + std::to_wstring(::InterlockedIncrement(&counter));
+    id_ = testsupport::UniqueSuffix();
     user_ = std::make_unique<StagedUser>();
     localTool_ = user_->Local() + L"\\Programs\\Tool\\tool" + id_ + L".exe";
     Copy(Fixture(L"full"), localTool_);

@@ -4,12 +4,14 @@
 # process that runs it ends the Windows process with no chance to run anything more, as a
 # crash or a power cut of the process would. Each new run first checks what the killed one
 # left (the store parses and holds every record whose save returned 0; both result files are
-# whole) and fails with exit code 3 when it does not.
-#   killed_writers_test.sh CHURN_EXE WORK_FOLDER KILLS
+# whole) and fails with exit code 3 when it does not. The kills stop at KILLS or after SECONDS,
+# whichever comes first, so that a loaded machine makes fewer kills rather than a time-out.
+#   killed_writers_test.sh CHURN_EXE WORK_FOLDER KILLS [SECONDS]
 set -euo pipefail
 churn=$1
 work=$2
 kills=${3:-500}
+budget=${4:-100}
 export WINEPREFIX="$LUMERA_WINE_ROOT/win7" WINEDEBUG=-all
 rm -rf "$work"
 mkdir -p "$work"
@@ -23,13 +25,13 @@ pause() { read -r -t "$1" -u "$never" _ || true; }
 
 wine "$churn" "$winwork" seed
 started=$SECONDS
-for ((i = 1; i <= kills; i++)); do
+for ((i = 1; i <= kills && SECONDS - started < budget; i++)); do
   : >"$out"
   wine "$churn" "$winwork" run >"$out" 2>&1 &
   pid=$!
   # The check comes first; the kill lands only once it has passed.
   line=
-  for ((w = 0; w < 4000; w++)); do
+  for ((w = 0, until = SECONDS + 60; SECONDS < until; w++)); do
     while read -r first; do [[ "$first" == checked* ]] && line=$first; done <"$out"
     [[ -n "$line" ]] && break
     kill -0 "$pid" 2>/dev/null || break
@@ -52,6 +54,7 @@ for ((i = 1; i <= kills; i++)); do
   wait "$pid" 2>/dev/null || true
   printf '\rkilled %d of %d' "$i" "$kills"
 done
+kills=$((i - 1))
 echo
 wine "$churn" "$winwork" check
 saves=$(grep -c '^S' "$work/churn.log" || true)

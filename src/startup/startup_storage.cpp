@@ -53,6 +53,10 @@ CStartupItemsStorage::Loaded CStartupItemsStorage::Read(picojson::value& documen
     document = std::move(parsed);
     return Loaded::kYes;
   }
+  if (read == ky::JsonReadResult::kTooLarge) {
+    logging::Write(logging::kLevelWarning, L"CStartupItemsStorage::Read", L"%s holds more than %u bytes: not read",
+                   path_.c_str(), static_cast<unsigned>(kMaxFileBytes));
+  }
   if (read == ky::JsonReadResult::kCannotOpen && ::GetFileAttributesW(path_.c_str()) == INVALID_FILE_ATTRIBUTES) {
     return Loaded::kMissing;
   }
@@ -135,15 +139,22 @@ std::uint32_t CStartupItemsStorage::RemoveStartupItems(const StartupItemList& it
   return 0;
 }
 
-std::uint32_t CStartupItemsStorage::LoadStartupItems(const std::string& section, StartupItemList& items) {
+std::uint32_t CStartupItemsStorage::LoadStartupItems(const std::string& section, StartupItemList& items,
+                                                     std::size_t limit) {
   KY_TRACE(L"CStartupItemsStorage::LoadStartupItems");
   picojson::value document;
   if (!LockedLoad(document)) return kStorageFailed;
   if (!document.is<picojson::object>()) return 0;
+  const std::size_t before = items.size();
   KY_LOG(logging::kLevelDebug, L"strSection: %S", section.c_str());
-  ReadSection(document, kUserKey, section, 1, items);
+  std::size_t leftOut = ReadSection(document, kUserKey, section, 1, items, limit);
+  const std::size_t read = items.size() - before;
   KY_LOG(logging::kLevelDebug, L"strSection: %S", section.c_str());
-  ReadSection(document, kSystemKey, section, 0, items);
+  leftOut += ReadSection(document, kSystemKey, section, 0, items, limit - read);
+  if (leftOut != 0) {
+    KY_LOG(logging::kLevelWarning, L"%s: %u records under %S left out, beyond the first %u", path_.c_str(),
+           static_cast<unsigned>(leftOut), section.c_str(), static_cast<unsigned>(limit));
+  }
   return 0;
 }
 

@@ -45,9 +45,10 @@ const wchar_t* KindName(startup::StartupSourceKind kind) {
 }
 
 void CStartupCatalog::AddStored(std::vector<Entry>& entries, EntryIndex& index, const char* category,
-                                startup::StartupSourceKind kind, const wchar_t* state) {
+                                startup::StartupSourceKind kind, const wchar_t* state, std::size_t& budget) {
   StartupItemList stored;
-  if (store_.LoadStartupItems(category, stored) != 0) return;
+  if (store_.LoadStartupItems(category, stored, budget) != 0) return;
+  budget -= stored.size();
   for (const StartupItemPtr& item : stored) {
     const auto [at, added] = index.emplace(EntryKey(kind, *item), entries.size());
     if (added) {
@@ -92,12 +93,14 @@ std::vector<Entry> CStartupCatalog::List() {
   // Only the first of several equal entries found in the sources takes the stored state.
   EntryIndex index;
   for (std::size_t i = entries.size(); i-- > 0;) index[EntryKey(entries[i].kind, *entries[i].item)] = i;
-  AddStored(entries, index, startup::kCategoryDisabled, startup::kSourceRunKey, kStateDisabled);
-  AddStored(entries, index, startup::kCategoryStartupDisabled, startup::kSourceStartupFolder, kStateDisabled);
-  AddStored(entries, index, startup::kCategoryDelayed, startup::kSourceRunKey, kStateDelayed);
-  AddStored(entries, index, startup::kCategoryStartupDelayed, startup::kSourceStartupFolder, kStateDelayed);
-  AddStored(entries, index, startup::kCategoryStoreDisabled, startup::kSourceStoreApp, kStateDisabled);
-  AddStored(entries, index, startup::kCategoryStoreDelayed, startup::kSourceStoreApp, kStateDelayed);
+  // The store is read back as the report reads it: at most kMaxLoadedItems records in all.
+  std::size_t budget = startup::storage::kMaxLoadedItems;
+  AddStored(entries, index, startup::kCategoryDisabled, startup::kSourceRunKey, kStateDisabled, budget);
+  AddStored(entries, index, startup::kCategoryStartupDisabled, startup::kSourceStartupFolder, kStateDisabled, budget);
+  AddStored(entries, index, startup::kCategoryDelayed, startup::kSourceRunKey, kStateDelayed, budget);
+  AddStored(entries, index, startup::kCategoryStartupDelayed, startup::kSourceStartupFolder, kStateDelayed, budget);
+  AddStored(entries, index, startup::kCategoryStoreDisabled, startup::kSourceStoreApp, kStateDisabled, budget);
+  AddStored(entries, index, startup::kCategoryStoreDelayed, startup::kSourceStoreApp, kStateDelayed, budget);
   return entries;
 }
 

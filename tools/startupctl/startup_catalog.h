@@ -33,7 +33,8 @@ class CStartupCatalog {
                   startup::storage::CStartupItemsStorage& store)
       : sources_(sources), exec_(exec), store_(store) {}
 
-  // Every entry found or stored, each once; stored entries carry the store's state.
+  // Every entry found or stored (at most kMaxLoadedItems stored ones), each once; stored
+  // entries carry the store's state.
   std::vector<Entry> List();
 
   // Entries named `name` (without case), and at `location` when it is not empty.
@@ -50,8 +51,9 @@ class CStartupCatalog {
   void AddStoreTasks(std::vector<Entry>& entries);
   // Entries by kind, name and location (see EntryKey).
   using EntryIndex = std::unordered_map<std::wstring, std::size_t>;
+  // Takes at most `budget` records of the category and lowers it by those taken.
   void AddStored(std::vector<Entry>& entries, EntryIndex& index, const char* category,
-                 startup::StartupSourceKind kind, const wchar_t* state);
+                 startup::StartupSourceKind kind, const wchar_t* state, std::size_t& budget);
 
   startup::CStartupItems& sources_;
   startup::StartupAppsActionExec& exec_;

@@ -151,16 +151,18 @@ void CPluginStartupManager::Enumerate(const startup::StartupSourceList& sources)
   }
 }
 
-// At most kMaxLoadedItems records are read back over all sections together, so that a store a
-// user filled by hand costs the report a bounded time; the stop event is looked at every
-// kStopCheckRecords records.
+// At most kMaxLoadedItems records are read back over all sections together, from one reading
+// of the file, so that a store a user filled by hand costs the report a bounded time; the stop
+// event is looked at every kStopCheckRecords records.
 void CPluginStartupManager::ReadBackStore() {
   auto& store = startup::storage::CStartupItemsStorage::Instance();
-  std::size_t budget = startup::storage::kMaxLoadedItems;
-  for (const auto& section : kStoreSections) {
-    startup::StartupItemList stored;
-    if (store.LoadStartupItems(section.name, stored, budget) != 0) continue;
-    budget -= stored.size();
+  std::vector<std::string> names;
+  for (const auto& section : kStoreSections) names.emplace_back(section.name);
+  std::vector<startup::StartupItemList> lists;
+  (void)store.LoadSections(names, lists);  // an unreadable store adds nothing
+  for (std::size_t i = 0; i < lists.size(); ++i) {
+    const StoreSection& section = kStoreSections[i];
+    const startup::StartupItemList& stored = lists[i];
     startup::IStartupAppsActions* actions = exec_->Find(section.kind);
     if (actions == nullptr) continue;
     startup::StartupItemList gone;

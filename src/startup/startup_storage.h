@@ -61,6 +61,12 @@ class CStartupItemsStorage {
   // otherwise.
   [[nodiscard]] std::uint32_t LoadStartupItems(const std::string& section, StartupItemList& items,
                                                std::size_t limit = kMaxLoadedItems);
+  // The items of every section from one reading of the file, one list per section in `lists`,
+  // at most `limit` in all, taken section by section in the order given as LoadStartupItems
+  // takes them; one line logged says how many were left out and from which sections. 0 when
+  // the file was read, 31 otherwise; `lists` holds empty lists on failure.
+  [[nodiscard]] std::uint32_t LoadSections(const std::vector<std::string>& sections, std::vector<StartupItemList>& lists,
+                                           std::size_t limit = kMaxLoadedItems);
   // Appends the "boot_time" records; 0 when the file was read, 31 otherwise.
   [[nodiscard]] std::uint32_t LoadBootTime(std::vector<BootTimeRecord>& records);
 
@@ -68,6 +74,9 @@ class CStartupItemsStorage {
   enum class Loaded { kYes, kMissing, kUnreadable };
   Loaded Read(picojson::value& document) const;
   bool Load(picojson::value& document) const { return Read(document) == Loaded::kYes; }
+  // Appends the section's items (at most `limit`); returns how many were left out.
+  static std::size_t ReadBounded(const picojson::value& document, const std::string& section, StartupItemList& items,
+                                 std::size_t limit);
   // Load under the store's lock, for the operations that only read.
   bool LockedLoad(picojson::value& document) const;
   // Copies the file beside itself before it is replaced; false, logged, when it cannot.

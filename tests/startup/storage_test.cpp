@@ -133,7 +133,7 @@ TEST(StartupStorage, AFileTheSaveWouldReplaceIsKeptBesideItFirst) {
 }
 
 // A store a user filled by hand is read up to the bound, the user's records first, and one
-// line says how many well-formed records were left out.
+// line says how many well-formed records were left out and from where.
 TEST(StartupStorage, RecordsBeyondTheBoundAreLeftOutWithOneLineSayingHowMany) {
   using startup::storage::kMaxLoadedItems;
   ScratchStore file;
@@ -144,26 +144,32 @@ TEST(StartupStorage, RecordsBeyondTheBoundAreLeftOutWithOneLineSayingHowMany) {
     }
     return text;
   };
-  file.Write(R"({"system":{"Disabled":[)" + records("s", 3) + R"(]},"user":{"Disabled":[{"Name":"malformed"},)" +
-             records("u", kMaxLoadedItems + 5) + R"(]},"boot_time":[]})");
+  file.Write(R"({"system":{"Disabled":[)" + records("s", 3) + R"(]},"user":{"Delayed":[)" + records("d", 2) +
+             R"(],"Disabled":[{"Name":"malformed"},)" + records("u", kMaxLoadedItems + 5) + R"(]}})");
   testsupport::CapturedLog log;
   startup::StartupItemList items;
   ASSERT_EQ(Store().LoadStartupItems("Disabled", items), 0u);
   ASSERT_EQ(items.size(), kMaxLoadedItems);
   EXPECT_EQ(items.front()->name, L"u0");
   EXPECT_EQ(items.back()->name, L"u" + std::to_wstring(kMaxLoadedItems - 1)) << "the first ones, in file order";
-  EXPECT_EQ(log.count(file.Path() + L": 8 records under Disabled left out, beyond the first 10000"), 1u)
+  EXPECT_EQ(log.count(file.Path() + L": 8 records left out, beyond the first 10000 (Disabled 8)"), 1u)
       << "a malformed element is not counted as a record";
 
-  log.clear();
   items.clear();
   ASSERT_EQ(Store().LoadStartupItems("Disabled", items, kMaxLoadedItems + 7), 0u);
   ASSERT_EQ(items.size(), kMaxLoadedItems + 7);
   EXPECT_EQ(items.back()->name, L"s1") << "the machine's records take what the user's left of the bound";
-  EXPECT_EQ(log.count(L"1 records under Disabled left out"), 1u);
-  items.clear();
-  ASSERT_EQ(Store().LoadStartupItems("Disabled", items, kMaxLoadedItems + 8), 0u);
-  EXPECT_EQ(items.size(), kMaxLoadedItems + 8);
+
+  log.clear();
+  std::vector<startup::StartupItemList> lists;
+  ASSERT_EQ(Store().LoadSections({"Disabled", "Delayed", "StartupDelayed"}, lists), 0u);
+  ASSERT_EQ(lists.size(), 3u);
+  EXPECT_EQ(lists[0].size(), kMaxLoadedItems);
+  EXPECT_TRUE(lists[1].empty()) << "the bound holds over all sections together";
+  EXPECT_EQ(log.count(L"left out"), 1u);
+  EXPECT_TRUE(log.contains(L": 10 records left out, beyond the first 10000 (Disabled 8, Delayed 2)"));
+  ASSERT_EQ(Store().LoadSections({"Delayed", "Disabled"}, lists, kMaxLoadedItems + 10), 0u);
+  EXPECT_EQ(lists[0].size() + lists[1].size(), kMaxLoadedItems + 10);
   EXPECT_EQ(log.count(L"left out"), 1u) << "nothing left out, nothing said";
 }
 

@@ -44,11 +44,8 @@ const wchar_t* KindName(startup::StartupSourceKind kind) {
   }
 }
 
-void CStartupCatalog::AddStored(std::vector<Entry>& entries, EntryIndex& index, const char* category,
-                                startup::StartupSourceKind kind, const wchar_t* state, std::size_t& budget) {
-  StartupItemList stored;
-  if (store_.LoadStartupItems(category, stored, budget) != 0) return;
-  budget -= stored.size();
+void CStartupCatalog::AddStored(std::vector<Entry>& entries, EntryIndex& index, const StartupItemList& stored,
+                                startup::StartupSourceKind kind, const wchar_t* state) {
   for (const StartupItemPtr& item : stored) {
     const auto [at, added] = index.emplace(EntryKey(kind, *item), entries.size());
     if (added) {
@@ -93,14 +90,26 @@ std::vector<Entry> CStartupCatalog::List() {
   // Only the first of several equal entries found in the sources takes the stored state.
   EntryIndex index;
   for (std::size_t i = entries.size(); i-- > 0;) index[EntryKey(entries[i].kind, *entries[i].item)] = i;
-  // The store is read back as the report reads it: at most kMaxLoadedItems records in all.
-  std::size_t budget = startup::storage::kMaxLoadedItems;
-  AddStored(entries, index, startup::kCategoryDisabled, startup::kSourceRunKey, kStateDisabled, budget);
-  AddStored(entries, index, startup::kCategoryStartupDisabled, startup::kSourceStartupFolder, kStateDisabled, budget);
-  AddStored(entries, index, startup::kCategoryDelayed, startup::kSourceRunKey, kStateDelayed, budget);
-  AddStored(entries, index, startup::kCategoryStartupDelayed, startup::kSourceStartupFolder, kStateDelayed, budget);
-  AddStored(entries, index, startup::kCategoryStoreDisabled, startup::kSourceStoreApp, kStateDisabled, budget);
-  AddStored(entries, index, startup::kCategoryStoreDelayed, startup::kSourceStoreApp, kStateDelayed, budget);
+  // The store is read back as the report reads it: once, at most kMaxLoadedItems records in all.
+  const struct {
+    const char* category;
+    startup::StartupSourceKind kind;
+    const wchar_t* state;
+  } sections[] = {
+      {startup::kCategoryDisabled, startup::kSourceRunKey, kStateDisabled},
+      {startup::kCategoryStartupDisabled, startup::kSourceStartupFolder, kStateDisabled},
+      {startup::kCategoryDelayed, startup::kSourceRunKey, kStateDelayed},
+      {startup::kCategoryStartupDelayed, startup::kSourceStartupFolder, kStateDelayed},
+      {startup::kCategoryStoreDisabled, startup::kSourceStoreApp, kStateDisabled},
+      {startup::kCategoryStoreDelayed, startup::kSourceStoreApp, kStateDelayed},
+  };
+  std::vector<std::string> names;
+  for (const auto& section : sections) names.emplace_back(section.category);
+  std::vector<StartupItemList> stored;
+  (void)store_.LoadSections(names, stored);  // an unreadable store adds nothing
+  for (std::size_t i = 0; i < stored.size(); ++i) {
+    AddStored(entries, index, stored[i], sections[i].kind, sections[i].state);
+  }
   return entries;
 }
 

@@ -51,9 +51,8 @@ class CStartupCatalog {
   void AddStoreTasks(std::vector<Entry>& entries);
   // Entries by kind, name and location (see EntryKey).
   using EntryIndex = std::unordered_map<std::wstring, std::size_t>;
-  // Takes at most `budget` records of the category and lowers it by those taken.
-  void AddStored(std::vector<Entry>& entries, EntryIndex& index, const char* category,
-                 startup::StartupSourceKind kind, const wchar_t* state, std::size_t& budget);
+  void AddStored(std::vector<Entry>& entries, EntryIndex& index, const startup::StartupItemList& stored,
+                 startup::StartupSourceKind kind, const wchar_t* state);
 
   startup::CStartupItems& sources_;
   startup::StartupAppsActionExec& exec_;

@@ -13,6 +13,7 @@
 #include "startup/startup_storage.h"
 #include "startup/store_apps_actions.h"
 #include "startup/store_apps_enumerator.h"
+#include "startup/target_memo.h"
 #include "users/ky_users.h"
 
 namespace boottime {
@@ -22,6 +23,8 @@ using startup::kStatusDelayed;
 using startup::kStatusDisabled;
 using startup::kStatusEnabled;
 using startup::StartupItemEx;
+
+constexpr std::size_t kStopCheckRecords = 256;
 
 struct StoreSection {
   const char* name;
@@ -148,15 +151,24 @@ void CPluginStartupManager::Enumerate(const startup::StartupSourceList& sources)
   }
 }
 
+// At most kMaxLoadedItems records are read back over all sections together, from one reading
+// of the file, so that a store a user filled by hand costs the report a bounded time; the stop
+// event is looked at every kStopCheckRecords records.
 void CPluginStartupManager::ReadBackStore() {
   auto& store = startup::storage::CStartupItemsStorage::Instance();
-  for (const auto& section : kStoreSections) {
-    startup::StartupItemList stored;
-    if (store.LoadStartupItems(section.name, stored) != 0) continue;
+  std::vector<std::string> names;
+  for (const auto& section : kStoreSections) names.emplace_back(section.name);
+  std::vector<startup::StartupItemList> lists;
+  (void)store.LoadSections(names, lists);  // an unreadable store adds nothing
+  for (std::size_t i = 0; i < lists.size(); ++i) {
+    const StoreSection& section = kStoreSections[i];
+    const startup::StartupItemList& stored = lists[i];
     startup::IStartupAppsActions* actions = exec_->Find(section.kind);
     if (actions == nullptr) continue;
     startup::StartupItemList gone;
+    std::size_t checked = 0;
     for (const auto& item : stored) {
+      if (++checked % kStopCheckRecords == 0 && StopRequested()) return;
       if (actions->Check(*item) != 0) {
         gone.push_back(item);
         continue;
@@ -230,6 +242,7 @@ std::uint32_t CPluginStartupManager::BuildAndReport() {
     // checked and rewritten as the user, so a link the user puts there cannot steer
     // LocalSystem's write and no stored path is opened with the machine's identity.
     velora::utils::CUserImpersonation impersonation;
+    startup::CTargetMemoScope described;
     Enumerate(sources_->RunKeySources());
     if (StopRequested()) return ERROR_OPERATION_ABORTED;
     Enumerate(sources_->FolderSources());

@@ -36,7 +36,8 @@ class CPluginStartupManager final : public startup::CBaseStartupManager {
   // places the store ("Storage.json" in the user's roaming Nexalon\Lumera folder; nowhere,
   // logged, when no user is logged on); always true.
   bool Init() override;
-  // Enumerates, filters, reads the store back (dropping records whose entry is gone), takes
+  // Enumerates, filters, reads the store back (at most kMaxLoadedItems records over all
+  // sections, dropping those whose entry is gone), describing each target once, takes
   // the boot times and posts the report; 0, the post's code, 31 without a connection, or
   // ERROR_NO_TOKEN (logged, nothing sent) when still no user's store can be placed, or 995
   // (nothing sent) when the stop event was set between its steps.

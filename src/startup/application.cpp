@@ -14,6 +14,7 @@
 #include "startup/long_path.h"
 #include "startup/file_qid.h"
 #include "startup/store_startup_item.h"
+#include "startup/target_memo.h"
 #include "startup/win8_startup_item.h"
 #include "users/user_profile.h"
 
@@ -108,6 +109,35 @@ bool Application::Init(const StartupItem& item, StartupSourceKind kind, std::int
   isStore = kind == kSourceStoreApp;
   disabledBySystem = false;
 
+  CTargetMemo* memo = CTargetMemo::Current();
+  if (const TargetDescription* described = memo != nullptr ? memo->Find(target) : nullptr) {
+    if (!described->found) return false;
+    path = described->path;
+    description = described->description;
+    company = described->company;
+    product = described->product;
+    qid = described->qid;
+    if (const std::wstring* expanded = memo->FindLocation(item.isUser != 0, item.location)) {
+      location = *expanded;
+    } else {
+      ExpandPath(item.location.c_str(), location, *environment);
+      memo->RememberLocation(item.isUser != 0, item.location, location);
+    }
+  } else {
+    const bool found = Describe(item, target, *environment);
+    if (memo != nullptr) {
+      memo->Remember(target, found ? TargetDescription{true, path, description, company, product, qid}
+                                   : TargetDescription{});
+      if (found) memo->RememberLocation(item.isUser != 0, item.location, location);
+    }
+    if (!found) return false;
+  }
+  if (ky::IsWindows8OrGreater()) CheckSystemState(item, kind);
+  return true;
+}
+
+bool Application::Describe(const StartupItem& item, const std::wstring& target,
+                           const velora::utils::CEnvironment& environment) {
   // Only applications identified through the process-wide library are remembered.
   const bool remember = qids_ == nullptr;
   // One user's "%LOCALAPPDATA%\\x.exe" is not another's.
@@ -121,11 +151,9 @@ bool Application::Init(const StartupItem& item, StartupSourceKind kind, std::int
     company = std::move(known.company);
     product = std::move(known.product);
     qid = std::move(known.qid);
-  } else if (!Build(target, item.location, *environment, cacheKey, remember)) {
-    return false;
+    return true;
   }
-  if (ky::IsWindows8OrGreater()) CheckSystemState(item, kind);
-  return true;
+  return Build(target, item.location, environment, cacheKey, remember);
 }
 
 bool Application::Build(const std::wstring& target, const std::wstring& itemLocation,

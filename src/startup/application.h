@@ -43,6 +43,7 @@ class Application {
   // Builds the record for the item of `kind`; `state` non-zero below Windows 8 means the
   // entry was moved aside and its file is found at location + name. False when no target or
   // no version information was found, the record then incomplete and not to be reported.
+  // Within a CTargetMemoScope a target is described once, whatever its number of entries.
   [[nodiscard]] bool Init(const StartupItem& item, StartupSourceKind kind, std::int32_t state);
 
   std::wstring path;
@@ -57,6 +58,8 @@ class Application {
  private:
   bool FindTarget(const StartupItem& item, StartupSourceKind kind, std::int32_t state,
                   const velora::utils::CEnvironment& environment, std::wstring& target) const;
+  // The target's description from the process-wide cache or built anew; false when it has none.
+  bool Describe(const StartupItem& item, const std::wstring& target, const velora::utils::CEnvironment& environment);
   // Expands, reads and identifies the target; remembers the result under `cacheKey` when
   // `remember` is set.
   bool Build(const std::wstring& target, const std::wstring& itemLocation, const velora::utils::CEnvironment& environment,

@@ -8,6 +8,7 @@
 #include "common/unique_handle.h"
 #include "startup/command_target.h"
 #include "startup/registry_root.h"
+#include "startup/target_memo.h"
 
 namespace startup {
 
@@ -106,7 +107,9 @@ std::uint8_t CheckCommandTarget(const StartupItem& item) {
            item.name.c_str());
     return kActionOk;
   }
-  return ::GetFileAttributesW(target.c_str()) == INVALID_FILE_ATTRIBUTES ? kActionFailed : kActionOk;
+  CTargetMemo* memo = CTargetMemo::Current();
+  const bool exists = memo != nullptr ? memo->Exists(target) : ::GetFileAttributesW(target.c_str()) != INVALID_FILE_ATTRIBUTES;
+  return exists ? kActionOk : kActionFailed;
 }
 
 CStartupAppsActions::Undo CRunKeyAppsActions::TakeOut(StartupItem& item, const wchar_t*&) {

@@ -45,6 +45,7 @@ class CRunKeyAppsActions final : public CStartupAppsActions {
 // or folder, 31 otherwise. 0 also when the item is a user's and no environment of the user can
 // be had: what cannot be looked at is not taken for gone, so its record is kept.
 // A target on another machine (\\server\share\..., \\?\UNC\...) is not looked at and gives 0.
+// Within a CTargetMemoScope each target is looked at once.
 [[nodiscard]] std::uint8_t CheckCommandTarget(const StartupItem& item);
 // True for a path on another machine: \\server\share\... or \\?\UNC\server\share\....
 [[nodiscard]] bool IsNetworkPath(const std::wstring& path);

@@ -53,6 +53,10 @@ CStartupItemsStorage::Loaded CStartupItemsStorage::Read(picojson::value& documen
     document = std::move(parsed);
     return Loaded::kYes;
   }
+  if (read == ky::JsonReadResult::kTooLarge) {
+    logging::Write(logging::kLevelWarning, L"CStartupItemsStorage::Read", L"%s holds more than %u bytes: not read",
+                   path_.c_str(), static_cast<unsigned>(kMaxFileBytes));
+  }
   if (read == ky::JsonReadResult::kCannotOpen && ::GetFileAttributesW(path_.c_str()) == INVALID_FILE_ATTRIBUTES) {
     return Loaded::kMissing;
   }
@@ -135,15 +139,50 @@ std::uint32_t CStartupItemsStorage::RemoveStartupItems(const StartupItemList& it
   return 0;
 }
 
-std::uint32_t CStartupItemsStorage::LoadStartupItems(const std::string& section, StartupItemList& items) {
+std::size_t CStartupItemsStorage::ReadBounded(const picojson::value& document, const std::string& section,
+                                              StartupItemList& items, std::size_t limit) {
+  const std::size_t before = items.size();
+  logging::Write(logging::kLevelDebug, L"CStartupItemsStorage::LoadStartupItems", L"strSection: %S", section.c_str());
+  std::size_t leftOut = ReadSection(document, kUserKey, section, 1, items, limit);
+  const std::size_t read = items.size() - before;
+  logging::Write(logging::kLevelDebug, L"CStartupItemsStorage::LoadStartupItems", L"strSection: %S", section.c_str());
+  return leftOut + ReadSection(document, kSystemKey, section, 0, items, limit - read);
+}
+
+std::uint32_t CStartupItemsStorage::LoadStartupItems(const std::string& section, StartupItemList& items,
+                                                     std::size_t limit) {
   KY_TRACE(L"CStartupItemsStorage::LoadStartupItems");
   picojson::value document;
   if (!LockedLoad(document)) return kStorageFailed;
   if (!document.is<picojson::object>()) return 0;
-  KY_LOG(logging::kLevelDebug, L"strSection: %S", section.c_str());
-  ReadSection(document, kUserKey, section, 1, items);
-  KY_LOG(logging::kLevelDebug, L"strSection: %S", section.c_str());
-  ReadSection(document, kSystemKey, section, 0, items);
+  if (const std::size_t leftOut = ReadBounded(document, section, items, limit); leftOut != 0) {
+    KY_LOG(logging::kLevelWarning, L"%s: %u records left out, beyond the first %u (%S %u)", path_.c_str(),
+           static_cast<unsigned>(leftOut), static_cast<unsigned>(limit), section.c_str(), static_cast<unsigned>(leftOut));
+  }
+  return 0;
+}
+
+std::uint32_t CStartupItemsStorage::LoadSections(const std::vector<std::string>& sections,
+                                                 std::vector<StartupItemList>& lists, std::size_t limit) {
+  KY_TRACE(L"CStartupItemsStorage::LoadSections");
+  lists.assign(sections.size(), StartupItemList());
+  picojson::value document;
+  if (!LockedLoad(document)) return kStorageFailed;
+  if (!document.is<picojson::object>()) return 0;
+  std::size_t taken = 0;
+  std::size_t leftOut = 0;
+  std::string which;
+  for (std::size_t i = 0; i < sections.size(); ++i) {
+    const std::size_t left = ReadBounded(document, sections[i], lists[i], limit - taken);
+    taken += lists[i].size();
+    if (left == 0) continue;
+    leftOut += left;
+    which += (which.empty() ? "" : ", ") + sections[i] + " " + std::to_string(left);
+  }
+  if (leftOut != 0) {
+    KY_LOG(logging::kLevelWarning, L"%s: %u records left out, beyond the first %u (%S)", path_.c_str(),
+           static_cast<unsigned>(leftOut), static_cast<unsigned>(limit), which.c_str());
+  }
   return 0;
 }
 

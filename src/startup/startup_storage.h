@@ -6,6 +6,7 @@
 // A file is replaced in one step (common/safe_file.h), so a writer killed mid-way leaves it whole.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -20,6 +21,9 @@ inline constexpr wchar_t kStorageFileName[] = L"Storage.json";
 inline constexpr wchar_t kUnreadableSuffix[] = L".unreadable";
 inline constexpr std::uint32_t kStorageFailed = 31;
 inline constexpr wchar_t kStorageFolderName[] = L"Nexalon\\Lumera\\";
+// Far beyond any store the actions write (one record per entry changed), and a bound on what a
+// listing or a report reads back and checks from a file a user can write.
+inline constexpr std::size_t kMaxLoadedItems = 10000;
 
 // The folder of the user's store: the user's roaming application-data folder, read through the
 // user's token, + kStorageFolderName, created with its parents. 0 with `folder` set (ending in
@@ -52,8 +56,17 @@ class CStartupItemsStorage {
   // Removes every element whose location and name match an item; 0 also when the list is
   // empty or the file cannot be read (then nothing is written), 31 when writing failed.
   [[nodiscard]] std::uint32_t RemoveStartupItems(const StartupItemList& items, const std::string& section);
-  // Appends the section's items; 0 when the file was read, 31 otherwise.
-  [[nodiscard]] std::uint32_t LoadStartupItems(const std::string& section, StartupItemList& items);
+  // Appends the section's items, the user's before the machine's, at most `limit` of them: the
+  // rest are left out with one line logged saying how many. 0 when the file was read, 31
+  // otherwise.
+  [[nodiscard]] std::uint32_t LoadStartupItems(const std::string& section, StartupItemList& items,
+                                               std::size_t limit = kMaxLoadedItems);
+  // The items of every section from one reading of the file, one list per section in `lists`,
+  // at most `limit` in all, taken section by section in the order given as LoadStartupItems
+  // takes them; one line logged says how many were left out and from which sections. 0 when
+  // the file was read, 31 otherwise; `lists` holds empty lists on failure.
+  [[nodiscard]] std::uint32_t LoadSections(const std::vector<std::string>& sections, std::vector<StartupItemList>& lists,
+                                           std::size_t limit = kMaxLoadedItems);
   // Appends the "boot_time" records; 0 when the file was read, 31 otherwise.
   [[nodiscard]] std::uint32_t LoadBootTime(std::vector<BootTimeRecord>& records);
 
@@ -61,6 +74,9 @@ class CStartupItemsStorage {
   enum class Loaded { kYes, kMissing, kUnreadable };
   Loaded Read(picojson::value& document) const;
   bool Load(picojson::value& document) const { return Read(document) == Loaded::kYes; }
+  // Appends the section's items (at most `limit`); returns how many were left out.
+  static std::size_t ReadBounded(const picojson::value& document, const std::string& section, StartupItemList& items,
+                                 std::size_t limit);
   // Load under the store's lock, for the operations that only read.
   bool LockedLoad(picojson::value& document) const;
   // Copies the file beside itself before it is replaced; false, logged, when it cannot.

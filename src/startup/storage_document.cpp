@@ -2,6 +2,8 @@
 
 #include <cmath>
 #include <limits>
+#include <set>
+#include <utility>
 
 namespace startup::storage {
 namespace {
@@ -48,12 +50,14 @@ bool IntegerMember(const picojson::value& object, const char* key, std::int64_t&
   return true;
 }
 
-bool MatchesAny(const StartupItem& stored, const StartupItemList& items) {
-  for (const StartupItemPtr& item : items) {
-    if (item && item->location == stored.location && item->name == stored.name) return true;
-  }
-  return false;
+bool IsItem(const picojson::value& element) {
+  return StringMember(element, kCmd) != nullptr && StringMember(element, kName) != nullptr &&
+         StringMember(element, kPath) != nullptr;
 }
+
+// The location and name of every item, looked up once per stored element: a removal of
+// thousands of records from a store of thousands must not compare every pair.
+using ItemKeys = std::set<std::pair<std::wstring, std::wstring>>;
 
 }  // namespace
 
@@ -130,9 +134,9 @@ bool AppendKeepsContent(const picojson::value& document, const std::string& sect
 void RemoveItems(picojson::value& document, const StartupItemList& items, const std::string& section) {
   if (!document.is<picojson::object>()) return;
   for (const bool user : {true, false}) {
-    StartupItemList group;
+    ItemKeys group;
     for (const StartupItemPtr& item : items) {
-      if (item && (item->isUser != 0) == user) group.push_back(item);
+      if (item && (item->isUser != 0) == user) group.emplace(item->location, item->name);
     }
     if (group.empty()) continue;
     auto& top = document.get<picojson::object>();
@@ -142,29 +146,33 @@ void RemoveItems(picojson::value& document, const StartupItemList& items, const 
         MemberOrEmpty(groupValue.get<picojson::object>(), section, picojson::value(picojson::array()));
     if (!array.is<picojson::array>()) continue;
     auto& elements = array.get<picojson::array>();
-    for (auto it = elements.begin(); it != elements.end();) {
+    std::erase_if(elements, [&group](const picojson::value& element) {
       StartupItem stored;
-      if (ItemFromJson(*it, stored) && MatchesAny(stored, group)) {
-        it = elements.erase(it);
-      } else {
-        ++it;
-      }
-    }
+      return ItemFromJson(element, stored) && group.count({stored.location, stored.name}) != 0;
+    });
   }
 }
 
-void ReadSection(const picojson::value& document, const char* group, const std::string& section,
-                 std::int32_t isUser, StartupItemList& items) {
+std::size_t ReadSection(const picojson::value& document, const char* group, const std::string& section,
+                        std::int32_t isUser, StartupItemList& items, std::size_t limit) {
   const picojson::value* groupValue = Member(document, group);
-  if (groupValue == nullptr) return;
+  if (groupValue == nullptr) return 0;
   const picojson::value* array = Member(*groupValue, section.c_str());
-  if (array == nullptr || !array->is<picojson::array>()) return;
+  if (array == nullptr || !array->is<picojson::array>()) return 0;
+  std::size_t appended = 0;
+  std::size_t leftOut = 0;
   for (const picojson::value& element : array->get<picojson::array>()) {
+    if (appended == limit) {
+      if (IsItem(element)) ++leftOut;
+      continue;
+    }
     auto item = std::make_shared<StartupItem>();
     if (!ItemFromJson(element, *item)) continue;
     item->isUser = isUser;
     items.push_back(std::move(item));
+    ++appended;
   }
+  return leftOut;
 }
 
 void ReadBootTimes(const picojson::value& document, std::vector<BootTimeRecord>& records) {

@@ -2,6 +2,7 @@
 // and a section name, and the read-only "boot_time" list. No file access here.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -39,9 +40,10 @@ void AppendItems(picojson::value& document, const StartupItemList& items, const 
 [[nodiscard]] bool AppendKeepsContent(const picojson::value& document, const std::string& section);
 // Removes every element of the section whose "Path" and "Name" equal those of any item.
 void RemoveItems(picojson::value& document, const StartupItemList& items, const std::string& section);
-// Appends the well-formed elements of group ("user" or "system") / section, with isUser set.
-void ReadSection(const picojson::value& document, const char* group, const std::string& section,
-                 std::int32_t isUser, StartupItemList& items);
+// Appends the well-formed elements of group ("user" or "system") / section, with isUser set,
+// the first `limit` of them; returns how many well-formed ones were left out beyond those.
+std::size_t ReadSection(const picojson::value& document, const char* group, const std::string& section,
+                        std::int32_t isUser, StartupItemList& items, std::size_t limit = SIZE_MAX);
 // Appends one record per "boot_time" element with a string "path" and a numeric "time".
 void ReadBootTimes(const picojson::value& document, std::vector<BootTimeRecord>& records);
 

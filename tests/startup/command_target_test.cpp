@@ -3,9 +3,12 @@
 
 #include <shlwapi.h>
 
+#include "startup/application.h"
 #include "startup/command_target.h"
 #include "startup/run_key_apps.h"
+#include "startup/target_memo.h"
 #include "support/captured_log.h"
+#include "support/scratch_folder.h"
 
 namespace {
 
@@ -76,6 +79,41 @@ TEST(CommandTarget, NetworkTargetsAreNotProbedAndCountAsPresent) {
   EXPECT_TRUE(log.contains(L"not probed")) << "the skipped probe is logged";
   item.path = L"C:\\lumera-no-such-folder\\app.exe";
   EXPECT_EQ(startup::CheckCommandTarget(item), 31) << "a missing local file is still gone";
+}
+
+// Thousands of stored records may name one program: within one listing each target is
+// looked at and described once, including a target that has nothing to describe; the next
+// listing looks again.
+TEST(CommandTarget, AListingLooksAtAndDescribesEachTargetOnce) {
+  testsupport::ScratchFolder folder;
+  const std::wstring present = testsupport::WriteFileBytes(folder.file(L"present.exe"), "no version resource");
+  const std::wstring missing = folder.file(L"missing.exe");
+  const auto itemFor = [](const std::wstring& target, int i) {
+    startup::StartupItem item;
+    item.name = L"App " + std::to_wstring(i);
+    item.location = L"HKEY_LOCAL_MACHINE\\Software\\Microsoft\\Windows\\CurrentVersion\\Run";
+    item.path = L"\"" + target + L"\" /background";
+    return item;
+  };
+  testsupport::CapturedLog log;
+  {
+    const startup::CTargetMemoScope listing;
+    for (int i = 0; i < 40; ++i) {
+      const std::wstring& target = i % 2 == 0 ? present : missing;
+      const startup::StartupItem item = itemFor(target, i);
+      EXPECT_EQ(startup::CheckCommandTarget(item), target == present ? 0 : 31) << i;
+      startup::Application app;
+      EXPECT_FALSE(app.Init(item, startup::kSourceRunKey, 0)) << "neither target has version texts";
+    }
+    EXPECT_EQ(&startup::CTargetMemoScope().Memo(), startup::CTargetMemo::Current()) << "a scope inside keeps the outer memo";
+    EXPECT_EQ(startup::CTargetMemo::Current()->Probes(), 2u);
+    EXPECT_EQ(startup::CTargetMemo::Current()->Descriptions(), 2u);
+    EXPECT_EQ(log.count(L"FAILED get file info for " + present), 1u);
+  }
+  EXPECT_EQ(startup::CTargetMemo::Current(), nullptr) << "the memo ends with its listing";
+  ASSERT_TRUE(::DeleteFileW(present.c_str()));
+  const startup::CTargetMemoScope next;
+  EXPECT_EQ(startup::CheckCommandTarget(itemFor(present, 0)), 31) << "a later listing sees the file gone";
 }
 
 }  // namespace

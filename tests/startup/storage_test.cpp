@@ -117,6 +117,8 @@ TEST(StartupStorage, AFileTheSaveWouldReplaceIsKeptBesideItFirst) {
     EXPECT_EQ(file.Load("Disabled").size(), 1u) << c.what << ": replaced as before";
     EXPECT_TRUE(testsupport::ReadFileBytes(kept) == c.content) << c.what << ": the latest unreadable file is kept";
     EXPECT_TRUE(log.contains(L"Unreadable " + file.Path() + L" kept as " + kept)) << c.what;
+    EXPECT_EQ(log.count(L"holds more than 16777216 bytes: not read"), c.content.size() > 16 * 1024 * 1024 ? 1u : 0u)
+        << c.what << ": only a file refused for its size says so";
   }
   ::DeleteFileW(kept.c_str());
   ASSERT_EQ(Store().SaveStartupItem(MakeItem(L"m", L"l", L"p"), "Delayed"), 0u);
@@ -128,6 +130,47 @@ TEST(StartupStorage, AFileTheSaveWouldReplaceIsKeptBesideItFirst) {
   EXPECT_EQ(Store().SaveStartupItem(MakeItem(L"n", L"l", L"p"), "Disabled"), 31u);
   EXPECT_NE(::GetFileAttributesW(file.Path().c_str()) & FILE_ATTRIBUTE_DIRECTORY, 0u);
   ::RemoveDirectoryW(file.Path().c_str());
+}
+
+// A store a user filled by hand is read up to the bound, the user's records first, and one
+// line says how many well-formed records were left out and from where.
+TEST(StartupStorage, RecordsBeyondTheBoundAreLeftOutWithOneLineSayingHowMany) {
+  using startup::storage::kMaxLoadedItems;
+  ScratchStore file;
+  const auto records = [](const char* prefix, std::size_t count) {
+    std::string text;
+    for (std::size_t i = 0; i < count; ++i) {
+      text += std::string(i == 0 ? "" : ",") + R"({"Cmd":"c","Name":")" + prefix + std::to_string(i) + R"(","Path":"p"})";
+    }
+    return text;
+  };
+  file.Write(R"({"system":{"Disabled":[)" + records("s", 3) + R"(]},"user":{"Delayed":[)" + records("d", 2) +
+             R"(],"Disabled":[{"Name":"malformed"},)" + records("u", kMaxLoadedItems + 5) + R"(]}})");
+  testsupport::CapturedLog log;
+  startup::StartupItemList items;
+  ASSERT_EQ(Store().LoadStartupItems("Disabled", items), 0u);
+  ASSERT_EQ(items.size(), kMaxLoadedItems);
+  EXPECT_EQ(items.front()->name, L"u0");
+  EXPECT_EQ(items.back()->name, L"u" + std::to_wstring(kMaxLoadedItems - 1)) << "the first ones, in file order";
+  EXPECT_EQ(log.count(file.Path() + L": 8 records left out, beyond the first 10000 (Disabled 8)"), 1u)
+      << "a malformed element is not counted as a record";
+
+  items.clear();
+  ASSERT_EQ(Store().LoadStartupItems("Disabled", items, kMaxLoadedItems + 7), 0u);
+  ASSERT_EQ(items.size(), kMaxLoadedItems + 7);
+  EXPECT_EQ(items.back()->name, L"s1") << "the machine's records take what the user's left of the bound";
+
+  log.clear();
+  std::vector<startup::StartupItemList> lists;
+  ASSERT_EQ(Store().LoadSections({"Disabled", "Delayed", "StartupDelayed"}, lists), 0u);
+  ASSERT_EQ(lists.size(), 3u);
+  EXPECT_EQ(lists[0].size(), kMaxLoadedItems);
+  EXPECT_TRUE(lists[1].empty()) << "the bound holds over all sections together";
+  EXPECT_EQ(log.count(L"left out"), 1u);
+  EXPECT_TRUE(log.contains(L": 10 records left out, beyond the first 10000 (Disabled 8, Delayed 2)"));
+  ASSERT_EQ(Store().LoadSections({"Delayed", "Disabled"}, lists, kMaxLoadedItems + 10), 0u);
+  EXPECT_EQ(lists[0].size() + lists[1].size(), kMaxLoadedItems + 10);
+  EXPECT_EQ(log.count(L"left out"), 1u) << "nothing left out, nothing said";
 }
 
 TEST(StartupStorage, BootTimesKeepOnlyElementsWithAStringPathAndANumericTime) {

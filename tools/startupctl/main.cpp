@@ -20,6 +20,7 @@
 #include "plugin/productinfo_loader.h"
 #include "startup/apps_filter.h"
 #include "startup/command_target.h"
+#include "startup/target_memo.h"
 #include "report_command.h"
 #include "startup_catalog.h"
 
@@ -66,6 +67,8 @@ std::vector<startupctl::Entry> WithoutOwnPrograms(std::vector<startupctl::Entry>
 }
 
 int List(startupctl::CStartupCatalog& catalog, const velora::utils::CUserProfile* user, bool json) {
+  // Thousands of stored records may name one program: it is looked at once per listing.
+  const startup::CTargetMemoScope described;
   const std::vector<startupctl::Entry> entries = WithoutOwnPrograms(catalog.List());
   if (json) {
     picojson::array list;

@@ -44,10 +44,8 @@ const wchar_t* KindName(startup::StartupSourceKind kind) {
   }
 }
 
-void CStartupCatalog::AddStored(std::vector<Entry>& entries, EntryIndex& index, const char* category,
+void CStartupCatalog::AddStored(std::vector<Entry>& entries, EntryIndex& index, const StartupItemList& stored,
                                 startup::StartupSourceKind kind, const wchar_t* state) {
-  StartupItemList stored;
-  if (store_.LoadStartupItems(category, stored) != 0) return;
   for (const StartupItemPtr& item : stored) {
     const auto [at, added] = index.emplace(EntryKey(kind, *item), entries.size());
     if (added) {
@@ -92,12 +90,26 @@ std::vector<Entry> CStartupCatalog::List() {
   // Only the first of several equal entries found in the sources takes the stored state.
   EntryIndex index;
   for (std::size_t i = entries.size(); i-- > 0;) index[EntryKey(entries[i].kind, *entries[i].item)] = i;
-  AddStored(entries, index, startup::kCategoryDisabled, startup::kSourceRunKey, kStateDisabled);
-  AddStored(entries, index, startup::kCategoryStartupDisabled, startup::kSourceStartupFolder, kStateDisabled);
-  AddStored(entries, index, startup::kCategoryDelayed, startup::kSourceRunKey, kStateDelayed);
-  AddStored(entries, index, startup::kCategoryStartupDelayed, startup::kSourceStartupFolder, kStateDelayed);
-  AddStored(entries, index, startup::kCategoryStoreDisabled, startup::kSourceStoreApp, kStateDisabled);
-  AddStored(entries, index, startup::kCategoryStoreDelayed, startup::kSourceStoreApp, kStateDelayed);
+  // The store is read back as the report reads it: once, at most kMaxLoadedItems records in all.
+  const struct {
+    const char* category;
+    startup::StartupSourceKind kind;
+    const wchar_t* state;
+  } sections[] = {
+      {startup::kCategoryDisabled, startup::kSourceRunKey, kStateDisabled},
+      {startup::kCategoryStartupDisabled, startup::kSourceStartupFolder, kStateDisabled},
+      {startup::kCategoryDelayed, startup::kSourceRunKey, kStateDelayed},
+      {startup::kCategoryStartupDelayed, startup::kSourceStartupFolder, kStateDelayed},
+      {startup::kCategoryStoreDisabled, startup::kSourceStoreApp, kStateDisabled},
+      {startup::kCategoryStoreDelayed, startup::kSourceStoreApp, kStateDelayed},
+  };
+  std::vector<std::string> names;
+  for (const auto& section : sections) names.emplace_back(section.category);
+  std::vector<StartupItemList> stored;
+  (void)store_.LoadSections(names, stored);  // an unreadable store adds nothing
+  for (std::size_t i = 0; i < stored.size(); ++i) {
+    AddStored(entries, index, stored[i], sections[i].kind, sections[i].state);
+  }
   return entries;
 }
 

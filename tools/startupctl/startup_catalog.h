@@ -33,7 +33,8 @@ class CStartupCatalog {
                   startup::storage::CStartupItemsStorage& store)
       : sources_(sources), exec_(exec), store_(store) {}
 
-  // Every entry found or stored, each once; stored entries carry the store's state.
+  // Every entry found or stored (at most kMaxLoadedItems stored ones), each once; stored
+  // entries carry the store's state.
   std::vector<Entry> List();
 
   // Entries named `name` (without case), and at `location` when it is not empty.
@@ -50,7 +51,7 @@ class CStartupCatalog {
   void AddStoreTasks(std::vector<Entry>& entries);
   // Entries by kind, name and location (see EntryKey).
   using EntryIndex = std::unordered_map<std::wstring, std::size_t>;
-  void AddStored(std::vector<Entry>& entries, EntryIndex& index, const char* category,
+  void AddStored(std::vector<Entry>& entries, EntryIndex& index, const startup::StartupItemList& stored,
                  startup::StartupSourceKind kind, const wchar_t* state);
 
   startup::CStartupItems& sources_;

@@ -70,6 +70,7 @@ step "the decoys of the service's account"
 summary_decoys
 step "files"
 echo "  log           $STAGED_LOG"
+echo "  launcher log  $STAGED_USER_LOG"
 echo "  boot time     $STAGED_DATA/velora/last_boot_time_information.json"
 echo "  boot impact   $STAGED_DATA/velora/last_boot_time_process_impact.json"
 

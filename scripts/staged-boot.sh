@@ -48,6 +48,7 @@ staged_init() {
   STAGED_BIN=$(cd "$2" && pwd)
   STAGED_PREFIX=$STAGED_OUT/prefix
   STAGED_LOG=$STAGED_OUT/logs/lumera.log
+  STAGED_USER_LOG=$STAGED_OUT/logs/user/lumera.log
   STAGED_DATA=$STAGED_OUT/data
   STAGED_CENTRAL=$STAGED_OUT/central.txt
   STAGED_CENTRAL_JSON=$STAGED_OUT/central.jsonl
@@ -59,10 +60,10 @@ staged_init() {
   STAGED_FLAVOUR=win10
   export STAGED_OUT STAGED_BIN STAGED_PREFIX STAGED_LOG STAGED_DATA STAGED_CENTRAL STAGED_CENTRAL_JSON \
     STAGED_DELAYED_RUN STAGED_DELAYED_SHORTCUT STAGED_DELAYED_RUN_REPORT STAGED_DELAYED_SHORTCUT_REPORT STAGED_GAP_MS \
-    STAGED_FLAVOUR STAGED_WORKLOAD_REPORT STAGED_TIMES STAGED_LOGON_OUT STAGED_BOOT_AGE STAGED_PROGRESS STAGED_USER STAGED_USER_SID
+    STAGED_FLAVOUR STAGED_USER_LOG STAGED_WORKLOAD_REPORT STAGED_TIMES STAGED_LOGON_OUT STAGED_BOOT_AGE STAGED_PROGRESS STAGED_USER STAGED_USER_SID
   export WINEPREFIX=$STAGED_PREFIX WINEDEBUG=-all
   find "$STAGED_OUT" -mindepth 1 -delete 2>/dev/null || true
-  mkdir -p "$STAGED_OUT/logs" "$STAGED_DATA"
+  mkdir -p "$STAGED_OUT/logs/user" "$STAGED_DATA"
 }
 
 # Seconds since the staged machine started, with one decimal (inside the namespace).
@@ -112,6 +113,9 @@ JSON
   wine stageduser.exe create "$STAGED_USER" --sid "$STAGED_USER_SID" >/dev/null
   wine stageduser.exe decoys >/dev/null
   wine reg add "$STAGED_RUN_KEY" /v LumeraWorkload /d "$run" /f >/dev/null 2>&1
+  # What the logon starts in the user's environment (StartLauncher.exe /delayed) logs here.
+  wine reg add "HKU\\$STAGED_USER_SID\\Environment" /v LUMERA_LOG_DIR \
+    /d "$(staged_winpath "$(dirname "$STAGED_USER_LOG")")" /f >/dev/null 2>&1
   startup="$STAGED_PREFIX/drive_c/users/$STAGED_USER/AppData/Roaming/Microsoft/Windows/Start Menu/Programs/Startup"
   cp "$STAGED_BIN/workload.exe" "$startup/workload-light.exe"
   wine reg add "$STAGED_RUN_KEY" /v "$STAGED_DELAYED_RUN" \

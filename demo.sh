@@ -4,10 +4,11 @@
 # until "stageduser", a second identity beside the Wine account the service runs as, logs on at
 # about 10 s and the logon starts its Run-key and Startup-folder programs (among them
 # workload.exe: CPU, then disk, then quiet), and StartLauncher.exe /delayed, which starts the
-# entry the user delayed once the boot is over; the service's account holds decoys the module must
-# leave alone. The module decides when the boot is over, analyses, measures the disk, stores
-# its two files and reports to lumeracentral.exe; the demo then shows the results and restarts
-# the service in the same boot, which reloads them from the files.
+# Run entry and the Startup-folder shortcut the user delayed once the boot is over; the service's
+# account holds decoys the module must leave alone. The module decides when the boot is over,
+# analyses, measures the disk, stores its two files and reports to lumeracentral.exe; the demo
+# then shows the results and restarts the service in the same boot, which reloads them from the
+# files.
 set -euo pipefail
 cd "$(dirname "$0")"
 source scripts/staged-boot.sh
@@ -21,7 +22,7 @@ if [ "${1:-}" != --inside ]; then
   scripts/build.sh
   began=$(date +%s)
   staged_init build/demo build/bin
-  step "a fresh prefix: lumerahost.exe installed as an auto-start service; user $STAGED_USER with workload.exe in its Run key, a light one in its Startup folder; decoys in the service's account"
+  step "a fresh prefix: lumerahost.exe installed as an auto-start service; user $STAGED_USER with workload.exe in its Run key, a light one in its Startup folder, a Run entry and a shortcut it delayed; decoys in the service's account"
   staged_prepare "${WORKLOAD[@]}"
   staged_enter "$0" --inside
   step "done in $(($(date +%s) - began)) s; nothing of the demo is left running"
@@ -46,11 +47,12 @@ for _ in $(seq 40); do [ -s "$STAGED_CENTRAL_JSON" ] && break; sleep 0.25; done
 step "boot time"
 summary_boot_time
 if [ -s "$STAGED_WORKLOAD_REPORT" ]; then
-  echo "  workload.exe     $(sed 's/[{}"]//g' "$STAGED_WORKLOAD_REPORT")"
+  echo "  workload.exe     $(sed 's/[{}"]//g; s/\\\\/\\/g' "$STAGED_WORKLOAD_REPORT")"
 fi
-# StartLauncher.exe /delayed starts the entry delayed before the boot once the module has answered.
-for _ in $(seq 120); do [ -s "$STAGED_DELAYED_REPORT" ] && break; sleep 0.25; done
-summary_delayed
+# StartLauncher.exe /delayed starts the entries delayed before the boot once the module has answered.
+for _ in $(seq 120); do [ -s "$STAGED_DELAYED_RUN_REPORT" ] && [ -s "$STAGED_DELAYED_SHORTCUT_REPORT" ] && break; sleep 0.25; done
+summary_delayed "delayed Run" "$STAGED_DELAYED_RUN_REPORT"
+summary_delayed "delayed shortcut" "$STAGED_DELAYED_SHORTCUT_REPORT"
 for _ in $(seq 20); do [ -s "$STAGED_OUT/monitor-cost.txt" ] && break; sleep 0.1; done
 if [ -s "$STAGED_OUT/monitor-cost.txt" ]; then
   awk '{ printf "  monitor cost     %d ms of host CPU in %.1f s of monitoring (%.2f %% of one core)\n", $1, $2 / 1000, $2 ? 100 * $1 / $2 : 0 }' \
@@ -68,6 +70,7 @@ step "the decoys of the service's account"
 summary_decoys
 step "files"
 echo "  log           $STAGED_LOG"
+echo "  launcher log  $STAGED_USER_LOG"
 echo "  boot time     $STAGED_DATA/velora/last_boot_time_information.json"
 echo "  boot impact   $STAGED_DATA/velora/last_boot_time_process_impact.json"
 

@@ -23,17 +23,18 @@ summary_impacts() {
     printf "%d\t%d\t%d\t%s\n", $3 + $4, $5, $6, name }' | sort -t$'\t' -k1,1nr -k2,2nr
 }
 
-# When the entry delayed before the boot started, against the boot's end (both ms since the start).
+# When an entry delayed before the boot started, against the boot's end (both ms since the
+# start), from the report REPORT its program wrote: summary_delayed LABEL REPORT.
 summary_delayed() {
   local file=$STAGED_DATA/velora/last_boot_time_information.json boot start pid
   boot=$(grep -o '"bootTime" *: *"[0-9-]*"' "$file" 2>/dev/null | grep -o '[0-9-]*"$' | tr -d '"')
-  start=$(grep -o '"busyStartTick" *: *[0-9]*' "$STAGED_DELAYED_REPORT" 2>/dev/null | grep -o '[0-9]*$')
-  pid=$(grep -o '"pid" *: *[0-9]*' "$STAGED_DELAYED_REPORT" 2>/dev/null | grep -o '[0-9]*$')
+  start=$(grep -o '"busyStartTick" *: *[0-9]*' "$2" 2>/dev/null | grep -o '[0-9]*$')
+  pid=$(grep -o '"pid" *: *[0-9]*' "$2" 2>/dev/null | grep -o '[0-9]*$')
   if [ -z "$start" ] || [ -z "$boot" ]; then
-    echo "  the delayed entry has not started (no $STAGED_DELAYED_REPORT)"
+    printf '  %-16s has not started (no %s)\n' "$1" "$2"
     return
   fi
-  printf '  delayed entry    started at %d.%03d s (pid %s), %d ms after the boot end at %d.%03d s\n' \
+  printf '  %-16s started at %d.%03d s (pid %s), %d ms after the boot end at %d.%03d s\n' "$1" \
     $((start / 1000)) $((start % 1000)) "$pid" $((start - boot)) $((boot / 1000)) $((boot % 1000))
 }
 

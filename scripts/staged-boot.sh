@@ -11,11 +11,14 @@
 # Startup-folder programs, as Windows' shell does at a logon.
 #
 #   staged_init OUT BIN            folders and names; OUT is wiped
-#   staged_prepare [WORKLOAD ARG...] fresh prefix, host installed as an auto-start service, the
-#                                  staged user with the workload in its Run key and a light one
-#                                  in its Startup folder, a short one delayed through startupctl
-#                                  (StartLauncher.exe /delayed starts it after the boot), the
-#                                  decoys in the Wine account's
+#   staged_prepare [--flavour win7|win10] [WORKLOAD ARG...]
+#                                  fresh prefix reporting that Windows (default win10), host
+#                                  installed as an auto-start service, the staged user with the
+#                                  workload in its Run key and a light one in its Startup folder,
+#                                  a short one in its Run key and another behind a shortcut in its
+#                                  Startup folder, both delayed through startupctl
+#                                  (StartLauncher.exe /delayed starts them after the boot,
+#                                  STAGED_GAP_MS apart), the decoys in the Wine account's
 #   staged_enter CMD [ARG...]      runs CMD in the time namespace (the rest of the session)
 #   staged_start                   inside: wineserver, central stand-in, waits for the host
 #   staged_logon_at SECONDS        inside: the staged logon once the machine is that old
@@ -33,6 +36,9 @@ STAGED_USER=stageduser
 STAGED_USER_SID=S-1-5-21-0-0-0-1001
 STAGED_RUN_KEY="HKU\\$STAGED_USER_SID\\Software\\Microsoft\\Windows\\CurrentVersion\\Run"
 STAGED_SERVICE=LumeraHost
+STAGED_GAP_MS=2000
+STAGED_DELAYED_RUN=LumeraDelayed
+STAGED_DELAYED_SHORTCUT=LumeraDelayedShortcut.lnk
 
 # Windows sees the Linux file system as drive Z:.
 staged_winpath() { printf 'Z:%s' "$1" | sed 's|/|\\|g'; }
@@ -42,18 +48,22 @@ staged_init() {
   STAGED_BIN=$(cd "$2" && pwd)
   STAGED_PREFIX=$STAGED_OUT/prefix
   STAGED_LOG=$STAGED_OUT/logs/lumera.log
+  STAGED_USER_LOG=$STAGED_OUT/logs/user/lumera.log
   STAGED_DATA=$STAGED_OUT/data
   STAGED_CENTRAL=$STAGED_OUT/central.txt
   STAGED_CENTRAL_JSON=$STAGED_OUT/central.jsonl
   STAGED_WORKLOAD_REPORT=$STAGED_OUT/workload.json
   STAGED_TIMES=$STAGED_OUT/times.txt
   STAGED_LOGON_OUT=$STAGED_OUT/stagedlogon.txt
-  STAGED_DELAYED_REPORT=$STAGED_OUT/delayed.json
-  export STAGED_DELAYED_REPORT STAGED_OUT STAGED_BIN STAGED_PREFIX STAGED_LOG STAGED_DATA STAGED_CENTRAL STAGED_CENTRAL_JSON \
-    STAGED_WORKLOAD_REPORT STAGED_TIMES STAGED_LOGON_OUT STAGED_BOOT_AGE STAGED_PROGRESS STAGED_USER STAGED_USER_SID
+  STAGED_DELAYED_RUN_REPORT=$STAGED_OUT/delayed-run.json
+  STAGED_DELAYED_SHORTCUT_REPORT=$STAGED_OUT/delayed-shortcut.json
+  STAGED_FLAVOUR=win10
+  export STAGED_OUT STAGED_BIN STAGED_PREFIX STAGED_LOG STAGED_DATA STAGED_CENTRAL STAGED_CENTRAL_JSON \
+    STAGED_DELAYED_RUN STAGED_DELAYED_SHORTCUT STAGED_DELAYED_RUN_REPORT STAGED_DELAYED_SHORTCUT_REPORT STAGED_GAP_MS \
+    STAGED_FLAVOUR STAGED_USER_LOG STAGED_WORKLOAD_REPORT STAGED_TIMES STAGED_LOGON_OUT STAGED_BOOT_AGE STAGED_PROGRESS STAGED_USER STAGED_USER_SID
   export WINEPREFIX=$STAGED_PREFIX WINEDEBUG=-all
   find "$STAGED_OUT" -mindepth 1 -delete 2>/dev/null || true
-  mkdir -p "$STAGED_OUT/logs" "$STAGED_DATA"
+  mkdir -p "$STAGED_OUT/logs/user" "$STAGED_DATA"
 }
 
 # Seconds since the staged machine started, with one decimal (inside the namespace).
@@ -61,6 +71,13 @@ staged_uptime() { cut -d' ' -f1 /proc/uptime; }
 
 staged_prepare() {
   local root=$STAGED_BIN/../wine repo
+  if [ "${1:-}" = --flavour ]; then
+    case "${2:-}" in
+      win7|win10) STAGED_FLAVOUR=$2 ;;
+      *) echo "staged_prepare: --flavour takes win7 or win10, not \"${2:-}\"" >&2; return 2 ;;
+    esac
+    shift 2
+  fi
   # Most steps below are quiet; a failing one names itself before set -e ends the script.
   set -E
   trap 'echo "staged boot: preparing the prefix failed with status $? at: $BASH_COMMAND" >&2' ERR
@@ -78,29 +95,39 @@ staged_prepare() {
   "log": {"folder": "$(staged_winpath "$STAGED_OUT/logs" | sed 's|\\|\\\\|g')", "level": 32, "console": false}
 }
 JSON
-  local startup workload run
+  local startup workload run short
   workload=$(staged_winpath "$STAGED_BIN/workload.exe")
   run="\"$workload\" $* --folder $(staged_winpath "$STAGED_OUT") --report $(staged_winpath "$STAGED_WORKLOAD_REPORT")"
+  short="--busy-ms 200 --quiet-ms 0 --report"
 
   wineserver -p1 </dev/null >/dev/null 2>&1
   wine "$STAGED_BIN/lumerahost.exe" install --config "$(staged_winpath "$STAGED_OUT/lumerahost.json")" >/dev/null
   # The launcher install registered, with waits that fit a staged boot.
   wine reg add 'HKLM\Software\Microsoft\Windows\CurrentVersion\Run' /v LumeraDelayedStart \
-    /d "\"$(staged_winpath "$STAGED_BIN/StartLauncher.exe")\" /delayed --wait-ms 150000 --gap-ms 1000" /f >/dev/null 2>&1
+    /d "\"$(staged_winpath "$STAGED_BIN/StartLauncher.exe")\" /delayed --wait-ms 150000 --gap-ms $STAGED_GAP_MS" /f >/dev/null 2>&1
   # Installed on demand; the boot is to start it like any auto-start service.
   wine reg add "HKLM\\System\\CurrentControlSet\\Services\\$STAGED_SERVICE" /v Start /t REG_DWORD /d 2 /f >/dev/null 2>&1
   wine reg add "$STAGED_DEV_KEY" /v ConsoleSession /t REG_DWORD /d 0 /f >/dev/null 2>&1
-  wine reg add 'HKCU\Software\Wine' /v Version /d win10 /f >/dev/null 2>&1
+  wine reg add 'HKCU\Software\Wine' /v Version /d "$STAGED_FLAVOUR" /f >/dev/null 2>&1
   "$repo/winestandins/install.sh" "$STAGED_PREFIX" "$STAGED_BIN/winestandins" >/dev/null
   wine stageduser.exe create "$STAGED_USER" --sid "$STAGED_USER_SID" >/dev/null
   wine stageduser.exe decoys >/dev/null
   wine reg add "$STAGED_RUN_KEY" /v LumeraWorkload /d "$run" /f >/dev/null 2>&1
+  # What the logon starts in the user's environment (StartLauncher.exe /delayed) logs here.
+  wine reg add "HKU\\$STAGED_USER_SID\\Environment" /v LUMERA_LOG_DIR \
+    /d "$(staged_winpath "$(dirname "$STAGED_USER_LOG")")" /f >/dev/null 2>&1
   startup="$STAGED_PREFIX/drive_c/users/$STAGED_USER/AppData/Roaming/Microsoft/Windows/Start Menu/Programs/Startup"
   cp "$STAGED_BIN/workload.exe" "$startup/workload-light.exe"
-  # Delayed as a person would, with the user at the console for a moment.
-  wine reg add "$STAGED_RUN_KEY" /v LumeraDelayed /d "\"$workload\" --busy-ms 200 --quiet-ms 0 --report $(staged_winpath "$STAGED_DELAYED_REPORT")" /f >/dev/null 2>&1
+  wine reg add "$STAGED_RUN_KEY" /v "$STAGED_DELAYED_RUN" \
+    /d "\"$workload\" $short $(staged_winpath "$STAGED_DELAYED_RUN_REPORT")" /f >/dev/null 2>&1
+  staged_shortcut "C:\\users\\$STAGED_USER\\AppData\\Roaming\\Microsoft\\Windows\\Start Menu\\Programs\\Startup\\$STAGED_DELAYED_SHORTCUT" \
+    "$workload" "$short $(staged_winpath "$STAGED_DELAYED_SHORTCUT_REPORT")"
+  test -f "$startup/$STAGED_DELAYED_SHORTCUT"
+  # Delayed as a person would, with the user at the console for a moment; the Run entry first,
+  # so it is the older delay and starts first.
   wine reg add "$STAGED_DEV_KEY" /v ConsoleSession /t REG_DWORD /d 1 /f >/dev/null 2>&1
-  wine "$STAGED_BIN/startupctl.exe" delay LumeraDelayed </dev/null >/dev/null
+  wine "$STAGED_BIN/startupctl.exe" delay "$STAGED_DELAYED_RUN" </dev/null >/dev/null
+  wine "$STAGED_BIN/startupctl.exe" delay "$STAGED_DELAYED_SHORTCUT" </dev/null >/dev/null
   wine reg add "$STAGED_DEV_KEY" /v ConsoleSession /t REG_DWORD /d 0 /f >/dev/null 2>&1
   # Keys under HKEY_USERS\<SID> end with this wineserver: the hive goes into the profile, and the
   # staged logon loads it back, as Windows loads NTUSER.DAT.
@@ -108,6 +135,18 @@ JSON
   wineserver -w
   trap - ERR
   set +E
+}
+
+# Saves a shortcut FILE to TARGET with ARGUMENTS through the Windows Script Host, as a
+# person's script would make one.
+staged_shortcut() {
+  cat > "$STAGED_OUT/shortcut.js" <<'JS'
+var shortcut = WScript.CreateObject("WScript.Shell").CreateShortcut(WScript.Arguments(0));
+shortcut.TargetPath = WScript.Arguments(1);
+shortcut.Arguments = WScript.Arguments(2);
+shortcut.Save();
+JS
+  wine cscript //nologo "$(staged_winpath "$STAGED_OUT/shortcut.js")" "$1" "$2" "$3" </dev/null >/dev/null 2>&1
 }
 
 # The namespace's clocks start STAGED_BOOT_AGE seconds after the staged machine's start.

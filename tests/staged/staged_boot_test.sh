@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# The module measures a whole boot staged under Wine (see scripts/staged-boot.sh) with
-# workload.exe in the staged user's Run key; staged_boot_check.exe then judges the stored results.
-#   staged_boot_test.sh BIN CHECK_EXE OUT
+# The module measures a whole boot staged under Wine (see scripts/staged-boot.sh) reporting the
+# given Windows flavour, with workload.exe in the staged user's Run key and two short entries the
+# user delayed; staged_boot_check.exe then judges the stored results and the delayed starts.
+#   staged_boot_test.sh BIN CHECK_EXE OUT win7|win10
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 source "$here/../../scripts/staged-boot.sh"
@@ -25,15 +26,19 @@ if [ "${1:-}" = --inside ]; then
     grep -q 'workload.exe' "$STAGED_CENTRAL_JSON" 2>/dev/null && grep -q '"apps"' "$STAGED_CENTRAL_JSON" && break
     sleep 0.25
   done
-  # StartLauncher.exe /delayed starts the delayed workload once the module has answered.
-  for _ in $(seq 120); do [ -s "$STAGED_DELAYED_REPORT" ] && break; sleep 0.25; done
+  # StartLauncher.exe /delayed starts the delayed entries once the module has answered; a
+  # missing report is the check's to name.
+  for _ in $(seq 120); do
+    [ -s "$STAGED_DELAYED_RUN_REPORT" ] && [ -s "$STAGED_DELAYED_SHORTCUT_REPORT" ] && break
+    sleep 0.25
+  done
   STAGED_OUT=$(staged_winpath "$STAGED_OUT") WINEDEBUG=-all wine "$check" --gtest_brief=1
   exit $?
 fi
 
 STAGED_PROGRESS=0
 staged_init "$3" "$1"
-staged_prepare --busy-ms 3000 --write-mb 8 --quiet-ms 3000
+staged_prepare --flavour "$4" --busy-ms 3000 --write-mb 8 --quiet-ms 3000
 # The prefix is a 700 MB copy; the log and the results stay.
 trap 'rm -rf "$STAGED_PREFIX"' EXIT
 staged_enter "$0" --inside "$2"

@@ -38,8 +38,8 @@ constexpr char kHelp[] =
     "  --write-mb N   megabytes to write, 0-256 (default 2)\n"
     "  --quiet-ms N   time to stay alive afterwards, 0-600000 (default 3000)\n"
     "  --folder DIR   where the data file goes (default: the temporary folder)\n"
-    "  --report FILE  write pid, busy start and end (tick count, ms), CPU ms burned and bytes\n"
-    "                 written as one JSON object\n"
+    "  --report FILE  write pid, busy start and end (tick count, ms), CPU ms burned, bytes\n"
+    "                 written and the user profile it ran in as one JSON object\n"
     "  --help         this text\n"
     "\n"
     "Exit codes: 0 done, 1 the file could not be written, 2 bad command line.\n";
@@ -131,20 +131,35 @@ bool WriteData(const std::wstring& folder, unsigned long megabytes, std::uint64_
   return ::FlushFileBuffers(file.get()) != FALSE;
 }
 
+// `text` as a JSON string; a path holds no control characters, so quotes and backslashes are all to escape.
+std::string JsonString(const std::wstring& text) {
+  std::string out = "\"";
+  for (const char c : ky::WideToUtf8(text)) {
+    if (c == '\\' || c == '"') out += '\\';
+    out += c;
+  }
+  return out + "\"";
+}
+
 bool WriteReport(const std::wstring& path, const Outcome& outcome) {
-  char text[256];
+  char numbers[192];
   const int length = std::snprintf(
-      text, sizeof text, "{\"pid\": %lu, \"busyStartTick\": %lu, \"busyEndTick\": %lu, \"cpuMs\": %llu, \"writtenBytes\": %llu}\n",
+      numbers, sizeof numbers, "{\"pid\": %lu, \"busyStartTick\": %lu, \"busyEndTick\": %lu, \"cpuMs\": %llu, \"writtenBytes\": %llu",
       static_cast<unsigned long>(::GetCurrentProcessId()), static_cast<unsigned long>(outcome.busyStart),
       static_cast<unsigned long>(outcome.busyEnd), static_cast<unsigned long long>(outcome.cpuMs),
       static_cast<unsigned long long>(outcome.written));
-  if (length <= 0 || length >= static_cast<int>(sizeof text)) return false;
+  if (length <= 0 || length >= static_cast<int>(sizeof numbers)) return false;
+  wchar_t profile[MAX_PATH] = {};
+  const DWORD profileChars = ::GetEnvironmentVariableW(L"USERPROFILE", profile, MAX_PATH);
+  // Whose environment it was started in tells a delayed start as the user from one as the service.
+  const std::string text = std::string(numbers, static_cast<std::size_t>(length)) + ", \"userProfile\": " +
+                           JsonString(profileChars < MAX_PATH ? profile : L"") + "}\n";
   // Written beside itself and renamed so a reader never sees half a report.
   const std::wstring partial = path + L".partial";
   {
     ky::unique_file file(::CreateFileW(partial.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     DWORD done = 0;
-    if (!file || !::WriteFile(file.get(), text, static_cast<DWORD>(length), &done, nullptr)) return false;
+    if (!file || !::WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &done, nullptr)) return false;
   }
   return ::MoveFileExW(partial.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING) != FALSE;
 }

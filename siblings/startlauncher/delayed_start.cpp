@@ -275,12 +275,13 @@ int RunDelayed(const DelayedOptions& options) {
       continue;
     }
     ++started;
-    lastStart = ::GetTickCount64();
     if (pid != 0) {
       KY_LOG(logging::kLevelInfo, L"started %s pid %u", item.name.c_str(), static_cast<unsigned>(pid));
     } else {
       KY_LOG(logging::kLevelInfo, L"started %s, the shell gave no process id", item.name.c_str());
     }
+    // The gap counts from the logged start, so that two "started" lines are never closer than it.
+    lastStart = ::GetTickCount64();
     (void)marker.Add(key);
   }
   KY_LOG(logging::kLevelInfo, L"done: %u started", static_cast<unsigned>(started));

@@ -90,8 +90,11 @@ summary_startup_apps() {
     NF >= 8 {
       t = tolower(target($6))
       impact = (t in seen) ? sprintf("%s (%d ms, %.1f MB)", rating(cpu[t], io[t]), cpu[t], io[t] / 1048576) : "not measured"
-      printf "  %-20s %-10s %-9s %-24s  %s\n", $1, $8, $4, impact, target($6)
-    }'
+      # The long state text would break the columns; a note under the table says it instead.
+      state = $4; if (state ~ /^delayed /) { state = "delayed*"; delayed = 1 }
+      printf "  %-20s %-10s %-9s %-24s  %s\n", $1, $8, state, impact, target($6)
+    }
+    END { if (delayed) printf "  * delayed: starts after the boot (StartLauncher.exe /delayed)\n" }'
 }
 
 summary_central() {

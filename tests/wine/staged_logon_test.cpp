@@ -12,6 +12,7 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -128,22 +129,13 @@ using LogonOutput = std::map<std::string, std::vector<std::string>>;
 
 LogonOutput Parse(const std::string& output) {
   LogonOutput lines;
-  std::size_t start = 0;
-  while (start < output.size()) {
-    std::size_t end = output.find('\n', start);
-    if (end == std::string::npos) end = output.size();
-    std::string line = output.substr(start, end - start);
+  std::istringstream text(output);
+  for (std::string line; std::getline(text, line);) {
     if (!line.empty() && line.back() == '\r') line.pop_back();
-    std::vector<std::string> fields(1);
-    for (const char c : line) {
-      if (c == '\t') {
-        fields.emplace_back();
-      } else {
-        fields.back().push_back(c);
-      }
-    }
+    std::vector<std::string> fields;
+    std::istringstream split(line);
+    for (std::string field; std::getline(split, field, '\t');) fields.push_back(field);
     if (fields.size() >= 3) lines[fields[1]] = {fields[0], fields[2]};
-    start = end + 1;
   }
   return lines;
 }

@@ -105,8 +105,8 @@ TEST_F(Logcore, WritesIndentedFormattedLinesIntoTheConfiguredFolder) {
   const void* base = library_.module();
   write(logcore::kDepthEnter, &trace, base, L"ns::C::Run", L"-> %s", L"ns::C::Run");
   // Microsoft semantics, which the module's log formats are written for: %s is wide, %S narrow.
-  write(0, &info, base, L"ns::C::Run", L"%s=%S n=%d caf\u00e9, %hs|%ls, %d%%, 0x%x", L"wide", "narrow", 5, "h", L"l", 42,
-        255);
+  write(0, &info, base, L"ns::C::Run", L"%s=%S n=%d caf\u00e9, %hs|%ls, %d%%, 0x%x", L"wide", "narrow", 5, "h", L"l",
+        42, 255);
   write(logcore::kDepthLeave, &trace, base, L"ns::C::Run", L"<- %s [%d]", L"ns::C::Run", 3);
   write(logcore::kDepthLeave, &info, base, L"ns::C::Run", L"unbalanced");
   write(0, &info, base, nullptr, L"no name");

@@ -262,23 +262,19 @@ int Run(int argc, char** argv, const Target& target) {
     g_state.index = done;
     const bool atEnd = (done & 1) == 0;
     const std::uint8_t* placed = buffer.Place(input, atEnd);
+    g_state.input = placed;
+    g_state.inputSize = input.size();
     if ((options.selfCheck == 1 && atEnd) || (options.selfCheck == 2 && !atEnd)) {
-      g_state.input = placed;
-      g_state.inputSize = input.size();
       const volatile std::uint8_t* outside = atEnd ? placed + input.size() : placed - 1;
       std::printf("fuzz %s: self-check read %d\n", target.name, *outside);
       return 3;
     }
+    g_state.startTick = ::GetTickCount64();
+    g_state.busy = true;
     if (options.selfCheck == 3) {
-      g_state.startTick = ::GetTickCount64();
-      g_state.busy = true;
       ::WaitForSingleObject(stop.get(), static_cast<DWORD>(kHangMs * 5));
       return 3;
     }
-    g_state.input = placed;
-    g_state.inputSize = input.size();
-    g_state.startTick = ::GetTickCount64();
-    g_state.busy = true;
     Outcome outcome = 0;
     try {
       outcome = target.read(placed, input.size());

@@ -90,15 +90,6 @@ TEST_F(Logging, TracesOnConcurrentThreadsCarryNameLevelAndDepthChangesAndNestPer
   EXPECT_EQ(log_.outstandingInits(), 0) << "the shared logger must be released after the last user";
 }
 
-// Bounding the text is the library's part, checked by the logcore tests.
-TEST_F(Logging, WideAndNarrowArgumentsAreFormattedWithMicrosoftSemantics) {
-  KY_TRACE(L"logtest::Format");
-  KY_LOG(logging::kLevelDebug, L"%s and %S, %hs|%ls, %d%%, 0x%x", L"wide", "narrow", "h", L"l", 42, 255);
-  const auto entries = log_.entriesFor(L"logtest::Format");
-  ASSERT_EQ(entries.size(), 2u);
-  EXPECT_EQ(entries[1].text, L"wide and narrow, h|l, 42%, 0xff");
-}
-
 TEST_F(Logging, StreamWritesOneMessageWithoutInterpretingIt) {
   KY_TRACE(L"logtest::Stream");
   log_.clear();

@@ -10,6 +10,7 @@
 #include "common/module_library.h"
 #include "common/unique_handle.h"
 #include "support/captured_log.h"
+#include "support/scoped_environment.h"
 #include "support/scratch_folder.h"
 
 namespace {
@@ -108,33 +109,23 @@ std::wstring FileOf(HMODULE module) {
 TEST(ModuleLibrary, ALibraryComesByFullPathOrFromSystem32AndNeverFromTheCurrentFolderOrPath) {
   // Copies of a library of ours under a product name and under a Windows name, in the current
   // folder and in a folder first on PATH.
-  testsupport::ScratchFolder current;
-  testsupport::ScratchFolder onPath;
-  for (const auto* folder : {&current, &onPath}) {
-    for (const wchar_t* name : {L"lumeraplanted.dll", L"xmllite.dll"}) {
-      std::filesystem::copy_file(testsupport::ExeFolder() + L"logcore.dll", folder->file(name));
-    }
+  const testsupport::PlantedSearchFolders planted;
+  for (const wchar_t* name : {L"lumeraplanted.dll", L"xmllite.dll"}) {
+    planted.Plant(testsupport::ExeFolder() + L"logcore.dll", name);
   }
-  wchar_t saved[MAX_PATH] = {};
-  ::GetCurrentDirectoryW(MAX_PATH, saved);
-  std::wstring path(32768, L'\0');
-  path.resize(::GetEnvironmentVariableW(L"PATH", path.data(), static_cast<DWORD>(path.size())));
-  ASSERT_TRUE(::SetCurrentDirectoryW(current.path().c_str()));
-  ::SetEnvironmentVariableW(L"PATH", (onPath.path() + L";" + path).c_str());
+  const std::wstring current = planted.Current().file(L"lumeraplanted.dll");
 
-  ky::ModuleLibrary planted;
-  const std::uint32_t plantedResult = planted.Load(L"lumeraplanted.dll");
+  ky::ModuleLibrary byName;
+  const std::uint32_t plantedResult = byName.Load(L"lumeraplanted.dll");
   ky::ModuleLibrary system;
   const std::uint32_t systemResult = system.Load(L"xmllite.dll");
   ky::ModuleLibrary relative;
   const std::uint32_t relativeResult = relative.Load(L".\\lumeraplanted.dll");
   ky::ModuleLibrary full;
-  const std::uint32_t fullResult = full.Load(current.file(L"lumeraplanted.dll"));
-  ::SetCurrentDirectoryW(saved);
-  ::SetEnvironmentVariableW(L"PATH", path.c_str());
+  const std::uint32_t fullResult = full.Load(current);
 
   EXPECT_EQ(plantedResult, static_cast<std::uint32_t>(ERROR_MOD_NOT_FOUND)) << "a bare product name is looked for in System32 only";
-  EXPECT_FALSE(planted.Loaded());
+  EXPECT_FALSE(byName.Loaded());
   ASSERT_EQ(systemResult, 0u) << "Windows' own xmllite.dll";
   wchar_t systemFolder[MAX_PATH] = {};
   ::GetSystemDirectoryW(systemFolder, MAX_PATH);
@@ -142,18 +133,10 @@ TEST(ModuleLibrary, ALibraryComesByFullPathOrFromSystem32AndNeverFromTheCurrentF
       << "loaded from " << std::filesystem::path(FileOf(system.get())).string();
   EXPECT_EQ(relativeResult, static_cast<std::uint32_t>(ERROR_INVALID_PARAMETER)) << "a relative path is refused";
   ASSERT_EQ(fullResult, 0u);
-  EXPECT_EQ(_wcsicmp(FileOf(full.get()).c_str(), current.file(L"lumeraplanted.dll").c_str()), 0);
+  EXPECT_EQ(_wcsicmp(FileOf(full.get()).c_str(), current.c_str()), 0);
 
   EXPECT_EQ(ky::SiblingPath(L"kyusers.dll"), ky::ThisModuleFolder() + L"kyusers.dll");
-  EXPECT_EQ(ky::SiblingPath(current.file(L"x.dll")), current.file(L"x.dll")) << "a chosen full path stands";
-}
-
-TEST(ModuleLibrary, TheFolderOfThisModuleIsTheProgramsOwn) {
-  const std::wstring folder = ky::ThisModuleFolder();
-  ASSERT_FALSE(folder.empty());
-  EXPECT_EQ(folder.back(), L'\\');
-  EXPECT_EQ(folder, ky::ModuleFolder(nullptr)) << "this code is linked into the test program";
-  EXPECT_TRUE(ky::IsAbsolutePath(folder));
+  EXPECT_EQ(ky::SiblingPath(current), current) << "a chosen full path stands";
   EXPECT_EQ(ky::ModuleFolder(reinterpret_cast<HMODULE>(0x10)), L"") << "an unknown module has no folder";
 }
 

@@ -104,7 +104,9 @@ TEST_F(Logcore, WritesIndentedFormattedLinesIntoTheConfiguredFolder) {
   std::uint32_t trace = 32, info = 16;
   const void* base = library_.module();
   write(logcore::kDepthEnter, &trace, base, L"ns::C::Run", L"-> %s", L"ns::C::Run");
-  write(0, &info, base, L"ns::C::Run", L"%s=%S n=%d caf\u00e9", L"wide", "narrow", 5);
+  // Microsoft semantics, which the module's log formats are written for: %s is wide, %S narrow.
+  write(0, &info, base, L"ns::C::Run", L"%s=%S n=%d caf\u00e9, %hs|%ls, %d%%, 0x%x", L"wide", "narrow", 5, "h", L"l",
+        42, 255);
   write(logcore::kDepthLeave, &trace, base, L"ns::C::Run", L"<- %s [%d]", L"ns::C::Run", 3);
   write(logcore::kDepthLeave, &info, base, L"ns::C::Run", L"unbalanced");
   write(0, &info, base, nullptr, L"no name");
@@ -114,7 +116,7 @@ TEST_F(Logcore, WritesIndentedFormattedLinesIntoTheConfiguredFolder) {
 
   const auto lines = ReadLog(custom + L"\\");
   ASSERT_EQ(lines.size(), 5u);
-  EXPECT_EQ(lines[1].text, "wide=narrow n=5 caf\xc3\xa9");
+  EXPECT_EQ(lines[1].text, "wide=narrow n=5 caf\xc3\xa9, h|l, 42%, 0xff");
   EXPECT_EQ(lines[2].text, "<- ns::C::Run [3]");
   EXPECT_EQ(lines[4].function, "");
   const std::size_t indents[] = {0, 1, 0, 0, 0};  // an unbalanced leave stays at 0

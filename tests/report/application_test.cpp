@@ -89,19 +89,11 @@ TEST(Application, AChangedFileIsReadAgainWhileAnUnchangedOneIsRemembered) {
   EXPECT_NE(changed.qid, first.qid);
 }
 
-TEST(Application, ItemsWithoutTargetOrVersionResourceAreNotReportedButAMissingCompanyIs) {
+TEST(Application, AnItemWhoseCommandNamesNoProgramIsNotReported) {
   testsupport::CapturedLog log;
   Application app;
-  EXPECT_FALSE(app.Init(*MakeItem(L"Plain", L"HKEY_CURRENT_USER\\X\\Run", Fixture(L"plain")), kSourceRunKey, 0));
-  EXPECT_EQ(log.count(L"FAILED get file info for " + Fixture(L"plain")), 1u);
-
   EXPECT_FALSE(app.Init(*MakeItem(L"Text", L"HKEY_CURRENT_USER\\X\\Run", L"notepad"), kSourceRunKey, 0));
   EXPECT_EQ(log.count(L"FAILED parse cmdline [notepad]"), 1u);
-
-  Application nameless;
-  ASSERT_TRUE(nameless.Init(*MakeItem(L"N", L"HKEY_CURRENT_USER\\X\\Run", Fixture(L"nocompany")), kSourceRunKey, 0));
-  EXPECT_EQ(nameless.company, L"");
-  EXPECT_EQ(nameless.description, L"Nameless Updater");
 }
 
 TEST(Application, UpperCaseShortcutTakesItsTargetAndMovedProgramsTheirFolderBelowWindows8) {
@@ -119,21 +111,6 @@ TEST(Application, UpperCaseShortcutTakesItsTargetAndMovedProgramsTheirFolderBelo
     EXPECT_EQ(app.company, L"Deutsche Tabelle") << "below Windows 8 the file sits at location + name";
     EXPECT_EQ(app.path, folder.file(L"Moved.exe"));
   }
-}
-
-TEST(Application, WithoutTheIdentityLibraryEveryAppIsBuiltWithAnEmptyQid) {
-  testsupport::CapturedLog log;
-  startup::CFileQID missing(L"NoSuchFastDB.dll");
-  EXPECT_FALSE(missing.Init());
-  Application first(&missing);
-  Application second(&missing);
-  ASSERT_TRUE(first.Init(*MakeItem(L"A", L"HKEY_CURRENT_USER\\X\\Run", Fixture(L"full")), kSourceRunKey, 0));
-  ASSERT_TRUE(second.Init(*MakeItem(L"B", L"HKEY_CURRENT_USER\\X\\Run", Fixture(L"german")), kSourceRunKey, 0));
-  EXPECT_TRUE(first.qid.empty());
-  EXPECT_TRUE(second.qid.empty());
-  EXPECT_EQ(log.count(L"Failed LoadLibrary KYFastDB.dll 0x7e"), 1u);
-  EXPECT_EQ(log.count(L"Failed get QID for " + Fixture(L"full")), 1u);
-  EXPECT_EQ(log.count(L"Failed get QID for " + Fixture(L"german")), 1u);
 }
 
 TEST(Application, WindowsOwnStartupStateIsConsultedFromWindows8OnOnly) {

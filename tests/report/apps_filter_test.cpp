@@ -1,16 +1,12 @@
-// AppAgentDP.dll's store and transactions, and the apps filter built from it; hostconfig.dll's
-// agent path.
+// AppAgentDP.dll's store and transactions, and the apps filter built from it.
 #include <gtest/gtest.h>
 
 #include <windows.h>
 
 #include "agent_fixture.h"
-#include "common/module_library.h"
-#include "lumera/interface_ids.h"
 #include "startup/app_agent_dp_dll.h"
 #include "startup/apps_filter.h"
 #include "support/captured_log.h"
-#include "support/programs.h"
 #include "support/test_thread.h"
 
 namespace {
@@ -90,36 +86,18 @@ TEST(AppsFilter, InstallationFoldersOfTheAgentsAppsFilterByPrefixInAnyAsciiCase)
   EXPECT_FALSE(filter.Matches(L"E:\\anything.exe")) << "Init starts from an empty set";
 }
 
-TEST(AppsFilter, WithoutLibraryExportOrProductInfoTheSetStaysEmpty) {
+TEST(AppsFilter, WithoutTheAgentsExportOrProductInfoTheSetStaysEmpty) {
   testsupport::CapturedLog log;
-  CAppsFilter missing([] { return static_cast<IProductInfo*>(nullptr); }, L"NoSuchAgentDP.dll");
-  missing.AddPaths(L"[\"C:\\\\Old\"]");
-  missing.Init();
-  EXPECT_TRUE(missing.Paths().empty());
-  EXPECT_EQ(log.count(L"failed load AppAgentDP.dll err=126"), 1u);
-  EXPECT_EQ(log.count(L"AppAgentDPDll init failed"), 1u);
-
   // kyusers.dll stands in for a library that lacks the agent's exports.
   CAppsFilter wrong([] { return static_cast<IProductInfo*>(nullptr); }, L"kyusers.dll");
+  wrong.AddPaths(L"[\"C:\\\\Old\"]");
   wrong.Init();
+  EXPECT_TRUE(wrong.Paths().empty());
   EXPECT_EQ(log.count(L"failed GetProcAddress AppAgentDP_Init err=127"), 1u);
 
   CAppsFilter noInfo([] { return static_cast<IProductInfo*>(nullptr); });
   noInfo.Init();
   EXPECT_EQ(log.count(L"AppAgentDPDll init agent path failed, path=<error-interface-not-inited> failed err=161"), 1u);
-}
-
-TEST(AppsFilter, HostConfigNamesTheAgentFolderUnderProgramData) {
-  ky::KyFactoryLibrary library;
-  ASSERT_EQ(library.Load((testsupport::BinFolder() / L"hostconfig.dll").wstring()), 0u);
-  void* object = nullptr;
-  ASSERT_EQ(library.Create(L"productinfo", lumera::ids::HostConfigProductInfo, &object), 0u);
-  auto* info = static_cast<IProductInfo*>(object);
-  ASSERT_EQ(info->Init(nullptr), 0u);
-  const wchar_t* path = info->GetItem(lumera::kItemAgentPath, L"Desktop");
-  ASSERT_NE(path, nullptr);
-  EXPECT_NE(std::wstring(path).find(L"\\Nexalon\\Lumera\\Agent"), std::wstring::npos) << testing::PrintToString(path);
-  library.Destroy(L"productinfo", object);
 }
 
 }  // namespace

@@ -92,27 +92,20 @@ TEST(StartupReportEndToEnd, StartupctlReportReachesTheCentralComponentWithEveryE
   EXPECT_NE(sent.output.find(kept.substr(0, kept.size() - 1)), std::string::npos)
       << "startupctl prints exactly what the central component received";
 
+  // What the report holds is checked in PluginStartupManager's tests; here, that startupctl's
+  // changes, the default agent folder and the boot time given on its command line reach it.
   picojson::value report;
   ASSERT_TRUE(picojson::parse(report, kept).empty()) << kept;
-  std::map<std::string, picojson::value> byName;
-  double enabledTotal = 0, optimizedTotal = 0;
+  std::map<std::string, std::string> statusOf;
   for (const auto& app : report.get("apps").get<picojson::array>()) {
-    byName[app.get("name").to_str()] = app;
-    (app.get("status").to_str() == "enabled" ? enabledTotal : optimizedTotal) += app.get("time").get<double>();
+    statusOf[app.get("name").to_str()] = app.get("status").to_str();
   }
-  ASSERT_TRUE(byName.count("Fixture Tray Helper")) << kept;
-  EXPECT_EQ(byName["Fixture Tray Helper"].get("owner").to_str(), "Fixture Works Ltd");
-  EXPECT_EQ(byName["Fixture Tray Helper"].get("status").to_str(), "enabled");
-  EXPECT_EQ(byName["Fixture Tray Helper"].get("qid").to_str(), Narrow(testing_report::Sha256sumOf(L"full")));
-  EXPECT_EQ(byName["Deutsche Beschreibung"].get("status").to_str(), "disabled") << kept;
-  EXPECT_EQ(byName["Deutsche Beschreibung"].get("owner").to_str(), "Deutsche Tabelle");
-  EXPECT_EQ(byName["Ansi Table Tool"].get("status").to_str(), "delayed") << kept;
-  ASSERT_TRUE(byName.count("Nameless Updater")) << kept;
-  EXPECT_EQ(byName["Nameless Updater"].get("owner").to_str(), "");
-  EXPECT_EQ(byName.count("Own Suite Agent"), 0u) << "the agent's own installation folder is filtered out";
+  EXPECT_EQ(statusOf["Fixture Tray Helper"], "enabled") << kept;
+  EXPECT_EQ(statusOf["Deutsche Beschreibung"], "disabled") << kept;
+  EXPECT_EQ(statusOf["Ansi Table Tool"], "delayed") << kept;
+  EXPECT_EQ(statusOf.count("Nameless Updater"), 1u) << kept;
+  EXPECT_EQ(statusOf.count("Own Suite Agent"), 0u) << "the agent's own installation folder is filtered out";
   EXPECT_EQ(report.get("boot_total_time").get<double>(), 42000);
-  EXPECT_EQ(report.get("apps_total_time").get<double>(), enabledTotal);
-  EXPECT_EQ(report.get("optimized_total_time").get<double>(), optimizedTotal);
 }
 
 }  // namespace

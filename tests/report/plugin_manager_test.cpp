@@ -35,6 +35,20 @@ constexpr wchar_t kFolderEntry[] = L"LumeraRptNameless.exe";
 
 std::wstring UserStartupFolder() { return testsupport::SpecialFolder(CSIDL_STARTUP) + L"\\"; }
 
+std::wstring Upper(std::wstring text) {
+  for (auto& c : text) c = static_cast<wchar_t>(std::towupper(c));
+  return text;
+}
+
+// A store that holds boot times only, by program path.
+std::string BootTimes(const std::map<std::wstring, double>& times) {
+  picojson::array records;
+  for (const auto& [path, time] : times) {
+    records.emplace_back(picojson::object{{"path", picojson::value(Narrow(path))}, {"time", picojson::value(time)}});
+  }
+  return picojson::value(picojson::object{{"boot_time", picojson::value(records)}}).serialize();
+}
+
 // The user Run key's item of that name, as the manager's own sources list it.
 startup::StartupItemPtr RunItem(const std::wstring& name) {
   return testing_startup::Named(testing_startup::Enumerate(startup::CStartupItems().RunKeySources()), name);
@@ -67,18 +81,7 @@ TEST(PluginStartupManager, ReportsEveryReportableEntryWithOwnerStatusIdentityAnd
   testing_report::UserStartupState restore(kRunNames, kFolderEntry, storePath);
 
   // The store starts with boot times only; the actions add their records to it.
-  std::string upperTray = Narrow(tray);
-  for (auto& c : upperTray) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  picojson::array times;
-  for (const auto& [path, time] : std::map<std::string, double>{{upperTray, 1500}, {Narrow(later), 700}}) {
-    picojson::object record;
-    record["path"] = picojson::value(path);
-    record["time"] = picojson::value(time);
-    times.emplace_back(std::move(record));
-  }
-  picojson::object document;
-  document["boot_time"] = picojson::value(std::move(times));
-  testsupport::WriteFileBytes(storePath, picojson::value(std::move(document)).serialize());
+  testsupport::WriteFileBytes(storePath, BootTimes({{Upper(tray), 1500}, {later, 700}}));
 
   ASSERT_TRUE(SetRun(L"LumeraRptTray", L"\"" + tray + L"\" /min"));
   ASSERT_TRUE(SetRun(L"LumeraRptSync", sync));
@@ -153,16 +156,10 @@ TEST(PluginStartupManager, AppsTakeTheProcessorTimeOfTheBootsProcessesOfTheirFil
   ASSERT_TRUE(manager.Init());
   const std::wstring storePath = manager.StorageFolder() + L"Storage.json";
   testing_report::UserStartupState restore(kRunNames, kFolderEntry, storePath);
-  picojson::object record{{"path", picojson::value(Narrow(tray))}, {"time", picojson::value(9999.0)}};
-  picojson::object document{{"boot_time", picojson::value(picojson::array{picojson::value(record)})}};
-  testsupport::WriteFileBytes(storePath, picojson::value(document).serialize());
+  testsupport::WriteFileBytes(storePath, BootTimes({{tray, 9999}}));
   ASSERT_TRUE(SetRun(L"LumeraRptTray", L"\"" + tray + L"\" /min"));
   ASSERT_TRUE(testing_report::CopyTo(Fixture(L"nocompany"), folderProgram));
 
-  const auto upper = [](std::wstring text) {
-    for (auto& c : text) c = static_cast<wchar_t>(std::towupper(c));
-    return text;
-  };
   const auto process = [](std::uint64_t pid, std::wstring image, std::uint32_t kernel, std::uint32_t user) {
     boottime::ProcessImpact impact;
     impact.pid = pid;
@@ -171,8 +168,8 @@ TEST(PluginStartupManager, AppsTakeTheProcessorTimeOfTheBootsProcessesOfTheirFil
     impact.user = user;
     return impact;
   };
-  manager.SetBootImpacts({process(8, L"C:\\windows\\system32\\explorer.exe", 600, 400), process(12, upper(tray), 100, 400),
-                          process(16, tray, 50, 950), process(20, upper(folderProgram), 20, 300)});
+  manager.SetBootImpacts({process(8, L"C:\\windows\\system32\\explorer.exe", 600, 400), process(12, Upper(tray), 100, 400),
+                          process(16, tray, 50, 950), process(20, Upper(folderProgram), 20, 300)});
   (void)manager.BuildAndReport();
 
   picojson::value report;

@@ -5,7 +5,6 @@
 
 #include <windows.h>
 #include <shlobj.h>
-#include <shobjidl.h>
 
 #include <cstdio>
 #include <memory>
@@ -13,12 +12,12 @@
 #include <string>
 #include <vector>
 
-#include "common/com_ptr.h"
 #include "lumera_dev/staged_identity.h"
 #include "support/programs.h"
-#include "support/scoped_override.h"
+#include "support/scoped_environment.h"
 #include "support/scratch_folder.h"
 #include "support/staged_user.h"
+#include "support/test_thread.h"
 
 namespace {
 
@@ -71,25 +70,13 @@ std::vector<Start> StartsOf(const std::wstring& exe) {
 // The starts recorded once `count` of them are there, or what there is after a bounded wait: a
 // started program writes its record after the launcher has gone on.
 std::vector<Start> WaitForStarts(const std::wstring& exe, std::size_t count) {
-  constexpr DWORD kRecordWaitMs = 10000;
-  const ULONGLONG deadline = ::GetTickCount64() + kRecordWaitMs;
-  std::vector<Start> starts = StartsOf(exe);
-  while (starts.size() < count && ::GetTickCount64() < deadline) {
-    ::Sleep(20);
-    starts = StartsOf(exe);
-  }
-  return starts;
+  testsupport::WaitUntil([&] { return StartsOf(exe).size() >= count; });
+  return StartsOf(exe);
 }
 
 std::string Lower(std::string text) {
   for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return text;
-}
-
-std::wstring Env(const wchar_t* name) {
-  std::wstring value(32768, L'\0');
-  value.resize(::GetEnvironmentVariableW(name, value.data(), static_cast<DWORD>(value.size())));
-  return value;
 }
 
 class DelayedStart : public ::testing::Test {
@@ -99,10 +86,7 @@ class DelayedStart : public ::testing::Test {
   void SetUp() override {
     id_ = testsupport::UniqueSuffix();
     user_ = std::make_unique<testsupport::StagedUser>();
-    logDir_ = std::make_unique<testsupport::ScopedOverride<std::wstring>>(
-        [] { return Env(L"LUMERA_LOG_DIR"); },
-        [](const std::wstring& v) { ::SetEnvironmentVariableW(L"LUMERA_LOG_DIR", v.empty() ? nullptr : v.c_str()); },
-        logs_.path());
+    logDir_ = std::make_unique<testsupport::ScopedEnvironment>(L"LUMERA_LOG_DIR", logs_.path());
   }
   void TearDown() override {
     logDir_.reset();
@@ -123,16 +107,7 @@ class DelayedStart : public ::testing::Test {
   // A shortcut in the user's Startup folder to the program.
   void AddShortcut(const std::wstring& name) const {
     PlaceProgram(name);
-    ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-    {
-      ky::com_ptr<IShellLinkW> link;
-      ASSERT_TRUE(SUCCEEDED(::CoCreateInstance(CLSID_ShellLink, nullptr, CLSCTX_INPROC_SERVER, IID_IShellLinkW, link.put_void())));
-      link->SetPath(Program(name).c_str());
-      ky::com_ptr<IPersistFile> file;
-      ASSERT_TRUE(SUCCEEDED(link.query(IID_IPersistFile, file)));
-      ASSERT_TRUE(SUCCEEDED(file->Save((user_->Startup() + L"\\" + Name(name) + L".lnk").c_str(), TRUE)));
-    }
-    ::CoUninitialize();
+    ASSERT_HRESULT_SUCCEEDED(testsupport::SaveShortcut(user_->Startup() + L"\\" + Name(name) + L".lnk", Program(name)));
   }
   static void Ctl(const std::wstring& verb, const std::wstring& name) {
     const auto run = testsupport::RunBinProgram(L"startupctl.exe", verb + L" " + name);
@@ -147,7 +122,7 @@ class DelayedStart : public ::testing::Test {
   std::wstring id_;
   std::unique_ptr<testsupport::StagedUser> user_;
   testsupport::ScratchFolder logs_;
-  std::unique_ptr<testsupport::ScopedOverride<std::wstring>> logDir_;
+  std::unique_ptr<testsupport::ScopedEnvironment> logDir_;
 };
 
 TEST_F(DelayedStart, ARunEntryAndAShortcutStartAfterTheWaitOneGapApartAsTheUserOncePerLogon) {

@@ -14,7 +14,9 @@
 
 #include "picojson.h"
 #include "support/programs.h"
+#include "support/scoped_environment.h"
 #include "support/scratch_folder.h"
+#include "support/test_thread.h"
 
 namespace {
 
@@ -79,38 +81,11 @@ void Stage(const fs::path& folder, const std::wstring& missing) {
   if (missing != kLauncher) fs::copy_file(Source(kLauncher), folder / kLauncher);
 }
 
-// The programs run with `file` planted in their current folder and in a folder first on PATH;
-// both are restored when this goes.
-class Planted {
- public:
-  explicit Planted(const std::wstring& file) {
-    fs::copy_file(Source(file), fs::path(current_.path()) / file);
-    fs::copy_file(Source(file), fs::path(onPath_.path()) / file);
-    wchar_t folder[MAX_PATH] = {};
-    ::GetCurrentDirectoryW(MAX_PATH, folder);
-    savedFolder_ = folder;
-    std::vector<wchar_t> path(32768, L'\0');
-    path.resize(::GetEnvironmentVariableW(L"PATH", path.data(), static_cast<DWORD>(path.size())));
-    savedPath_.assign(path.begin(), path.end());
-    ::SetCurrentDirectoryW(current_.path().c_str());
-    ::SetEnvironmentVariableW(L"PATH", (onPath_.path() + L";" + savedPath_).c_str());
-  }
-  ~Planted() {
-    ::SetCurrentDirectoryW(savedFolder_.c_str());
-    ::SetEnvironmentVariableW(L"PATH", savedPath_.c_str());
-  }
-  Planted(const Planted&) = delete;
-  Planted& operator=(const Planted&) = delete;
+// The programs run with `file` planted in their current folder and in a folder first on PATH.
+struct Planted : testsupport::PlantedSearchFolders {
+  explicit Planted(const std::wstring& file) { Plant(Source(file), file); }
   // Whether a planted StartLauncher.exe was started.
-  bool Started() const {
-    return fs::exists(fs::path(current_.path()) / kStartedMark) || fs::exists(fs::path(onPath_.path()) / kStartedMark);
-  }
-
- private:
-  testsupport::ScratchFolder current_;
-  testsupport::ScratchFolder onPath_;
-  std::wstring savedFolder_;
-  std::wstring savedPath_;
+  bool Started() const { return EitherHas(kStartedMark); }
 };
 
 std::string JsonPath(const fs::path& path) { return picojson::value(path.string()).serialize(); }
@@ -128,8 +103,8 @@ StagedRun RunStaged(const fs::path& folder, const std::wstring& rowCommand) {
   std::ofstream(folder / kHostConfig, std::ios::binary)
       << "{\"objects\": [\"boottime\", \"boottimecomm\"], \"log\": {\"folder\": " << JsonPath(logs)
       << ", \"level\": 32}, \"folders\": {\"2:common\": " << JsonPath(folder / L"common") << "}}";
-  ::SetEnvironmentVariableW(L"LUMERA_LOG_DIR", logs.wstring().c_str());
-  ::SetEnvironmentVariableW(L"LUMERA_LOG_LEVEL", L"32");
+  const testsupport::ScopedEnvironment logDir(L"LUMERA_LOG_DIR", logs.wstring());
+  const testsupport::ScopedEnvironment logLevel(L"LUMERA_LOG_LEVEL", L"32");
   StagedRun staged;
   std::wstring command = rowCommand;
   const std::wstring program = command.substr(0, command.find(L' '));
@@ -137,8 +112,6 @@ StagedRun RunStaged(const fs::path& folder, const std::wstring& rowCommand) {
     command.replace(at, 1, folder.wstring() + L"\\");
   }
   staged.run = testsupport::RunProgram(testsupport::Quoted(folder / program) + command.substr(program.size()), 60000);
-  ::SetEnvironmentVariableW(L"LUMERA_LOG_DIR", nullptr);
-  ::SetEnvironmentVariableW(L"LUMERA_LOG_LEVEL", nullptr);
   staged.logWritten = fs::exists(logs / L"lumera.log");
   staged.log = testsupport::ReadFileBytes((logs / L"lumera.log").wstring());
   return staged;
@@ -188,10 +161,8 @@ TEST(MissingSibling, BesideTheModuleTheLibrariesAreLoadedAndTheCheckStartedWitho
 
   const StagedRun launched = RunStaged(folder, L"sibling_probe.exe launcher");
   EXPECT_NE(launched.log.find("Process = 'StartLauncher.exe /checkcrtuser' created"), std::string::npos) << launched.log;
-  const DWORD start = ::GetTickCount();
-  while (!fs::exists(folder / kStartedMark) && ::GetTickCount() - start < kStartWaitMs) ::SleepEx(20, FALSE);
-  ASSERT_TRUE(fs::exists(folder / kStartedMark)) << "StartLauncher.exe beside the module did not start within "
-                                                 << kStartWaitMs << " ms";
+  ASSERT_TRUE(testsupport::WaitUntil([&] { return fs::exists(folder / kStartedMark); }, kStartWaitMs))
+      << "StartLauncher.exe beside the module did not start within " << kStartWaitMs << " ms";
   EXPECT_EQ(testsupport::ReadFileBytes((folder / kStartedMark).wstring()), "clean")
       << "StartLauncher.exe inherited the host's inheritable handle";
   EXPECT_FALSE(planted.Started());

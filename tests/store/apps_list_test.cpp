@@ -14,30 +14,9 @@
 namespace {
 
 using testing_store::Manifest;
+using testing_store::RepositoryEntry;
 using testing_store::StagedPackage;
 using testing_store::Uap5Application;
-
-// A package key under Repository\Packages, deleted when it goes.
-class RepositoryEntry {
- public:
-  explicit RepositoryEntry(const std::wstring& fullName)
-      : key_(testing_store::UserClasses(storeapps::kPackagesKeyPath) + L"\\" + fullName) {
-    ky::unique_hkey created;
-    EXPECT_EQ(::RegCreateKeyExW(HKEY_USERS, key_.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, created.put(),
-                                nullptr),
-              ERROR_SUCCESS);
-  }
-  ~RepositoryEntry() { ::RegDeleteTreeW(HKEY_USERS, key_.c_str()); }
-  RepositoryEntry(const RepositoryEntry&) = delete;
-  RepositoryEntry& operator=(const RepositoryEntry&) = delete;
-
-  void Set(const wchar_t* name, const std::wstring& text) const {
-    ASSERT_EQ(testsupport::SetRegText(HKEY_USERS, key_, name, text), ERROR_SUCCESS);
-  }
-
- private:
-  std::wstring key_;
-};
 
 const MicrosoftStoreApp* Find(const std::vector<MicrosoftStoreApp>& apps, const std::wstring& fullName) {
   const auto it = std::find_if(apps.begin(), apps.end(), [&](const MicrosoftStoreApp& a) { return fullName == a.fullName; });

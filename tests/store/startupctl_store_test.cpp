@@ -17,8 +17,6 @@ namespace {
 
 using testsupport::Narrow;
 
-constexpr wchar_t kPackages[] =
-    L"Local Settings\\Software\\Microsoft\\Windows\\CurrentVersion\\AppModel\\Repository\\Packages";
 constexpr char kTask[] = "LumeraStagedTerminalTask";
 
 testsupport::ProgramRun RunTool(const std::wstring& arguments) { return testsupport::RunBinProgram(L"startupctl.exe", arguments); }
@@ -32,13 +30,11 @@ class StoreStartupCtl : public ::testing::Test {
     ASSERT_TRUE(::CopyFileW((testsupport::ExeFolder() + L"store_fixture_app.exe").c_str(),
                             (package_.Folder() + L"\\StagedTerminal.exe").c_str(), FALSE));
     package_.WriteManifest(testing_store::Manifest(testing_store::Uap5Application("App", "StagedTerminal.exe", kTask)));
-    ASSERT_EQ(testsupport::SetRegText(HKEY_USERS, PackageKey(), L"PackageRootFolder", package_.Folder()), ERROR_SUCCESS);
+    entry_.Set(L"PackageRootFolder", package_.Folder());
   }
   void TearDown() override {
-    ::RegDeleteTreeW(HKEY_USERS, PackageKey().c_str());
     if (!storageExisted_) ::DeleteFileW(StoragePath().c_str());
   }
-  std::wstring PackageKey() const { return testing_store::UserClasses(kPackages) + L"\\" + package_.FullName(); }
 
   // The JSON listing's entry for the staged task; null when it is not listed.
   picojson::value Listed() const {
@@ -54,6 +50,7 @@ class StoreStartupCtl : public ::testing::Test {
   long long State() const { return package_.State(std::wstring(kTask, kTask + sizeof(kTask) - 1)); }
 
   testing_store::StagedPackage package_;
+  testing_store::RepositoryEntry entry_{package_.FullName()};
   bool storageExisted_ = false;
 };
 

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "common/unique_handle.h"
 #include "lumera/storeappslist.h"
 #include "startup/startup_items.h"
 #include "startup/store_apps_enumerator.h"
@@ -124,6 +125,32 @@ class StagedPackage {
   std::wstring name_;
   std::wstring fullName_;
   std::wstring family_;
+};
+
+// Written out here rather than taken from the library, so that a wrong key in it fails.
+inline constexpr wchar_t kRepositoryPackages[] =
+    L"Local Settings\\Software\\Microsoft\\Windows\\CurrentVersion\\AppModel\\Repository\\Packages";
+
+// A package key under Repository\Packages, deleted when it goes.
+class RepositoryEntry {
+ public:
+  explicit RepositoryEntry(const std::wstring& fullName)
+      : key_(UserClasses(kRepositoryPackages) + L"\\" + fullName) {
+    ky::unique_hkey created;
+    EXPECT_EQ(::RegCreateKeyExW(HKEY_USERS, key_.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, created.put(),
+                                nullptr),
+              ERROR_SUCCESS);
+  }
+  ~RepositoryEntry() { ::RegDeleteTreeW(HKEY_USERS, key_.c_str()); }
+  RepositoryEntry(const RepositoryEntry&) = delete;
+  RepositoryEntry& operator=(const RepositoryEntry&) = delete;
+
+  void Set(const wchar_t* name, const std::wstring& text) const {
+    ASSERT_EQ(testsupport::SetRegText(HKEY_USERS, key_, name, text), ERROR_SUCCESS);
+  }
+
+ private:
+  std::wstring key_;
 };
 
 // An enumerator whose package list is the given packages.

@@ -1,17 +1,12 @@
 // The State of a Store startup task: read for every value Windows writes, switched by the
-// actions with the change recorded, refused where a policy set it, and only from Windows 8 on.
+// actions with the change recorded, and refused where a policy set it.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
-#include "startup/action_exec.h"
 #include "startup/scratch.h"
-#include "startup/startup_items.h"
 #include "startup/store_apps_actions.h"
 #include "startup/store_startup_item.h"
 #include "store_scratch.h"
 #include "support/captured_log.h"
-#include "support/programs.h"
 
 namespace {
 
@@ -123,21 +118,6 @@ TEST(StoreTaskActions, PolicyStatesFailedSavesAndBadItemsLeaveTheStateAlone) {
   EXPECT_EQ(actions.Disable({noLocation, badRoot}, false), 31);
   EXPECT_EQ(actions.Enable({noLocation}, false), 0) << "Enable passes over an item it cannot act on";
   EXPECT_EQ(actions.Enable({badRoot}, false), 31);
-}
-
-TEST(StoreTaskSources, StoreTasksExistFromWindows8OnOnly) {
-  startup::CStartupItems sources;
-  startup::StartupAppsActionExec exec;
-  if (testsupport::WineFlavourIsWin10()) {
-    ASSERT_EQ(sources.StoreSources().size(), 1u);
-    EXPECT_EQ(sources.StoreSources()[0].first->GetSourceKind(), startup::kSourceStoreApp);
-    EXPECT_EQ(sources.StoreSources()[0].second, testing_store::SystemAppDataPath())
-        << "the user's own classes, never HKEY_CLASSES_ROOT";
-    EXPECT_NE(dynamic_cast<startup::MicrosoftStoreAppsActions*>(exec.Find(startup::kSourceStoreApp)), nullptr);
-  } else {
-    EXPECT_TRUE(sources.StoreSources().empty());
-    EXPECT_EQ(exec.Find(startup::kSourceStoreApp), nullptr) << "below Windows 8 a lookup of kind 2 finds nothing";
-  }
 }
 
 }  // namespace

@@ -1,9 +1,11 @@
 #include "support/programs.h"
 
 #include <shlobj.h>
+#include <shobjidl.h>
 
 #include <cstdlib>
 
+#include "common/com_ptr.h"
 #include "common/unique_handle.h"
 #include "support/scratch_folder.h"
 
@@ -45,6 +47,22 @@ std::wstring SpecialFolder(int csidl) {
   wchar_t path[MAX_PATH] = {};
   ::SHGetSpecialFolderPathW(nullptr, path, csidl, FALSE);
   return path;
+}
+
+HRESULT SaveShortcut(const std::wstring& link, const std::wstring& target, const std::wstring& arguments) {
+  const HRESULT com = ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+  HRESULT result = S_OK;
+  {
+    ky::com_ptr<IShellLinkW> shell;
+    ky::com_ptr<IPersistFile> file;
+    result = ::CoCreateInstance(CLSID_ShellLink, nullptr, CLSCTX_INPROC_SERVER, IID_IShellLinkW, shell.put_void());
+    if (SUCCEEDED(result)) result = shell->SetPath(target.c_str());
+    if (SUCCEEDED(result)) result = shell->SetArguments(arguments.c_str());
+    if (SUCCEEDED(result)) result = shell.query(IID_IPersistFile, file);
+    if (SUCCEEDED(result)) result = file->Save(link.c_str(), TRUE);
+  }
+  if (SUCCEEDED(com)) ::CoUninitialize();
+  return result;
 }
 
 ProgramRun RunProgram(const std::wstring& commandLine, DWORD timeoutMs) {

@@ -39,6 +39,9 @@ inline std::string Narrow(const std::wstring& text) { return std::string(text.be
 // Whether the tests run in the win10 prefix (LUMERA_WINE_FLAVOUR) rather than the win7 one.
 bool WineFlavourIsWin10();
 
+// Saves a shell link at `link` that starts `target` with `arguments`; S_OK or the failing call's result.
+HRESULT SaveShortcut(const std::wstring& link, const std::wstring& target, const std::wstring& arguments = L"");
+
 // SHGetSpecialFolderPathW's folder for `csidl`, without a trailing backslash.
 std::wstring SpecialFolder(int csidl);
 

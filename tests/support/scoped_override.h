@@ -20,8 +20,6 @@ class ScopedOverride {
   ScopedOverride(const ScopedOverride&) = delete;
   ScopedOverride& operator=(const ScopedOverride&) = delete;
 
-  const T& Saved() const { return saved_; }
-
  private:
   std::function<void(const T&)> set_;
   T saved_;

@@ -12,6 +12,7 @@
 #include "startup/startup_storage.h"
 #include "support/captured_log.h"
 #include "support/programs.h"
+#include "support/scoped_environment.h"
 #include "support/scoped_override.h"
 #include "support/scratch_folder.h"
 #include "support/staged_console.h"
@@ -33,7 +34,7 @@ std::shared_ptr<const velora::utils::CUserProfile> ProfileWithToken() {
 
 using ProfileOverride = testsupport::ScopedOverride<std::shared_ptr<const velora::utils::CUserProfile>>;
 
-TEST(StartLauncherCheckExec, ALogoffStartsTheCheckAsTheUserFromTheModulesFolderOnly) {
+TEST(StartLauncherCheckExec, ALogoffStartsTheCheckAsTheUserForTheirRoamingFolder) {
   testsupport::CapturedLog log;
   CStartLauncherCheckExec check;
   CUserLogon tracker;
@@ -51,28 +52,6 @@ TEST(StartLauncherCheckExec, ALogoffStartsTheCheckAsTheUserFromTheModulesFolderO
         << "without the user's token nothing is started as the service";
   }
 
-  // A real StartLauncher.exe in the current folder and in a folder first on PATH, none beside
-  // the test program: the module's full path finds nothing.
-  testsupport::ScratchFolder current;
-  testsupport::ScratchFolder onPath;
-  for (const auto* planted : {&current, &onPath}) {
-    std::filesystem::copy_file(testsupport::BinFolder() / L"StartLauncher.exe", planted->file(L"StartLauncher.exe"));
-  }
-  const testsupport::ScopedOverride<std::wstring> folderOverride(
-      [] {
-        wchar_t folder[MAX_PATH] = {};
-        ::GetCurrentDirectoryW(MAX_PATH, folder);
-        return std::wstring(folder);
-      },
-      [](const std::wstring& folder) { ::SetCurrentDirectoryW(folder.c_str()); }, current.path());
-  auto getPath = [] {
-    std::wstring path(32768, L'\0');
-    path.resize(::GetEnvironmentVariableW(L"PATH", path.data(), static_cast<DWORD>(path.size())));
-    return path;
-  };
-  const testsupport::ScopedOverride<std::wstring> pathOverride(
-      getPath, [](const std::wstring& path) { ::SetEnvironmentVariableW(L"PATH", path.c_str()); },
-      onPath.path() + L";" + getPath());
   const ProfileOverride user(get, set, ProfileWithToken());
   ASSERT_TRUE(velora::utils::CUserProfile::Current() && velora::utils::CUserProfile::Current()->HasToken());
 
@@ -84,7 +63,7 @@ TEST(StartLauncherCheckExec, ALogoffStartsTheCheckAsTheUserFromTheModulesFolderO
   check.OnLogoff(3, L"user");
   EXPECT_GT(log.countUnder(L"CStartLauncherCheckExec::Run",
                            L"Process = 'StartLauncher.exe \"/checkuser:" + folder + L"\"' could not be created. Error = 2"), 0u)
-      << "StartLauncher.exe is not beside the test program; the planted copies are not started";
+      << "as the user, for their roaming folder; StartLauncher.exe is not beside the test program";
   velora::utils::CKYUsers::Instance().UnloadDll();
 }
 
@@ -92,15 +71,7 @@ using testing_startup::MakeItem;
 
 class StartLauncherProgram : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::filesystem::create_directories(std::filesystem::path(folder.path()) / L"Nexalon" / L"Lumera");
-    ::SetEnvironmentVariableW(L"LUMERA_LOG_CONSOLE", L"1");
-    ::SetEnvironmentVariableW(L"LUMERA_LOG_DIR", folder.path().c_str());
-  }
-  void TearDown() override {
-    ::SetEnvironmentVariableW(L"LUMERA_LOG_CONSOLE", nullptr);
-    ::SetEnvironmentVariableW(L"LUMERA_LOG_DIR", nullptr);
-  }
+  void SetUp() override { std::filesystem::create_directories(std::filesystem::path(storePath).parent_path()); }
   testsupport::ProgramRun Launch(const std::wstring& arguments) {
     return testsupport::RunProgram(testsupport::Quoted(testsupport::BinFolder() / L"StartLauncher.exe") + L" " +
                                    arguments);
@@ -117,6 +88,8 @@ class StartLauncherProgram : public ::testing::Test {
 
   testsupport::ScratchFolder folder;
   std::wstring storePath = folder.file(L"Nexalon\\Lumera\\Storage.json");
+  const testsupport::ScopedEnvironment logConsole{L"LUMERA_LOG_CONSOLE", L"1"};
+  const testsupport::ScopedEnvironment logDir{L"LUMERA_LOG_DIR", folder.path()};
 };
 
 TEST_F(StartLauncherProgram, DropsStaleRecordsAndKeepsLiveOnes) {

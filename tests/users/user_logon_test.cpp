@@ -5,6 +5,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <cwchar>
 #include <map>
 #include <mutex>
@@ -70,13 +71,10 @@ class FakeSessionChange final : public testsupport::PluginStub<ISessionChangePlu
     return 0;
   }
   std::uint32_t UnregisterEventsHandler(ISessionChangeEvents* handler) override {
-    for (auto it = handlers.begin(); it != handlers.end(); ++it) {
-      if (*it == handler) {
-        handlers.erase(it);
-        return 0;
-      }
-    }
-    return ERROR_NOT_FOUND;
+    const auto it = std::find(handlers.begin(), handlers.end(), handler);
+    if (it == handlers.end()) return ERROR_NOT_FOUND;
+    handlers.erase(it);
+    return 0;
   }
   std::uint32_t Notify(std::uint32_t time, std::uint32_t event, DWORD session) {
     WTSSESSION_NOTIFICATION notification{sizeof notification, session};
@@ -177,11 +175,7 @@ TEST_F(UserLogonTest, StartAndStopNestAndObserversRegisterOnce) {
   EXPECT_EQ(host.plugin.handlers.size(), 1u) << "only the last Stop undoes Start";
   EXPECT_EQ(host.releases, 0);
 
-  EXPECT_EQ(tracker.RegisterObserver(&observer), 183u);
-  EXPECT_EQ(tracker.Observers().Count(), 1u);
-  RecordingObserver other;
-  EXPECT_EQ(tracker.Observers().Unregister(&other), 1168u);
-  EXPECT_EQ(&CUserLogon::Instance(), &tracker) << "the override is in force";
+  EXPECT_EQ(tracker.RegisterObserver(&observer), 183u) << "the observer is already registered";
 }
 
 TEST(UserLogonStart, EachMissingHostPartIsLoggedAndUndone) {

@@ -18,6 +18,7 @@
 #include "lumera_dev/console_session.h"
 #include "support/captured_log.h"
 #include "support/programs.h"
+#include "support/scoped_environment.h"
 #include "support/scratch_folder.h"
 #include "support/staged_console.h"
 #include "support/test_thread.h"
@@ -41,11 +42,6 @@ std::wstring Writer(const std::wstring& arguments) { return L"\"" + StandInFolde
 
 class BootEventStandInTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    store = scratch.file(L"events.jsonl");
-    ASSERT_TRUE(::SetEnvironmentVariableW(winestandins::kStoreOverride, store.c_str()));
-  }
-  void TearDown() override { ::SetEnvironmentVariableW(winestandins::kStoreOverride, nullptr); }
   // An event of the boot before this one, as an earlier run of the writer left it.
   void AddEarlierBoot(std::uint32_t bootTime) {
     BootEventRecord earlier;
@@ -65,7 +61,8 @@ class BootEventStandInTest : public ::testing::Test {
   testsupport::CapturedLog log;
   testsupport::ScratchFolder scratch;
   testsupport::StagedConsole console{L"ConsoleSessionWineStandInTest"};
-  std::wstring store;
+  const std::wstring store = scratch.file(L"events.jsonl");
+  const testsupport::ScopedEnvironment storeOverride{winestandins::kStoreOverride, store};
 };
 
 TEST_F(BootEventStandInTest, TheModuleTakesTheEventTheWriterWritesAfterLogonAndSkipsEarlierBoots) {
@@ -191,12 +188,10 @@ TEST(BootEventStore, ThePathIsTheMachinesNotTheProcessEnvironments) {
   testsupport::ScratchFolder scratch;
   const std::wstring usual = winestandins::BootEventStorePath();
   ASSERT_FALSE(usual.empty());
-  wchar_t saved[MAX_PATH] = {};
-  const DWORD savedChars = ::GetEnvironmentVariableW(L"ProgramData", saved, MAX_PATH);
-  ASSERT_TRUE(::SetEnvironmentVariableW(L"ProgramData", scratch.file(L"elsewhere").c_str()));
-  const std::wstring asService = winestandins::BootEventStorePath();
-  ::SetEnvironmentVariableW(L"ProgramData", savedChars > 0 && savedChars < MAX_PATH ? saved : nullptr);
-  EXPECT_EQ(asService, usual);
+  {
+    const testsupport::ScopedEnvironment asService(L"ProgramData", scratch.file(L"elsewhere"));
+    EXPECT_EQ(winestandins::BootEventStorePath(), usual);
+  }
   constexpr wchar_t kUnderDrive[] = L":\\ProgramData\\WineStandIns\\";
   EXPECT_EQ(_wcsnicmp(usual.c_str() + 1, kUnderDrive, std::wcslen(kUnderDrive)), 0) << usual;
 }

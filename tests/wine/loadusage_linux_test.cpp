@@ -25,13 +25,10 @@ constexpr DWORD kPollMs = 100;
 constexpr DWORD kChunk = 4 * 1024 * 1024;
 
 TEST(LinuxDiskBusy, OnlyPhysicalDiskNamesCount) {
-  EXPECT_TRUE(host::wine::IsPhysicalDiskName("vda"));
-  EXPECT_TRUE(host::wine::IsPhysicalDiskName("nvme0n1"));
-  EXPECT_FALSE(host::wine::IsPhysicalDiskName("loop3"));
-  EXPECT_FALSE(host::wine::IsPhysicalDiskName("zram0"));
-  EXPECT_FALSE(host::wine::IsPhysicalDiskName("dm-0"));
-  EXPECT_FALSE(host::wine::IsPhysicalDiskName("..\\x"));
-  EXPECT_FALSE(host::wine::IsPhysicalDiskName(""));
+  for (const char* disk : {"vda", "nvme0n1"}) EXPECT_TRUE(host::wine::IsPhysicalDiskName(disk)) << disk;
+  for (const char* other : {"loop3", "zram0", "dm-0", "..\\x", ""}) {
+    EXPECT_FALSE(host::wine::IsPhysicalDiskName(other)) << other;
+  }
 }
 
 TEST(LinuxDiskBusy, TheHostsDiskFiguresAreInRangeAndMoveUnderAWriteLoad) {

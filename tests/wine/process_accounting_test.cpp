@@ -42,14 +42,18 @@ Child StartChild(const std::wstring& file, DWORD burnMs = kBurnMs, DWORD writeKb
   return child;
 }
 
+bool WaitReady(const Child& child) {
+  const HANDLE waits[] = {child.ready.get(), child.process.get()};
+  return ::WaitForMultipleObjects(2, waits, FALSE, kDeadlineMs) == WAIT_OBJECT_0;
+}
+
 TEST(ProcessAccounting, TheModulesCountersFollowAChildThatBurnsAndWrites) {
   if (!lumera::dev::RunningUnderWine()) GTEST_SKIP() << "Windows keeps these figures itself";
   ASSERT_EQ(host::wine::InstallProcessAccounting(::GetModuleHandleW(nullptr)), 2);
   testsupport::ScratchFolder scratch;
   Child child = StartChild(scratch.file(L"written.bin"));
   ASSERT_TRUE(child.process);
-  const HANDLE waits[] = {child.ready.get(), child.process.get()};
-  ASSERT_EQ(::WaitForMultipleObjects(2, waits, FALSE, kDeadlineMs), WAIT_OBJECT_0);
+  ASSERT_TRUE(WaitReady(child));
 
   ky::unique_handle opened(::OpenProcess(Processes::kAccess, FALSE, ::GetProcessId(child.process.get())));
   ASSERT_TRUE(opened);
@@ -76,11 +80,6 @@ TEST(ProcessAccounting, TheModulesCountersFollowAChildThatBurnsAndWrites) {
   ASSERT_TRUE(processes.GetProcessCounters(opened.get(), ended));
   EXPECT_GE(ended.kernel + ended.user, running.kernel + running.user);
   EXPECT_GE(ended.write, running.write);
-}
-
-bool WaitReady(const Child& child) {
-  const HANDLE waits[] = {child.ready.get(), child.process.get()};
-  return ::WaitForMultipleObjects(2, waits, FALSE, kDeadlineMs) == WAIT_OBJECT_0;
 }
 
 TEST(ProcessAccounting, TwoInstancesOfOneProgramEachGetTheirOwnFigures) {

@@ -19,14 +19,12 @@
 #include "lumera/kyusers.h"
 #include "lumera_dev/console_session.h"
 #include "lumera_dev/staged_identity.h"
-#include "support/registry_values.h"
-#include "support/scratch_folder.h"
+#include "support/scoped_environment.h"
+#include "support/staged_user.h"
 
 namespace {
 
-constexpr wchar_t kUser[] = L"stageduser";
 constexpr wchar_t kUserPath[] = L"%USERPROFILE%\\Tools";
-constexpr wchar_t kStartupTail[] = L"\\AppData\\Roaming\\Microsoft\\Windows\\Start Menu\\Programs\\Startup";
 
 std::wstring Computer() {
   wchar_t name[MAX_COMPUTERNAME_LENGTH + 1] = {};
@@ -93,35 +91,8 @@ class StagedIdentityTest : public ::testing::Test {
 
   void SetUp() override {
     ASSERT_GE(installed_, 11) << "every stand-in redirected in this program";
-    const std::wstring id = std::to_wstring(::GetCurrentProcessId());
-    key_ = std::wstring(lumera::dev::kDevelopmentKey) + L"Test" + id;
-    sid_ = L"S-1-5-21-0-0-0-" + std::to_wstring(100000 + ::GetCurrentProcessId() % 100000);
-    profile_ = scratch_.path() + kUser;
-    ASSERT_TRUE(::SetEnvironmentVariableW(lumera::dev::kKeyOverride, (L"HKLM\\" + key_).c_str()));
-    SetText(HKEY_LOCAL_MACHINE, key_, lumera::dev::kStagedUserValue, kUser, REG_SZ);
-    SetText(HKEY_LOCAL_MACHINE, key_, lumera::dev::kStagedUserSidValue, sid_, REG_SZ);
-    SetText(HKEY_LOCAL_MACHINE, ProfileKey(), L"ProfileImagePath", profile_, REG_EXPAND_SZ);
-    SetText(HKEY_USERS, sid_ + L"\\Environment", L"Path", kUserPath, REG_EXPAND_SZ);
-    ASSERT_EQ(SHCreateDirectoryExW(nullptr, (profile_ + kStartupTail).c_str(), nullptr), ERROR_SUCCESS);
-    ASSERT_EQ(SHCreateDirectoryExW(nullptr, (profile_ + L"\\AppData\\Local").c_str(), nullptr), ERROR_SUCCESS);
-    SetConsole(1);
+    user_.SetUserPath(kUserPath);
   }
-
-  void TearDown() override {
-    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, key_.c_str());
-    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, ProfileKey().c_str());
-    ::RegDeleteTreeW(HKEY_USERS, sid_.c_str());
-    ::SetEnvironmentVariableW(lumera::dev::kKeyOverride, nullptr);
-  }
-
-  void SetText(HKEY root, const std::wstring& path, const wchar_t* name, const std::wstring& text, DWORD type) {
-    ASSERT_EQ(testsupport::SetRegText(root, path, name, text, type), ERROR_SUCCESS) << name;
-  }
-  void SetConsole(DWORD loggedOn) {
-    ASSERT_EQ(testsupport::SetRegDword(HKEY_LOCAL_MACHINE, key_, lumera::dev::kConsoleSessionValue, loggedOn),
-              ERROR_SUCCESS);
-  }
-  std::wstring ProfileKey() const { return std::wstring(lumera::dev::kProfileListKey) + L"\\" + sid_; }
 
   // The staged user's token, as a service gets it for the console session.
   ky::unique_handle UserToken() {
@@ -131,8 +102,7 @@ class StagedIdentityTest : public ::testing::Test {
   }
 
   static inline int installed_ = 0;
-  testsupport::ScratchFolder scratch_;
-  std::wstring key_, sid_, profile_;
+  testsupport::StagedUser user_;
 };
 
 TEST_F(StagedIdentityTest, KyUsersSeesNobodyWhileLoggedOffAndTheStagedUserOnceOn) {
@@ -148,7 +118,7 @@ TEST_F(StagedIdentityTest, KyUsersSeesNobodyWhileLoggedOffAndTheStagedUserOnceOn
   kyusers::UserInfoAdvanced info{};
   info.size = sizeof info;
 
-  SetConsole(0);
+  user_.SetLoggedOn(false);
   EXPECT_EQ(advanced(&info), static_cast<std::uint32_t>(ERROR_NO_TOKEN)) << "never the process's own account";
   EXPECT_EQ(info.userName[0], L'\0');
   EXPECT_EQ(impersonate(), static_cast<std::uint32_t>(ERROR_NO_TOKEN));
@@ -162,32 +132,35 @@ TEST_F(StagedIdentityTest, KyUsersSeesNobodyWhileLoggedOffAndTheStagedUserOnceOn
   EXPECT_EQ(std::wstring(name), L"") << "an empty console, as Windows reports it";
   ::WTSFreeMemory(name);
 
-  SetConsole(1);
+  user_.SetLoggedOn(true);
   ASSERT_EQ(advanced(&info), 0u);
-  EXPECT_EQ(std::wstring(info.userName), kUser);
+  EXPECT_EQ(std::wstring(info.userName), user_.Name());
   EXPECT_EQ(std::wstring(info.domain), Computer());
-  EXPECT_EQ(std::wstring(info.appDataFolder), profile_ + L"\\AppData\\Roaming") << "through the user's token";
+  EXPECT_EQ(std::wstring(info.appDataFolder), user_.Roaming()) << "through the user's token";
   ASSERT_EQ(impersonate(), 0u);
   ky::unique_handle thread;
   ASSERT_TRUE(::OpenThreadToken(::GetCurrentThread(), TOKEN_QUERY | TOKEN_IMPERSONATE | TOKEN_DUPLICATE, TRUE,
                                 thread.put()))
       << "the thread impersonates";
-  EXPECT_EQ(KnownFolder(FOLDERID_Startup, thread.get()), profile_ + kStartupTail);
+  EXPECT_EQ(KnownFolder(FOLDERID_Startup, thread.get()), user_.Startup());
   EXPECT_EQ(revert(), 0u);
 
   // With no identity staged the session is Wine's own again.
-  ASSERT_EQ(::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, key_.c_str(), lumera::dev::kStagedUserValue), ERROR_SUCCESS);
+  const std::wstring devKey = testsupport::EnvironmentValue(lumera::dev::kKeyOverride);
+  ASSERT_EQ(::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, devKey.c_str(), lumera::dev::kStagedUserValue), ERROR_SUCCESS);
   wchar_t own[UNLEN + 1] = {};
   DWORD ownChars = static_cast<DWORD>(std::size(own));
   ASSERT_TRUE(::GetUserNameW(own, &ownChars));
   ASSERT_EQ(advanced(&info), 0u);
   EXPECT_EQ(std::wstring(info.userName), own);
-  SetConsole(0);
+  user_.SetLoggedOn(false);
   EXPECT_EQ(advanced(&info), static_cast<std::uint32_t>(ERROR_NO_TOKEN)) << "logged off, staged or not";
 }
 
 TEST_F(StagedIdentityTest, AccountLookupsMapTheStagedUserAndLeaveTheWineAccountItsOwn) {
-  for (const std::wstring& account : {std::wstring(kUser), Computer() + L"\\STAGEDUSER"}) {
+  std::wstring upper = user_.Name();
+  ::CharUpperW(upper.data());
+  for (const std::wstring& account : {user_.Name(), Computer() + L"\\" + upper}) {
     DWORD sidBytes = 0, domainChars = 0;
     SID_NAME_USE use = SidTypeUnknown;
     ASSERT_FALSE(::LookupAccountNameW(nullptr, account.c_str(), nullptr, &sidBytes, nullptr, &domainChars, &use));
@@ -200,7 +173,7 @@ TEST_F(StagedIdentityTest, AccountLookupsMapTheStagedUserAndLeaveTheWineAccountI
     LPWSTR text = nullptr;
     ASSERT_TRUE(::ConvertSidToStringSidW(sid.data(), &text));
     const ky::unique_local owner(text);
-    EXPECT_EQ(std::wstring(text), sid_) << account;
+    EXPECT_EQ(std::wstring(text), user_.Sid()) << account;
     EXPECT_EQ(std::wstring(domain.data()), Computer());
     EXPECT_EQ(domainChars, Computer().size()) << "without the NUL on success";
     EXPECT_EQ(use, SidTypeUser);
@@ -208,10 +181,10 @@ TEST_F(StagedIdentityTest, AccountLookupsMapTheStagedUserAndLeaveTheWineAccountI
     wchar_t name[64] = {}, nameDomain[64] = {};
     DWORD nameChars = 3, nameDomainChars = static_cast<DWORD>(std::size(nameDomain));
     EXPECT_FALSE(::LookupAccountSidW(nullptr, sid.data(), name, &nameChars, nameDomain, &nameDomainChars, &use));
-    EXPECT_EQ(nameChars, std::size(kUser)) << "the size the name needs";
+    EXPECT_EQ(nameChars, user_.Name().size() + 1) << "the size the name needs";
     nameChars = static_cast<DWORD>(std::size(name));
     ASSERT_TRUE(::LookupAccountSidW(nullptr, sid.data(), name, &nameChars, nameDomain, &nameDomainChars, &use));
-    EXPECT_EQ(std::wstring(name), kUser);
+    EXPECT_EQ(std::wstring(name), user_.Name());
   }
 
   wchar_t own[UNLEN + 1] = {};
@@ -226,35 +199,35 @@ TEST_F(StagedIdentityTest, AccountLookupsMapTheStagedUserAndLeaveTheWineAccountI
   ASSERT_TRUE(::ConvertSidToStringSidW(sid, &text));
   const ky::unique_local owner(text);
   EXPECT_EQ(std::wstring(text), ProcessSid()) << "the Wine account keeps its own SID";
-  EXPECT_NE(std::wstring(text), sid_);
+  EXPECT_NE(std::wstring(text), user_.Sid());
 }
 
 TEST_F(StagedIdentityTest, AUserTokenReachesTheStagedProfileWhileTheProcessKeepsItsOwn) {
   const ky::unique_handle token = UserToken();
   ASSERT_TRUE(token);
-  EXPECT_EQ(KnownFolder(FOLDERID_RoamingAppData, token.get()), profile_ + L"\\AppData\\Roaming");
-  EXPECT_EQ(KnownFolder(FOLDERID_LocalAppData, token.get()), profile_ + L"\\AppData\\Local");
-  EXPECT_EQ(KnownFolder(FOLDERID_Startup, token.get()), profile_ + kStartupTail);
+  EXPECT_EQ(KnownFolder(FOLDERID_RoamingAppData, token.get()), user_.Roaming());
+  EXPECT_EQ(KnownFolder(FOLDERID_LocalAppData, token.get()), user_.Local());
+  EXPECT_EQ(KnownFolder(FOLDERID_Startup, token.get()), user_.Startup());
   wchar_t folder[MAX_PATH] = {};
   ASSERT_EQ(::SHGetFolderPathW(nullptr, CSIDL_STARTUP, token.get(), SHGFP_TYPE_CURRENT, folder), S_OK);
-  EXPECT_EQ(std::wstring(folder), profile_ + kStartupTail);
+  EXPECT_EQ(std::wstring(folder), user_.Startup());
   DWORD chars = 0;
   EXPECT_FALSE(::GetUserProfileDirectoryW(token.get(), nullptr, &chars));
   EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
-  EXPECT_EQ(chars, profile_.size() + 1);
+  EXPECT_EQ(chars, user_.Profile().size() + 1);
 
   // The shell checks that a folder exists unless told to make it.
-  ASSERT_TRUE(::RemoveDirectoryW((profile_ + kStartupTail).c_str()));
+  ASSERT_TRUE(::RemoveDirectoryW(user_.Startup().c_str()));
   HRESULT result = S_OK;
   EXPECT_EQ(KnownFolder(FOLDERID_Startup, token.get(), 0, &result), L"<failed, null>");
   EXPECT_EQ(result, HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND));
-  EXPECT_EQ(KnownFolder(FOLDERID_Startup, token.get(), KF_FLAG_CREATE), profile_ + kStartupTail);
-  EXPECT_NE(::GetFileAttributesW((profile_ + kStartupTail).c_str()), INVALID_FILE_ATTRIBUTES);
+  EXPECT_EQ(KnownFolder(FOLDERID_Startup, token.get(), KF_FLAG_CREATE), user_.Startup());
+  EXPECT_NE(::GetFileAttributesW(user_.Startup().c_str()), INVALID_FILE_ATTRIBUTES);
 
   // The process's own token and no token are the host account's folders.
   for (const GUID& id : {FOLDERID_RoamingAppData, FOLDERID_LocalAppData, FOLDERID_Startup}) {
     const std::wstring own = KnownFolder(id, nullptr);
-    EXPECT_EQ(own.find(profile_), std::wstring::npos) << own;
+    EXPECT_EQ(own.find(user_.Profile()), std::wstring::npos) << own;
     EXPECT_EQ(own.find(L"<failed"), std::wstring::npos) << own;
   }
   ky::unique_handle process;
@@ -267,7 +240,7 @@ TEST_F(StagedIdentityTest, EnvironmentCallsGiveTheStagedUsersBlockAndTheMachines
   const ky::unique_handle token = UserToken();
   ASSERT_TRUE(token);
   EXPECT_EQ(ExpandForUser(token.get(), L"%LOCALAPPDATA%\\x;%USERNAME%;%unknown%"),
-            profile_ + L"\\AppData\\Local\\x;stageduser;%unknown%");
+            user_.Local() + L"\\x;" + user_.Name() + L";%unknown%");
   EXPECT_EQ(ExpandForUser(nullptr, L"%LOCALAPPDATA%;%USERPROFILE%;%APPDATA%"), L"%LOCALAPPDATA%;%USERPROFILE%;%APPDATA%")
       << "no user folder of the host account in the machine's block";
   wchar_t small[8] = {};
@@ -294,10 +267,11 @@ TEST_F(StagedIdentityTest, EnvironmentCallsGiveTheStagedUsersBlockAndTheMachines
   EXPECT_EQ(Lookup(machine, L"LOCALAPPDATA"), L"<unset>");
   EXPECT_EQ(Lookup(machine, L"COMPUTERNAME"), Computer());
   EXPECT_NE(Lookup(machine, L"SystemRoot"), L"<unset>");
-  EXPECT_EQ(Lookup(user, L"Path"), machinePath + L";" + profile_ + L"\\Tools") << "the machine's, then the user's";
-  EXPECT_EQ(Lookup(user, L"APPDATA"), profile_ + L"\\AppData\\Roaming");
-  EXPECT_EQ(Lookup(user, L"TEMP"), profile_ + L"\\AppData\\Local\\Temp");
-  EXPECT_EQ(Lookup(user, L"USERNAME"), kUser);
+  EXPECT_EQ(Lookup(user, L"Path"), machinePath + L";" + user_.Profile() + L"\\Tools")
+      << "the machine's, then the user's";
+  EXPECT_EQ(Lookup(user, L"APPDATA"), user_.Roaming());
+  EXPECT_EQ(Lookup(user, L"TEMP"), user_.Local() + L"\\Temp");
+  EXPECT_EQ(Lookup(user, L"USERNAME"), user_.Name());
 }
 
 }  // namespace

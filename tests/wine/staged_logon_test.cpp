@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <windows.h>
-#include <objbase.h>
 #include <shlobj.h>
 
 #include <algorithm>
@@ -13,10 +12,10 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
-#include "common/com_ptr.h"
 #include "common/staged_account.h"
 #include "common/unique_handle.h"
 #include "logon/logon_entries.h"
@@ -24,6 +23,7 @@
 #include "stageduser/hive_registry.h"
 #include "support/programs.h"
 #include "support/registry_values.h"
+#include "support/scoped_environment.h"
 #include "support/scratch_folder.h"
 
 namespace {
@@ -129,22 +129,13 @@ using LogonOutput = std::map<std::string, std::vector<std::string>>;
 
 LogonOutput Parse(const std::string& output) {
   LogonOutput lines;
-  std::size_t start = 0;
-  while (start < output.size()) {
-    std::size_t end = output.find('\n', start);
-    if (end == std::string::npos) end = output.size();
-    std::string line = output.substr(start, end - start);
+  std::istringstream text(output);
+  for (std::string line; std::getline(text, line);) {
     if (!line.empty() && line.back() == '\r') line.pop_back();
-    std::vector<std::string> fields(1);
-    for (const char c : line) {
-      if (c == '\t') {
-        fields.emplace_back();
-      } else {
-        fields.back().push_back(c);
-      }
-    }
+    std::vector<std::string> fields;
+    std::istringstream split(line);
+    for (std::string field; std::getline(split, field, '\t');) fields.push_back(field);
     if (fields.size() >= 3) lines[fields[1]] = {fields[0], fields[2]};
-    start = end + 1;
   }
   return lines;
 }
@@ -160,7 +151,6 @@ testsupport::ProgramRun Tool(const wchar_t* exe, const std::wstring& arguments) 
 class StagedLogon : public ::testing::Test {
  protected:
   void SetUp() override {
-    ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
     const auto run = Tool(L"stageduser.exe", L"create " + name_ + L" --sid " + sid_ + L" --key " + devKey_);
     ASSERT_EQ(run.exitCode, 0u) << run.output;
     ASSERT_EQ(testsupport::SetRegDword(HKEY_LOCAL_MACHINE, devKey_, L"ConsoleSession", 1), ERROR_SUCCESS);
@@ -173,14 +163,12 @@ class StagedLogon : public ::testing::Test {
     ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, devKey_.c_str());
     std::error_code ignored;
     if (!profile_.empty()) std::filesystem::remove_all(std::filesystem::path(profile_), ignored);
-    ::CoUninitialize();
   }
 
   // stagedlogon.exe for this test's user: its environment names the test's development key.
   LogonOutput Logon() const {
-    ::SetEnvironmentVariableW(winestandins::kDevKeyOverride, devKey_.c_str());
+    const testsupport::ScopedEnvironment user(winestandins::kDevKeyOverride, devKey_);
     const auto run = Tool(L"stagedlogon.exe", L"");
-    ::SetEnvironmentVariableW(winestandins::kDevKeyOverride, nullptr);
     EXPECT_EQ(run.exitCode, 0u) << run.output;
     LogonOutput lines = Parse(run.output);
     EXPECT_EQ(lines[Narrow(name_)], std::vector<std::string>({"user", Narrow(sid_)})) << run.output;
@@ -197,22 +185,15 @@ class StagedLogon : public ::testing::Test {
               ERROR_SUCCESS);
   }
   void SetShortcut(const std::wstring& report) const {
-    ky::com_ptr<IShellLinkW> link;
-    ASSERT_HRESULT_SUCCEEDED(::CoCreateInstance(CLSID_ShellLink, nullptr, CLSCTX_INPROC_SERVER, IID_IShellLinkW, link.put_void()));
     const std::wstring command = Workload(report);
-    const std::wstring target = (testsupport::BinFolder() / L"workload.exe").wstring();
-    ASSERT_HRESULT_SUCCEEDED(link->SetPath(target.c_str()));
-    ASSERT_HRESULT_SUCCEEDED(link->SetArguments(command.substr(command.find(L" --busy-ms") + 1).c_str()));
-    ky::com_ptr<IPersistFile> file;
-    ASSERT_HRESULT_SUCCEEDED(link.query(IID_IPersistFile, file));
-    ASSERT_HRESULT_SUCCEEDED(file->Save((startup_ + L"\\LumeraProbe.lnk").c_str(), TRUE));
+    ASSERT_HRESULT_SUCCEEDED(testsupport::SaveShortcut(startup_ + L"\\LumeraProbe.lnk",
+                                                       (testsupport::BinFolder() / L"workload.exe").wstring(),
+                                                       command.substr(command.find(L" --busy-ms") + 1)));
   }
   // startupctl.exe acting for this test's user, as an administrator runs it for the console user.
   testsupport::ProgramRun Startupctl(const std::wstring& arguments) const {
-    ::SetEnvironmentVariableW(winestandins::kDevKeyOverride, devKey_.c_str());
-    const auto run = testsupport::RunBinProgram(L"startupctl.exe", arguments);
-    ::SetEnvironmentVariableW(winestandins::kDevKeyOverride, nullptr);
-    return run;
+    const testsupport::ScopedEnvironment user(winestandins::kDevKeyOverride, devKey_);
+    return testsupport::RunBinProgram(L"startupctl.exe", arguments);
   }
 
   // The program stagedlogon says it started ended and wrote `report` with its own pid.

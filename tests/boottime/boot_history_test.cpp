@@ -1,10 +1,13 @@
 // The boot history file: records survive a round trip, unreadable lines are skipped, the
 // newest are kept, and the bounds hold.
 #include <gtest/gtest.h>
+#include <windows.h>
 
 #include <string>
 
 #include "boottime/boot_history_file.h"
+#include "boottime/boot_history_listener.h"
+#include "support/scratch_folder.h"
 
 namespace boottime {
 namespace {
@@ -111,6 +114,44 @@ TEST(BootHistoryTest, ListsAndTextsOverTheBoundsAreCutWhenWrittenAndRefusedWhenR
   std::string deep = EncodeBootRecord(Sample(1));
   deep.replace(deep.find("\"top\":[") + 7, 0, "[[[[[]]]]],");
   EXPECT_FALSE(DecodeBootRecord(deep, error)) << "nesting deeper than a record";
+}
+
+TEST(BootHistoryTest, TheListenerAppendsOnlyMeasuredBootsAndTheFileKeepsTheNewestHundred) {
+  testsupport::ScratchFolder folder;
+  const std::wstring path = folder.file(kBootHistoryFileName);
+  std::optional<BootRecord> measured;
+  BootHistoryListener listener([&] { return measured; },
+                               [&](const BootRecord& record) { return AppendBootRecord(path, record); });
+  HistoryDocument history;
+  ASSERT_EQ(ReadBootHistory(path, history), 0u) << "no file yet is an empty history";
+  EXPECT_TRUE(history.records.empty());
+
+  listener.OnDataAnalysed(kStatusAvailable);
+  EXPECT_EQ(testsupport::ReadFileBytes(path), "") << "a run that measured nothing (a reload) adds no record";
+  measured = Sample(1);
+  listener.OnDataAnalysed(kStatusNoResults);
+  EXPECT_EQ(testsupport::ReadFileBytes(path), "") << "a failed run adds no record";
+  listener.OnDataAnalysed(kStatusAvailable);
+  ASSERT_EQ(ReadBootHistory(path, history), 0u);
+  ASSERT_EQ(history.records.size(), 1u);
+
+  std::vector<BootRecord> full;
+  for (int i = 1; i <= 100; ++i) full.push_back(Sample(i));
+  testsupport::WriteFileBytes(path, "garbage\n" + EncodeHistory(full));
+  measured = Sample(101);
+  listener.OnDataAnalysed(kStatusAvailable);
+  ASSERT_EQ(ReadBootHistory(path, history), 0u);
+  ASSERT_EQ(history.records.size(), kHistoryKeep);
+  EXPECT_EQ(history.records.front().systemStart, 2);
+  EXPECT_EQ(history.records.back().systemStart, 101);
+  EXPECT_EQ(history.skipped, 0u) << "an unreadable line is dropped when the file is rewritten";
+
+  testsupport::WriteFileBytes(path, std::string(kHistoryMaxFileBytes + 1, '\n'));
+  EXPECT_EQ(ReadBootHistory(path, history), static_cast<std::uint32_t>(ERROR_FILE_TOO_LARGE));
+  EXPECT_TRUE(history.records.empty());
+  listener.OnDataAnalysed(kStatusAvailable);
+  ASSERT_EQ(ReadBootHistory(path, history), 0u);
+  EXPECT_EQ(history.records.size(), 1u) << "a file over its bound is started afresh";
 }
 
 }  // namespace

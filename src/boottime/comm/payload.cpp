@@ -68,6 +68,24 @@ void CPayloadWriter::WriteString(const std::wstring& text) {
   std::memcpy(Grow((units + 1) * 2), text.c_str(), (units + 1) * 2);
 }
 
+void CPayloadWriter::WriteUtf8(const std::string& text) {
+  WriteU32(static_cast<std::uint32_t>(text.size()));
+  if (!text.empty()) std::memcpy(Grow(text.size()), text.data(), text.size());
+}
+
+void CPayloadWriter::WriteHistory(const ky::IList<std::string>& records, std::size_t maxBytes) {
+  std::vector<const std::string*> all;
+  const ky::com_ptr<ky::ConstListEnum<std::string>> e(records.ConstEnum());
+  const std::string* item = nullptr;
+  while (e->Next(&item)) all.push_back(item);
+  std::size_t first = all.size();
+  for (std::size_t bytes = 4; first > 0 && bytes + 4 + all[first - 1]->size() <= maxBytes; --first) {
+    bytes += 4 + all[first - 1]->size();
+  }
+  WriteU32(static_cast<std::uint32_t>(all.size() - first));
+  for (std::size_t i = first; i < all.size(); ++i) WriteUtf8(*all[i]);
+}
+
 void CPayloadWriter::WriteCounters(const BootCounters& c) {
   WriteU32(c.kernel);
   WriteU32(c.user);
@@ -149,6 +167,35 @@ bool CPayloadReader::ReadF64(double* value) {
   std::uint64_t bits = 0;
   if (!ReadU64(&bits)) return false;
   std::memcpy(value, &bits, sizeof bits);
+  return true;
+}
+
+bool CPayloadReader::ReadUtf8(std::string* text) {
+  std::uint32_t bytes = 0;
+  if (!ReadU32(&bytes)) return false;
+  if (bytes == 0) {
+    text->clear();
+    return true;
+  }
+  const std::uint8_t* at = Take(bytes);
+  if (at == nullptr) return false;
+  text->assign(reinterpret_cast<const char*>(at), bytes);
+  return true;
+}
+
+bool CPayloadReader::ReadHistory(ky::IList<std::string>* records) {
+  std::uint32_t count = 0;
+  if (!ReadU32(&count)) return false;
+  // Each record takes at least its 4-byte length, so a lying count fails before it costs memory.
+  if (count > Remaining() / 4) {
+    pos_ = size_ + 1;
+    return false;
+  }
+  std::vector<std::string> read(count);
+  for (std::string& text : read) {
+    if (!ReadUtf8(&text)) return false;
+  }
+  for (const std::string& text : read) records->Add(text);
   return true;
 }
 

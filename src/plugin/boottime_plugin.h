@@ -12,6 +12,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "boottime/boot_history_listener.h"
 #include "boottime/boot_time_analyser_state.h"
@@ -94,6 +95,9 @@ class CBootTimePlugin final : public IBootTime, public IStartupManagerObserver {
   BootTimeListeners listeners_;
   bool measuredRun_ = false;  // this run analysed a boot rather than reloading; processing thread only
   std::unique_ptr<BootHistoryListener> history_;
+  // The history's lines as last read or written: a query copies them instead of parsing the file.
+  ky::CriticalSection historyLock_;
+  std::optional<std::vector<std::string>> historyLines_;
   IPlgComponentManager* componentManager_ = nullptr;  // the host's; never released
   ky::PluginRef<ILoadUsage> loadUsage_;
   std::uint32_t overallStatus_ = kStatusNotYetKnown;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <mutex>
 
 #include "boottime/boot_history_listener.h"
 #include "common/json_file.h"
@@ -170,7 +171,10 @@ std::uint32_t CBootTimePlugin::AppendHistory(const BootRecord& record) {
   const std::wstring path = HistoryFile();
   startup::storage::CStoreLock lock(path);
   if (!lock.Held()) return ERROR_TIMEOUT;
-  return AppendBootRecord(path, record);
+  const std::uint32_t appended = AppendBootRecord(path, record);
+  std::lock_guard hold(historyLock_);
+  historyLines_.reset();
+  return appended;
 }
 
 std::uint32_t CBootTimePlugin::GetBootHistory(std::uint32_t count, ky::IList<std::string>* records) {
@@ -178,13 +182,21 @@ std::uint32_t CBootTimePlugin::GetBootHistory(std::uint32_t count, ky::IList<std
   if (records == nullptr) return ERROR_INVALID_DATA;
   return ky::Guarded(L"boottime::CBootTimePlugin::GetBootHistory", ky::kGeneralFailure, ky::kOutOfMemory,
                      [&]() -> std::uint32_t {
-                       HistoryDocument history;
-                       const std::size_t keep = count == 0 || count > kHistoryKeep ? kHistoryKeep : count;
-                       if (const std::uint32_t read = ReadBootHistory(HistoryFile(), history, keep); read != 0) {
-                         KY_LOG(logging::kLevelError, L"boot history unreadable 0x%x", read);
-                         return read;
+                       std::lock_guard hold(historyLock_);
+                       if (!historyLines_) {
+                         HistoryDocument history;
+                         if (const std::uint32_t read = ReadBootHistory(HistoryFile(), history); read != 0) {
+                           KY_LOG(logging::kLevelError, L"boot history unreadable 0x%x", read);
+                           return read;
+                         }
+                         historyLines_.emplace();
+                         for (const BootRecord& record : history.records) {
+                           historyLines_->push_back(EncodeBootRecord(record));
+                         }
                        }
-                       for (const BootRecord& record : history.records) records->Add(EncodeBootRecord(record));
+                       const std::vector<std::string>& lines = *historyLines_;
+                       const std::size_t first = count == 0 || count >= lines.size() ? 0 : lines.size() - count;
+                       for (std::size_t i = first; i < lines.size(); ++i) records->Add(lines[i]);
                        return 0;
                      });
 }

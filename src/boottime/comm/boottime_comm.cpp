@@ -181,10 +181,9 @@ std::uint32_t CBootTimeComm::Query(const pipelink::PipeMessage& message, CPayloa
         KY_LOG(logging::kLevelError, L"GetBootHistory unreadable count 0x%x", ERROR_GEN_FAILURE);
         return ERROR_GEN_FAILURE;
       }
-      ky::List<std::string> records;
       // A reply is one connector frame: the oldest records that would not fit are left out.
-      return Answered(kyTrace_.Name(), L"GetBootHistory", bootTime_->GetBootHistory(count, &records),
-                      [&] { payload.WriteHistory(records, pipelink::kMaxPayloadBytes); });
+      CEncodedHistory records(payload, pipelink::kMaxPayloadBytes);
+      return Answered(kyTrace_.Name(), L"GetBootHistory", bootTime_->GetBootHistory(count, &records), [] {});
     }
     default:
       return ERROR_GEN_FAILURE;

@@ -68,9 +68,13 @@ void CPayloadWriter::WriteString(const std::wstring& text) {
   std::memcpy(Grow((units + 1) * 2), text.c_str(), (units + 1) * 2);
 }
 
+void CPayloadWriter::WriteRaw(const void* data, std::size_t size) {
+  if (size != 0) std::memcpy(Grow(size), data, size);
+}
+
 void CPayloadWriter::WriteUtf8(const std::string& text) {
   WriteU32(static_cast<std::uint32_t>(text.size()));
-  if (!text.empty()) std::memcpy(Grow(text.size()), text.data(), text.size());
+  WriteRaw(text.data(), text.size());
 }
 
 void CPayloadWriter::WriteHistory(const ky::IList<std::string>& records, std::size_t maxBytes) {
@@ -186,16 +190,20 @@ bool CPayloadReader::ReadUtf8(std::string* text) {
 bool CPayloadReader::ReadHistory(ky::IList<std::string>* records) {
   std::uint32_t count = 0;
   if (!ReadU32(&count)) return false;
-  // Each record takes at least its 4-byte length, so a lying count fails before it costs memory.
-  if (count > Remaining() / 4) {
-    pos_ = size_ + 1;
-    return false;
+  // The whole list is checked before anything is taken, so each record is copied once.
+  const std::size_t listAt = pos_;
+  std::uint32_t bytes = 0;
+  for (std::uint32_t i = 0; i < count; ++i) {
+    if (!ReadU32(&bytes) || (bytes != 0 && Take(bytes) == nullptr)) return false;
   }
-  std::vector<std::string> read(count);
-  for (std::string& text : read) {
-    if (!ReadUtf8(&text)) return false;
+  const std::size_t end = pos_;
+  pos_ = listAt;
+  std::string text;
+  for (std::uint32_t i = 0; i < count; ++i) {
+    (void)ReadUtf8(&text);
+    records->Add(text);
   }
-  for (const std::string& text : read) records->Add(text);
+  pos_ = end;
   return true;
 }
 

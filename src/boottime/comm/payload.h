@@ -42,6 +42,8 @@ class CPayloadWriter {
   // Entries in the order the list's enumerator gives them.
   void WriteImpactList(const ky::IList<ProcessImpact>& impacts);
   void WriteDiskSpeed(const DiskSpeed& speed);
+  // `size` bytes as they are.
+  void WriteRaw(const void* data, std::size_t size);
   // u32 N, then N bytes of UTF-8 text (a history record as the file holds it).
   void WriteUtf8(const std::string& text);
   // u32 count, then the newest records of `records` (oldest first) that fit in `maxBytes`

@@ -39,6 +39,20 @@ fuzz::Outcome ReadPayload(const std::uint8_t* data, std::size_t size) {
   outcome |= One(data, size, 4, [](CPayloadReader& r) { boottime::BootCounters c; return r.ReadCounters(&c); });
   outcome |= One(data, size, 5, [](CPayloadReader& r) { boottime::ProcessKey k; return r.ReadProcessKey(&k); });
   outcome |= One(data, size, 6, [](CPayloadReader& r) { boottime::DiskSpeed s; return r.ReadDiskSpeed(&s); });
+  // A history reply read whole writes back to the bytes it came from; an unreadable one adds nothing.
+  outcome |= One(data, size, 12, [data, size](CPayloadReader& r) {
+    ky::List<std::string> records;
+    if (!r.ReadHistory(&records)) {
+      if (records.Count() != 0) fuzz::Fail("an unreadable history reply gave records");
+      return false;
+    }
+    boottime::CPayloadWriter again;
+    again.WriteHistory(records, SIZE_MAX);
+    if (again.Size() != size - r.Remaining() || std::memcmp(again.Data(), data, again.Size()) != 0) {
+      fuzz::Fail("a history reply did not write back to its bytes");
+    }
+    return true;
+  });
 
   // The three forms of the list agree, and a list read whole encodes back to the bytes it came from.
   static std::vector<ProcessImpact> asVector;

@@ -4,6 +4,7 @@
 //    pipelink.dll and CBootTimeComm, against a bare message-mode pipe that moves the same
 //    request and reply bytes, measured in the same run: "boottime query: R x bare".
 //    Both run on one core unless --all-cores is given.
+//    The same for the history query of 100 boots: "history query: 100 boots in T us (R x bare pipe)".
 // 2. Many clients querying at once, on every core: "concurrent: N of M answered".
 #include <windows.h>
 
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "../bench_timing.h"
+#include "boottime/boot_history_file.h"
 #include "boottime/comm/boottime_comm.h"
 #include "boottime/comm/boottime_comm_client.h"
 #include "boottime/comm/payload.h"
@@ -31,6 +33,30 @@ namespace {
 
 constexpr std::size_t kImpacts = 500;
 constexpr int kWarmup = 20;
+constexpr std::size_t kHistoryBoots = 100;
+
+// A boot as the history keeps it: twenty heavy processes and a dozen startup entries.
+std::string HistoryLine(std::size_t boot) {
+  boottime::BootRecord record;
+  record.systemStart = 133'000'000'000'000 + static_cast<std::int64_t>(boot) * 86'400'000;
+  record.bootTime = 40000 + static_cast<std::uint32_t>(boot);
+  record.end = boottime::BootEnd::kWindowsEvent;
+  record.windowsBootTime = 39000;
+  record.logonTime = 21000;
+  record.user = L"alice";
+  record.cpuMs = 123456;
+  record.bytesRead = 987654321;
+  record.bytesWritten = 12345678;
+  record.processes = 140;
+  for (std::uint32_t i = 0; i < boottime::kHistoryTopImpacts; ++i) {
+    record.top.push_back({L"C:\\Program Files\\Vendor\\app" + std::to_wstring(i) + L".exe", 900 - i, 4096 * i, 512 * i});
+  }
+  for (std::uint32_t i = 0; i < 12; ++i) {
+    record.entries.push_back({L"Entry " + std::to_wstring(i), L"run", boottime::StartupState::kEnabled,
+                              boottime::HistoryImpact{L"", 300 + i, 1 << 20, 4096}});
+  }
+  return boottime::EncodeBootRecord(record);
+}
 
 struct Options {
   int iterations = 300;
@@ -70,8 +96,10 @@ class BenchBootTime final : public boottime::IBootTime {
       impacts_.push_back({4, 1000 + i, L"C:\\Program Files\\Vendor\\app" + std::to_wstring(i) + L".exe",
                           static_cast<std::uint32_t>(i), 20, 4096, 512, 64});
     }
+    for (std::size_t i = 0; i < kHistoryBoots; ++i) history_.push_back(HistoryLine(i));
   }
   const std::vector<boottime::ProcessImpact>& Impacts() const { return impacts_; }
+  const std::vector<std::string>& History() const { return history_; }
   void* GetInterface(const GUID& iid) override {
     return KyIsEqualId(iid, lumera::ids::IBootTime) || KyIsEqualId(iid, lumera::ids::IKyBaseInterface) ? this : nullptr;
   }
@@ -98,9 +126,14 @@ class BenchBootTime final : public boottime::IBootTime {
   std::uint32_t AddListener(boottime::IBootTimeEvents* l) override { return listeners_.Register(l); }
   std::uint32_t RemoveListener(boottime::IBootTimeEvents* l) override { return listeners_.Unregister(l); }
   void OnDataAnalysed(std::uint32_t) override {}
+  std::uint32_t GetBootHistory(std::uint32_t, ky::IList<std::string>* out) override {
+    for (const auto& line : history_) out->Add(line);
+    return 0;
+  }
 
  private:
   std::vector<boottime::ProcessImpact> impacts_;
+  std::vector<std::string> history_;
   CallbackList<boottime::IBootTimeEvents*> listeners_;
 };
 
@@ -170,6 +203,23 @@ void MeasureInterleaved(BareExchange& bare, boottime::CBootTimeCommClient& clien
   }
 }
 
+void MeasureHistoryInterleaved(BareExchange& bare, boottime::CBootTimeCommClient& client, int iterations,
+                               std::vector<double>& bareTimes, std::vector<double>& commTimes, bool* ok) {
+  *ok = true;
+  for (int i = 0; i < iterations + kWarmup; ++i) {
+    const double bareTime = bare.RoundTrip();
+    ky::List<std::string> records;
+    const double begin = bench::NowSeconds();
+    const std::uint32_t result = client.GetBootHistory(0, &records);
+    const double commTime = bench::NowSeconds() - begin;
+    if (bareTime < 0 || result != 0 || records.Count() != kHistoryBoots) *ok = false;
+    if (i >= kWarmup) {
+      bareTimes.push_back(bareTime);
+      commTimes.push_back(commTime);
+    }
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -214,10 +264,23 @@ int main(int argc, char** argv) {
     std::vector<double> bareTimes;
     std::vector<double> commTimes;
     std::vector<double> small;
+    boottime::CPayloadWriter historyRequest;
+    historyRequest.WriteU32(0);
+    boottime::CPayloadWriter historyReply;
+    historyReply.WriteHistory(ky::List<std::string>(plugin.History()), pipelink::kMaxPayloadBytes);
+    const std::vector<std::uint8_t> historyRequestBytes(historyRequest.Data(), historyRequest.Data() + historyRequest.Size());
+    const std::vector<std::uint8_t> historyReplyBytes(historyReply.Data(), historyReply.Data() + historyReply.Size());
+    std::vector<double> historyBareTimes;
+    std::vector<double> historyTimes;
+    bool historyOk = false;
     bool pinned = false;
     {
       OneCore core(!options.allCores);
       pinned = core.Pinned();
+      {
+        BareExchange exchange(historyRequestBytes, historyReplyBytes);
+        MeasureHistoryInterleaved(exchange, client, options.iterations, historyBareTimes, historyTimes, &historyOk);
+      }
       BareExchange exchange(requestBytes, replyBytes);
       MeasureInterleaved(exchange, client, options.iterations, bareTimes, commTimes, &allOk);
       for (int i = 0; i < options.iterations; ++i) {
@@ -236,7 +299,12 @@ int main(int argc, char** argv) {
                 allOk ? "" : " (SOME QUERIES FAILED)");
     std::printf("boottimepipe GetBootTime (4-byte reply): median %.1f us per round trip\n", bench::Median(small) * 1e6);
     std::printf("boottime query: %.2f x bare\n", bare > 0 ? comm / bare : 0.0);
-    if (!allOk || bare <= 0) exitCode = 1;
+    const double historyBare = bench::Median(historyBareTimes);
+    const double history = bench::Median(historyTimes);
+    std::printf("history query: %zu boots in %.0f us (%.2f x bare pipe; %zu-byte reply)%s\n", kHistoryBoots,
+                history * 1e6, historyBare > 0 ? history / historyBare : 0.0, historyReplyBytes.size(),
+                historyOk ? "" : " (SOME QUERIES FAILED)");
+    if (!allOk || !historyOk || bare <= 0 || historyBare <= 0) exitCode = 1;
     client.Stop();
     client.UnInit();
 

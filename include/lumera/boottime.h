@@ -67,6 +67,12 @@ struct IBootTime : IServPlugin {
   virtual std::uint32_t AddListener(IBootTimeEvents* listener) = 0;                            // slot 9
   virtual std::uint32_t RemoveListener(IBootTimeEvents* listener) = 0;                         // slot 10
   virtual void OnDataAnalysed(std::uint32_t status) = 0;                                       // slot 11
+  // Appends the newest `count` records of the boot history (0: all kept, at most 100), oldest
+  // first, each one compact JSON object in UTF-8; *records is left as it was on failure.
+  // Objects built before the history existed answer 120 (ERROR_CALL_NOT_IMPLEMENTED).
+  virtual std::uint32_t GetBootHistory(std::uint32_t /*count*/, ky::IList<std::string>* /*records*/) {  // slot 12
+    return 120;
+  }
 };
 
 // The "boottimepipe" server object.
@@ -82,6 +88,8 @@ struct IBootTimeResponse {
   virtual void OnGetTotalBootImpact(std::uint32_t code, const BootCounters& total) = 0;
   virtual void OnGetBootImpact(std::uint32_t code, const ky::IList<ProcessImpact>& impacts) = 0;
   virtual void OnGetDiskSpeed(std::uint32_t code, const DiskSpeed& speed) = 0;
+  // Observers written before the history query existed ignore its answers.
+  virtual void OnGetBootHistory(std::uint32_t /*code*/, const ky::IList<std::string>& /*records*/) {}
 };
 
 // Asynchronous client: each call posts the query and returns the post's result; the
@@ -93,6 +101,8 @@ struct IBootTimeCommClientAsync : IKyBaseInterface {
   virtual std::uint32_t GetDiskSpeedAsync() = 0;
   virtual std::uint32_t AddResponseObserver(IBootTimeResponse* observer) = 0;
   virtual std::uint32_t RemoveResponseObserver(IBootTimeResponse* observer) = 0;
+  // Posts the history query for the newest `count` records (0: all kept).
+  virtual std::uint32_t GetBootHistoryAsync(std::uint32_t /*count*/) { return 120; }
 };
 
 }  // namespace boottime

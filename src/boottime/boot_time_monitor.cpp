@@ -77,6 +77,11 @@ void BootTimeMonitor::SetStatus(std::uint32_t status) {
   status_ = status;
 }
 
+BootTimeMonitor::Ending BootTimeMonitor::LastEnding() {
+  std::lock_guard hold(lock_);
+  return ending_;
+}
+
 std::uint32_t BootTimeMonitor::Result(std::uint32_t* bootTime) {
   std::lock_guard hold(lock_);
   if (bootTime != nullptr) *bootTime = bootTime_;
@@ -101,6 +106,11 @@ void BootTimeMonitor::Start(HANDLE stopEvent) {
     for (std::uint32_t pid : utils::GetAllProcessesPids()) (void)processes_->Add(pid);
     if (!processesMonitor_->Start()) KY_LOG(logging::kLevelWarning, L"processes monitor not started");
     timeSystem_ = 0;
+    {
+      std::lock_guard hold(lock_);
+      ending_ = Ending{};
+    }
+    std::uint32_t emptySince = 0;  // tick count when the list was last found empty, 0 while not
     for (;;) {
       const bool logged = logonObserver_->Logged();
       KY_LOG(logging::kLevelDebug, L"User logged = %s", logged ? L"TRUE" : L"FALSE");
@@ -114,7 +124,11 @@ void BootTimeMonitor::Start(HANDLE stopEvent) {
         return;
       }
       if (IsBootFinished()) return;
-      if (processes_->Count() != 0) continue;
+      if (processes_->Count() != 0) {
+        emptySince = 0;
+        continue;
+      }
+      if (emptySince == 0) emptySince = clock_.TickCount();
 
       KY_LOG(logging::kLevelDebug, L"empty processes list");
       if (logonObserver_->Logged()) {
@@ -123,7 +137,13 @@ void BootTimeMonitor::Start(HANDLE stopEvent) {
           KY_LOG(logging::kLevelInfo, L"user logged & empty processes list => stop monitor processes");
           KY_LOG(logging::kLevelInfo, L"now=%d, logon time=%d, system time=%d", now, logonObserver_->LogonTime(),
                  timeSystem_);
-          SetStatus(kStatusFound);
+          // Told apart for the history: a list that was already empty when the minute after the
+          // logon ran out ended at that limit; one that emptied later ended by going quiet.
+          std::lock_guard hold(lock_);
+          ending_.end = emptySince - logonObserver_->LogonTime() <= kAfterLogonMs ? BootEnd::kLogonLimit
+                                                                                  : BootEnd::kQuietAfterLogon;
+          ending_.logonTime = logonObserver_->LogonTime();
+          status_ = kStatusFound;
           return;
         }
       } else if (timeSystem_ == 0) {
@@ -160,6 +180,9 @@ bool BootTimeMonitor::IsBootFinished() {
         std::lock_guard hold(lock_);
         bootTime_ = time;
         status_ = kStatusFound;
+        ending_.end = BootEnd::kWindowsEvent;
+        ending_.windowsBootTime = time;
+        ending_.logonTime = logonObserver_ ? logonObserver_->LogonTime() : 0;
       }
       KY_LOG(logging::kLevelInfo, L"WinBootEvent time=%d", time);
       return true;

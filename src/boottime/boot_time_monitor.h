@@ -12,9 +12,11 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <string>
 
+#include "boottime/boot_history_file.h"
 #include "boottime/boot_info_file.h"
 #include "boottime/clock.h"
 #include "boottime/process_counters_source.h"
@@ -76,6 +78,15 @@ class BootTimeMonitor {
 
   // The status; writes the boot time to *bootTime when given.
   std::uint32_t Result(std::uint32_t* bootTime = nullptr);
+
+  // How the last Start ended, for the boot history: what ended it, the system's own boot time
+  // when its event did, and the logon time then (0 when nobody had logged on).
+  struct Ending {
+    BootEnd end = BootEnd::kTwoHourLimit;
+    std::optional<std::uint32_t> windowsBootTime;
+    std::uint32_t logonTime = 0;
+  };
+  Ending LastEnding();
   // Stops the boot event watcher and unregisters the logon observer (the plug-in's Stop).
   void StopWatchers();
 
@@ -100,6 +111,7 @@ class BootTimeMonitor {
   std::unique_ptr<ProcessesMonitor> processesMonitor_;
   std::unique_ptr<Processes> processes_;
   std::uint32_t timeSystem_ = 0;
+  Ending ending_;  // under lock_
 };
 
 // Learns the first logon's tick count from the logon tracker; called on its thread.

@@ -73,6 +73,11 @@ std::uint32_t CBootTimePlugin::InitSteps(IServMain* host) {
     KY_LOG(logging::kLevelDebug, L"current-user checker already registered");
   }
   settingsFolder_ = plugin::ResolveSettingsFolder(componentManager_);
+  if (!history_) {
+    history_ = std::make_unique<BootHistoryListener>([this] { return MeasuredBootRecord(); },
+                                                     [this](const BootRecord& record) { return AppendHistory(record); });
+    (void)listeners_.Add(L"boottime::CBootTimePlugin::Init", history_.get());
+  }
   const std::uint32_t result = monitor_.Init(host, &data_);
   if (result != 0) {
     KY_LOG(logging::kLevelError, L"BootTimeMonitor init err=%0x%x", result);
@@ -89,6 +94,10 @@ std::uint32_t CBootTimePlugin::UnInit() {
     EndProcessingThread();
     report_.Join();
     monitor_.UnInit();
+    if (history_) {
+      (void)listeners_.Remove(history_.get());
+      history_.reset();
+    }
     diskPerformance_.SetLoadUsage(nullptr);
     loadUsage_.Reset();
     monitorEvent_.reset();

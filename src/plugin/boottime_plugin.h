@@ -10,8 +10,11 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
+#include "boottime/boot_history_listener.h"
 #include "boottime/boot_time_analyser_state.h"
 #include "boottime/boot_time_data.h"
 #include "boottime/boot_time_disk_performance.h"
@@ -54,6 +57,9 @@ class CBootTimePlugin final : public IBootTime, public IStartupManagerObserver {
   std::uint32_t AddListener(IBootTimeEvents* listener) override;
   std::uint32_t RemoveListener(IBootTimeEvents* listener) override;
   void OnDataAnalysed(std::uint32_t status) override;
+  // The newest `count` records of "boot_history.jsonl"; 0 (also with no history yet), or
+  // ERROR_FILE_TOO_LARGE for a file over its bound.
+  std::uint32_t GetBootHistory(std::uint32_t count, ky::IList<std::string>* records) override;
 
   void OnStartupAppsChanged() override {}
   void OnAppListReceived(std::uint32_t) override {}
@@ -73,6 +79,10 @@ class CBootTimePlugin final : public IBootTime, public IStartupManagerObserver {
   bool StopRequested() const;
   void EndProcessingThread();
   std::uint32_t OverallStatus();
+  std::wstring HistoryFile() const;
+  // The record of the run that just ended when it measured a boot; nullopt otherwise.
+  std::optional<BootRecord> MeasuredBootRecord();
+  std::uint32_t AppendHistory(const BootRecord& record);
 
   IClock& clock_;
   std::wstring settingsFolder_;
@@ -83,6 +93,11 @@ class CBootTimePlugin final : public IBootTime, public IStartupManagerObserver {
   BootTimeDiskPerformance diskPerformance_;
   AnalyserState analyser_;
   BootTimeListeners listeners_;
+  bool measuredRun_ = false;  // this run analysed a boot rather than reloading; processing thread only
+  std::unique_ptr<BootHistoryListener> history_;
+  // The history's lines as last read or written: a query copies them instead of parsing the file.
+  ky::CriticalSection historyLock_;
+  std::optional<std::vector<std::string>> historyLines_;
   IPlgComponentManager* componentManager_ = nullptr;  // the host's; never released
   ky::PluginRef<ILoadUsage> loadUsage_;
   std::uint32_t overallStatus_ = kStatusNotYetKnown;

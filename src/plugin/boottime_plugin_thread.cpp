@@ -58,6 +58,7 @@ void CBootTimePlugin::ProcessingThread() {
   std::uint32_t status = kStatusNoResults;
   bool stopped = false;
   enum class Next { kMonitor, kReload, kDone } next = Next::kMonitor;
+  measuredRun_ = false;
 
   const std::int64_t lastStart = GetLastSystemStartTime();
   if (lastStart == 0) {
@@ -97,6 +98,7 @@ void CBootTimePlugin::ProcessingThread() {
       analyser_.Analyse(&data_);
       diskPerformance_.Start(monitorEvent_.get());
       stopped = StopRequested();
+      measuredRun_ = true;
       next = Next::kDone;
     }
   }

@@ -49,6 +49,10 @@ struct Observer : boottime::IBootTimeResponse, boottime::IBootTimeEvents {
     Done(c, [&] { impacts = ky::ToVector(list); });
   }
   void OnGetDiskSpeed(std::uint32_t c, const boottime::DiskSpeed& d) override { Done(c, [&] { disk = d; }); }
+  void OnGetBootHistory(std::uint32_t c, const ky::IList<std::string>& list) override {
+    Done(c, [&] { history = ky::ToVector(list); });
+  }
+  std::vector<std::string> history;
   void OnDataAnalysed(std::uint32_t value) override { Done(code, [&] { analysed = value; }); }
 };
 
@@ -135,6 +139,51 @@ TEST_F(BootTimePipe, SynchronousQueriesCarryThePluginsAnswersOrItsFailureCodeAnd
   EXPECT_EQ(client.GetDiskSpeed(&disk), 1168u);
   EXPECT_TRUE(log.contains(L"GetDiskSpeed err=1168"));
   EXPECT_TRUE(log.contains(L"sendMessage NpcMsgBootTimeGetDiskSpeed returns 0x490"));
+}
+
+// The history query: the newest records asked for, oldest first, as many as fit one reply.
+TEST_F(BootTimePipe, TheHistoryQueryCarriesTheNewestRecordsThatFitAndFailsWithErrorMessage14) {
+  for (int i = 0; i < 100; ++i) fake.history.push_back(std::to_string(i) + std::string(12 * 1024, 'r'));
+  ky::List<std::string> records;
+  ASSERT_EQ(client.GetBootHistory(3, &records), 0u);
+  ASSERT_EQ(records.Count(), 3u);
+  EXPECT_EQ(records.Items()[0], fake.history[97]);
+  EXPECT_EQ(records.Items()[2], fake.history[99]);
+  records.Clear();
+  ASSERT_EQ(client.GetBootHistory(0, &records), 0u);
+  ASSERT_LT(records.Count(), 100u) << "100 records of 12 KB do not fit one reply";
+  ASSERT_GT(records.Count(), 50u);
+  EXPECT_EQ(records.Items().back(), fake.history.back()) << "the oldest are the ones left out";
+  EXPECT_TRUE(log.contains(L"GetBootHistory err=0"));
+
+  ASSERT_EQ(client.GetBootHistoryAsync(2), 0u);
+  ASSERT_TRUE(observer.Wait());
+  EXPECT_EQ(observer.code, 0u);
+  EXPECT_EQ(observer.history, std::vector<std::string>(fake.history.end() - 2, fake.history.end()));
+
+  fake.historyCode = 1168;
+  EXPECT_EQ(client.GetBootHistory(3, &records), 1168u);
+  ASSERT_EQ(client.GetBootHistoryAsync(3), 0u);
+  ASSERT_TRUE(observer.Wait());
+  EXPECT_EQ(observer.code, 1168u);
+  EXPECT_TRUE(observer.history.empty());
+
+  testing_pipelink::Library lib;
+  ASSERT_TRUE(lib.Ready());
+  testing_pipelink::Inbox wire;
+  pipelink::IConnPipeClient* raw = nullptr;
+  ASSERT_EQ(lib.Client()->Connect(L"boottimepipe", 0, 0, kWaitMs, &raw), 0u);
+  ASSERT_EQ(raw->RegisterCallback(&testing_pipelink::Inbox::Callback, &wire, pipelink::kCallbackMessages), 0u);
+  const std::uint8_t count[] = {3, 0, 0, 0};
+  ASSERT_EQ(raw->Post(boottime::msg::NpcMsgBootTimeGetBootHistory, count, 4, 0), 0u);
+  ASSERT_TRUE(wire.Wait());
+  EXPECT_EQ(wire.lastId.load(), 14u);
+  EXPECT_EQ(wire.lastCode.load(), 1168u);
+  pipelink::PipeMessage* reply = nullptr;
+  ASSERT_EQ(raw->Send(boottime::msg::NpcMsgBootTimeGetBootHistory, count, 2, &reply, 0, kWaitMs), 0u);
+  EXPECT_EQ(reply->result, 31u) << "a count that cannot be read";
+  raw->FreeReply(reply);
+  lib.Client()->Close(raw);
 }
 
 // Posted queries answer the observers; a failing one comes back as its error message (ids

@@ -3,6 +3,8 @@
 
 #include <atomic>
 #include <mutex>
+#include <string>
+#include <vector>
 
 #include "common/callback_list.h"
 #include "lumera/boottime.h"
@@ -18,6 +20,8 @@ class FakeBootTime final : public boottime::IBootTime {
   boottime::BootCounters total{10, 20, 30, 40, 50};
   std::vector<boottime::ProcessImpact> impacts;
   boottime::DiskSpeed disk{1.5, 97.25, 42.125};
+  std::atomic<std::uint32_t> historyCode{0};
+  std::vector<std::string> history;  // oldest first
 
   boottime::ProcessKey LastKey() {
     std::lock_guard hold(lock_);
@@ -54,6 +58,12 @@ class FakeBootTime final : public boottime::IBootTime {
   std::uint32_t GetDiskSpeed(boottime::DiskSpeed* out) override {
     if (diskCode == 0) *out = disk;
     return diskCode;
+  }
+  std::uint32_t GetBootHistory(std::uint32_t count, ky::IList<std::string>* out) override {
+    if (historyCode != 0) return historyCode;
+    const std::size_t first = count == 0 || count > history.size() ? 0 : history.size() - count;
+    for (std::size_t i = first; i < history.size(); ++i) out->Add(history[i]);
+    return 0;
   }
   std::uint32_t AddListener(boottime::IBootTimeEvents* l) override { return listeners_.Register(l); }
   std::uint32_t RemoveListener(boottime::IBootTimeEvents* l) override { return listeners_.Unregister(l); }

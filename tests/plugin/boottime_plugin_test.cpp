@@ -68,6 +68,25 @@ class HybridClock final : public IClock {
   DWORD started_ = ::GetTickCount();
 };
 
+// The machine's own process counters, and a system that is always idle, so the disk is
+// measured after its first second.
+class IdleSystemCounters final : public IProcessCountersSource {
+ public:
+  bool GetProcessTimes(HANDLE process, FILETIME* creation, FILETIME* exit, FILETIME* kernel, FILETIME* user) override {
+    return SystemCountersSource::Instance().GetProcessTimes(process, creation, exit, kernel, user);
+  }
+  bool GetProcessIoCounters(HANDLE process, IO_COUNTERS* counters) override {
+    return SystemCountersSource::Instance().GetProcessIoCounters(process, counters);
+  }
+  bool GetSystemTimes(FILETIME* idle, FILETIME* kernel, FILETIME* user) override {
+    const std::uint64_t now = std::uint64_t{::GetTickCount()} * 10000 * 4;
+    *idle = *kernel = FILETIME{static_cast<DWORD>(now), static_cast<DWORD>(now >> 32)};
+    *user = FILETIME{};
+    return true;
+  }
+  std::uint32_t NumberOfProcessors() override { return 4; }
+};
+
 class Listener final : public IBootTimeEvents {
  public:
   void OnDataAnalysed(std::uint32_t status) override {
@@ -204,6 +223,7 @@ class PluginRun : public ::testing::Test {
   std::wstring Folder() const { return scratch_.path() + L"velora\\"; }
   std::wstring BootFile() const { return Folder() + BootTimeMonitor::kFileName; }
   std::wstring ImpactFile() const { return Folder() + kProcessImpactFileName; }
+  std::wstring HistoryFile() const { return Folder() + kBootHistoryFileName; }
   bool StoreResults(std::int64_t systemStart, std::uint32_t bootTime) {
     ::CreateDirectoryW(Folder().c_str(), nullptr);
     return WriteFile(BootFile(), "{\"bootTime\":\"" + std::to_string(bootTime) + "\",\"systemStartTimestamp\":\"" +
@@ -360,6 +380,7 @@ TEST_F(PluginRun, AStoredStartWithinTwoSecondsReloadsAndExactlyTwoSecondsMeasure
     // Written back with the current system start only when both results are there.
     const std::int64_t start = c.impactFile ? kFakeSystemStart : kFakeSystemStart + c.difference;
     EXPECT_NE(bootFile.find(std::to_string(start)), std::string::npos) << bootFile;
+    EXPECT_FALSE(testsupport::Exists(HistoryFile())) << "a reload or a failed measurement added a boot to the history";
     if (!c.impactFile) continue;
     ASSERT_EQ(impacts.Count(), 1u);
     EXPECT_EQ(impacts.Items()[0].write, 3145728u);
@@ -409,6 +430,38 @@ TEST_F(PluginRun, StopDuringMonitoringEndsAtOnceWritesNothingAndASecondStartRelo
   EXPECT_TRUE(ThreadsBackTo(threadsBefore)) << ThreadCount() << " threads against " << threadsBefore;
 }
 
+TEST_F(PluginRun, AMeasuredBootAddsOneRecordToTheHistoryAndTheReloadOfThatBootNone) {
+  ASSERT_NO_FATAL_FAILURE(console_.Set(1));
+  ASSERT_TRUE(StoreResults(kFakeSystemStart - 60000, 999));  // an earlier boot's results
+  for (const bool measures : {true, false}) {
+    SCOPED_TRACE(measures ? "measured boot" : "same boot again");
+    HybridClock clock(BootTimeMonitor::kAfterLogonMs + 1000);
+    IdleSystemCounters counters;
+    CBootTimePlugin plugin(clock, counters);
+    Listener listener;
+    ASSERT_NO_FATAL_FAILURE(RunToTheEnd(plugin, listener));
+    ASSERT_EQ(listener.Statuses(), std::vector<std::uint32_t>{0});
+    EXPECT_EQ(Logged(L"load data from file"), measures ? 0u : 1u);
+    ky::List<std::string> lines;
+    ASSERT_EQ(plugin.GetBootHistory(0, &lines), 0u);
+    ASSERT_EQ(lines.Count(), 1u) << "one record for the measured boot, none for its reload";
+    std::string error;
+    const std::optional<BootRecord> record = DecodeBootRecord(lines.Items()[0], error);
+    ASSERT_TRUE(record) << error;
+    std::uint32_t ms = 0;
+    EXPECT_EQ(plugin.GetBootTime(&ms), 0u);
+    EXPECT_EQ(record->bootTime, ms);
+    EXPECT_EQ(record->systemStart, kFakeSystemStart);
+    EXPECT_TRUE(record->end == BootEnd::kQuietAfterLogon || record->end == BootEnd::kLogonLimit)
+        << BootEndName(record->end) << ": a user was logged on and no boot event came";
+    EXPECT_NE(record->processes, 0u);
+    EXPECT_FALSE(record->top.empty());
+    EXPECT_EQ(plugin.Stop(), 0u);
+    EXPECT_EQ(plugin.UnInit(), 0u);
+    log_.clear();
+  }
+}
+
 TEST_F(PluginRun, StopDuringTheDiskMeasurementEndsAtOnceWithRunStatusTwo) {
   WarmUpHost();
   ASSERT_NO_FATAL_FAILURE(console_.Set(1));
@@ -426,6 +479,7 @@ TEST_F(PluginRun, StopDuringTheDiskMeasurementEndsAtOnceWithRunStatusTwo) {
   EXPECT_NE(testsupport::ReadFileBytes(ImpactFile()), std::string(kImpactFile));
   std::uint32_t ms = 0;
   EXPECT_EQ(plugin.GetBootTime(&ms), 2u) << "a stopped run has no results to give";
+  EXPECT_FALSE(testsupport::Exists(HistoryFile())) << "a stopped measurement added a boot to the history";
   EXPECT_EQ(plugin.UnInit(), 0u);
 }
 

@@ -128,6 +128,7 @@ std::uint32_t CBootTimeComm::HandleMessage(const pipelink::PipeMessage& message)
     case msg::NpcMsgBootTimeGetTotalBootImpact:
     case msg::NpcMsgBootTimeGetBootImpact:
     case msg::NpcMsgBootTimeGetDiskSpeed:
+    case msg::NpcMsgBootTimeGetBootHistory:
       break;
     default:
       // Not a query: a synchronous sender still gets 31 from the connector.
@@ -172,6 +173,17 @@ std::uint32_t CBootTimeComm::Query(const pipelink::PipeMessage& message, CPayloa
       DiskSpeed speed;
       return Answered(kyTrace_.Name(), L"GetDiskSpeed", bootTime_->GetDiskSpeed(&speed),
                       [&] { payload.WriteDiskSpeed(speed); });
+    }
+    case msg::NpcMsgBootTimeGetBootHistory: {
+      std::uint32_t count = 0;
+      CPayloadReader reader(message.payload, message.size);
+      if (!reader.ReadU32(&count)) {
+        KY_LOG(logging::kLevelError, L"GetBootHistory unreadable count 0x%x", ERROR_GEN_FAILURE);
+        return ERROR_GEN_FAILURE;
+      }
+      // A reply is one connector frame: the oldest records that would not fit are left out.
+      CEncodedHistory records(payload, pipelink::kMaxPayloadBytes);
+      return Answered(kyTrace_.Name(), L"GetBootHistory", bootTime_->GetBootHistory(count, &records), [] {});
     }
     default:
       return ERROR_GEN_FAILURE;

@@ -15,12 +15,14 @@ constexpr wchar_t kNameBootTime[] = L"NpcMsgBootTimeGetBootTime";
 constexpr wchar_t kNameTotal[] = L"NpcMsgBootTimeGetTotalBootImpact";
 constexpr wchar_t kNameImpact[] = L"NpcMsgBootTimeGetBootImpact";
 constexpr wchar_t kNameDisk[] = L"NpcMsgBootTimeGetDiskSpeed";
+constexpr wchar_t kNameHistory[] = L"NpcMsgBootTimeGetBootHistory";
 
 // The answer to one query, read whole or not at all.
 bool ReadAnswer(CPayloadReader& reader, std::uint32_t* value) { return reader.ReadBootTime(value); }
 bool ReadAnswer(CPayloadReader& reader, BootCounters* value) { return reader.ReadCounters(value); }
 bool ReadAnswer(CPayloadReader& reader, ky::List<ProcessImpact>* value) { return reader.ReadImpactList(value); }
 bool ReadAnswer(CPayloadReader& reader, DiskSpeed* value) { return reader.ReadDiskSpeed(value); }
+bool ReadAnswer(CPayloadReader& reader, ky::List<std::string>* value) { return reader.ReadHistory(value); }
 
 // Reads one answer and, only when it is whole, hands it to `on` with code 0.
 template <class Value, class Client, class Arg>
@@ -197,6 +199,18 @@ std::uint32_t CBootTimeCommClient::GetDiskSpeed(DiskSpeed* speed) {
                });
 }
 
+std::uint32_t CBootTimeCommClient::GetBootHistory(std::uint32_t count, ky::IList<std::string>* records) {
+  KY_TRACE(L"boottime::CBootTimeCommClient::GetBootHistory");
+  if (records == nullptr) return ERROR_INVALID_DATA;
+  CPayloadWriter request;
+  request.WriteU32(count);
+  return Query(L"boottime::CBootTimeCommClient::GetBootHistory", msg::NpcMsgBootTimeGetBootHistory, kNameHistory,
+               &request, [&](CPayloadReader& reader) {
+                 if (!reader.ReadHistory(records)) KY_LOG(logging::kLevelError, L"history reply unreadable");
+                 KY_LOG(logging::kLevelInfo, L"history records=%u", records->Count());
+               });
+}
+
 std::uint32_t CBootTimeCommClient::AddListener(IBootTimeEvents* listener) {
   KY_TRACE(L"boottime::CBootTimeCommClient::AddListener");
   return events_.Add(L"boottime::CBootTimeCommClient::AddListener", listener);
@@ -244,6 +258,12 @@ std::uint32_t CBootTimeCommClient::GetDiskSpeedAsync() {
   return PostQuery(msg::NpcMsgBootTimeGetDiskSpeed, kNameDisk, nullptr, 0);
 }
 
+std::uint32_t CBootTimeCommClient::GetBootHistoryAsync(std::uint32_t count) {
+  CPayloadWriter request;
+  request.WriteU32(count);
+  return PostQuery(msg::NpcMsgBootTimeGetBootHistory, kNameHistory, request.Data(), request.Size());
+}
+
 std::uint32_t CBootTimeCommClient::AddResponseObserver(IBootTimeResponse* observer) {
   if (observer == nullptr) return ERROR_INVALID_DATA;
   return ky::Guarded(L"boottime::CBootTimeCommClient::AddResponseObserver", ky::kGeneralFailure,
@@ -287,6 +307,12 @@ void CBootTimeCommClient::OnGetDiskSpeed(std::uint32_t code, const DiskSpeed& sp
   responses_.ForEach([&](IBootTimeResponse* observer) { observer->OnGetDiskSpeed(code, speed); });
 }
 
+void CBootTimeCommClient::OnGetBootHistory(std::uint32_t code, const ky::IList<std::string>& records) {
+  KY_TRACE(L"boottime::CBootTimeCommClient::OnGetBootHistory");
+  KY_LOG(logging::kLevelInfo, L"err=0x%x history records=%u", code, records.Count());
+  responses_.ForEach([&](IBootTimeResponse* observer) { observer->OnGetBootHistory(code, records); });
+}
+
 std::uint32_t __cdecl CBootTimeCommClient::NpcCallback(void* context, const pipelink::PipeMessage* message) {
   return msg::Deliver<CBootTimeCommClient>(
       L"boottime::CBootTimeCommClient::NpcCallback", context, message,
@@ -303,16 +329,19 @@ std::uint32_t CBootTimeCommClient::HandleMessage(const pipelink::PipeMessage& me
     case msg::NpcMsgBootTimeGetTotalBootImpact: read = Pass<BootCounters>(reader, *this, &Self::OnGetTotalBootImpact); break;
     case msg::NpcMsgBootTimeGetBootImpact: read = Pass<ky::List<ProcessImpact>>(reader, *this, &Self::OnGetBootImpact); break;
     case msg::NpcMsgBootTimeGetDiskSpeed: read = Pass<DiskSpeed>(reader, *this, &Self::OnGetDiskSpeed); break;
+    case msg::NpcMsgBootTimeGetBootHistory: read = Pass<ky::List<std::string>>(reader, *this, &Self::OnGetBootHistory); break;
     case msg::NpcMsgBootTimeGetBootTimeError:
     case msg::NpcMsgBootTimeGetTotalBootImpactError:
     case msg::NpcMsgBootTimeGetBootImpactError:
-    case msg::NpcMsgBootTimeGetDiskSpeedError: {
+    case msg::NpcMsgBootTimeGetDiskSpeedError:
+    case msg::NpcMsgBootTimeGetBootHistoryError: {
       std::uint32_t code = 0;
       if (!(read = reader.ReadErrorCode(&code))) break;
       if (message.id == msg::NpcMsgBootTimeGetBootTimeError) OnGetBootTime(code, 0);
       if (message.id == msg::NpcMsgBootTimeGetTotalBootImpactError) OnGetTotalBootImpact(code, BootCounters{});
       if (message.id == msg::NpcMsgBootTimeGetBootImpactError) OnGetBootImpact(code, ky::List<ProcessImpact>{});
       if (message.id == msg::NpcMsgBootTimeGetDiskSpeedError) OnGetDiskSpeed(code, DiskSpeed{});
+      if (message.id == msg::NpcMsgBootTimeGetBootHistoryError) OnGetBootHistory(code, ky::List<std::string>{});
       break;
     }
     case msg::NpcMsgBootTimeOnDataAnalysed: {

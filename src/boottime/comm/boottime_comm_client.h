@@ -52,6 +52,8 @@ class CBootTimeCommClient : public IBootTimeCommClient,
   std::uint32_t GetBootImpactAsync(const ProcessKey* key) override;
   std::uint32_t GetDiskSpeed(DiskSpeed* speed) override;
   std::uint32_t GetDiskSpeedAsync() override;
+  std::uint32_t GetBootHistory(std::uint32_t count, ky::IList<std::string>* records) override;
+  std::uint32_t GetBootHistoryAsync(std::uint32_t count) override;
   // Observers of the server's data-analysed broadcast.
   std::uint32_t AddListener(IBootTimeEvents* listener) override;
   std::uint32_t RemoveListener(IBootTimeEvents* listener) override;
@@ -64,6 +66,7 @@ class CBootTimeCommClient : public IBootTimeCommClient,
   void OnGetTotalBootImpact(std::uint32_t code, const BootCounters& total) override;
   void OnGetBootImpact(std::uint32_t code, const ky::IList<ProcessImpact>& impacts) override;
   void OnGetDiskSpeed(std::uint32_t code, const DiskSpeed& speed) override;
+  void OnGetBootHistory(std::uint32_t code, const ky::IList<std::string>& records) override;
 
   // The connector's message callback; `context` is the CBootTimeCommClient.
   static std::uint32_t __cdecl NpcCallback(void* context, const pipelink::PipeMessage* message);

@@ -17,10 +17,12 @@ inline constexpr std::uint32_t NpcMsgBootTimeGetBootTime = 1;
 inline constexpr std::uint32_t NpcMsgBootTimeGetTotalBootImpact = 2;
 inline constexpr std::uint32_t NpcMsgBootTimeGetBootImpact = 3;
 inline constexpr std::uint32_t NpcMsgBootTimeGetDiskSpeed = 4;
+inline constexpr std::uint32_t NpcMsgBootTimeGetBootHistory = 5;
 inline constexpr std::uint32_t NpcMsgBootTimeGetBootTimeError = 10;
 inline constexpr std::uint32_t NpcMsgBootTimeGetTotalBootImpactError = 11;
 inline constexpr std::uint32_t NpcMsgBootTimeGetBootImpactError = 12;
 inline constexpr std::uint32_t NpcMsgBootTimeGetDiskSpeedError = 13;
+inline constexpr std::uint32_t NpcMsgBootTimeGetBootHistoryError = 14;
 inline constexpr std::uint32_t NpcMsgBootTimeOnDataAnalysed = 20;
 
 inline constexpr std::uint32_t kErrorIdOffset = 9;

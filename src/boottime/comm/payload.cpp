@@ -68,6 +68,28 @@ void CPayloadWriter::WriteString(const std::wstring& text) {
   std::memcpy(Grow((units + 1) * 2), text.c_str(), (units + 1) * 2);
 }
 
+void CPayloadWriter::WriteRaw(const void* data, std::size_t size) {
+  if (size != 0) std::memcpy(Grow(size), data, size);
+}
+
+void CPayloadWriter::WriteUtf8(const std::string& text) {
+  WriteU32(static_cast<std::uint32_t>(text.size()));
+  WriteRaw(text.data(), text.size());
+}
+
+void CPayloadWriter::WriteHistory(const ky::IList<std::string>& records, std::size_t maxBytes) {
+  std::vector<const std::string*> all;
+  const ky::com_ptr<ky::ConstListEnum<std::string>> e(records.ConstEnum());
+  const std::string* item = nullptr;
+  while (e->Next(&item)) all.push_back(item);
+  std::size_t first = all.size();
+  for (std::size_t bytes = 4; first > 0 && bytes + 4 + all[first - 1]->size() <= maxBytes; --first) {
+    bytes += 4 + all[first - 1]->size();
+  }
+  WriteU32(static_cast<std::uint32_t>(all.size() - first));
+  for (std::size_t i = first; i < all.size(); ++i) WriteUtf8(*all[i]);
+}
+
 void CPayloadWriter::WriteCounters(const BootCounters& c) {
   WriteU32(c.kernel);
   WriteU32(c.user);
@@ -149,6 +171,39 @@ bool CPayloadReader::ReadF64(double* value) {
   std::uint64_t bits = 0;
   if (!ReadU64(&bits)) return false;
   std::memcpy(value, &bits, sizeof bits);
+  return true;
+}
+
+bool CPayloadReader::ReadUtf8(std::string* text) {
+  std::uint32_t bytes = 0;
+  if (!ReadU32(&bytes)) return false;
+  if (bytes == 0) {
+    text->clear();
+    return true;
+  }
+  const std::uint8_t* at = Take(bytes);
+  if (at == nullptr) return false;
+  text->assign(reinterpret_cast<const char*>(at), bytes);
+  return true;
+}
+
+bool CPayloadReader::ReadHistory(ky::IList<std::string>* records) {
+  std::uint32_t count = 0;
+  if (!ReadU32(&count)) return false;
+  // The whole list is checked before anything is taken, so each record is copied once.
+  const std::size_t listAt = pos_;
+  std::uint32_t bytes = 0;
+  for (std::uint32_t i = 0; i < count; ++i) {
+    if (!ReadU32(&bytes) || (bytes != 0 && Take(bytes) == nullptr)) return false;
+  }
+  const std::size_t end = pos_;
+  pos_ = listAt;
+  std::string text;
+  for (std::uint32_t i = 0; i < count; ++i) {
+    (void)ReadUtf8(&text);
+    records->Add(text);
+  }
+  pos_ = end;
   return true;
 }
 

@@ -42,6 +42,13 @@ class CPayloadWriter {
   // Entries in the order the list's enumerator gives them.
   void WriteImpactList(const ky::IList<ProcessImpact>& impacts);
   void WriteDiskSpeed(const DiskSpeed& speed);
+  // `size` bytes as they are.
+  void WriteRaw(const void* data, std::size_t size);
+  // u32 N, then N bytes of UTF-8 text (a history record as the file holds it).
+  void WriteUtf8(const std::string& text);
+  // u32 count, then the newest records of `records` (oldest first) that fit in `maxBytes`
+  // together with the count; the older ones are left out.
+  void WriteHistory(const ky::IList<std::string>& records, std::size_t maxBytes);
 
   // Overwrites four bytes already written at `offset`, such as a count known only later.
   void PatchU32(std::size_t offset, std::uint32_t value);
@@ -86,6 +93,9 @@ class CPayloadReader {
     requires std::invocable<Visit&, const ProcessImpact&>
   [[nodiscard]] bool ReadImpactList(Visit&& visit);
   [[nodiscard]] bool ReadDiskSpeed(DiskSpeed* speed);
+  [[nodiscard]] bool ReadUtf8(std::string* text);
+  // Appends the records to *records only when the whole list could be read.
+  [[nodiscard]] bool ReadHistory(ky::IList<std::string>* records);
   // One list entry (key, then counters); on failure *impact may hold a part of it.
   [[nodiscard]] bool ReadImpact(ProcessImpact* impact);
 

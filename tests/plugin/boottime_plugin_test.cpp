@@ -22,6 +22,7 @@
 #include "component_manager.h"
 #include "lumera_dev/service_account.h"
 #include "plugin/boottime_plugin.h"
+#include "startup/central_messages.h"
 #include "support/captured_log.h"
 #include "support/scratch_folder.h"
 #include "support/staged_console.h"
@@ -246,7 +247,10 @@ class PluginRun : public ::testing::Test {
   static void StopPromptly(CBootTimePlugin& plugin, std::size_t threadsBefore) {
     const auto stopAt = std::chrono::steady_clock::now();
     EXPECT_EQ(plugin.Stop(), 0u);
-    EXPECT_LT(std::chrono::steady_clock::now() - stopAt, std::chrono::milliseconds(1000)) << "Stop waited";
+    // Half the shortest wait a Stop that waited would sit out (the central's connect); ending
+    // threads that stop at once has been seen to take 1.2 s on a loaded machine.
+    EXPECT_LT(std::chrono::steady_clock::now() - stopAt, std::chrono::milliseconds(startup::kCentralTimeoutMs / 2))
+        << "Stop waited";
     EXPECT_TRUE(ThreadsBackTo(threadsBefore)) << ThreadCount() << " threads against " << threadsBefore;
   }
 

@@ -86,13 +86,13 @@ summary_startup_apps() {
     }
     # The first line names whose entries these are: the user at the console, as the service sees them.
     NR == 1 && NF < 8 { printf "  %s\n", $0; next }
-    NF >= 8 && !headed { printf "  %-20s %-10s %-9s %-24s  %s\n", "app", "publisher", "state", "impact", "program"; headed = 1 }
+    NF >= 8 && !headed { printf "  %-26s %-10s %-9s %-24s  %s\n", "app", "publisher", "state", "impact", "program"; headed = 1 }
     NF >= 8 {
       t = tolower(target($6))
       impact = (t in seen) ? sprintf("%s (%d ms, %.1f MB)", rating(cpu[t], io[t]), cpu[t], io[t] / 1048576) : "not measured"
       # The long state text would break the columns; a note under the table says it instead.
       state = $4; if (state ~ /^delayed /) { state = "delayed*"; delayed = 1 }
-      printf "  %-20s %-10s %-9s %-24s  %s\n", $1, $8, state, impact, target($6)
+      printf "  %-26s %-10s %-9s %-24s  %s\n", $1, $8, state, impact, target($6)
     }
     END { if (delayed) printf "  * delayed: starts after the boot (StartLauncher.exe /delayed)\n" }'
 }

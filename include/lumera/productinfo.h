@@ -15,6 +15,8 @@ struct IProductInfo : IServPlugin {
 };
 
 namespace lumera {
+// The name the host's plug-in and hostconfig.dll's object answer to.
+inline constexpr wchar_t kProductInfoName[] = L"productinfo";
 inline constexpr std::uint32_t kFolderKindCommon = 2;
 inline constexpr std::uint32_t kItemAgentPath = 422;
 

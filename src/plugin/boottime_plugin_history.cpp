@@ -10,7 +10,11 @@
 #include "boottime/boot_history_listener.h"
 #include "common/json_file.h"
 #include "common/log.h"
+#include "common/plugin_ref.h"
+#include "lumera/interface_ids.h"
+#include "lumera/productinfo.h"
 #include "plugin/boottime_plugin.h"
+#include "startup/apps_filter.h"
 #include "startup/command_target.h"
 #include "startup/startup_items.h"
 #include "startup/startup_storage.h"
@@ -50,14 +54,20 @@ std::wstring FileNameOf(const std::wstring& path) {
   return slash == std::wstring::npos ? path : path.substr(slash + 1);
 }
 
-// What an entry's program cost at this boot: the processes whose image is the entry's target,
-// compared whole when the target is a full path and by file name otherwise, without regard to
-// case; summed over its instances.
-std::optional<HistoryImpact> ImpactOf(const startup::StartupItem& item, const std::vector<ProcessImpact>& impacts) {
+// The program an entry starts, as its owner's environment resolves it; the command itself when
+// it cannot be resolved.
+std::wstring TargetOf(const startup::StartupItem& item) {
   std::wstring target;
   const auto environment = startup::EnvironmentOf(item);
   if (!environment || !startup::ResolveCommandTarget(item.path, target, *environment)) target = item.path;
-  target = Lower(target);
+  return target;
+}
+
+// What an entry's program cost at this boot: the processes whose image is the entry's target,
+// compared whole when the target is a full path and by file name otherwise, without regard to
+// case; summed over its instances.
+std::optional<HistoryImpact> ImpactOf(const std::wstring& resolved, const std::vector<ProcessImpact>& impacts) {
+  const std::wstring target = Lower(resolved);
   const bool fullPath = target.find(L'\\') != std::wstring::npos;
   std::optional<HistoryImpact> sum;
   for (const ProcessImpact& process : impacts) {
@@ -75,17 +85,21 @@ std::optional<HistoryImpact> ImpactOf(const startup::StartupItem& item, const st
 
 // The console user's and the machine's entries: enumerated ones are enabled unless the user's
 // store files them as disabled or delayed (on Windows 8 and later a disabled entry stays in place).
-std::vector<HistoryEntry> ListStartupEntries(const std::vector<ProcessImpact>& impacts, std::wstring& user) {
+// The product's own programs stay out, as they stay out of the report and the listing.
+std::vector<HistoryEntry> ListStartupEntries(const std::vector<ProcessImpact>& impacts, const startup::CAppsFilter& own,
+                                             std::wstring& user) {
   KY_TRACE(L"boottime::ListStartupEntries");
   startup::CStartupItems sources;
   if (sources.User()) user = sources.User()->UserName();
   std::map<std::wstring, HistoryEntry> entries;  // by kind, location and name
   const auto add = [&](const startup::StartupItem& item, const wchar_t* kind, StartupState state) {
+    const std::wstring target = TargetOf(item);
+    if (own.Matches(target)) return;
     HistoryEntry& entry = entries[std::wstring(kind) + L'|' + Lower(item.location) + L'|' + Lower(item.name)];
     entry.name = item.name;
     entry.kind = kind;
     entry.state = state;
-    entry.impact = ImpactOf(item, impacts);
+    entry.impact = ImpactOf(target, impacts);
   };
   // The user's Run keys, folders and store are read as the user, as the startup manager does.
   velora::utils::CUserImpersonation impersonation;
@@ -151,7 +165,14 @@ std::optional<BootRecord> CBootTimePlugin::MeasuredBootRecord() {
     record.diskMax = Thousandths(disk.maximum);
     record.diskAverage = Thousandths(disk.average);
   }
-  record.entries = ListStartupEntries(impacts, record.user);
+  ky::PluginRef<IProductInfo> info;
+  if (componentManager_ != nullptr) {
+    (void)info.Acquire(componentManager_, lumera::kProductInfoName, lumera::ids::ProductInfoPlugin);
+  }
+  IProductInfo* product = info.get();
+  startup::CAppsFilter own([product] { return product; });
+  own.Init();
+  record.entries = ListStartupEntries(impacts, own, record.user);
   std::vector<ProcessImpact> heaviest = impacts;
   const auto weight = [](const ProcessImpact& i) { return std::uint64_t{i.kernel} + i.user; };
   std::stable_sort(heaviest.begin(), heaviest.end(), [&](const ProcessImpact& a, const ProcessImpact& b) {

@@ -14,7 +14,6 @@
 namespace boottime {
 namespace {
 
-constexpr wchar_t kProductInfo[] = L"productinfo";
 
 }  // namespace
 
@@ -39,7 +38,7 @@ void CentralReport::Run(HANDLE stopEvent, IPlgComponentManager* manager, IBootTi
   KY_TRACE(L"boottime::CBootTimePlugin::SendReportToCentral");
   ky::GuardedVoid(L"boottime::CBootTimePlugin::SendReportToCentral", [&] {
     ky::PluginRef<IProductInfo> info;
-    if (manager != nullptr) (void)info.Acquire(manager, kProductInfo, lumera::ids::ProductInfoPlugin);
+    if (manager != nullptr) (void)info.Acquire(manager, lumera::kProductInfoName, lumera::ids::ProductInfoPlugin);
     if (ky::WaitForStop(stopEvent, 0)) return;
     IProductInfo* product = info.get();
     CPluginStartupManager startupManager([product] { return product; });

@@ -10,7 +10,6 @@ namespace plugin {
 namespace {
 
 constexpr wchar_t kLibraryName[] = L"hostconfig.dll";
-constexpr wchar_t kObjectName[] = L"productinfo";
 
 struct ProductInfoSlot {
   ky::KyFactoryLibrary library;
@@ -24,7 +23,7 @@ struct ProductInfoSlot {
         plugin->Stop();
         plugin->UnInit();
       }
-      library.Destroy(kObjectName, object);
+      library.Destroy(lumera::kProductInfoName, object);
     }
     object = nullptr;
     info = nullptr;
@@ -51,22 +50,22 @@ std::uint32_t Load(ProductInfoSlot& slot) {
   }
   void* object = nullptr;
   ::SetLastError(0);
-  std::uint32_t result = slot.library.Create(kObjectName, lumera::ids::IKyBaseInterface, &object);
+  std::uint32_t result = slot.library.Create(lumera::kProductInfoName, lumera::ids::IKyBaseInterface, &object);
   slot.object = static_cast<IKyBaseInterface*>(object);
   if (result != 0 || slot.object == nullptr) {
     const std::uint32_t error = ky::LastErrorOr(kErrorProductInfo);
-    KY_LOG(logging::kLevelWarning, L"KyCreateObject %s failed 0x%x (error 0x%x)", kObjectName, result, error);
+    KY_LOG(logging::kLevelWarning, L"KyCreateObject %s failed 0x%x (error 0x%x)", lumera::kProductInfoName, result, error);
     return error;
   }
   slot.info = static_cast<IProductInfo*>(slot.object->GetInterface(lumera::ids::HostConfigProductInfo));
   if (slot.info == nullptr) {
-    KY_LOG(logging::kLevelWarning, L"GetInterface of %s failed 0x%x", kObjectName, kErrorProductInfo);
+    KY_LOG(logging::kLevelWarning, L"GetInterface of %s failed 0x%x", lumera::kProductInfoName, kErrorProductInfo);
     return kErrorProductInfo;
   }
   ::SetLastError(0);
   if (slot.info->Init(nullptr) != 0 || slot.info->Start() != 0) {
     const std::uint32_t error = ky::LastErrorOr(kErrorProductInfo);
-    KY_LOG(logging::kLevelWarning, L"%s Init/Start failed 0x%x", kObjectName, error);
+    KY_LOG(logging::kLevelWarning, L"%s Init/Start failed 0x%x", lumera::kProductInfoName, error);
     return error;
   }
   return 0;

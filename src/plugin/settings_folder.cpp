@@ -12,7 +12,6 @@
 namespace plugin {
 namespace {
 
-constexpr wchar_t kProductInfo[] = L"productinfo";
 constexpr wchar_t kSettingsSubfolder[] = L"velora\\";
 constexpr wchar_t kFallbackSubfolder[] = L"settings\\velora\\";
 
@@ -26,8 +25,8 @@ std::wstring ResolveSettingsFolder(IPlgComponentManager* manager) {
     KY_LOG(logging::kLevelError, L"Component Manager is null!");
   } else {
     ky::PluginRef<IProductInfo> info;
-    if (info.Acquire(manager, kProductInfo, lumera::ids::ProductInfoPlugin) != 0 || !info) {
-      KY_LOG(logging::kLevelWarning, L"Error getting plugin: %s", kProductInfo);
+    if (info.Acquire(manager, lumera::kProductInfoName, lumera::ids::ProductInfoPlugin) != 0 || !info) {
+      KY_LOG(logging::kLevelWarning, L"Error getting plugin: %s", lumera::kProductInfoName);
     } else if (const wchar_t* common = info->GetFolder(lumera::kFolderKindCommon, L"common")) {
       folder = common;
     }

@@ -5,10 +5,14 @@
 #include "common/com_ptr.h"
 #include "common/guard.h"
 #include "common/log.h"
+#include "thread_name.h"
 
 namespace host {
 
-SerialExecution::SerialExecution() : worker_([this] { Run(); }) {}
+SerialExecution::SerialExecution() : worker_([this] {
+  NameThisThread(L"lumera-events");
+  Run();
+}) {}
 
 SerialExecution::~SerialExecution() {
   std::deque<EqWorkItem*> dropped;

@@ -11,14 +11,16 @@
 # Startup-folder programs, as Windows' shell does at a logon.
 #
 #   staged_init OUT BIN            folders and names; OUT is wiped
-#   staged_prepare [--flavour win7|win10] [WORKLOAD ARG...]
+#   staged_prepare [--flavour win7|win10] [--extra N] [WORKLOAD ARG...]
 #                                  fresh prefix reporting that Windows (default win10), host
 #                                  installed as an auto-start service, the staged user with the
 #                                  workload in its Run key and a light one in its Startup folder,
 #                                  a short one in its Run key and another behind a shortcut in its
 #                                  Startup folder, both delayed through startupctl
 #                                  (StartLauncher.exe /delayed starts them after the boot,
-#                                  STAGED_GAP_MS apart), the decoys in the Wine account's
+#                                  STAGED_GAP_MS apart), the decoys in the Wine account's;
+#                                  --extra N: the workload first starts N light copies of itself
+#                                  that live until it ends (a boot of N more processes, default 0)
 #   staged_enter CMD [ARG...]      runs CMD in the time namespace (the rest of the session)
 #   staged_start                   inside: wineserver, central stand-in, waits for the host
 #   staged_logon_at SECONDS        inside: the staged logon once the machine is that old
@@ -78,6 +80,14 @@ staged_prepare() {
     esac
     shift 2
   fi
+  local extra=0
+  if [ "${1:-}" = --extra ]; then
+    case "${2:-}" in
+      ''|*[!0-9]*) echo "staged_prepare: --extra takes a number of processes, not \"${2:-}\"" >&2; return 2 ;;
+    esac
+    extra=$2
+    shift 2
+  fi
   # Most steps below are quiet; a failing one names itself before set -e ends the script.
   set -E
   trap 'echo "staged boot: preparing the prefix failed with status $? at: $BASH_COMMAND" >&2' ERR
@@ -95,9 +105,10 @@ staged_prepare() {
   "log": {"folder": "$(staged_winpath "$STAGED_OUT/logs" | sed 's|\\|\\\\|g')", "level": 32, "console": false}
 }
 JSON
-  local startup workload run short
+  local startup workload run short children=''
+  if [ "$extra" -gt 0 ]; then children=" --children $extra"; fi
   workload=$(staged_winpath "$STAGED_BIN/workload.exe")
-  run="\"$workload\" $* --folder $(staged_winpath "$STAGED_OUT") --report $(staged_winpath "$STAGED_WORKLOAD_REPORT")"
+  run="\"$workload\" $*$children --folder $(staged_winpath "$STAGED_OUT") --report $(staged_winpath "$STAGED_WORKLOAD_REPORT")"
   short="--busy-ms 200 --quiet-ms 0 --report"
 
   wineserver -p1 </dev/null >/dev/null 2>&1

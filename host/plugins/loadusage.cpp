@@ -15,6 +15,7 @@
 #include "common/module_library.h"
 #include "common/unique_handle.h"
 #include "host_plugin.h"
+#include "thread_name.h"
 #include "loadusage_window.h"
 #include "lumera/interface_ids.h"
 #include "lumera_dev/console_session.h"
@@ -124,7 +125,10 @@ class LoadUsagePlugin final : public InterfacePlugin<ILoadUsage> {
       logging::Write(logging::kLevelInfo, L"host::LoadUsagePlugin::LoadUsagePlugin",
                      L"disk usage from the Linux disk statistics");
     }
-    if (stopEvent_) sampler_ = std::thread([this] { Sample(); });
+    if (stopEvent_) sampler_ = std::thread([this] {
+      NameThisThread(L"lumera-usage");
+      Sample();
+    });
   }
   ~LoadUsagePlugin() override { Shutdown(); }
 

@@ -18,6 +18,7 @@
 #include "common/stop_wait.h"
 #include "common/unique_handle.h"
 #include "host_plugin.h"
+#include "thread_name.h"
 #include "lumera_dev/console_session.h"
 #include "lumera/interface_ids.h"
 #include "lumera/sessionchange.h"
@@ -86,7 +87,10 @@ class SessionChangePlugin final : public InterfacePlugin<ISessionChangePlugin> {
         // The first look is taken here, so that every change after registration is reported.
         const DWORD session = ::WTSGetActiveConsoleSessionId();
         const bool present = ConsoleUserPresent(session);
-        worker_ = std::thread([this, session, present] { Run(session, present); });
+        worker_ = std::thread([this, session, present] {
+          NameThisThread(L"lumera-session");
+          Run(session, present);
+        });
       }
       return 0;
     } catch (...) {

@@ -11,6 +11,7 @@
 #include "common/critical_section.h"
 #include "common/unique_handle.h"
 #include "host_plugin.h"
+#include "thread_name.h"
 #include "lumera/interface_ids.h"
 #include "lumera/wmiprocessdp.h"
 #include "wmiprocess_snapshot.h"
@@ -87,7 +88,10 @@ class WmiProcessDPPlugin final : public InterfacePlugin<IWMIProcessDP> {
       return ERROR_GEN_FAILURE;
     }
     ::ResetEvent(stopEvent_.get());
-    poller_ = std::thread([this, snapshot = std::move(first)]() mutable { Poll(std::move(snapshot)); });
+    poller_ = std::thread([this, snapshot = std::move(first)]() mutable {
+      NameThisThread(L"lumera-poller");
+      Poll(std::move(snapshot));
+    });
     running_ = true;
     return 0;
   }

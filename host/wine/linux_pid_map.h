@@ -44,9 +44,12 @@ class LinuxPidMap {
     std::uint32_t linuxPid = 0;
     DWORD triedTick = 0;
   };
+  static constexpr std::int64_t kStartUnread = -1;
+  static constexpr std::int64_t kStartGone = -2;
   struct ScannedProcess {
     std::uint32_t pid = 0;
     std::string cmdline;
+    std::int64_t startMs = kStartUnread;  // read once a look, when first a candidate
   };
   std::uint32_t Search(std::uint64_t created, const std::wstring& image);
 

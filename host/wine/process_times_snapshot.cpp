@@ -4,12 +4,19 @@ namespace host::wine {
 
 bool ProcessTimesSnapshot::Get(DWORD pid, Times& out) {
   std::lock_guard hold(lock_);
-  if (!taken_ || ::GetTickCount() - takenTick_ >= kMaxAgeMs) {
+  const DWORD now = ::GetTickCount();
+  auto it = times_.find(pid);
+  // Listing 300 processes takes Wine ~24 ms, and a sampling pass over them can outlast kMaxAgeMs
+  // several times: a process asked for again is what tells the next pass.
+  const bool askedAgain = it == times_.end() || (it->second.served && now - it->second.servedTick >= kMaxAgeMs);
+  if (!taken_ || now - takenTick_ >= kMaxServeMs || (now - takenTick_ >= kMaxAgeMs && askedAgain)) {
     if (!Refresh()) return false;
+    it = times_.find(pid);
   }
-  const auto it = times_.find(pid);
   if (it == times_.end()) return false;
-  out = it->second;
+  it->second.served = true;
+  it->second.servedTick = now;
+  out = it->second.times;
   return true;
 }
 
@@ -17,7 +24,7 @@ bool ProcessTimesSnapshot::Refresh() {
   if (!list_.Refresh()) return false;
   times_.clear();
   list_.ForEach([this](const SystemProcess& process) {
-    times_[process.pid] = Times{process.created, process.kernel, process.user};
+    times_[process.pid] = Listed{Times{process.created, process.kernel, process.user}};
   });
   takenTick_ = ::GetTickCount();
   taken_ = true;

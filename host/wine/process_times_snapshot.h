@@ -1,7 +1,8 @@
 // Processor times of every process by Windows pid, from
 // NtQuerySystemInformation(SystemProcessInformation): under Wine this sums the Linux
 // accounting of each process's threads, while GetProcessTimes of another process answers
-// constants. One snapshot serves the calls of kMaxAgeMs.
+// constants. A snapshot serves until it is kMaxAgeMs old and a process is asked for that it
+// does not list or that it served kMaxAgeMs ago or more, or until it is kMaxServeMs old.
 #pragma once
 
 #include <windows.h>
@@ -27,12 +28,18 @@ class ProcessTimesSnapshot {
   [[nodiscard]] bool Get(DWORD pid, Times& out);
 
   static constexpr DWORD kMaxAgeMs = 200;
+  static constexpr DWORD kMaxServeMs = 1000;
 
  private:
+  struct Listed {
+    Times times;
+    DWORD servedTick = 0;
+    bool served = false;
+  };
   bool Refresh();
 
   std::mutex lock_;
-  std::map<DWORD, Times> times_;
+  std::map<DWORD, Listed> times_;
   SystemProcessList list_;
   DWORD takenTick_ = 0;
   bool taken_ = false;

@@ -1,13 +1,16 @@
 // workload.exe: a startup program with a known profile, for staged boots. It keeps the
 // processor busy for a given CPU time, then writes a given number of megabytes and flushes
 // them, then stays quiet; with --report it records what it did, on the same clock the
-// boot-time module samples with.
+// boot-time module samples with. With --children it first starts that many light copies of
+// itself, which stand in for the many small processes of a real boot.
 //
-//   workload.exe [--busy-ms N] [--write-mb N] [--quiet-ms N] [--folder DIR] [--report FILE]
+//   workload.exe [--busy-ms N] [--write-mb N | --write-kb N] [--quiet-ms N] [--folder DIR]
+//                [--report FILE] [--children N] [--wait-for PID]
 //
 // Exit codes: 0 done, 1 the file could not be written, 2 bad command line.
 #include <windows.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cwchar>
 #include <string>
@@ -26,17 +29,30 @@ constexpr int kExitUsage = 2;
 constexpr unsigned long kMaxBusyMs = 60000;
 constexpr unsigned long kMaxWriteMb = 256;
 constexpr unsigned long kMaxQuietMs = 600000;
+constexpr unsigned long kMaxWriteKb = kMaxWriteMb * 1024;
+constexpr unsigned long kMaxChildren = 1000;
 constexpr DWORD kChunkBytes = 1024 * 1024;
+// What each started copy does: a small known CPU and disk share, then nothing until its parent ends.
+constexpr wchar_t kChildProfile[] = L"--busy-ms 20 --write-kb 64";
+// Wine loads a process in some tens of ms of CPU; a loaded machine may take a few times that.
+constexpr DWORD kChildrenReadyMsEach = 500;
+constexpr DWORD kChildrenReadyMsMin = 30000;
 
 constexpr char kHelp[] =
-    "usage: workload [--busy-ms N] [--write-mb N] [--quiet-ms N] [--folder DIR] [--report FILE]\n"
+    "usage: workload [--busy-ms N] [--write-mb N | --write-kb N] [--quiet-ms N] [--folder DIR]\n"
+    "                [--report FILE] [--children N] [--wait-for PID]\n"
     "\n"
     "Burns N ms of processor time on one thread, then writes and flushes N MB to a file in DIR,\n"
     "then stays quiet for N ms and ends.\n"
     "\n"
     "  --busy-ms N    processor time to burn, 0-60000 (default 500)\n"
     "  --write-mb N   megabytes to write, 0-256 (default 2)\n"
+    "  --write-kb N   kilobytes to write instead, 0-262144\n"
     "  --quiet-ms N   time to stay alive afterwards, 0-600000 (default 3000)\n"
+    "  --children N   first start N copies of itself, 0-1000, each burning 20 ms and writing\n"
+    "                 64 KB in DIR and then waiting for this one to end; the burn starts once\n"
+    "                 all of them have done their share\n"
+    "  --wait-for PID stay quiet until that process ends, at most --quiet-ms\n"
     "  --folder DIR   where the data file goes (default: the temporary folder)\n"
     "  --report FILE  write pid, busy start and end (tick count, ms), CPU ms burned, bytes\n"
     "                 written and the user profile it ran in as one JSON object\n"
@@ -46,8 +62,10 @@ constexpr char kHelp[] =
 
 struct Options {
   unsigned long busyMs = 500;
-  unsigned long writeMb = 2;
+  unsigned long writeKb = 2 * 1024;
   unsigned long quietMs = 3000;
+  unsigned long children = 0;
+  unsigned long waitFor = 0;
   std::wstring folder;
   std::wstring report;
   bool help = false;
@@ -58,6 +76,7 @@ struct Outcome {
   DWORD busyEnd = 0;
   std::uint64_t cpuMs = 0;
   std::uint64_t written = 0;
+  unsigned long childrenReady = 0;
 };
 
 bool ParseNumber(const std::wstring& text, unsigned long limit, unsigned long& out) {
@@ -79,7 +98,14 @@ std::string Parse(const std::vector<std::wstring>& args, Options& options) {
     if (arg == L"--busy-ms") {
       if (!ParseNumber(value, kMaxBusyMs, options.busyMs)) return "--busy-ms takes 0-60000";
     } else if (arg == L"--write-mb") {
-      if (!ParseNumber(value, kMaxWriteMb, options.writeMb)) return "--write-mb takes 0-256";
+      if (!ParseNumber(value, kMaxWriteMb, options.writeKb)) return "--write-mb takes 0-256";
+      options.writeKb *= 1024;
+    } else if (arg == L"--write-kb") {
+      if (!ParseNumber(value, kMaxWriteKb, options.writeKb)) return "--write-kb takes 0-262144";
+    } else if (arg == L"--children") {
+      if (!ParseNumber(value, kMaxChildren, options.children)) return "--children takes 0-1000";
+    } else if (arg == L"--wait-for") {
+      if (!ParseNumber(value, 0xFFFFFFFFul, options.waitFor) || options.waitFor == 0) return "--wait-for takes a process id";
     } else if (arg == L"--quiet-ms") {
       if (!ParseNumber(value, kMaxQuietMs, options.quietMs)) return "--quiet-ms takes 0-600000";
     } else if (arg == L"--folder") {
@@ -114,8 +140,8 @@ void Burn(unsigned long ms) {
   }
 }
 
-bool WriteData(const std::wstring& folder, unsigned long megabytes, std::uint64_t& written) {
-  if (megabytes == 0) return true;
+bool WriteData(const std::wstring& folder, unsigned long kilobytes, std::uint64_t& written) {
+  if (kilobytes == 0) return true;
   std::wstring path = folder;
   if (!path.empty() && path.back() != L'\\' && path.back() != L'/') path += L'\\';
   path += L"workload-" + std::to_wstring(::GetCurrentProcessId()) + L".bin";
@@ -123,10 +149,12 @@ bool WriteData(const std::wstring& folder, unsigned long megabytes, std::uint64_
   if (!file) return false;
   std::vector<char> chunk(kChunkBytes);
   for (std::size_t i = 0; i < chunk.size(); ++i) chunk[i] = static_cast<char>(i * 31 + 7);
-  for (unsigned long i = 0; i < megabytes; ++i) {
+  for (std::uint64_t left = std::uint64_t{kilobytes} * 1024; left > 0;) {
+    const DWORD size = left < kChunkBytes ? static_cast<DWORD>(left) : kChunkBytes;
     DWORD done = 0;
-    if (!::WriteFile(file.get(), chunk.data(), kChunkBytes, &done, nullptr) || done != kChunkBytes) return false;
+    if (!::WriteFile(file.get(), chunk.data(), size, &done, nullptr) || done != size) return false;
     written += done;
+    left -= done;
   }
   return ::FlushFileBuffers(file.get()) != FALSE;
 }
@@ -153,7 +181,8 @@ bool WriteReport(const std::wstring& path, const Outcome& outcome) {
   const DWORD profileChars = ::GetEnvironmentVariableW(L"USERPROFILE", profile, MAX_PATH);
   // Whose environment it was started in tells a delayed start as the user from one as the service.
   const std::string text = std::string(numbers, static_cast<std::size_t>(length)) + ", \"userProfile\": " +
-                           JsonString(profileChars < MAX_PATH ? profile : L"") + "}\n";
+                           JsonString(profileChars < MAX_PATH ? profile : L"") +
+                           ", \"childrenReady\": " + std::to_string(outcome.childrenReady) + "}\n";
   // Written beside itself and renamed so a reader never sees half a report.
   const std::wstring partial = path + L".partial";
   {
@@ -162,6 +191,64 @@ bool WriteReport(const std::wstring& path, const Outcome& outcome) {
     if (!file || !::WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &done, nullptr)) return false;
   }
   return ::MoveFileExW(partial.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING) != FALSE;
+}
+
+// The copies of one parent count themselves done on a semaphore named after it.
+std::wstring ChildrenSemaphoreName(DWORD parent) { return L"Local\\LumeraWorkloadChildren-" + std::to_wstring(parent); }
+
+// Starts `count` copies and waits, bounded, until each has done its share; returns how many did.
+unsigned long StartChildren(const Options& options) {
+  const DWORD self = ::GetCurrentProcessId();
+  ky::unique_handle done(::CreateSemaphoreW(nullptr, 0, static_cast<LONG>(kMaxChildren), ChildrenSemaphoreName(self).c_str()));
+  wchar_t image[MAX_PATH] = {};
+  const DWORD imageChars = ::GetModuleFileNameW(nullptr, image, MAX_PATH);
+  if (!done || imageChars == 0 || imageChars >= MAX_PATH) return 0;
+  std::wstring command = L"\"" + std::wstring(image) + L"\" " + kChildProfile + L" --quiet-ms " +
+                         std::to_wstring(kMaxQuietMs) + L" --wait-for " + std::to_wstring(self);
+  if (!options.folder.empty()) {
+    // A quote right after a backslash would be read as a literal quote, so a trailing one is doubled.
+    command += L" --folder \"" + options.folder + (options.folder.back() == L'\\' ? L"\\\"" : L"\"");
+  }
+  unsigned long started = 0;
+  for (unsigned long i = 0; i < options.children; ++i) {
+    std::vector<wchar_t> line(command.begin(), command.end());
+    line.push_back(L'\0');
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION info{};
+    if (!::CreateProcessW(image, line.data(), nullptr, nullptr, FALSE, CREATE_NO_WINDOW, nullptr, nullptr, &startup, &info)) {
+      std::fprintf(stderr, "workload: starting copy %lu failed %lu\n", i + 1, ::GetLastError());
+      break;
+    }
+    ky::unique_handle process(info.hProcess);
+    ky::unique_handle thread(info.hThread);
+    ++started;
+  }
+  const DWORD limit = std::max<DWORD>(kChildrenReadyMsMin, started * kChildrenReadyMsEach);
+  const DWORD begin = ::GetTickCount();
+  unsigned long ready = 0;
+  while (ready < started) {
+    const DWORD spent = ::GetTickCount() - begin;
+    if (spent >= limit || ::WaitForSingleObject(done.get(), limit - spent) != WAIT_OBJECT_0) break;
+    ++ready;
+  }
+  if (ready < started) std::fprintf(stderr, "workload: %lu of %lu copies did their share in time\n", ready, started);
+  return ready;
+}
+
+// A copy's share is counted done on its parent's semaphore; a copy without one is not an error.
+void TellParentDone(DWORD parent) {
+  ky::unique_handle done(::OpenSemaphoreW(SEMAPHORE_MODIFY_STATE, FALSE, ChildrenSemaphoreName(parent).c_str()));
+  if (done) (void)::ReleaseSemaphore(done.get(), 1, nullptr);
+}
+
+void StayQuiet(const Options& options) {
+  if (options.waitFor == 0) {
+    ::Sleep(options.quietMs);
+    return;
+  }
+  ky::unique_handle parent(::OpenProcess(SYNCHRONIZE, FALSE, options.waitFor));
+  if (parent) (void)::WaitForSingleObject(parent.get(), options.quietMs);
 }
 
 }  // namespace
@@ -187,16 +274,18 @@ int main() {
   }
 
   Outcome outcome;
+  if (options.children > 0) outcome.childrenReady = StartChildren(options);
   outcome.busyStart = ::GetTickCount();
   Burn(options.busyMs);
   outcome.busyEnd = ::GetTickCount();
-  const bool wrote = WriteData(options.folder, options.writeMb, outcome.written);
+  const bool wrote = WriteData(options.folder, options.writeKb, outcome.written);
   outcome.cpuMs = ProcessCpuMs();
+  if (options.waitFor != 0) TellParentDone(options.waitFor);
   if (!wrote) std::fprintf(stderr, "workload: writing in %s failed %lu\n", ky::WideToUtf8(options.folder).c_str(), ::GetLastError());
   if (!options.report.empty() && !WriteReport(options.report, outcome)) {
     std::fprintf(stderr, "workload: the report could not be written %lu\n", ::GetLastError());
     return kExitFailed;
   }
-  ::Sleep(options.quietMs);
+  StayQuiet(options);
   return wrote ? kExitOk : kExitFailed;
 }

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "../bench_files.h"
 #include "../bench_timing.h"
 #include "common/log.h"
 #include "common/unique_handle.h"
@@ -53,33 +54,21 @@ std::string StoreText(int records) {
   return document.serialize();
 }
 
-bool WriteWhole(const std::wstring& path, const std::string& text) {
-  ky::unique_file file(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-  DWORD written = 0;
-  return file && ::WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) &&
-         written == text.size();
-}
 
-bool ReadWhole(const std::wstring& path, std::string& text) {
-  ky::unique_file file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
-  LARGE_INTEGER size{};
-  if (!file || !::GetFileSizeEx(file.get(), &size)) return false;
-  text.resize(static_cast<std::size_t>(size.QuadPart));
-  DWORD read = 0;
-  return ::ReadFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &read, nullptr) && read == text.size();
-}
 
 // What any program does to change one JSON file: read it, parse it, add, serialise, write.
 bool BareChange(const std::wstring& path) {
   std::string text;
   picojson::value document;
-  if (!ReadWhole(path, text) || !picojson::parse(document, text).empty() || !document.is<picojson::object>()) return false;
+  if (!bench::ReadWhole(path, text) || !picojson::parse(document, text).empty() || !document.is<picojson::object>()) {
+    return false;
+  }
   picojson::value& user = document.get<picojson::object>()["user"];
   if (!user.is<picojson::object>()) return false;
   picojson::value& section = user.get<picojson::object>()[startup::kCategoryDisabled];
   if (!section.is<picojson::array>()) return false;
   section.get<picojson::array>().push_back(startup::storage::ItemToJson(*Item(-1), 1700000000));
-  return WriteWhole(path, document.serialize());
+  return bench::WriteWhole(path, document.serialize());
 }
 
 bool BareReads(const std::wstring& path, std::size_t* elements) {
@@ -87,7 +76,7 @@ bool BareReads(const std::wstring& path, std::size_t* elements) {
   for (std::size_t c = 0; c < std::size(kCategories); ++c) {
     std::string text;
     picojson::value document;
-    if (!ReadWhole(path, text) || !picojson::parse(document, text).empty()) return false;
+    if (!bench::ReadWhole(path, text) || !picojson::parse(document, text).empty()) return false;
     *elements += document.get("user").get(kCategories[c]).is<picojson::array>() ? 1 : 0;
   }
   return true;
@@ -116,15 +105,15 @@ int main(int argc, char** argv) {
   std::size_t loaded = 0;
   for (int i = 0; i < options.iterations + kWarmup; ++i) {
     // Every operation starts from the same file of exactly N records.
-    ok = WriteWhole(path, original) && ok;
+    ok = bench::WriteWhole(path, original) && ok;
     double begin = bench::NowSeconds();
     ok = BareChange(path) && ok;
     const double bare = bench::NowSeconds() - begin;
-    ok = WriteWhole(path, original) && ok;
+    ok = bench::WriteWhole(path, original) && ok;
     begin = bench::NowSeconds();
     ok = store.SaveStartupItem(Item(-1), startup::kCategoryDisabled) == 0 && ok;
     const double module = bench::NowSeconds() - begin;
-    ok = WriteWhole(path, original) && ok;
+    ok = bench::WriteWhole(path, original) && ok;
 
     std::size_t elements = 0;
     begin = bench::NowSeconds();

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "../bench_files.h"
 #include "../bench_timing.h"
 #include "common/log.h"
 #include "common/module_library.h"
@@ -56,25 +57,12 @@ std::string StoreText(int records, const std::wstring& program) {
   return document.serialize();
 }
 
-bool WriteWhole(const std::wstring& path, const std::string& text) {
-  ky::unique_file file(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-  DWORD written = 0;
-  return file && ::WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) &&
-         written == text.size();
-}
 
 // What any reader of the store must at least do: read the file and parse it.
 bool BareParse(const std::wstring& path) {
-  ky::unique_file file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
-  LARGE_INTEGER size{};
-  if (!file || !::GetFileSizeEx(file.get(), &size)) return false;
-  std::string text(static_cast<std::size_t>(size.QuadPart), '\0');
-  DWORD read = 0;
-  if (!::ReadFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &read, nullptr) || read != text.size()) {
-    return false;
-  }
+  std::string text;
   picojson::value document;
-  return picojson::parse(document, text).empty() && document.is<picojson::object>();
+  return bench::ReadWhole(path, text) && picojson::parse(document, text).empty() && document.is<picojson::object>();
 }
 
 // Runs startupctl.exe list --json with its output thrown away; false unless it exits with 0.
@@ -140,14 +128,14 @@ int main(int argc, char** argv) {
   for (int round = 0; round < options.rounds; ++round) {
     Progress("bare parse, list, report", round, options.rounds);
     // Every step starts from the same file: a report drops the records whose entry is gone.
-    ok = WriteWhole(path, original) && ok;
+    ok = bench::WriteWhole(path, original) && ok;
     double begin = bench::NowSeconds();
     ok = BareParse(path) && ok;
     bareTimes.push_back(bench::NowSeconds() - begin);
     begin = bench::NowSeconds();
     ok = List(tool) && ok;
     listTimes.push_back(bench::NowSeconds() - begin);
-    ok = WriteWhole(path, original) && ok;
+    ok = bench::WriteWhole(path, original) && ok;
     begin = bench::NowSeconds();
     (void)manager.BuildAndReport();
     reportTimes.push_back(bench::NowSeconds() - begin);

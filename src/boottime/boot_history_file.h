@@ -1,7 +1,7 @@
 // "boot_history.jsonl": one compact JSON object per measured boot, newest last, the newest
 // kHistoryKeep kept, every number a string of decimal digits like the module's other files.
 // The codec is pure (bytes in, records out); a line it cannot read is skipped and counted,
-// never fatal, since the file lives in a folder a user can write.
+// never fatal, so that one damaged line never costs the rest of the history.
 #pragma once
 
 #include <cstddef>

@@ -167,32 +167,16 @@ TEST_F(BootTimePipe, TheHistoryQueryCarriesTheNewestRecordsThatFitAndFailsWithEr
   ASSERT_TRUE(observer.Wait());
   EXPECT_EQ(observer.code, 1168u);
   EXPECT_TRUE(observer.history.empty());
-
-  testing_pipelink::Library lib;
-  ASSERT_TRUE(lib.Ready());
-  testing_pipelink::Inbox wire;
-  pipelink::IConnPipeClient* raw = nullptr;
-  ASSERT_EQ(lib.Client()->Connect(L"boottimepipe", 0, 0, kWaitMs, &raw), 0u);
-  ASSERT_EQ(raw->RegisterCallback(&testing_pipelink::Inbox::Callback, &wire, pipelink::kCallbackMessages), 0u);
-  const std::uint8_t count[] = {3, 0, 0, 0};
-  ASSERT_EQ(raw->Post(boottime::msg::NpcMsgBootTimeGetBootHistory, count, 4, 0), 0u);
-  ASSERT_TRUE(wire.Wait());
-  EXPECT_EQ(wire.lastId.load(), 14u);
-  EXPECT_EQ(wire.lastCode.load(), 1168u);
-  pipelink::PipeMessage* reply = nullptr;
-  ASSERT_EQ(raw->Send(boottime::msg::NpcMsgBootTimeGetBootHistory, count, 2, &reply, 0, kWaitMs), 0u);
-  EXPECT_EQ(reply->result, 31u) << "a count that cannot be read";
-  raw->FreeReply(reply);
-  lib.Client()->Close(raw);
 }
 
 // Posted queries answer the observers; a failing one comes back as its error message (ids
-// 10-13) with the plug-in's code in 4 bytes. Unknown ids and unreadable requests get 31.
+// 10-14) with the plug-in's code in 4 bytes. Unknown ids and unreadable requests get 31.
 TEST_F(BootTimePipe, PostedQueriesAnswerTheObserversOrFailWithErrorMessages) {
   const boottime::ProcessKey key{0, 0, L""};
   const std::function<std::uint32_t()> post[] = {
       [&] { return client.GetBootTimeAsync(); }, [&] { return client.GetTotalBootImpactAsync(); },
-      [&] { return client.GetBootImpactAsync(&key); }, [&] { return client.GetDiskSpeedAsync(); }};
+      [&] { return client.GetBootImpactAsync(&key); }, [&] { return client.GetDiskSpeedAsync(); },
+      [&] { return client.GetBootHistoryAsync(3); }};
   for (const auto& query : post) {
     ASSERT_EQ(query(), 0u);
     ASSERT_TRUE(observer.Wait());
@@ -216,11 +200,14 @@ TEST_F(BootTimePipe, PostedQueriesAnswerTheObserversOrFailWithErrorMessages) {
   fake.totalCode = 2;
   fake.impactCode = 3;
   fake.diskCode = 4;
-  for (std::uint32_t query = 1; query <= 4; ++query) {
+  fake.historyCode = 5;
+  const std::uint8_t count[] = {3, 0, 0, 0};
+  for (std::uint32_t query = 1; query <= 5; ++query) {
     ASSERT_EQ(post[query - 1](), 0u);
     ASSERT_TRUE(observer.Wait());
     EXPECT_EQ(observer.code, query) << "query " << query;
-    ASSERT_EQ(raw->Post(query, query == 3 ? keyBytes.Data() : nullptr, query == 3 ? keyBytes.Size() : 0, 0), 0u);
+    const std::uint8_t* request = query == 3 ? keyBytes.Data() : query == 5 ? count : nullptr;
+    ASSERT_EQ(raw->Post(query, request, query == 3 ? keyBytes.Size() : query == 5 ? 4 : 0, 0), 0u);
     ASSERT_TRUE(wire.Wait()) << "query " << query;
     EXPECT_EQ(wire.lastId.load(), query + 9) << "query " << query;
     EXPECT_EQ(wire.lastSize.load(), 4u) << "query " << query;
@@ -234,6 +221,9 @@ TEST_F(BootTimePipe, PostedQueriesAnswerTheObserversOrFailWithErrorMessages) {
   const std::uint8_t shortKey[] = {1, 2, 3};
   ASSERT_EQ(raw->Send(boottime::msg::NpcMsgBootTimeGetBootImpact, shortKey, 3, &reply, 0, kWaitMs), 0u);
   EXPECT_EQ(reply->result, 31u) << "a process key that cannot be read";
+  raw->FreeReply(reply);
+  ASSERT_EQ(raw->Send(boottime::msg::NpcMsgBootTimeGetBootHistory, count, 2, &reply, 0, kWaitMs), 0u);
+  EXPECT_EQ(reply->result, 31u) << "a count that cannot be read";
   raw->FreeReply(reply);
   lib.Client()->Close(raw);
 }

@@ -84,8 +84,13 @@ bool RunGoodClient(const ky::KyFactoryLibrary& module, HANDLE stop, GoodTotals& 
   auto* async = static_cast<boottime::IBootTimeCommClientAsync*>(client->GetInterface(lumera::ids::IBootTimeCommClientAsync));
   ToolHost host;
   Answers answers;
-  bool connected = async != nullptr && client->Init(&host) == 0 && client->Start() == 0;
+  const std::uint32_t init = async != nullptr ? client->Init(&host) : kNoAnswer;
+  const std::uint32_t start = init == 0 ? client->Start() : kNoAnswer;
+  const bool connected = start == 0;
   if (!connected) {
+    // Counted as a query not answered; what failed tells a busy pipe from a refused session.
+    std::fprintf(stderr, "pipe_hostile: a good client did not connect (Init %u, Start %u, last error %lu)\n", init, start,
+                 ::GetLastError());
     ++totals.asked;
   } else {
     async->AddResponseObserver(&answers);

@@ -30,29 +30,12 @@ TEST(RunKeyApps, EnumeratorListsEveryValueWithItsRawCommand) {
   EXPECT_EQ(enumerator.GetStartupApps(L"", items), 31u);
 }
 
-TEST(RunKeyApps, AnExpandValueDisabledAndEnabledComesBackAsPlainTextWithTheSameCommand) {
-  ScratchRunKey key;
-  ScratchStore store;
-  ASSERT_EQ(key.Set(L"Tool", REG_EXPAND_SZ, L"%windir%\\tool.exe"), ERROR_SUCCESS);
-  startup::StartupItemList items;
-  ASSERT_EQ(CRunKeyAppsEnumerator(HKEY_CURRENT_USER, 1).GetStartupApps(key.Subkey(), items), 0u);
-  CRunKeyAppsActions actions;
-  ASSERT_EQ(actions.Disable(items, true), 0);
-  EXPECT_EQ(key.Get(L"Tool"), 0u) << "the value is deleted";
-  ASSERT_EQ(store.Load("Disabled").size(), 1u);
-
-  ASSERT_EQ(actions.Enable(store.Load("Disabled"), true), 0);
-  std::wstring text;
-  EXPECT_EQ(key.Get(L"Tool", &text), static_cast<DWORD>(REG_SZ));
-  EXPECT_EQ(text, L"%windir%\\tool.exe");
-  EXPECT_TRUE(store.Load("Disabled").empty()) << "enable removes the record";
-}
-
-TEST(RunKeyApps, DelayFilesTheEntryUnderDelayedAndWithoutStorageWritesNoFile) {
+TEST(RunKeyApps, DisableAndDelayTakeTheValueOutAndEnableWritesAnExpandValueBackAsPlainText) {
   ScratchRunKey key;
   ScratchStore store;
   ASSERT_EQ(key.Set(L"A", REG_SZ, L"a.exe"), ERROR_SUCCESS);
   ASSERT_EQ(key.Set(L"B", REG_SZ, L"b.exe"), ERROR_SUCCESS);
+  ASSERT_EQ(key.Set(L"Tool", REG_EXPAND_SZ, L"%windir%\\tool.exe"), ERROR_SUCCESS);
   CRunKeyAppsActions actions;
   ASSERT_EQ(actions.Disable({MakeItem(L"A", key.Location(), L"a.exe")}, false), 0);
   EXPECT_EQ(key.Get(L"A"), 0u);
@@ -62,6 +45,18 @@ TEST(RunKeyApps, DelayFilesTheEntryUnderDelayedAndWithoutStorageWritesNoFile) {
   EXPECT_EQ(key.Get(L"B"), 0u);
   EXPECT_EQ(store.Load("Delayed").size(), 1u);
   EXPECT_TRUE(store.Load("Disabled").empty());
+
+  startup::StartupItemList items;
+  ASSERT_EQ(CRunKeyAppsEnumerator(HKEY_CURRENT_USER, 1).GetStartupApps(key.Subkey(), items), 0u);
+  ASSERT_EQ(items.size(), 1u);
+  ASSERT_EQ(actions.Disable(items, true), 0);
+  EXPECT_EQ(key.Get(L"Tool"), 0u);
+  ASSERT_EQ(store.Load("Disabled").size(), 1u);
+  ASSERT_EQ(actions.Enable(store.Load("Disabled"), true), 0);
+  std::wstring text;
+  EXPECT_EQ(key.Get(L"Tool", &text), static_cast<DWORD>(REG_SZ));
+  EXPECT_EQ(text, L"%windir%\\tool.exe");
+  EXPECT_TRUE(store.Load("Disabled").empty()) << "enable removes the record";
 }
 
 TEST(RunKeyApps, AStoreThatCannotBeWrittenPutsTheValueBack) {

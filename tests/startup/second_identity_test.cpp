@@ -6,27 +6,25 @@
 #include <windows.h>
 #include <shlobj.h>
 
-#include <algorithm>
 #include <memory>
 #include <string>
-#include <vector>
 
-#include "common/com_ptr.h"
-#include "common/unique_handle.h"
 #include "lumera/storeappslist.h"
 #include "lumera_dev/staged_identity.h"
 #include "picojson.h"
 #include "report/report_files.h"
 #include "startup/action_exec.h"
 #include "startup/application.h"
+#include "startup/run_key_apps.h"
 #include "startup/scratch.h"
+#include "startup/startup_folder_apps.h"
 #include "startup/startup_items.h"
 #include "startup/startup_storage.h"
 #include "startup/store_startup_item.h"
-#include "startup/win8_startup_item.h"
 #include "store/store_scratch.h"
 #include "support/programs.h"
 #include "support/registry_values.h"
+#include "support/scoped_environment.h"
 #include "support/scratch_folder.h"
 #include "support/staged_user.h"
 
@@ -35,7 +33,9 @@ namespace {
 using testing_report::Fixture;
 using testing_startup::Enumerate;
 using testing_startup::Named;
+using testsupport::EnvironmentValue;
 using testsupport::Narrow;
+using testsupport::ScopedEnvironment;
 using testsupport::StagedUser;
 
 using testsupport::HasRegValue;
@@ -44,18 +44,16 @@ using testsupport::kApprovedRun;
 using testsupport::kRunKey;
 constexpr char kUserCompany[] = "Fixture Works Ltd";
 
+int ApprovedByte(const std::wstring& key, const std::wstring& name) {
+  return testsupport::ApprovedFirstByte(HKEY_USERS, key, name);
+}
+
 bool SamePath(const std::wstring& a, const std::wstring& b) { return _wcsicmp(a.c_str(), b.c_str()) == 0; }
 
 void Copy(const std::wstring& from, const std::wstring& to) {
   const std::wstring folder = to.substr(0, to.find_last_of(L'\\'));
   ::SHCreateDirectoryExW(nullptr, folder.c_str(), nullptr);
   ASSERT_TRUE(::CopyFileW(from.c_str(), to.c_str(), FALSE)) << Narrow(to);
-}
-
-std::wstring OwnStartupFolder() {
-  ky::unique_cotaskmem_string path;
-  EXPECT_TRUE(SUCCEEDED(::SHGetKnownFolderPath(FOLDERID_Startup, 0, nullptr, path.put())));
-  return path ? std::wstring(path.get()) : std::wstring();
 }
 
 // The staged user with a program only their profile holds (started through %LOCALAPPDATA%), a
@@ -74,21 +72,18 @@ class SecondIdentity : public ::testing::Test {
     Copy(Fixture(L"full"), user_->Profile() + L"\\bin\\" + pathTool_);
     user_->SetUserPath(L"%USERPROFILE%\\bin");
     Copy(Fixture(L"german"), decoys_.file(pathTool_));
-    std::vector<wchar_t> path(32768, L'\0');
-    ::GetEnvironmentVariableW(L"PATH", path.data(), static_cast<DWORD>(path.size()));
-    processPath_ = path.data();
-    ::SetEnvironmentVariableW(L"PATH", (decoys_.path() + L";" + processPath_).c_str());
+    decoyPath_ = std::make_unique<ScopedEnvironment>(L"PATH", decoys_.path() + L";" + EnvironmentValue(L"PATH"));
 
     user_->SetRun(LocalName(), L"\"%LOCALAPPDATA%\\Programs\\Tool\\tool" + id_ + L".exe\" --tray");
     user_->SetRun(PathName(), pathTool_ + L" --quiet");
     Copy(Fixture(L"full"), user_->Startup() + L"\\" + StartupName());
     ASSERT_EQ(testsupport::SetRegText(HKEY_CURRENT_USER, kRunKey, DecoyRun(), Fixture(L"german")), ERROR_SUCCESS);
-    decoyStartup_ = OwnStartupFolder() + L"\\" + DecoyStartup();
+    decoyStartup_ = testsupport::SpecialFolder(CSIDL_STARTUP) + L"\\" + DecoyStartup();
     Copy(Fixture(L"german"), decoyStartup_);
   }
 
   void TearDown() override {
-    ::SetEnvironmentVariableW(L"PATH", processPath_.c_str());
+    decoyPath_.reset();
     ::RegDeleteKeyValueW(HKEY_CURRENT_USER, kRunKey, DecoyRun().c_str());
     ::RegDeleteKeyValueW(HKEY_CURRENT_USER, kApprovedFolder, DecoyStartup().c_str());
     ::DeleteFileW(decoyStartup_.c_str());
@@ -104,7 +99,7 @@ class SecondIdentity : public ::testing::Test {
   std::wstring id_;
   std::unique_ptr<StagedUser> user_;
   testsupport::ScratchFolder decoys_;
-  std::wstring processPath_;
+  std::unique_ptr<ScopedEnvironment> decoyPath_;
   std::wstring localTool_;
   std::wstring pathTool_;
   std::wstring decoyStartup_;
@@ -116,8 +111,12 @@ TEST_F(SecondIdentity, TheSourcesAreTheConsoleUsersAndTheMachinesNeverThisAccoun
   EXPECT_EQ(sources.User()->UserName(), user_->Name());
   EXPECT_EQ(sources.User()->Sid(), user_->Sid());
   ASSERT_EQ(sources.RunKeySources().size(), 3u);
+  EXPECT_EQ(static_cast<startup::CRunKeyAppsEnumerator&>(*sources.RunKeySources()[0].first).Root(), HKEY_USERS);
   EXPECT_EQ(sources.RunKeySources()[0].second, user_->RunKey());
+  EXPECT_EQ(sources.RunKeySources()[1].second, kRunKey) << "then the machine's Run key and its 32-bit view";
+  EXPECT_EQ(sources.RunKeySources()[2].second, L"Software\\Wow6432Node\\Microsoft\\Windows\\CurrentVersion\\Run");
   ASSERT_EQ(sources.FolderSources().size(), 2u);
+  EXPECT_EQ(static_cast<startup::CStartupFolderEnumerator&>(*sources.FolderSources()[0].first).IsUser(), 1);
   EXPECT_TRUE(SamePath(sources.FolderSources()[0].second, user_->Startup() + L"\\"))
       << "the user's known Startup folder, not this account's: " << Narrow(sources.FolderSources()[0].second);
 
@@ -154,30 +153,6 @@ TEST_F(SecondIdentity, CommandsAreReadInTheirOwnersEnvironment) {
   machine.location = L"HKEY_LOCAL_MACHINE\\" + std::wstring(kRunKey);
   startup::Application app;
   EXPECT_FALSE(app.Init(machine, startup::kSourceRunKey, 0));
-}
-
-TEST_F(SecondIdentity, ChangesGoToTheUsersHiveAndTheStoreToTheUsersFolder) {
-  startup::CStartupItems sources;
-  std::wstring folder;
-  ASSERT_EQ(startup::storage::UserStorageFolder(sources.User().get(), folder), 0u);
-  EXPECT_TRUE(SamePath(folder, user_->Roaming() + L"\\Nexalon\\Lumera\\")) << Narrow(folder);
-
-  if (!testsupport::WineFlavourIsWin10()) return;  // StartupApproved exists from Windows 8 on
-  const auto items = Enumerate(sources.FolderSources());
-  const auto file = Named(items, StartupName());
-  ASSERT_NE(file, nullptr);
-  ASSERT_EQ(startup::Win8StartupItem::Disable(*file, startup::kSourceStartupFolder), 0u);
-  EXPECT_TRUE(HasRegValue(HKEY_USERS, user_->Hive(kApprovedFolder), StartupName()));
-  EXPECT_FALSE(HasRegValue(HKEY_CURRENT_USER, kApprovedFolder, StartupName())) << "never the service's own hive";
-  EXPECT_FALSE(startup::Win8StartupItem::IsEnabled(*file, startup::kSourceStartupFolder));
-  ASSERT_EQ(startup::Win8StartupItem::Enable(*file, startup::kSourceStartupFolder), 0u);
-  EXPECT_TRUE(startup::Win8StartupItem::IsEnabled(*file, startup::kSourceStartupFolder));
-
-  const auto run = Named(Enumerate(sources.RunKeySources()), LocalName());
-  ASSERT_NE(run, nullptr);
-  ASSERT_EQ(startup::Win8StartupItem::Disable(*run, startup::kSourceRunKey), 0u);
-  EXPECT_TRUE(HasRegValue(HKEY_USERS, user_->Hive(kApprovedRun), LocalName()));
-  EXPECT_FALSE(HasRegValue(HKEY_CURRENT_USER, kApprovedRun, LocalName()));
 }
 
 TEST_F(SecondIdentity, TheUsersStoreTasksComeFromTheUsersClasses) {
@@ -263,7 +238,8 @@ TEST_F(SecondIdentity, TheToolsListAndChangeTheConsoleUsersEntries) {
   const std::wstring store = user_->Roaming() + L"\\Nexalon\\Lumera\\Storage.json";
   EXPECT_NE(testsupport::ReadFileBytes(store).find(Narrow(LocalName())), std::string::npos) << "the user's own store";
   if (testsupport::WineFlavourIsWin10()) {
-    EXPECT_TRUE(HasRegValue(HKEY_USERS, user_->Hive(kApprovedRun), LocalName()));
+    EXPECT_EQ(ApprovedByte(user_->Hive(kApprovedRun), LocalName()), 1);
+    EXPECT_FALSE(HasRegValue(HKEY_CURRENT_USER, kApprovedRun, LocalName())) << "never the service's own hive";
   } else {
     EXPECT_FALSE(HasRegValue(HKEY_USERS, user_->RunKey(), LocalName())) << "below Windows 8 the value is taken out";
   }
@@ -276,12 +252,13 @@ TEST_F(SecondIdentity, TheToolsListAndChangeTheConsoleUsersEntries) {
   ASSERT_EQ(enabled.exitCode, 0u) << enabled.output;
   EXPECT_TRUE(HasRegValue(HKEY_USERS, user_->RunKey(), LocalName()));
   EXPECT_EQ(testsupport::ReadFileBytes(store).find(Narrow(LocalName())), std::string::npos);
+  EXPECT_EQ(ApprovedByte(user_->Hive(kApprovedRun), LocalName()), testsupport::WineFlavourIsWin10() ? 0 : -1);
 
   const auto delayed = testsupport::RunBinProgram(L"startupctl.exe", L"delay " + StartupName());
   ASSERT_EQ(delayed.exitCode, 0u) << delayed.output;
   EXPECT_NE(testsupport::ReadFileBytes(store).find("StartupDelayed"), std::string::npos) << "the user's own store";
   if (testsupport::WineFlavourIsWin10()) {
-    EXPECT_TRUE(HasRegValue(HKEY_USERS, user_->Hive(kApprovedFolder), StartupName()));
+    EXPECT_EQ(ApprovedByte(user_->Hive(kApprovedFolder), StartupName()), 1);
     EXPECT_FALSE(HasRegValue(HKEY_CURRENT_USER, kApprovedFolder, StartupName()));
   } else {
     EXPECT_EQ(::GetFileAttributesW((user_->Startup() + L"\\" + StartupName()).c_str()), INVALID_FILE_ATTRIBUTES)
@@ -293,6 +270,7 @@ TEST_F(SecondIdentity, TheToolsListAndChangeTheConsoleUsersEntries) {
   EXPECT_NE(report.output.find("Fixture Tray Helper"), std::string::npos) << report.output;
   EXPECT_EQ(report.output.find("Deutsche"), std::string::npos) << report.output;
   EXPECT_EQ(testsupport::RunBinProgram(L"startupctl.exe", L"enable " + StartupName()).exitCode, 0u);
+  EXPECT_EQ(ApprovedByte(user_->Hive(kApprovedFolder), StartupName()), testsupport::WineFlavourIsWin10() ? 0 : -1);
 }
 
 }  // namespace

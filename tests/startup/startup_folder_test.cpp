@@ -2,15 +2,12 @@
 // folder of a scratch folder.
 #include <gtest/gtest.h>
 
-#include <objbase.h>
-#include <shlobj.h>
-
 #include <algorithm>
 
-#include "common/com_ptr.h"
 #include "scratch.h"
 #include "startup/startup_folder_apps.h"
 #include "support/captured_log.h"
+#include "support/programs.h"
 #include "support/registry_values.h"
 
 namespace {
@@ -21,25 +18,10 @@ using testing_startup::ScratchStore;
 using testsupport::Exists;
 using testsupport::ScratchFolder;
 
-// Writes a shortcut to `target`; false when the shell could not.
-bool MakeShortcut(const std::wstring& file, const std::wstring& target) {
-  const bool com = SUCCEEDED(::CoInitialize(nullptr));
-  ky::com_ptr<IShellLinkW> link;
-  ky::com_ptr<IPersistFile> persist;
-  const bool ok =
-      SUCCEEDED(::CoCreateInstance(CLSID_ShellLink, nullptr, CLSCTX_INPROC_SERVER, IID_IShellLinkW, link.put_void())) &&
-      SUCCEEDED(link->SetPath(target.c_str())) && SUCCEEDED(link.query(IID_IPersistFile, persist)) &&
-      SUCCEEDED(persist->Save(file.c_str(), TRUE));
-  persist.reset();
-  link.reset();
-  if (com) ::CoUninitialize();
-  return ok;
-}
-
 TEST(StartupFolderApps, ListsProgramsScriptsAndReadableShortcutsOnly) {
   ScratchFolder folder;
   const std::wstring target = testsupport::WriteFileBytes(folder.file(L"target.dat"));
-  ASSERT_TRUE(MakeShortcut(folder.file(L"App.LNK"), target));
+  ASSERT_EQ(testsupport::SaveShortcut(folder.file(L"App.LNK"), target), S_OK);
   for (const wchar_t* name : {L"Tool.EXE", L"run.bat", L"notes.txt", L"desktop.ini", L"README"}) {
     testsupport::WriteFileBytes(folder.file(name));
   }

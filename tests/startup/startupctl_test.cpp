@@ -36,10 +36,8 @@ std::string StateOf(const std::wstring& name) {
   return "";
 }
 
-// First byte of the StartupApproved value; -1 when it is missing.
 int Approved(const wchar_t* key, const std::wstring& name) {
-  const auto bytes = testsupport::RegBinary(HKEY_CURRENT_USER, key, name);
-  return bytes.empty() ? -1 : bytes[0];
+  return testsupport::ApprovedFirstByte(HKEY_CURRENT_USER, key, name);
 }
 
 class StartupCtl : public ::testing::Test {

@@ -31,6 +31,12 @@ std::vector<std::wstring> FilesIn(const std::wstring& folder) {
   return names;
 }
 
+// Saves a user record of that name under "Disabled"; the store's result.
+std::uint32_t Save(const std::wstring& name) {
+  return CStartupItemsStorage::Instance().SaveStartupItem(
+      MakeItem(name, L"HKEY_CURRENT_USER\\Run", L"c:\\" + name + L".exe", 1), "Disabled");
+}
+
 TEST(StoreLock, EverySpellingOfOneFileNamesOneLockAndOtherFilesAnother) {
   const std::wstring name = StoreLockName(L"C:\\Users\\Ann\\AppData\\Roaming\\Nexalon\\Lumera\\Storage.json");
   EXPECT_EQ(name.rfind(startup::storage::kStoreLockPrefix, 0), 0u);
@@ -45,9 +51,7 @@ TEST(StoreLock, EverySpellingOfOneFileNamesOneLockAndOtherFilesAnother) {
 // until the bounded wait ends: the operation fails with 31, says why, and changes nothing.
 TEST(StoreLock, AnOperationThatCannotTakeTheLockFailsWith31AndChangesNothing) {
   ScratchStore file;
-  ASSERT_EQ(CStartupItemsStorage::Instance().SaveStartupItem(MakeItem(L"Kept", L"HKEY_CURRENT_USER\\Run", L"c:\\k.exe", 1),
-                                                             "Disabled"),
-            0u);
+  ASSERT_EQ(Save(L"Kept"), 0u);
   const std::string before = file.Text();
   ky::unique_handle taken(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
   ky::unique_handle release(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
@@ -61,8 +65,7 @@ TEST(StoreLock, AnOperationThatCannotTakeTheLockFailsWith31AndChangesNothing) {
   testsupport::CapturedLog log;
   ASSERT_TRUE(log.available());
   const DWORD begin = ::GetTickCount();
-  const std::uint32_t saved =
-      CStartupItemsStorage::Instance().SaveStartupItem(MakeItem(L"New", L"HKEY_CURRENT_USER\\Run", L"c:\\n.exe", 1), "Disabled");
+  const std::uint32_t saved = Save(L"New");
   const DWORD waited = ::GetTickCount() - begin;
   ::SetEvent(release.get());
   holder.join();
@@ -72,10 +75,7 @@ TEST(StoreLock, AnOperationThatCannotTakeTheLockFailsWith31AndChangesNothing) {
   EXPECT_EQ(file.Text(), before) << "nothing was written";
   EXPECT_TRUE(log.contains(L"not taken within")) << "the lock's failure is logged";
   EXPECT_TRUE(log.contains(L"Save failed"));
-  EXPECT_EQ(CStartupItemsStorage::Instance().SaveStartupItem(MakeItem(L"New", L"HKEY_CURRENT_USER\\Run", L"c:\\n.exe", 1),
-                                                             "Disabled"),
-            0u)
-      << "released, the lock is taken again";
+  EXPECT_EQ(Save(L"New"), 0u) << "released, the lock is taken again";
 }
 
 // A holder that dies with the lock (a killed process) leaves it abandoned: the next operation
@@ -93,9 +93,7 @@ TEST(StoreLock, ALockAbandonedByItsHolderIsTakenAndTheOperationGoesOn) {
   dying.join();
   testsupport::CapturedLog log;
   ASSERT_TRUE(log.available());
-  EXPECT_EQ(CStartupItemsStorage::Instance().SaveStartupItem(MakeItem(L"A", L"HKEY_CURRENT_USER\\Run", L"c:\\a.exe", 1),
-                                                             "Disabled"),
-            0u);
+  EXPECT_EQ(Save(L"A"), 0u);
   startup::StartupItemList loaded;
   EXPECT_EQ(CStartupItemsStorage::Instance().LoadStartupItems("Disabled", loaded), 0u);
   EXPECT_EQ(loaded.size(), 1u);

@@ -48,25 +48,16 @@ class TwoWriters : public ::testing::Test {
       ASSERT_TRUE(::MoveFileExW(storage_.c_str(), saved_.c_str(), MOVEFILE_REPLACE_EXISTING));
       storageSaved_ = true;
     }
-    picojson::array fillers;
-    const auto add = [&fillers](const std::string& name, const char* command) {
-      picojson::object item;
-      item["Name"] = picojson::value(name);
-      item["Cmd"] = picojson::value(command);
-      item["Path"] = picojson::value("HKEY_CURRENT_USER\\Software\\Lumera\\Nowhere");
-      item["BkpPath"] = picojson::value("");
-      item["ChangedTime"] = picojson::value(1700000000.0);
-      fillers.emplace_back(std::move(item));
+    std::string records;
+    const auto add = [&records](const std::string& name, const char* command) {
+      records += std::string(records.empty() ? "" : ",") + R"({"BkpPath":"","ChangedTime":1700000000,"Cmd":")" +
+                 command + R"(","Name":")" + name + R"(","Path":"HKEY_CURRENT_USER\\Software\\Lumera\\Nowhere"})";
     };
     // A store that has been in use for a long time: every record names one existing program.
-    for (int i = 0; i < kFillers; ++i) add("LumeraFiller" + std::to_string(i), "C:\\windows\\notepad.exe");
+    for (int i = 0; i < kFillers; ++i) add("LumeraFiller" + std::to_string(i), R"(C:\\windows\\notepad.exe)");
     // Records whose program is gone, which the service's read-back takes out: a writer of its own.
-    for (int i = 0; i < kStale; ++i) add("LumeraStale" + std::to_string(i), "C:\\no-such-folder-lumera\\gone.exe");
-    picojson::object disabled;
-    disabled["Disabled"] = picojson::value(std::move(fillers));
-    picojson::object root;
-    root["user"] = picojson::value(std::move(disabled));
-    testsupport::WriteFileBytes(storage_, picojson::value(std::move(root)).serialize());
+    for (int i = 0; i < kStale; ++i) add("LumeraStale" + std::to_string(i), R"(C:\\no-such-folder-lumera\\gone.exe)");
+    testsupport::WriteFileBytes(storage_, R"({"user":{"Disabled":[)" + records + "]}}");
   }
 
   void TearDown() override {

@@ -36,6 +36,12 @@ inline std::vector<BYTE> RegBinary(HKEY root, const std::wstring& key, const std
   return bytes;
 }
 
+// First byte of a StartupApproved value (even enabled, odd disabled); -1 when it is missing.
+inline int ApprovedFirstByte(HKEY root, const std::wstring& key, const std::wstring& name) {
+  const std::vector<BYTE> bytes = RegBinary(root, key, name);
+  return bytes.empty() ? -1 : bytes[0];
+}
+
 // Written out here rather than taken from the module, so that a wrong key in the module fails.
 inline constexpr wchar_t kRunKey[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Run";
 inline constexpr wchar_t kApprovedRun[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\StartupApproved\\Run";

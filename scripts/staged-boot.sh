@@ -90,7 +90,10 @@ staged_prepare() {
   fi
   # Most steps below are quiet; a failing one names itself before set -e ends the script.
   set -E
-  trap 'echo "staged boot: preparing the prefix failed with status $? at: $BASH_COMMAND" >&2' ERR
+  # What the quiet steps print goes to prepare.log, whose end the failure shows.
+  local prep="$STAGED_OUT/prepare.log"
+  : >"$prep"
+  trap 'echo "staged boot: preparing the prefix failed with status $? at: $BASH_COMMAND" >&2; tail -n 5 "$prep" >&2' ERR
   repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
   if [ ! -f "$root/template/.ready" ]; then
     "$repo/cmake/wine-prefix.sh" setup "$root" >/dev/null
@@ -112,37 +115,37 @@ JSON
   short="--busy-ms 200 --quiet-ms 0 --report"
 
   wineserver -p1 </dev/null >/dev/null 2>&1
-  wine "$STAGED_BIN/lumerahost.exe" install --config "$(staged_winpath "$STAGED_OUT/lumerahost.json")" >/dev/null
+  wine "$STAGED_BIN/lumerahost.exe" install --config "$(staged_winpath "$STAGED_OUT/lumerahost.json")" >>"$prep" 2>&1
   # The launcher install registered, with waits that fit a staged boot.
   wine reg add 'HKLM\Software\Microsoft\Windows\CurrentVersion\Run' /v LumeraDelayedStart \
-    /d "\"$(staged_winpath "$STAGED_BIN/StartLauncher.exe")\" /delayed --wait-ms 150000 --gap-ms $STAGED_GAP_MS" /f >/dev/null 2>&1
+    /d "\"$(staged_winpath "$STAGED_BIN/StartLauncher.exe")\" /delayed --wait-ms 150000 --gap-ms $STAGED_GAP_MS" /f >>"$prep" 2>&1
   # Installed on demand; the boot is to start it like any auto-start service.
-  wine reg add "HKLM\\System\\CurrentControlSet\\Services\\$STAGED_SERVICE" /v Start /t REG_DWORD /d 2 /f >/dev/null 2>&1
-  wine reg add "$STAGED_DEV_KEY" /v ConsoleSession /t REG_DWORD /d 0 /f >/dev/null 2>&1
-  wine reg add 'HKCU\Software\Wine' /v Version /d "$STAGED_FLAVOUR" /f >/dev/null 2>&1
-  "$repo/winestandins/install.sh" "$STAGED_PREFIX" "$STAGED_BIN/winestandins" >/dev/null
-  wine stageduser.exe create "$STAGED_USER" --sid "$STAGED_USER_SID" >/dev/null
-  wine stageduser.exe decoys >/dev/null
-  wine reg add "$STAGED_RUN_KEY" /v LumeraWorkload /d "$run" /f >/dev/null 2>&1
+  wine reg add "HKLM\\System\\CurrentControlSet\\Services\\$STAGED_SERVICE" /v Start /t REG_DWORD /d 2 /f >>"$prep" 2>&1
+  wine reg add "$STAGED_DEV_KEY" /v ConsoleSession /t REG_DWORD /d 0 /f >>"$prep" 2>&1
+  wine reg add 'HKCU\Software\Wine' /v Version /d "$STAGED_FLAVOUR" /f >>"$prep" 2>&1
+  "$repo/winestandins/install.sh" "$STAGED_PREFIX" "$STAGED_BIN/winestandins" >>"$prep" 2>&1
+  wine stageduser.exe create "$STAGED_USER" --sid "$STAGED_USER_SID" >>"$prep" 2>&1
+  wine stageduser.exe decoys >>"$prep" 2>&1
+  wine reg add "$STAGED_RUN_KEY" /v LumeraWorkload /d "$run" /f >>"$prep" 2>&1
   # What the logon starts in the user's environment (StartLauncher.exe /delayed) logs here.
   wine reg add "HKU\\$STAGED_USER_SID\\Environment" /v LUMERA_LOG_DIR \
-    /d "$(staged_winpath "$(dirname "$STAGED_USER_LOG")")" /f >/dev/null 2>&1
+    /d "$(staged_winpath "$(dirname "$STAGED_USER_LOG")")" /f >>"$prep" 2>&1
   startup="$STAGED_PREFIX/drive_c/users/$STAGED_USER/AppData/Roaming/Microsoft/Windows/Start Menu/Programs/Startup"
   cp "$STAGED_BIN/workload.exe" "$startup/workload-light.exe"
   wine reg add "$STAGED_RUN_KEY" /v "$STAGED_DELAYED_RUN" \
-    /d "\"$workload\" $short $(staged_winpath "$STAGED_DELAYED_RUN_REPORT")" /f >/dev/null 2>&1
+    /d "\"$workload\" $short $(staged_winpath "$STAGED_DELAYED_RUN_REPORT")" /f >>"$prep" 2>&1
   staged_shortcut "C:\\users\\$STAGED_USER\\AppData\\Roaming\\Microsoft\\Windows\\Start Menu\\Programs\\Startup\\$STAGED_DELAYED_SHORTCUT" \
     "$workload" "$short $(staged_winpath "$STAGED_DELAYED_SHORTCUT_REPORT")"
   test -f "$startup/$STAGED_DELAYED_SHORTCUT"
   # Delayed as a person would, with the user at the console for a moment; the Run entry first,
   # so it is the older delay and starts first.
-  wine reg add "$STAGED_DEV_KEY" /v ConsoleSession /t REG_DWORD /d 1 /f >/dev/null 2>&1
-  wine "$STAGED_BIN/startupctl.exe" delay "$STAGED_DELAYED_RUN" </dev/null >/dev/null
-  wine "$STAGED_BIN/startupctl.exe" delay "$STAGED_DELAYED_SHORTCUT" </dev/null >/dev/null
-  wine reg add "$STAGED_DEV_KEY" /v ConsoleSession /t REG_DWORD /d 0 /f >/dev/null 2>&1
+  wine reg add "$STAGED_DEV_KEY" /v ConsoleSession /t REG_DWORD /d 1 /f >>"$prep" 2>&1
+  wine "$STAGED_BIN/startupctl.exe" delay "$STAGED_DELAYED_RUN" </dev/null >>"$prep" 2>&1
+  wine "$STAGED_BIN/startupctl.exe" delay "$STAGED_DELAYED_SHORTCUT" </dev/null >>"$prep" 2>&1
+  wine reg add "$STAGED_DEV_KEY" /v ConsoleSession /t REG_DWORD /d 0 /f >>"$prep" 2>&1
   # Keys under HKEY_USERS\<SID> end with this wineserver: the hive goes into the profile, and the
   # staged logon loads it back, as Windows loads NTUSER.DAT.
-  wine stageduser.exe logoff "$STAGED_USER" >/dev/null
+  wine stageduser.exe logoff "$STAGED_USER" >>"$prep" 2>&1
   wineserver -w
   trap - ERR
   set +E

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -167,6 +168,20 @@ TEST_F(StagedBoot, TheDelayedEntriesStartAfterTheBootEndAsTheUser) {
       EXPECT_NE(Number(process.get("pid")), Number(delayed.get("pid"))) << report << ": counted in the boot's impact";
     }
   }
+  // The boot's history record marks both delayed, apart from the enabled and disabled ones, and
+  // leaves out the launcher's own entry as the report does.
+  const std::vector<std::string> history = Lines(Velora() / "boot_history.jsonl");
+  ASSERT_EQ(history.size(), 1u) << "one record for the one measured boot";
+  picojson::value record;
+  ASSERT_TRUE(picojson::parse(record, history[0]).empty() && record.get("entries").is<picojson::array>()) << history[0];
+  std::map<std::string, std::string> states;
+  for (const picojson::value& entry : record.get("entries").get<picojson::array>()) {
+    states[entry.get("name").to_str()] = entry.get("state").to_str();
+  }
+  EXPECT_EQ(states[Environment("STAGED_DELAYED_RUN")], "delayed") << history[0];
+  EXPECT_EQ(states[Environment("STAGED_DELAYED_SHORTCUT")], "delayed") << history[0];
+  EXPECT_EQ(states["LumeraWorkload"], "enabled") << history[0];
+  EXPECT_EQ(states.count("LumeraDelayedStart"), 0u) << "the product's own launcher is listed: " << history[0];
   for (const std::string& line : Lines(Out() / "stagedlogon.txt")) {
     const std::vector<std::string> fields = Fields(line);
     const bool delayedEntry = fields.size() > 1 && (fields[1] == Environment("STAGED_DELAYED_RUN") ||
